@@ -1,0 +1,46 @@
+# Thin wrapper over CMake. `make run` builds and starts the daemon; `make test` builds and runs
+# every test. Both install the Debian packages they need when run as root.
+BUILD      ?= build
+BUILD_TYPE ?= RelWithDebInfo
+CMAKE_ARGS ?=
+JOBS       ?= $(shell nproc)
+PORT       ?= 1080
+LISTEN     ?= 127.0.0.1
+
+PACKAGES := cmake ninja-build g++ libgtest-dev libgmock-dev libbenchmark-dev curl ncat proxychains4 \
+            python3-socks python3-pytest
+
+.PHONY: all build deps test run bench clean
+
+all: build
+
+deps:
+	@missing=$$(for p in $(PACKAGES); do dpkg -s $$p >/dev/null 2>&1 || echo $$p; done); \
+	if [ -n "$$missing" ]; then \
+	  if [ "$$(id -u)" = 0 ]; then \
+	    echo "installing:" $$missing; \
+	    apt-get update -qq && DEBIAN_FRONTEND=noninteractive apt-get install -y -qq $$missing >/dev/null; \
+	  else \
+	    echo "missing packages (run as root to install):" $$missing; \
+	  fi; \
+	fi
+
+$(BUILD)/build.ninja:
+	cmake -S . -B $(BUILD) -G Ninja -DCMAKE_BUILD_TYPE=$(BUILD_TYPE) $(CMAKE_ARGS)
+
+build: deps $(BUILD)/build.ninja
+	cmake --build $(BUILD) -j $(JOBS)
+
+test: build
+	cd $(BUILD) && ctest --output-on-failure -j $(JOBS) --timeout 300
+
+run: build
+	./$(BUILD)/zrt-proxy --port $(PORT) --listen $(LISTEN)
+
+bench: deps
+	cmake -S . -B build-bench -G Ninja -DCMAKE_BUILD_TYPE=Release -DZRT_BUILD_BENCH=ON -DZRT_BUILD_TESTS=OFF
+	cmake --build build-bench -j $(JOBS)
+	@if [ -x bench/run.sh ]; then bench/run.sh build-bench; else for b in build-bench/bench/bench_*; do $$b; done; fi
+
+clean:
+	rm -rf $(BUILD) build-*

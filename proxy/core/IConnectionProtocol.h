@@ -1,0 +1,28 @@
+#pragma once
+
+namespace ZRT {
+namespace Proxy {
+
+// What a connection asks of its protocol handler. Init, HandleRequest and HandleResponse run on
+// the connection's thread, one at a time; Terminate may come from any thread.
+class IConnectionProtocol {
+public:
+    virtual ~IConnectionProtocol() = default;
+    virtual void Init() = 0;
+    virtual void Terminate() = 0;
+    // A chunk from the client, 1 to 32768 bytes, in order.
+    virtual void HandleRequest(const char* data, int length) = 0;
+    // A chunk from the host link, in order; only after ConnectToHost succeeded.
+    virtual void HandleResponse(const char* data, int length) = 0;
+
+    // Added for flow control. Client bytes the handler holds that have not yet been handed to
+    // the host (including a stream of its own whose send backlog it counts): while this is over
+    // the connection's bound, the connection stops reading the client.
+    virtual unsigned int GetRequestBacklog() const { return 0; }
+    // Called on the connection's thread when its queue towards the client fell under its
+    // low-water mark, so a handler that paused a producer can resume it.
+    virtual void OnClientDrained() {}
+};
+
+} // namespace Proxy
+} // namespace ZRT

@@ -1,0 +1,183 @@
+#include "runtime/CThread.h"
+
+#include <time.h>
+
+#include <atomic>
+#include <cerrno>
+#include <mutex>
+
+namespace QOX {
+namespace {
+std::atomic<size_t> g_stackSize{256 * 1024};
+}
+
+struct CThread::SControl {
+    std::atomic<int> status{STATUS_NOT_STARTED};
+    CEvent ended{true};
+    std::mutex joinMutex;
+    pthread_t thread{};
+    bool joinable = false;
+};
+
+CThread::CThread(bool /*suspended*/) : m_stopEvent(true), m_control(std::make_shared<SControl>()) {}
+
+CThread::~CThread()
+{
+    const int status = m_control->status.load();
+    if (status == STATUS_RUNNING || status == STATUS_STOPPING) {
+        if (IsCurrentThread(*this)) {
+            // Destroyed by its own thread: nobody can join it, so let it clean up after itself.
+            std::lock_guard<std::mutex> hold(m_control->joinMutex);
+            if (m_control->joinable) {
+                pthread_detach(m_control->thread);
+                m_control->joinable = false;
+            }
+            return;
+        }
+        StopThread(-1);
+    }
+    JoinIfEnded();
+}
+
+int CThread::WaitForObject(long timeout)
+{
+    if (m_control->status.load() == STATUS_NOT_STARTED)
+        return CSynchronizationObject::WAIT_SIGNALLED;
+    const int result = CSynchronizationObject::WaitForObject(m_control->ended, timeout);
+    if (result == CSynchronizationObject::WAIT_SIGNALLED)
+        JoinIfEnded();
+    return result;
+}
+
+CThread::ThreadID CThread::GetThreadID() const
+{
+    return m_control->thread;
+}
+
+int CThread::GetThreadStatus() const
+{
+    return m_control->status.load();
+}
+
+void* CThread::Entry(void* argument)
+{
+    auto* start = static_cast<std::pair<CThread*, std::shared_ptr<SControl>>*>(argument);
+    CThread* self = start->first;
+    std::shared_ptr<SControl> control = std::move(start->second);
+    delete start;
+    {
+        // The creator holds this while pthread_create stores the thread's id.
+        std::lock_guard<std::mutex> published(control->joinMutex);
+    }
+    self->ThreadFunc();
+    // `self` may be gone now; only the shared block is touched from here on.
+    control->status.store(STATUS_ENDED);
+    control->ended.SignalEvent();
+    return nullptr;
+}
+
+bool CThread::StartThread(bool /*suspended*/)
+{
+    JoinIfEnded();
+    int expected = m_control->status.load();
+    if (expected == STATUS_RUNNING || expected == STATUS_STOPPING)
+        return false;
+    m_stopEvent.ResetEvent();
+    m_control->ended.ResetEvent();
+    m_control->status.store(STATUS_RUNNING);
+
+    pthread_attr_t attributes;
+    pthread_attr_init(&attributes);
+    pthread_attr_setstacksize(&attributes, g_stackSize.load());
+    auto* start = new std::pair<CThread*, std::shared_ptr<SControl>>(this, m_control);
+    std::lock_guard<std::mutex> hold(m_control->joinMutex);
+    const int error = pthread_create(&m_control->thread, &attributes, &CThread::Entry, start);
+    pthread_attr_destroy(&attributes);
+    if (error != 0) {
+        delete start;
+        m_control->status.store(STATUS_NOT_STARTED);
+        m_control->ended.SignalEvent();
+        return false;
+    }
+    m_control->joinable = true;
+    return true;
+}
+
+bool CThread::StopThread(long timeout)
+{
+    int status = m_control->status.load();
+    if (status == STATUS_RUNNING)
+        m_control->status.compare_exchange_strong(status, STATUS_STOPPING);
+    m_stopEvent.SignalEvent();
+    if (status == STATUS_NOT_STARTED)
+        return true;
+    if (IsCurrentThread(*this))
+        return false;
+    return WaitForObject(timeout) == CSynchronizationObject::WAIT_SIGNALLED;
+}
+
+void CThread::JoinIfEnded()
+{
+    if (m_control->status.load() != STATUS_ENDED)
+        return;
+    std::lock_guard<std::mutex> hold(m_control->joinMutex);
+    if (!m_control->joinable || pthread_equal(m_control->thread, pthread_self()))
+        return;
+    pthread_join(m_control->thread, nullptr);
+    m_control->joinable = false;
+}
+
+bool CThread::PauseThread()
+{
+    return false;
+}
+
+bool CThread::ResumeThread()
+{
+    return false;
+}
+
+bool CThread::SetThreadPriotiry(EPriority /*priority*/)
+{
+    return false;
+}
+
+int CThread::Run()
+{
+    return 0;
+}
+
+int CThread::ThreadFunc()
+{
+    return Run();
+}
+
+CThread::ThreadID CThread::GetCurrentThreadID()
+{
+    return pthread_self();
+}
+
+bool CThread::IsCurrentThread(const CThread& thread)
+{
+    const int status = thread.m_control->status.load();
+    return status != STATUS_NOT_STARTED && pthread_equal(thread.m_control->thread, pthread_self());
+}
+
+void CThread::Sleep(int milliseconds)
+{
+    timespec delay{milliseconds / 1000, (milliseconds % 1000) * 1000000L};
+    while (nanosleep(&delay, &delay) == -1 && errno == EINTR) {
+    }
+}
+
+void CThread::SetDefaultStackSize(size_t bytes)
+{
+    g_stackSize.store(bytes);
+}
+
+size_t CThread::GetDefaultStackSize()
+{
+    return g_stackSize.load();
+}
+
+} // namespace QOX

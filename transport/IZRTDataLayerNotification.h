@@ -1,0 +1,19 @@
+#pragma once
+
+#include "transport/IZRTConnectionClosedNotification.h"
+
+namespace ZRT {
+
+class IZRTDataLayerNotification : public IZRTConnectionClosedNotification {
+public:
+    // Bytes are waiting in the link; the sink drains them with ReceiveData. A sink that stops
+    // draining early (its own buffers are full) pulls the rest later from its own thread: the
+    // link reads no more from its peer until its pending bytes are taken.
+    virtual void OnDataReceived(IZRTDataLayer& dataLayer) = 0;
+
+    // Added for flow control: the link's send backlog, after having passed its high-water mark,
+    // fell back under its low-water mark, so a sender that paused may send again.
+    virtual void OnSendDrained(IZRTDataLayer& /*dataLayer*/) {}
+};
+
+} // namespace ZRT

@@ -1,0 +1,7 @@
+#include "transport/IZRTNotification.h"
+
+namespace ZRT {
+
+IZRTNotification::~IZRTNotification() = default;
+
+} // namespace ZRT
