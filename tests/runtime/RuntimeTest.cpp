@@ -1,0 +1,189 @@
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <thread>
+#include <vector>
+
+#include "runtime/CEvent.h"
+#include "runtime/CRefCountPtr.h"
+#include "runtime/CRefCount_Base.h"
+#include "runtime/CThread.h"
+#include "runtime/Clock.h"
+
+namespace {
+
+std::atomic<int> g_destroyed{0};
+
+class Counted : public QOX::CRefCount_Base {
+public:
+    ~Counted() override { g_destroyed.fetch_add(1); }
+};
+
+// Counts as absent once "closed", like a link that went away.
+class Closable : public QOX::CRefCount_Base {
+public:
+    void* GetReferencedObject() const override { return m_closed ? nullptr : QOX::CRefCount_Base::GetReferencedObject(); }
+    bool m_closed = false;
+};
+
+TEST(RefCount, DestroyedExactlyOnceWhenReleasedFromManyThreads)
+{
+    g_destroyed = 0;
+    for (int round = 0; round < 50; ++round) {
+        QOX::CRefCountPtr<Counted> shared(new Counted());
+        std::vector<std::thread> threads;
+        for (int t = 0; t < 4; ++t) {
+            threads.emplace_back([copy = shared]() mutable {
+                for (int i = 0; i < 1000; ++i) {
+                    QOX::CRefCountPtr<Counted> local = copy;
+                    local = copy; // reassign the same object
+                }
+            });
+        }
+        shared.Reset();
+        for (auto& thread : threads)
+            thread.join();
+    }
+    EXPECT_EQ(g_destroyed.load(), 50);
+}
+
+TEST(RefCount, SelfAssignmentKeepsObjectAlive)
+{
+    g_destroyed = 0;
+    QOX::CRefCountPtr<Counted> pointer(new Counted());
+    pointer = pointer;
+    pointer = pointer.GetRawPointer();
+    ASSERT_TRUE(pointer);
+    EXPECT_EQ(pointer.GetRawPointer()->GetRefCount(), 1);
+    pointer.Reset();
+    EXPECT_EQ(g_destroyed.load(), 1);
+}
+
+TEST(RefCount, ObjectWithoutReferencedObjectCountsAsAbsent)
+{
+    QOX::CRefCountPtr<Closable> pointer(new Closable());
+    EXPECT_TRUE(pointer);
+    pointer.GetRawPointer()->m_closed = true;
+    EXPECT_FALSE(pointer);
+    EXPECT_EQ(pointer.Get(), nullptr);
+    EXPECT_NE(pointer.GetRawPointer(), nullptr); // still referenced, still released once
+}
+
+TEST(Event, StaysSignalledUntilReset)
+{
+    QOX::CEvent event(true);
+    EXPECT_EQ(QOX::CSynchronizationObject::WaitForObject(event, 0), 2);
+    event.SignalEvent();
+    event.SignalEvent();
+    EXPECT_EQ(QOX::CSynchronizationObject::WaitForObject(event, 0), 1);
+    EXPECT_EQ(QOX::CSynchronizationObject::WaitForObject(event, -1), 1);
+    event.ResetEvent();
+    EXPECT_EQ(QOX::CSynchronizationObject::WaitForObject(event, 20), 2);
+}
+
+TEST(Event, WakesAWaiterBlockedWithoutLimit)
+{
+    QOX::CEvent event(true);
+    std::atomic<int> result{0};
+    std::thread waiter([&] { result = QOX::CSynchronizationObject::WaitForObject(event, -1); });
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    EXPECT_EQ(result.load(), 0);
+    event.SignalEvent();
+    waiter.join();
+    EXPECT_EQ(result.load(), 1);
+}
+
+class StopAwareThread : public QOX::CThread {
+public:
+    StopAwareThread() : QOX::CThread(false) {}
+    ~StopAwareThread() override { StopThread(-1); }
+    int Run() override
+    {
+        m_started = true;
+        const int result = QOX::CSynchronizationObject::WaitForObject(m_stopEvent, -1);
+        m_sawStop = result == 1;
+        return 7;
+    }
+    std::atomic<bool> m_started{false};
+    std::atomic<bool> m_sawStop{false};
+};
+
+TEST(Thread, StopWakesAThreadSleepingOnItsStopEvent)
+{
+    StopAwareThread thread;
+    EXPECT_EQ(thread.GetThreadStatus(), QOX::CThread::STATUS_NOT_STARTED);
+    ASSERT_TRUE(thread.StartThread(false));
+    EXPECT_NE(thread.GetThreadStatus(), QOX::CThread::STATUS_NOT_STARTED);
+    EXPECT_TRUE(thread.StopThread(-1));
+    EXPECT_TRUE(thread.m_sawStop);
+    EXPECT_EQ(thread.GetThreadStatus(), QOX::CThread::STATUS_ENDED);
+    // Restartable after it ended.
+    ASSERT_TRUE(thread.StartThread(false));
+    EXPECT_TRUE(thread.StopThread(-1));
+}
+
+TEST(Thread, StopWithTimeOutReportsAThreadThatDoesNotEnd)
+{
+    class Stubborn : public QOX::CThread {
+    public:
+        int Run() override
+        {
+            QOX::CSynchronizationObject::WaitForObject(m_release, -1);
+            return 0;
+        }
+        QOX::CEvent m_release{true};
+    } thread;
+    ASSERT_TRUE(thread.StartThread(false));
+    EXPECT_FALSE(thread.StopThread(30));
+    EXPECT_EQ(thread.GetThreadStatus(), QOX::CThread::STATUS_STOPPING);
+    thread.m_release.SignalEvent();
+    EXPECT_TRUE(thread.StopThread(-1));
+}
+
+// An object that releases its last reference on its own thread, as client connections do.
+class SelfReleasing : public QOX::CRefCount_Base, public QOX::CThread {
+public:
+    ~SelfReleasing() override { g_destroyed.fetch_add(1); }
+    int ThreadFunc() override
+    {
+        AddRef();
+        const int result = QOX::CThread::ThreadFunc();
+        ReleaseRef();
+        return result;
+    }
+    int Run() override
+    {
+        m_identifiedItself = QOX::CThread::IsCurrentThread(*this);
+        return 0;
+    }
+    std::atomic<bool> m_identifiedItself{false};
+};
+
+TEST(Thread, ObjectMayBeDestroyedOnItsOwnThread)
+{
+    g_destroyed = 0;
+    for (int i = 0; i < 20; ++i) {
+        auto* object = new SelfReleasing();
+        ASSERT_TRUE(object->StartThread(false));
+    }
+    for (int wait = 0; wait < 500 && g_destroyed.load() < 20; ++wait)
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    EXPECT_EQ(g_destroyed.load(), 20);
+}
+
+TEST(Clock, DifferencesSurviveTheWrap)
+{
+    const uint32_t before = QOX::clock();
+    // Move the clock so that it wraps within the next second.
+    QOX::AdvanceClockForTesting(0u - before - 500000u);
+    const uint32_t nearWrap = QOX::clock();
+    QOX::AdvanceClockForTesting(1000000u);
+    const uint32_t afterWrap = QOX::clock();
+    EXPECT_LT(afterWrap, nearWrap);
+    const uint32_t age = afterWrap - nearWrap;
+    EXPECT_GE(age, 1000000u);
+    EXPECT_LT(age, 60000000u);
+}
+
+} // namespace
