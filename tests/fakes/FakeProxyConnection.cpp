@@ -156,5 +156,17 @@ void FakeProxyConnection::SetHostClosed()
     m_hostClosed = true;
 }
 
+unsigned int FakeProxyConnection::GetClientBacklog() const
+{
+    std::lock_guard<std::mutex> hold(m_mutex);
+    return m_clientBacklog;
+}
+
+void FakeProxyConnection::SetClientBacklog(unsigned int bytes)
+{
+    std::lock_guard<std::mutex> hold(m_mutex);
+    m_clientBacklog = bytes;
+}
+
 } // namespace Testing
 } // namespace ZRT

@@ -35,7 +35,7 @@ public:
     bool SendToClient(const char* data, int length) override;
     IDatagramHandler* GetDatagramHandler() override { return m_datagramHandler; }
     IConnectionListener* GetConnectionListener() override { return m_listener; }
-    unsigned int GetClientBacklog() const override { return 0; }
+    unsigned int GetClientBacklog() const override;
     void WakeConnection() override;
 
     std::string GetToClient() const;
@@ -51,6 +51,8 @@ public:
     int GetWakeCalls() const;
     // Pretends the host link reported its closure.
     void SetHostClosed();
+    // Makes GetClientBacklog report a fixed value (flow-control tests); 0 by default.
+    void SetClientBacklog(unsigned int bytes);
 
 private:
     mutable std::mutex m_mutex;
@@ -68,6 +70,7 @@ private:
     int m_terminates = 0;
     int m_connects = 0;
     int m_wakes = 0;
+    unsigned int m_clientBacklog = 0;
     bool m_disconnected = false;
     bool m_hostClosed = false;
 };
