@@ -10,7 +10,9 @@ LISTEN     ?= 127.0.0.1
 PACKAGES := cmake ninja-build g++ libgtest-dev libgmock-dev libbenchmark-dev curl ncat proxychains4 \
             python3-socks python3-pytest
 
-.PHONY: all build deps test run bench clean
+ARMHF_PACKAGES := g++-arm-linux-gnueabihf qemu-user googletest
+
+.PHONY: all build deps test run bench test-armhf clean
 
 all: build
 
@@ -41,6 +43,14 @@ bench: deps
 	cmake -S . -B build-bench -G Ninja -DCMAKE_BUILD_TYPE=Release -DZRT_BUILD_BENCH=ON -DZRT_BUILD_TESTS=OFF
 	cmake --build build-bench -j $(JOBS)
 	@if [ -x bench/run.sh ]; then bench/run.sh build-bench; else for b in build-bench/bench/bench_*; do $$b; done; fi
+
+# The engine and its unit tests cross-built for 32-bit ARM and run under qemu-arm.
+test-armhf:
+	@$(MAKE) --no-print-directory deps PACKAGES="$(ARMHF_PACKAGES) cmake ninja-build"
+	cmake -S . -B build-armhf -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+	  -DCMAKE_TOOLCHAIN_FILE=cmake/armhf.cmake $(CMAKE_ARGS)
+	cmake --build build-armhf -j $(JOBS)
+	cd build-armhf && ctest --output-on-failure -j $(JOBS) --timeout 600 -LE slow
 
 clean:
 	rm -rf $(BUILD) build-*
