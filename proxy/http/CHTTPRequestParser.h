@@ -1,0 +1,18 @@
+#pragma once
+
+#include "proxy/http/CHTTPParser.h"
+
+namespace ZRT {
+namespace Proxy {
+
+// Builds CHTTPRequest messages.
+class ZRT_EXPORT CHTTPRequestParser : public CHTTPParser {
+public:
+    CHTTPRequestParser();
+    ~CHTTPRequestParser() override;
+
+    CHTTPPacket* CreatePacket() const override;
+};
+
+} // namespace Proxy
+} // namespace ZRT
