@@ -34,7 +34,8 @@ CThread::~CThread()
             }
             return;
         }
-        StopThread(-1);
+        CThread::StopThread(-1); // derived parts are gone: no dynamic dispatch here
+
     }
     JoinIfEnded();
 }
