@@ -12,7 +12,9 @@ PACKAGES := cmake ninja-build g++ libgtest-dev libgmock-dev libbenchmark-dev cur
 
 ARMHF_PACKAGES := g++-arm-linux-gnueabihf qemu-user googletest
 
-.PHONY: all build deps test run bench test-armhf clean
+FUZZ_SECONDS ?= 60
+
+.PHONY: all build deps test run bench test-armhf fuzz clean
 
 all: build
 
@@ -51,6 +53,13 @@ test-armhf:
 	  -DCMAKE_TOOLCHAIN_FILE=cmake/armhf.cmake $(CMAKE_ARGS)
 	cmake --build build-armhf -j $(JOBS)
 	cd build-armhf && ctest --output-on-failure -j $(JOBS) --timeout 600 -LE slow
+
+# Every libFuzzer target for FUZZ_SECONDS each (clang, ASan+UBSan+leak checks).
+fuzz: deps
+	cmake -S . -B build-fuzz -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_CXX_COMPILER=clang++-14 \
+	  -DZRT_SANITIZE=fuzzer -DZRT_BUILD_E2E=OFF
+	cmake --build build-fuzz -j $(JOBS) --target fuzz_targets
+	tests/fuzz/run.sh build-fuzz $(FUZZ_SECONDS)
 
 clean:
 	rm -rf $(BUILD) build-*

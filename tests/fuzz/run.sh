@@ -1,0 +1,25 @@
+#!/usr/bin/env bash
+# Runs every fuzz target for SECONDS each from its seed corpus (tests/fuzz/corpus/<name>), in a
+# scratch corpus so the repository is not written to. Fails on any crash, leak or sanitizer report.
+set -euo pipefail
+build=$(cd "${1:-build-fuzz}" && pwd)
+seconds=${2:-60}
+here=$(cd "$(dirname "$0")" && pwd)
+status=0
+for target in "$build"/tests/fuzz/fuzz_*; do
+  name=$(basename "$target"); name=${name#fuzz_}
+  scratch=$(mktemp -d)
+  seeds="$here/corpus/$name"
+  mkdir -p "$seeds"
+  echo "== $name: ${seconds}s"
+  if ! (cd "$scratch" && "$target" -max_total_time="$seconds" -print_final_stats=1 -timeout=10 -rss_limit_mb=2048 \
+        "$scratch" "$seeds" 2>&1 | grep -E 'stat::number_of_executed_units|ERROR|SUMMARY|Done|crash-|leak-|timeout-'); then
+    :
+  fi
+  if ls "$scratch"/crash-* "$scratch"/leak-* "$scratch"/timeout-* "$scratch"/oom-* >/dev/null 2>&1; then
+    echo "!! $name found a failing input:"; ls "$scratch"/crash-* "$scratch"/leak-* "$scratch"/timeout-* "$scratch"/oom-* 2>/dev/null
+    status=1
+  fi
+  rm -rf "$scratch"
+done
+exit $status
