@@ -1,0 +1,223 @@
+#include "proxy/core/CProxy.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <netdb.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+
+#include <cstdio>
+#include <vector>
+
+#include "proxy/address/CAddressManager.h"
+#include "proxy/core/CProxyConnection.h"
+#include "runtime/CRefCountPtr.h"
+#include "transport/CSocketUtils.h"
+
+namespace ZRT {
+namespace Proxy {
+
+namespace {
+const char* const ANY_IPV4 = "0.0.0.0";
+
+int BoundPort(int socket)
+{
+    sockaddr_storage local{};
+    socklen_t length = sizeof(local);
+    if (getsockname(socket, reinterpret_cast<sockaddr*>(&local), &length) != 0)
+        return 0;
+    if (local.ss_family == AF_INET)
+        return ntohs(reinterpret_cast<sockaddr_in*>(&local)->sin_port);
+    if (local.ss_family == AF_INET6)
+        return ntohs(reinterpret_cast<sockaddr_in6*>(&local)->sin6_port);
+    return 0;
+}
+
+bool OutOfDescriptors(int error)
+{
+    return error == EMFILE || error == ENFILE || error == ENOBUFS || error == ENOMEM;
+}
+} // namespace
+
+CProxy::CProxy(EProxyMode mode) : CThread(false), m_mode(mode) {}
+
+CProxy::~CProxy()
+{
+    // The host stops the server first; this only makes sure no thread outlives the object.
+    if (GetThreadStatus() == STATUS_RUNNING || GetThreadStatus() == STATUS_STOPPING)
+        StopThread(-1);
+    const int socket = m_listenSocket.exchange(-1);
+    CSocketUtils::CloseSocket(socket);
+}
+
+bool CProxy::StartProxy(int port, IResolveAddress* resolver, IZRTMultiPointLayer* multiPointLayer,
+                        IDatagramHandler* datagramHandler, IConnectionListener* connectionListener)
+{
+    return StartProxy(ANY_IPV4, port, resolver, multiPointLayer, datagramHandler, connectionListener);
+}
+
+bool CProxy::StartProxy(const std::string& listenAddress, int port, IResolveAddress* resolver,
+                        IZRTMultiPointLayer* multiPointLayer, IDatagramHandler* datagramHandler,
+                        IConnectionListener* connectionListener)
+{
+    if (m_listenSocket != -1) {
+        if (multiPointLayer == m_multiPointLayer && datagramHandler == m_datagramHandler &&
+            connectionListener == m_connectionListener)
+            return true;
+        StopProxy();
+    }
+    if (!CAddressManager::GetInstance()->Init(resolver))
+        return false;
+    const int socket = OpenListenSocket(listenAddress, port);
+    if (socket < 0)
+        return false;
+    m_multiPointLayer = multiPointLayer;
+    m_datagramHandler = datagramHandler;
+    m_connectionListener = connectionListener;
+    m_listenPort = BoundPort(socket);
+    m_listenSocket = socket;
+    if (StartThread(false))
+        return true;
+    m_listenSocket = -1;
+    m_listenPort = 0;
+    CSocketUtils::CloseSocket(socket);
+    return false;
+}
+
+int CProxy::OpenListenSocket(const std::string& listenAddress, int port)
+{
+    char service[16];
+    std::snprintf(service, sizeof(service), "%d", port);
+    addrinfo hints{};
+    hints.ai_flags = AI_PASSIVE | AI_NUMERICHOST | AI_NUMERICSERV;
+    hints.ai_family = AF_UNSPEC;
+    hints.ai_socktype = SOCK_STREAM;
+    hints.ai_protocol = IPPROTO_TCP;
+    addrinfo* result = nullptr;
+    if (getaddrinfo(listenAddress.c_str(), service, &hints, &result) != 0 || !result)
+        return -1;
+    int socket = ::socket(result->ai_family, result->ai_socktype, result->ai_protocol);
+    if (socket >= 0) {
+        const int one = 1;
+        setsockopt(socket, SOL_SOCKET, SO_REUSEADDR, &one, sizeof(one));
+        fcntl(socket, F_SETFD, FD_CLOEXEC);
+        // Non-blocking, so a client that vanished between poll and accept cannot stall the loop.
+        CSocketUtils::SetSocketBlocking(socket, false);
+        if (bind(socket, result->ai_addr, result->ai_addrlen) != 0 || listen(socket, LISTEN_BACKLOG) != 0) {
+            CSocketUtils::CloseSocket(socket);
+            socket = -1;
+        }
+    }
+    freeaddrinfo(result);
+    return socket;
+}
+
+int CProxy::Run()
+{
+    for (;;) {
+        const int listenSocket = m_listenSocket;
+        if (listenSocket == -1)
+            break;
+        pollfd fds[2] = {{listenSocket, POLLIN, 0}, {m_stopEvent.GetWaitHandle(), POLLIN, 0}};
+        if (poll(fds, 2, -1) < 0) {
+            if (errno == EINTR)
+                continue;
+            break;
+        }
+        if (fds[1].revents != 0)
+            break;
+        if (fds[0].revents & (POLLERR | POLLNVAL))
+            break;
+        if (fds[0].revents & POLLIN)
+            AcceptOne(listenSocket);
+    }
+    return 1;
+}
+
+void CProxy::AcceptOne(int listenSocket)
+{
+    const int client = accept(listenSocket, nullptr, nullptr);
+    if (client < 0) {
+        if (OutOfDescriptors(errno))
+            QOX::CSynchronizationObject::WaitForObject(m_stopEvent, ACCEPT_RETRY_DELAY_MS);
+        return;
+    }
+    fcntl(client, F_SETFD, FD_CLOEXEC);
+    if (m_listenSocket == -1) {
+        CSocketUtils::CloseSocket(client);
+        return;
+    }
+    auto* connection = new CProxyConnection(this);
+    // On failure Init closed the socket and nothing else refers to the connection.
+    if (!connection->Init(client, m_multiPointLayer, m_datagramHandler, m_connectionListener))
+        delete connection;
+}
+
+void CProxy::StopProxy()
+{
+    CAddressManager::GetInstance()->Terminate();
+    // The thread is stopped before the socket is closed, so it never polls or accepts on a
+    // descriptor number that has been given to someone else.
+    const int socket = m_listenSocket.exchange(-1);
+    const int status = GetThreadStatus();
+    if (status == STATUS_RUNNING || status == STATUS_STOPPING)
+        StopThread(-1);
+    CSocketUtils::CloseSocket(socket);
+    m_listenPort = 0;
+    CloseProxyConnections();
+}
+
+void CProxy::CloseProxyConnections()
+{
+    std::vector<QOX::CRefCountPtr<CProxyConnection>> connections;
+    {
+        // Referenced under the mutex: a connection leaves the set (under it) before its count can
+        // reach 0.
+        QOX::CLock hold(m_mutex);
+        for (CProxyConnection* connection : m_connections)
+            connections.emplace_back(connection);
+        m_connections.clear();
+    }
+    for (auto& connection : connections)
+        connection->Terminate();
+    // Releasing may destroy connections; their destructors take their own mutex, so not under ours.
+    connections.clear();
+}
+
+void CProxy::OnConnectionCreated(CProxyConnection* connection)
+{
+    QOX::CLock hold(m_mutex);
+    m_connections.insert(connection);
+}
+
+void CProxy::OnConnectionDestroyed(CProxyConnection* connection)
+{
+    QOX::CLock hold(m_mutex);
+    m_connections.erase(connection);
+}
+
+bool CProxy::IsConnected()
+{
+    QOX::CLock hold(m_mutex);
+    return m_listenSocket != -1;
+}
+
+IZRTMultiPointLayer* CProxy::GetMultiPointLayer()
+{
+    return m_multiPointLayer;
+}
+
+int CProxy::GetListenPort() const
+{
+    return m_listenPort;
+}
+
+size_t CProxy::GetConnectionCount() const
+{
+    QOX::CLock hold(m_mutex);
+    return m_connections.size();
+}
+
+} // namespace Proxy
+} // namespace ZRT

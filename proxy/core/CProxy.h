@@ -1,0 +1,79 @@
+#pragma once
+
+#include <atomic>
+#include <set>
+#include <string>
+
+#include "runtime/CRecursiveMutex.h"
+#include "runtime/CThread.h"
+#include "runtime/Export.h"
+#include "transport/IConnectionListener.h"
+#include "transport/IDatagramHandler.h"
+#include "transport/IResolveAddress.h"
+#include "transport/IZRTMultiPointLayer.h"
+
+namespace ZRT {
+namespace Proxy {
+
+class CProxyConnection;
+
+// The proxy server the host drives: listens on one TCP port, accepts clients and gives each to a
+// new CProxyConnection; StopProxy terminates them all. Restartable.
+//
+// The set of live connections holds plain pointers and no references. A connection removes
+// itself from the set on its own thread before that thread drops its reference, and the set is
+// only read (and referenced) under m_mutex, so a connection found there never has a count that
+// already reached 0.
+class ZRT_EXPORT CProxy : private QOX::CThread {
+public:
+    enum EProxyMode { PROXY_MODE_DEFAULT = 0, PROXY_MODE_LOCAL = 1 };
+
+    static constexpr int LISTEN_BACKLOG = 16;
+    // Pause of the accept loop when the process is out of descriptors, instead of spinning.
+    static constexpr int ACCEPT_RETRY_DELAY_MS = 100;
+
+    explicit CProxy(EProxyMode mode = PROXY_MODE_DEFAULT);
+    ~CProxy() override;
+    CProxy(const CProxy&) = delete;
+    CProxy& operator=(const CProxy&) = delete;
+
+    // Listens on all IPv4 interfaces (0.0.0.0).
+    virtual bool StartProxy(int port, IResolveAddress* resolver, IZRTMultiPointLayer* multiPointLayer,
+                            IDatagramHandler* datagramHandler, IConnectionListener* connectionListener);
+    virtual void StopProxy();
+    virtual bool IsConnected();
+    virtual IZRTMultiPointLayer* GetMultiPointLayer();
+
+    // Listens on a numeric IPv4 or IPv6 address text, such as "127.0.0.1" or "::1". Port 0 picks
+    // a free port (see GetListenPort).
+    bool StartProxy(const std::string& listenAddress, int port, IResolveAddress* resolver,
+                    IZRTMultiPointLayer* multiPointLayer, IDatagramHandler* datagramHandler,
+                    IConnectionListener* connectionListener);
+    // The port actually bound, or 0 when not started.
+    int GetListenPort() const;
+    size_t GetConnectionCount() const;
+    EProxyMode GetMode() const { return m_mode; }
+
+    void CloseProxyConnections();
+    void OnConnectionCreated(CProxyConnection* connection);
+    void OnConnectionDestroyed(CProxyConnection* connection);
+
+protected:
+    int Run() override;
+
+private:
+    int OpenListenSocket(const std::string& listenAddress, int port);
+    void AcceptOne(int listenSocket);
+
+    mutable QOX::CRecursiveMutex m_mutex;
+    IZRTMultiPointLayer* m_multiPointLayer = nullptr;
+    IDatagramHandler* m_datagramHandler = nullptr;
+    IConnectionListener* m_connectionListener = nullptr;
+    std::atomic<int> m_listenSocket{-1};
+    std::atomic<int> m_listenPort{0};
+    std::set<CProxyConnection*> m_connections;
+    EProxyMode m_mode;
+};
+
+} // namespace Proxy
+} // namespace ZRT

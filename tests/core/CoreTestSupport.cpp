@@ -1,0 +1,260 @@
+#include "CoreTestSupport.h"
+
+#include <arpa/inet.h>
+#include <dirent.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include "proxy/address/CAddressManager.h"
+#include "transport/CTCPIPAddress.h"
+
+namespace ZRT {
+namespace Testing {
+
+bool WaitUntil(const std::function<bool()>& pred, int timeoutMs)
+{
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+    while (!pred()) {
+        if (std::chrono::steady_clock::now() > deadline)
+            return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    return true;
+}
+
+int CountOpenDescriptors()
+{
+    int count = 0;
+    DIR* dir = opendir("/proc/self/fd");
+    if (!dir)
+        return -1;
+    while (readdir(dir))
+        ++count;
+    closedir(dir);
+    return count;
+}
+
+std::string Pattern(size_t offset, size_t length)
+{
+    std::string bytes(length, '\0');
+    for (size_t i = 0; i < length; ++i)
+        bytes[i] = static_cast<char>(((offset + i) * 7 + (offset + i) / 251) & 0xff);
+    return bytes;
+}
+
+TestClient::~TestClient()
+{
+    Close();
+}
+
+bool TestClient::Connect(int port, const char* host)
+{
+    const QOX::CRefCountPtr<IZRTConnectionAddress> address = CTCPIPAddress::FromText(host, port);
+    sockaddr_storage target{};
+    int length = sizeof(target);
+    if (!address || !address->GetSockAddr(reinterpret_cast<sockaddr*>(&target), &length))
+        return false;
+    m_socket = socket(target.ss_family, SOCK_STREAM, 0);
+    return m_socket >= 0 && connect(m_socket, reinterpret_cast<sockaddr*>(&target), length) == 0;
+}
+
+bool TestClient::Send(const std::string& bytes)
+{
+    size_t offset = 0;
+    while (offset < bytes.size()) {
+        const ssize_t sent = send(m_socket, bytes.data() + offset, bytes.size() - offset, MSG_NOSIGNAL);
+        if (sent <= 0)
+            return false;
+        offset += static_cast<size_t>(sent);
+    }
+    return true;
+}
+
+std::string TestClient::Read(size_t count, int timeoutMs)
+{
+    std::string bytes;
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+    char buffer[65536];
+    while (bytes.size() < count) {
+        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+        pollfd entry{m_socket, POLLIN, 0};
+        if (left.count() <= 0 || poll(&entry, 1, static_cast<int>(left.count())) <= 0)
+            break;
+        const ssize_t got = recv(m_socket, buffer, std::min(sizeof(buffer), count - bytes.size()), 0);
+        if (got <= 0)
+            break;
+        bytes.append(buffer, static_cast<size_t>(got));
+    }
+    return bytes;
+}
+
+std::string TestClient::ReadToEnd(bool* closed, int timeoutMs)
+{
+    std::string bytes;
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+    char buffer[65536];
+    if (closed)
+        *closed = false;
+    for (;;) {
+        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+        pollfd entry{m_socket, POLLIN, 0};
+        if (left.count() <= 0 || poll(&entry, 1, static_cast<int>(left.count())) <= 0)
+            return bytes;
+        const ssize_t got = recv(m_socket, buffer, sizeof(buffer), 0);
+        if (got <= 0) {
+            if (closed)
+                *closed = true;
+            return bytes;
+        }
+        bytes.append(buffer, static_cast<size_t>(got));
+    }
+}
+
+bool TestClient::WaitForClose(int timeoutMs)
+{
+    bool closed = false;
+    ReadToEnd(&closed, timeoutMs);
+    return closed;
+}
+
+void TestClient::SetReceiveBuffer(int bytes)
+{
+    setsockopt(m_socket, SOL_SOCKET, SO_RCVBUF, &bytes, sizeof(bytes));
+}
+
+void TestClient::Close()
+{
+    if (m_socket >= 0)
+        close(m_socket);
+    m_socket = -1;
+}
+
+std::string SHandlerLog::Requests()
+{
+    std::lock_guard<std::mutex> hold(mutex);
+    std::string all;
+    for (const auto& chunk : requests)
+        all += chunk;
+    return all;
+}
+
+std::string SHandlerLog::Responses()
+{
+    std::lock_guard<std::mutex> hold(mutex);
+    std::string all;
+    for (const auto& chunk : responses)
+        all += chunk;
+    return all;
+}
+
+RelayProtocol::RelayProtocol(Proxy::IProxyConnection& connection, std::shared_ptr<SHandlerLog> log, bool connect)
+    : m_connection(connection), m_log(std::move(log)), m_connect(connect)
+{
+    std::lock_guard<std::mutex> hold(m_log->mutex);
+    m_log->connection = &connection;
+    m_log->id = connection.GetID();
+}
+
+RelayProtocol::~RelayProtocol()
+{
+    std::lock_guard<std::mutex> hold(m_log->mutex);
+    m_log->destroyed = true;
+    m_log->connection = nullptr;
+}
+
+void RelayProtocol::Init()
+{
+    std::lock_guard<std::mutex> hold(m_log->mutex);
+    ++m_log->inits;
+}
+
+void RelayProtocol::Terminate()
+{
+    std::lock_guard<std::mutex> hold(m_log->mutex);
+    ++m_log->terminates;
+}
+
+void RelayProtocol::HandleRequest(const char* data, int length)
+{
+    {
+        std::lock_guard<std::mutex> hold(m_log->mutex);
+        m_log->requests.emplace_back(data, static_cast<size_t>(length));
+    }
+    if (m_connect && !m_tried) {
+        m_tried = true;
+        const bool connected = m_connection.ConnectToHost(new CTCPIPAddress(127, 0, 0, 1, 80));
+        std::lock_guard<std::mutex> hold(m_log->mutex);
+        m_log->connectResult = connected;
+    }
+    m_connection.SendToHost(data, length);
+}
+
+void RelayProtocol::HandleResponse(const char* data, int length)
+{
+    {
+        std::lock_guard<std::mutex> hold(m_log->mutex);
+        m_log->responses.emplace_back(data, static_cast<size_t>(length));
+    }
+    m_connection.SendToClient(data, length);
+}
+
+void ProxyTest::SetUp()
+{
+    Proxy::CConnectionProtocolFactory::GetInstance()->SetCreatorForTesting(
+        [this](Proxy::IProxyConnection& connection, const char*, int) -> Proxy::IConnectionProtocol* {
+            auto log = std::make_shared<SHandlerLog>();
+            {
+                std::lock_guard<std::mutex> hold(m_handlersMutex);
+                m_handlers.push_back(log);
+            }
+            return new RelayProtocol(connection, log, m_connectOnFirstRequest);
+        });
+    Proxy::CAddressManager::GetInstance()->SetLocalAddressesForTesting({"localhost", "127.0.0.1"});
+    ASSERT_TRUE(m_proxy.StartProxy("127.0.0.1", 0, &m_resolver, &m_multiPointLayer, &m_datagramHandler,
+                                   &m_connectionListener));
+    m_port = m_proxy.GetListenPort();
+    ASSERT_NE(m_port, 0);
+}
+
+void ProxyTest::TearDown()
+{
+    m_proxy.StopProxy();
+    EXPECT_EQ(m_proxy.GetConnectionCount(), 0u);
+    Proxy::CConnectionProtocolFactory::GetInstance()->SetCreatorForTesting({});
+    m_multiPointLayer.ForgetLinks();
+}
+
+void ProxyTest::UseRealHandlers()
+{
+    Proxy::CConnectionProtocolFactory::GetInstance()->SetCreatorForTesting({});
+}
+
+void ProxyTest::EchoLinks()
+{
+    m_multiPointLayer.SetOnConnect([](FakeDataLayer& link, const IZRTConnectionAddress&) {
+        link.SetOnSend([](FakeDataLayer& self, const std::string& bytes) { self.PushFromRemote(bytes); });
+    });
+}
+
+std::shared_ptr<SHandlerLog> ProxyTest::Handler(size_t index)
+{
+    WaitUntil([&] { return HandlerCount() > index; });
+    std::lock_guard<std::mutex> hold(m_handlersMutex);
+    return index < m_handlers.size() ? m_handlers[index] : std::make_shared<SHandlerLog>();
+}
+
+size_t ProxyTest::HandlerCount()
+{
+    std::lock_guard<std::mutex> hold(m_handlersMutex);
+    return m_handlers.size();
+}
+
+bool ProxyTest::WaitForConnections(size_t count)
+{
+    return WaitUntil([&] { return m_proxy.GetConnectionCount() == count; });
+}
+
+} // namespace Testing
+} // namespace ZRT

@@ -1,0 +1,111 @@
+#include <thread>
+
+#include "CoreTestSupport.h"
+
+namespace ZRT {
+namespace Testing {
+namespace {
+
+TEST_F(ProxyTest, StartWithTheSameServicesKeepsTheFirstPort)
+{
+    EXPECT_TRUE(m_proxy.IsConnected());
+    EXPECT_EQ(m_proxy.GetMultiPointLayer(), &m_multiPointLayer);
+    EXPECT_TRUE(m_proxy.StartProxy(m_port + 1, &m_resolver, &m_multiPointLayer, &m_datagramHandler,
+                                   &m_connectionListener));
+    EXPECT_EQ(m_proxy.GetListenPort(), m_port);
+
+    // Other services: a fresh start on the new port.
+    FakeMultiPointLayer other;
+    ASSERT_TRUE(m_proxy.StartProxy("127.0.0.1", 0, &m_resolver, &other, &m_datagramHandler, &m_connectionListener));
+    EXPECT_EQ(m_proxy.GetMultiPointLayer(), &other);
+    TestClient refused;
+    EXPECT_FALSE(refused.Connect(m_port));
+}
+
+TEST_F(ProxyTest, PortInUseFailsAndStoppedServerStopsHarmlessly)
+{
+    Proxy::CProxy second(Proxy::CProxy::PROXY_MODE_LOCAL);
+    EXPECT_FALSE(second.StartProxy("127.0.0.1", m_port, &m_resolver, &m_multiPointLayer, &m_datagramHandler,
+                                   &m_connectionListener));
+    EXPECT_FALSE(second.IsConnected());
+    EXPECT_EQ(second.GetListenPort(), 0);
+    EXPECT_FALSE(second.StartProxy("not an address", 0, &m_resolver, &m_multiPointLayer, &m_datagramHandler,
+                                   &m_connectionListener));
+    m_proxy.StopProxy();
+    m_proxy.StopProxy();
+    EXPECT_FALSE(m_proxy.IsConnected());
+}
+
+TEST_F(ProxyTest, ListensOnIPv6AndSeesTheClientAddress)
+{
+    m_proxy.StopProxy();
+    if (!m_proxy.StartProxy("::1", 0, &m_resolver, &m_multiPointLayer, &m_datagramHandler, &m_connectionListener))
+        GTEST_SKIP() << "no IPv6 loopback";
+    EchoLinks();
+    TestClient client;
+    ASSERT_TRUE(client.Connect(m_proxy.GetListenPort(), "::1"));
+    ASSERT_TRUE(client.Send("six"));
+    EXPECT_EQ(client.Read(3), "six");
+    auto log = Handler(0);
+    std::lock_guard<std::mutex> hold(log->mutex);
+    ASSERT_NE(log->connection, nullptr);
+    EXPECT_NE(log->connection->GetClientAddress().ToString().find("::1"), std::string::npos);
+}
+
+TEST_F(ProxyTest, ManyShortConnectionsLeaveNoConnectionOrDescriptorBehind)
+{
+    EchoLinks();
+    {
+        TestClient warm;
+        ASSERT_TRUE(warm.Connect(m_port));
+        ASSERT_TRUE(warm.Send("w"));
+        ASSERT_EQ(warm.Read(1), "w");
+    }
+    ASSERT_TRUE(WaitForConnections(0));
+    m_multiPointLayer.ForgetLinks();
+    const int baseline = CountOpenDescriptors();
+
+    constexpr int ROUNDS = 300;
+    for (int round = 0; round < ROUNDS; ++round) {
+        TestClient client;
+        ASSERT_TRUE(client.Connect(m_port));
+        if (round % 3 == 0)
+            continue; // closes without a byte
+        ASSERT_TRUE(client.Send("ping"));
+        ASSERT_EQ(client.Read(4), "ping");
+        if (round % 3 == 2)
+            m_multiPointLayer.GetLastLink()->CloseFromRemote();
+    }
+    EXPECT_TRUE(WaitForConnections(0));
+    m_multiPointLayer.ForgetLinks();
+    EXPECT_TRUE(WaitUntil([&] { return CountOpenDescriptors() == baseline; })) << CountOpenDescriptors();
+}
+
+TEST_F(ProxyTest, ParallelClientsAndStopWhileTheyRun)
+{
+    EchoLinks();
+    constexpr int CLIENTS = 8;
+    std::vector<std::thread> threads;
+    std::atomic<int> echoed{0};
+    for (int i = 0; i < CLIENTS; ++i) {
+        threads.emplace_back([&] {
+            for (int round = 0; round < 30; ++round) {
+                TestClient client;
+                if (!client.Connect(m_port) || !client.Send("abc"))
+                    return;
+                if (client.Read(3, 5000) != "abc")
+                    return;
+                ++echoed;
+            }
+        });
+    }
+    WaitUntil([&] { return echoed > CLIENTS * 5; });
+    m_proxy.StopProxy();
+    for (auto& thread : threads)
+        thread.join();
+    EXPECT_EQ(m_proxy.GetConnectionCount(), 0u);
+}
+
+} // namespace
+} // namespace Testing
+} // namespace ZRT
