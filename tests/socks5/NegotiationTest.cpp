@@ -1,0 +1,166 @@
+#include <cstring>
+
+#include "Socks5Fixture.h"
+
+namespace ZRT {
+namespace Testing {
+namespace {
+
+using Handler = Proxy::CConnectionProtocol_SOCKS5;
+
+TEST(Socks5BufferTest, AppendConsumeAndClearKeepTheRemainderAtTheFront)
+{
+    Handler::CBuffer buffer;
+    EXPECT_FALSE(buffer.AppendData(nullptr, 3));
+    EXPECT_FALSE(buffer.AddData("abc", 0));
+    ASSERT_TRUE(buffer.AppendData("abc", 3));
+    ASSERT_TRUE(buffer.AddData("defg", 4));
+    buffer.Consume(2);
+    ASSERT_EQ(5u, buffer.GetSize());
+    EXPECT_EQ(0, std::memcmp(buffer.GetData(), "cdefg", 5));
+    buffer.Consume(9);
+    EXPECT_EQ(0u, buffer.GetSize());
+    ASSERT_TRUE(buffer.AppendData("xy", 2));
+    buffer.Clear();
+    EXPECT_EQ(0u, buffer.GetSize());
+}
+
+class Socks5NegotiationTest : public Socks5Fixture {};
+
+TEST_F(Socks5NegotiationTest, GreetingByteByByteIsAnsweredOnceAfterItsLastByte)
+{
+    Start();
+    Send(Bytes({5}));
+    Send(Bytes({1}));
+    ASSERT_TRUE(WaitForState(Handler::GreetingIncomplete));
+    EXPECT_EQ("", m_connection.GetToClient());
+    Send(Bytes({0}));
+    EXPECT_EQ(Bytes({5, 0}), m_connection.WaitForClientBytes(2));
+    ASSERT_TRUE(WaitForState(Handler::AwaitingRequest));
+    EXPECT_EQ(1, m_connection.GetSendToClientCalls());
+}
+
+TEST_F(Socks5NegotiationTest, GreetingWithoutMethodsIsRefusedOnlyOnceAThirdByteArrives)
+{
+    Start();
+    Send(Bytes({5, 0}));
+    ASSERT_TRUE(WaitForState(Handler::GreetingIncomplete));
+    EXPECT_EQ("", m_connection.GetToClient());
+    Send(Bytes({1}));
+    ASSERT_TRUE(m_connection.WaitForDisconnect());
+    EXPECT_EQ(Bytes({5, 0xFF}), m_connection.GetToClient());
+}
+
+struct SExchange {
+    const char* name;
+    std::string clientBytes;
+    std::string expectedReply;
+    bool closes;
+};
+
+class Socks5GreetingTest : public Socks5Fixture, public ::testing::WithParamInterface<SExchange> {};
+
+TEST_P(Socks5GreetingTest, AnswersExactly)
+{
+    Start();
+    Send(GetParam().clientBytes);
+    if (GetParam().closes) {
+        ASSERT_TRUE(m_connection.WaitForDisconnect());
+        EXPECT_EQ(GetParam().expectedReply, m_connection.GetToClient());
+    } else {
+        EXPECT_EQ(GetParam().expectedReply, m_connection.WaitForClientBytes(2));
+        EXPECT_TRUE(WaitForState(Handler::AwaitingRequest));
+        EXPECT_TRUE(m_connection.IsConnectedToClient());
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Greetings, Socks5GreetingTest,
+    ::testing::Values(SExchange{"NoAuthLast", Bytes({5, 3, 2, 1, 0}), Bytes({5, 0}), false},
+                      SExchange{"OnlyUserPassword", Bytes({5, 1, 2}), Bytes({5, 0xFF}), true},
+                      SExchange{"VersionFour", Bytes({4, 1, 0}), "", true}),
+    [](const ::testing::TestParamInfo<SExchange>& info) { return std::string(info.param.name); });
+
+// Requests the handler refuses: exact wire bytes, then the connection closes.
+class Socks5RefusalTest : public Socks5Fixture, public ::testing::WithParamInterface<SExchange> {};
+
+TEST_P(Socks5RefusalTest, RepliesExactlyAndCloses)
+{
+    Negotiate();
+    Send(GetParam().clientBytes);
+    ASSERT_TRUE(m_connection.WaitForDisconnect());
+    EXPECT_EQ(GetParam().expectedReply, Replies());
+    EXPECT_EQ(0, m_connection.GetConnectCalls());
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Requests, Socks5RefusalTest,
+    ::testing::Values(
+        SExchange{"VersionFour", Bytes({4, 1, 0, 1, 127, 0, 0, 1, 0, 80}), "", true},
+        SExchange{"AddressTypeTwo", Bytes({5, 1, 0, 2, 1, 2, 3, 4, 0, 80}), CommandReply(8), true},
+        SExchange{"CommandNine", Bytes({5, 9, 0, 1, 127, 0, 0, 1, 0, 80}), CommandReply(7), true},
+        SExchange{"UnresolvableName", Bytes({5, 1, 0, 3, 4, 'n', 'o', 'n', 'e', 0, 80}),
+                  CommandReply(8), true}),
+    [](const ::testing::TestParamInfo<SExchange>& info) { return std::string(info.param.name); });
+
+TEST_F(Socks5NegotiationTest, GreetingRequestAndPayloadInOnePieceAreAllServed)
+{
+    Start();
+    Send(Bytes({5, 1, 0}) + Bytes({5, 1, 0, 1, 127, 0, 0, 1, 0x1F, 0x90}) + "hello");
+    EXPECT_EQ("hello", m_connection.WaitForHostBytes(5));
+    EXPECT_EQ(Bytes({5, 0}) + CommandReply(0), m_connection.GetToClient());
+    EXPECT_EQ(std::vector<std::string>{"127.0.0.1:8080"}, m_connection.GetMultiPointLayer().GetDestinations());
+}
+
+TEST_F(Socks5NegotiationTest, RequestSplitInsideTheAddressIsExecutedOnce)
+{
+    Negotiate();
+    Send(Bytes({5, 1, 0, 1, 127, 0}));
+    Send(Bytes({0, 1, 0, 80}));
+    EXPECT_EQ(CommandReply(0), WaitForReplies(10));
+    EXPECT_EQ(1, m_connection.GetConnectCalls());
+    EXPECT_TRUE(WaitForState(Handler::Connected));
+}
+
+TEST_F(Socks5NegotiationTest, DomainNameIsResolvedWithNameColonPort)
+{
+    m_resolver.Script("example.com:443", "127.0.0.2");
+    Negotiate();
+    Send(Bytes({5, 1, 0, 3, 11}) + "example.com" + Bytes({1, 0xBB}));
+    EXPECT_EQ(CommandReply(0), WaitForReplies(10));
+    EXPECT_EQ(1, m_resolver.GetRequestCount("example.com:443"));
+    EXPECT_EQ(std::vector<std::string>{"127.0.0.2:443"}, m_connection.GetMultiPointLayer().GetDestinations());
+}
+
+TEST_F(Socks5NegotiationTest, Ipv6DestinationIsDecoded)
+{
+    Negotiate();
+    Send(Bytes({5, 1, 0, 4, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1, 0x1F, 0x90}));
+    EXPECT_EQ(CommandReply(0), WaitForReplies(10));
+    EXPECT_EQ(std::vector<std::string>{"[::1]:8080"}, m_connection.GetMultiPointLayer().GetDestinations());
+}
+
+TEST_F(Socks5NegotiationTest, ClosedHandlerIgnoresFurtherClientBytes)
+{
+    Start();
+    Send(Bytes({5, 1, 2}));
+    ASSERT_TRUE(m_connection.WaitForDisconnect());
+    ASSERT_TRUE(WaitForState(Handler::Closed));
+    Send("more");
+    EXPECT_EQ(0u, m_handler->GetRequestBacklog());
+}
+
+TEST_F(Socks5NegotiationTest, BacklogCountsUnprocessedBytesAndConsumptionWakesTheConnection)
+{
+    Create();
+    Send(Bytes({5, 1, 0}));
+    Send(Bytes({5, 1}));
+    EXPECT_EQ(5u, m_handler->GetRequestBacklog());
+    m_handler->Init();
+    ASSERT_EQ(Bytes({5, 0}), m_connection.WaitForClientBytes(2));
+    EXPECT_TRUE(Eventually([&] { return m_handler->GetRequestBacklog() == 2u && m_connection.GetWakeCalls() > 0; }));
+}
+
+} // namespace
+} // namespace Testing
+} // namespace ZRT

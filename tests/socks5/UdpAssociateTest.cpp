@@ -1,0 +1,222 @@
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <atomic>
+
+#include "Socks5Fixture.h"
+
+namespace ZRT {
+namespace Testing {
+namespace {
+
+using Handler = Proxy::CConnectionProtocol_SOCKS5;
+
+const std::string ASSOCIATE_REQUEST = Bytes({5, 3, 0, 1, 0, 0, 0, 0, 0, 0});
+// RSV RSV FRAG, then 127.0.0.1:53.
+const std::string TO_LOCAL_DNS = Bytes({0, 0, 0, 1, 127, 0, 0, 1, 0, 53});
+
+// A client's UDP socket on loopback.
+class CUdpClient {
+public:
+    CUdpClient()
+    {
+        m_socket = socket(AF_INET, SOCK_DGRAM, 0);
+        sockaddr_in local{};
+        local.sin_family = AF_INET;
+        local.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        bind(m_socket, reinterpret_cast<sockaddr*>(&local), sizeof(local));
+    }
+    ~CUdpClient() { close(m_socket); }
+
+    void SendTo(unsigned int port, const std::string& bytes) const
+    {
+        sockaddr_in relay{};
+        relay.sin_family = AF_INET;
+        relay.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        relay.sin_port = htons(static_cast<uint16_t>(port));
+        sendto(m_socket, bytes.data(), bytes.size(), 0, reinterpret_cast<sockaddr*>(&relay), sizeof(relay));
+    }
+
+    // One datagram, or empty when none comes within the time given.
+    std::string Receive(int timeoutMs = 5000) const
+    {
+        pollfd entry{m_socket, POLLIN, 0};
+        if (poll(&entry, 1, timeoutMs) != 1)
+            return std::string();
+        char buffer[2048];
+        const ssize_t received = recv(m_socket, buffer, sizeof(buffer), 0);
+        return received > 0 ? std::string(buffer, static_cast<size_t>(received)) : std::string();
+    }
+
+private:
+    int m_socket = -1;
+};
+
+bool UdpPortIsFree(unsigned int port)
+{
+    const int probe = socket(AF_INET, SOCK_DGRAM, 0);
+    sockaddr_in any{};
+    any.sin_family = AF_INET;
+    any.sin_port = htons(static_cast<uint16_t>(port));
+    const bool free = bind(probe, reinterpret_cast<sockaddr*>(&any), sizeof(any)) == 0;
+    close(probe);
+    return free;
+}
+
+class Socks5UdpTest : public Socks5Fixture {
+protected:
+    // Associates and returns the relay port from the reply.
+    unsigned int Associate()
+    {
+        m_connection.SetDatagramHandler(&m_datagrams);
+        Negotiate();
+        Send(ASSOCIATE_REQUEST);
+        const std::string reply = WaitForReplies(10);
+        EXPECT_EQ(10u, reply.size());
+        EXPECT_EQ(Bytes({5, 0, 0, 1, 0, 0, 0, 0}), reply.substr(0, 8));
+        EXPECT_TRUE(WaitForState(Handler::UdpAssociated));
+        m_handle = m_datagrams.GetLastHandle();
+        return reply.size() == 10 ? static_cast<unsigned char>(reply[8]) * 256u + static_cast<unsigned char>(reply[9])
+                                  : 0;
+    }
+
+    FakeDatagramHandler m_datagrams;
+    int m_handle = -1;
+};
+
+TEST_F(Socks5UdpTest, ClientDatagramsAreCheckedDecodedAndHandedOn)
+{
+    m_resolver.Script("dns.test:53", "127.0.0.1");
+    const unsigned int port = Associate();
+    ASSERT_NE(0u, port);
+    EXPECT_EQ("0.0.0.0:0", m_datagrams.GetLastRequestAddress());
+    CUdpClient client;
+    client.SendTo(port, Bytes({0, 0, 0, 1, 127, 0}));                        // too short
+    client.SendTo(port, Bytes({0, 1, 0, 1, 127, 0, 0, 1, 0, 53}) + "rsv");  // RSV not zero
+    client.SendTo(port, Bytes({0, 0, 0, 9, 127, 0, 0, 1, 0, 53}) + "atyp"); // unknown type
+    client.SendTo(port, Bytes({0, 0, 0, 3, 200}) + std::string(15, 'x'));   // shorter than its name
+    client.SendTo(port, Bytes({0, 0, 5, 1, 127, 0, 0, 1, 0, 53}) + "P");    // FRAG is not examined
+    client.SendTo(port, Bytes({0, 0, 0, 3, 8}) + "dns.test" + Bytes({0, 53}) + "Q");
+    const auto sent = m_datagrams.WaitForSent(2);
+    ASSERT_EQ(2u, sent.size());
+    EXPECT_EQ(m_handle, sent[0].handle);
+    EXPECT_EQ("127.0.0.1:53", sent[0].destination);
+    EXPECT_EQ("P", sent[0].payload);
+    EXPECT_EQ("127.0.0.1:53", sent[1].destination);
+    EXPECT_EQ("Q", sent[1].payload);
+}
+
+TEST_F(Socks5UdpTest, HostDatagramsGoToTheLastClientSourceWithTheirSendersAddress)
+{
+    const unsigned int port = Associate();
+    m_handler->HandleResponse("tcp", 3); // no host link in an association: dropped
+    CUdpClient first;
+    CUdpClient second;
+    first.SendTo(port, TO_LOCAL_DNS + "1");
+    m_datagrams.WaitForSent(1);
+    ASSERT_TRUE(m_datagrams.Deliver(m_handle, CTCPIPAddress(10, 0, 0, 1, 99), "pong"));
+    EXPECT_EQ(Bytes({0, 0, 0, 1, 10, 0, 0, 1, 0, 99}) + "pong", first.Receive());
+    auto v6 = CTCPIPAddress::FromText("::1", 99);
+    ASSERT_TRUE(m_datagrams.Deliver(m_handle, *v6, "six"));
+    EXPECT_EQ(Bytes({0, 0, 0, 4, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1, 0, 99}) + "six", first.Receive());
+
+    second.SendTo(port, TO_LOCAL_DNS + "2");
+    m_datagrams.WaitForSent(2);
+    ASSERT_TRUE(m_datagrams.Deliver(m_handle, CTCPIPAddress(10, 0, 0, 1, 99), "moved"));
+    EXPECT_EQ(Bytes({0, 0, 0, 1, 10, 0, 0, 1, 0, 99}) + "moved", second.Receive());
+    EXPECT_EQ("", first.Receive(50));
+    EXPECT_EQ(CommandReply(0).size(), Replies().size());
+}
+
+TEST_F(Socks5UdpTest, AByteOnTheTcpConnectionUndoesEverything)
+{
+    const int threadsBefore = CountThreads();
+    const unsigned int port = Associate();
+    EXPECT_FALSE(UdpPortIsFree(port));
+    Send("x");
+    ASSERT_TRUE(m_connection.WaitForDisconnect());
+    // The connection reports the disconnection before it terminates the handler.
+    EXPECT_TRUE(Eventually([&] { return UdpPortIsFree(port); }));
+    EXPECT_EQ(std::vector<int>{m_handle}, m_datagrams.GetUnregistered());
+    EXPECT_EQ(0, m_datagrams.GetActiveRegistrations());
+    m_handler->Terminate(); // a second time: nothing more happens
+    EXPECT_EQ(1u, m_datagrams.GetUnregistered().size());
+    m_handler.reset();
+    EXPECT_EQ(threadsBefore, CountThreads());
+}
+
+TEST_F(Socks5UdpTest, WithoutDatagramHandlerIsRefusedAndNoSocketStays)
+{
+    const int descriptorsBefore = CountDescriptors();
+    Negotiate();
+    Send(ASSOCIATE_REQUEST);
+    ASSERT_TRUE(m_connection.WaitForDisconnect());
+    EXPECT_EQ(CommandReply(5), Replies());
+    m_handler.reset();
+    EXPECT_EQ(descriptorsBefore, CountDescriptors());
+}
+
+TEST_F(Socks5UdpTest, FailedRegistrationIsRefusedAndClosesTheSocket)
+{
+    const int descriptorsBefore = CountDescriptors();
+    m_datagrams.SetFailRegistration(true);
+    m_connection.SetDatagramHandler(&m_datagrams);
+    Negotiate();
+    Send(ASSOCIATE_REQUEST);
+    ASSERT_TRUE(m_connection.WaitForDisconnect());
+    EXPECT_EQ(CommandReply(5), Replies());
+    m_handler.reset();
+    EXPECT_EQ(descriptorsBefore, CountDescriptors());
+}
+
+// Datagrams keep flowing both ways while the client goes away; afterwards no registration,
+// thread or socket is left.
+TEST(Socks5UdpRaceTest, TrafficRacingTerminateLeavesNothingBehind)
+{
+    FakeResolver resolver;
+    Proxy::CAddressManager::GetInstance()->Init(&resolver);
+    const int threadsBefore = CountThreads();
+    const int descriptorsBefore = CountDescriptors();
+    for (int round = 0; round < 20; ++round) {
+        FakeProxyConnection connection;
+        FakeDatagramHandler datagrams;
+        connection.SetDatagramHandler(&datagrams);
+        auto handler = std::make_unique<Handler>(connection);
+        connection.SetProtocol(handler.get());
+        handler->Init();
+        const std::string request = Bytes({5, 1, 0}) + ASSOCIATE_REQUEST;
+        handler->HandleRequest(request.data(), static_cast<int>(request.size()));
+        const std::string reply = connection.WaitForClientBytes(12);
+        ASSERT_EQ(12u, reply.size());
+        const unsigned int port = static_cast<unsigned char>(reply[10]) * 256u + static_cast<unsigned char>(reply[11]);
+        ASSERT_TRUE(Eventually([&] { return handler->GetState() == Handler::UdpAssociated; }));
+        const int handle = datagrams.GetLastHandle();
+        std::atomic<bool> running{true};
+        std::thread host([&] {
+            while (running.load())
+                datagrams.Deliver(handle, CTCPIPAddress(10, 0, 0, 1, 99), "pong");
+        });
+        std::thread client([&] {
+            CUdpClient udp;
+            while (running.load())
+                udp.SendTo(port, TO_LOCAL_DNS + "ping");
+        });
+        datagrams.WaitForSent(static_cast<size_t>(round % 3));
+        connection.DisconnectClient();
+        running.store(false);
+        host.join();
+        client.join();
+        EXPECT_EQ(0, datagrams.GetActiveRegistrations());
+        handler.reset();
+    }
+    EXPECT_EQ(threadsBefore, CountThreads());
+    EXPECT_EQ(descriptorsBefore, CountDescriptors());
+    Proxy::CAddressManager::GetInstance()->Terminate();
+}
+
+} // namespace
+} // namespace Testing
+} // namespace ZRT
