@@ -101,8 +101,10 @@ unsigned int CHTTPPacket::FillSendBuffer(unsigned char* buffer, unsigned int siz
         return 0;
     unsigned int written = 0;
     for (const auto& header : m_headers) {
-        if (!WritePiece(buffer, size, written, header.first) || !WritePiece(buffer, size, written, HTTP_HEADER_SEPARATOR)
-            || !WritePiece(buffer, size, written, header.second) || !WritePiece(buffer, size, written, HTTP_LINE_END))
+        if (!WritePiece(buffer, size, written, header.first)
+            || !WritePiece(buffer, size, written, HTTP_HEADER_SEPARATOR)
+            || !WritePiece(buffer, size, written, header.second)
+            || !WritePiece(buffer, size, written, HTTP_LINE_END))
             return written;
     }
     if (!WritePiece(buffer, size, written, HTTP_LINE_END))

@@ -25,7 +25,8 @@ CHTTPParser::EParseResult Feed(CHTTPParser& parser, const std::string& bytes)
 std::string Pending(const CHTTPParser& parser)
 {
     std::string bytes(parser.m_pendingData.GetSize(), '\0');
-    parser.m_pendingData.PeekBytes(0, reinterpret_cast<unsigned char*>(&bytes[0]), static_cast<unsigned int>(bytes.size()));
+    auto* out = reinterpret_cast<unsigned char*>(&bytes[0]);
+    parser.m_pendingData.PeekBytes(0, out, static_cast<unsigned int>(bytes.size()));
     return bytes;
 }
 
@@ -37,7 +38,8 @@ CHTTPRequest& Request(const CHTTPParser& parser)
 std::string Serialise(const CHTTPPacket& packet)
 {
     std::string bytes(packet.CalcSendBufferSize(), '\0');
-    bytes.resize(packet.FillSendBuffer(reinterpret_cast<unsigned char*>(&bytes[0]), static_cast<unsigned int>(bytes.size())));
+    auto* out = reinterpret_cast<unsigned char*>(&bytes[0]);
+    bytes.resize(packet.FillSendBuffer(out, static_cast<unsigned int>(bytes.size())));
     return bytes;
 }
 
@@ -114,8 +116,8 @@ TEST(HTTPParser, LineEnds)
 
     // Only one CR before the LF is dropped; a CR elsewhere is part of the line.
     CHTTPRequestParser cr;
-    ASSERT_EQ(CHTTPParser::PARSE_COMPLETE, Feed(cr, "GET / HTTP/1.1\r\nA: a\r\r\nB: x\ry\r\n\r\n"));
-    EXPECT_EQ((Headers{{"A", "a\r"}, {"B", "x\ry"}}), Request(cr).GetHeaders());
+    ASSERT_EQ(CHTTPParser::PARSE_COMPLETE, Feed(cr, std::string("GET / HTTP/1.1\r\nA: a\r\r\nB: x\ry\0\r\n\r\n", 34)));
+    EXPECT_EQ((Headers{{"A", "a\r"}, {"B", std::string("x\ry\0", 4)}}), Request(cr).GetHeaders());
 
     // A split header line is handed over once, whole.
     CHTTPRequestParser split;
@@ -130,30 +132,6 @@ TEST(HTTPParser, LineEnds)
     ASSERT_EQ(CHTTPParser::PARSE_COMPLETE, Feed(empty, "\r\nrest"));
     EXPECT_EQ("", Request(empty).m_method + Request(empty).m_uri + Request(empty).m_version);
     EXPECT_EQ("rest", Pending(empty));
-}
-
-TEST(HTTPParser, ReadLine)
-{
-    CHTTPRequestParser parser;
-    const unsigned char data[] = {'a', 'b', '\r', '\n', '\n', 'c'};
-    unsigned int pos = 0;
-    std::string line = "old";
-    ASSERT_TRUE(parser.ReadLine(data, 6, pos, line));
-    EXPECT_EQ("ab", line);
-    EXPECT_EQ(4u, pos);
-    ASSERT_TRUE(parser.ReadLine(data, 6, pos, line));
-    EXPECT_EQ("", line);
-    EXPECT_EQ(5u, pos);
-    line = "kept";
-    EXPECT_FALSE(parser.ReadLine(data, 6, pos, line));
-    EXPECT_EQ(5u, pos);
-    EXPECT_EQ("kept", line);
-    pos = 6;
-    EXPECT_FALSE(parser.ReadLine(data, 6, pos, line));
-    const unsigned char withNul[] = {'x', '\0', 'y', '\n'};
-    pos = 0;
-    ASSERT_TRUE(parser.ReadLine(withNul, 4, pos, line));
-    EXPECT_EQ(std::string("x\0y", 3), line);
 }
 
 TEST(HTTPParser, Errors)
@@ -173,8 +151,6 @@ TEST(HTTPParser, Errors)
     EXPECT_EQ(CHTTPParser::PARSE_NEED_MORE, Feed(nullData, "GET"));
     EXPECT_EQ(CHTTPParser::PARSE_NEED_MORE, Feed(nullData, ""));
 
-    CHTTPResponseParser response;
-    EXPECT_EQ(CHTTPParser::PARSE_ERROR, Feed(response, "HTTP/1.1\r\n"));
     CHTTPResponseParser garbage;
     EXPECT_EQ(CHTTPParser::PARSE_ERROR, Feed(garbage, "HTTP/1.1 200 OK\r\ngarbage\r\n\r\n"));
 }

@@ -1,0 +1,291 @@
+#include "proxy/httpproxy/CConnectionProtocol_HTTP.h"
+
+#include <strings.h>
+
+#include <cstring>
+#include <vector>
+
+#include "proxy/address/CAddressManager.h"
+
+namespace ZRT {
+namespace Proxy {
+
+const std::string CConnectionProtocol_HTTP::ms_httpVersion = "HTTP/1.0";
+
+namespace {
+
+const char TUNNEL_METHOD[] = "CONNECT";
+const char HOST_HEADER[] = "host";
+const char DEFAULT_PORT[] = "80";
+const char PORT_SEPARATOR[] = ":";
+const char SCHEME_SEPARATOR[] = "://";
+const char PORT_OR_BRACKET[] = "]:";
+const char SET_COOKIE[] = "set-cookie";
+const char* const HOP_BY_HOP_HEADERS[] = {"proxy-connection", "connection", "keep-alive"};
+
+static_assert(sizeof(CConnectionProtocol_HTTP::REPLY_CONNECTION_ESTABLISHED) - 1
+                  == CConnectionProtocol_HTTP::REPLY_CONNECTION_ESTABLISHED_LENGTH,
+              "the tunnel reply is 39 bytes");
+static_assert(sizeof(CConnectionProtocol_HTTP::REPLY_BAD_REQUEST) - 1 == 60, "the 400 reply is 60 bytes");
+static_assert(sizeof(CConnectionProtocol_HTTP::REPLY_NOT_FOUND) - 1 == 58, "the 404 reply is 58 bytes");
+
+// Strips scheme and path from a target or Host value and splits off the port. A bracketed IPv6
+// literal keeps its brackets and its inner colons.
+bool SplitHostAndPort(const std::string& text, std::string& host, std::string& port)
+{
+    host = text;
+    port.clear();
+    const std::string::size_type scheme = host.find(SCHEME_SEPARATOR);
+    if (scheme != std::string::npos)
+        host.erase(0, scheme + std::strlen(SCHEME_SEPARATOR));
+    const std::string::size_type path = host.find('/');
+    if (path != std::string::npos)
+        host.erase(path);
+    if (host.empty())
+        return false;
+    const std::string::size_type last = host.find_last_of(PORT_OR_BRACKET);
+    if (last == std::string::npos || host[last] == ']')
+        return true;
+    port = host.substr(last + 1);
+    host.erase(last);
+    return !host.empty();
+}
+
+bool SameName(const std::string& name, const char* expected)
+{
+    return strcasecmp(name.c_str(), expected) == 0;
+}
+
+std::string ToOriginForm(const std::string& uri)
+{
+    const std::string::size_type scheme = uri.find(SCHEME_SEPARATOR);
+    if (scheme == std::string::npos)
+        return uri;
+    const std::string::size_type path = uri.find('/', scheme + std::strlen(SCHEME_SEPARATOR));
+    if (path == std::string::npos)
+        return uri;
+    return uri.substr(path);
+}
+
+const unsigned char* Bytes(const char* data)
+{
+    return reinterpret_cast<const unsigned char*>(data);
+}
+
+} // namespace
+
+void CConnectionProtocol_HTTP::CProxyHTTPRequest::AddHeader(const std::string& name, const std::string& value)
+{
+    for (const char* hopByHop : HOP_BY_HOP_HEADERS) {
+        if (SameName(name, hopByHop))
+            return;
+    }
+    CHTTPPacket::AddHeader(name, value);
+}
+
+void CConnectionProtocol_HTTP::CProxyHTTPResponse::AddHeader(const std::string& name, const std::string& value)
+{
+    if (!SameName(name, SET_COOKIE)) {
+        CHTTPPacket::AddHeader(name, value);
+        return;
+    }
+    const auto addPiece = [&](const std::string& piece) {
+        if (!piece.empty())
+            CHTTPPacket::AddHeader(name, piece);
+    };
+    const std::string::size_type length = value.size();
+    std::string::size_type start = 0;
+    std::string::size_type pos = 0;
+    for (;;) {
+        const std::string::size_type comma = value.find(',', pos);
+        if (comma == std::string::npos || comma == length - 1) {
+            addPiece(value.substr(start));
+            return;
+        }
+        pos = comma + 1;
+        if (value[pos] == ' ')
+            continue;
+        addPiece(value.substr(start, comma - start));
+        start = pos;
+    }
+}
+
+CConnectionProtocol_HTTP::CProxyHTTPRequestParser::~CProxyHTTPRequestParser() = default;
+
+CHTTPPacket* CConnectionProtocol_HTTP::CProxyHTTPRequestParser::CreatePacket() const
+{
+    return new CProxyHTTPRequest();
+}
+
+CConnectionProtocol_HTTP::CProxyHTTPResponseParser::~CProxyHTTPResponseParser() = default;
+
+CHTTPPacket* CConnectionProtocol_HTTP::CProxyHTTPResponseParser::CreatePacket() const
+{
+    return new CProxyHTTPResponse();
+}
+
+CConnectionProtocol_HTTP::CConnectionProtocol_HTTP(IProxyConnection& connection) : m_connection(connection) {}
+
+CConnectionProtocol_HTTP::~CConnectionProtocol_HTTP() = default;
+
+void CConnectionProtocol_HTTP::Init() {}
+
+// Nothing of ours runs on another thread, so there is nothing to stop.
+void CConnectionProtocol_HTTP::Terminate() {}
+
+void CConnectionProtocol_HTTP::HandleRequest(const char* data, int length)
+{
+    // The connection never hands over an empty chunk; a negative length would wrap in the parser.
+    if (!data || length <= 0)
+        return;
+    if (!m_requestPassThrough) {
+        ProcessHTTPRequest(data, length);
+        return;
+    }
+    if (m_connection.IsConnectedToHost())
+        m_connection.SendToHost(data, length);
+}
+
+void CConnectionProtocol_HTTP::HandleResponse(const char* data, int length)
+{
+    if (!data || length <= 0)
+        return;
+    if (!m_responsePassThrough) {
+        ProcessHTTPResponse(data, length);
+        return;
+    }
+    if (m_connection.IsConnectedToClient())
+        m_connection.SendToClient(data, length);
+}
+
+void CConnectionProtocol_HTTP::ProcessHTTPRequest(const char* data, int length)
+{
+    if (m_connection.IsConnectedToHost() || m_requestParser.m_state == CHTTPParser::PARSE_STATE_COMPLETE)
+        return;
+    const CHTTPParser::EParseResult result = m_requestParser.Parse(Bytes(data), static_cast<unsigned int>(length));
+    if (result == CHTTPParser::PARSE_ERROR) {
+        SendErrorToClient(REPLY_BAD_REQUEST);
+        m_requestParser.Reset();
+        return;
+    }
+    if (result != CHTTPParser::PARSE_COMPLETE)
+        return;
+
+    QOX::CRefCountPtr<CHTTPRequest> request = QOX::StaticCast<CHTTPRequest>(m_requestParser.m_packet);
+    const QOX::CRefCountPtr<IZRTConnectionAddress> destination = GetDestination(request);
+    if (!destination || !m_connection.ConnectToHost(destination)) {
+        SendErrorToClient(REPLY_NOT_FOUND);
+        m_requestParser.Reset();
+        return;
+    }
+    if (strcasecmp(request->m_method.c_str(), TUNNEL_METHOD) == 0) {
+        // The parser keeps whatever came behind the CONNECT header block; it is never relayed.
+        m_connection.SendToClient(REPLY_CONNECTION_ESTABLISHED, REPLY_CONNECTION_ESTABLISHED_LENGTH);
+        m_requestPassThrough = true;
+        m_responsePassThrough = true;
+        return;
+    }
+    ForwardRequest(*request);
+    m_requestPassThrough = true;
+    m_requestParser.Reset();
+}
+
+// Sends the rewritten header block and the body bytes that arrived with it in one piece.
+void CConnectionProtocol_HTTP::ForwardRequest(CHTTPRequest& request)
+{
+    std::string host;
+    if (request.GetHeader(HOST_HEADER, host) && !host.empty())
+        request.m_uri = ToOriginForm(request.m_uri);
+    request.m_version = ms_httpVersion;
+
+    const unsigned int headerSize = request.CalcSendBufferSize();
+    const unsigned int bodySize = m_requestParser.m_pendingData.GetSize();
+    std::vector<unsigned char> buffer(static_cast<size_t>(headerSize) + bodySize);
+    request.FillSendBuffer(buffer.data(), headerSize);
+    if (bodySize > 0)
+        m_requestParser.m_pendingData.PeekBytes(0, buffer.data() + headerSize, bodySize);
+    m_connection.SendToHost(reinterpret_cast<const char*>(buffer.data()), static_cast<int>(buffer.size()));
+}
+
+void CConnectionProtocol_HTTP::ProcessHTTPResponse(const char* data, int length)
+{
+    if (!m_connection.IsConnectedToClient() || m_responseParser.m_state == CHTTPParser::PARSE_STATE_COMPLETE)
+        return;
+    const CHTTPParser::EParseResult result = m_responseParser.Parse(Bytes(data), static_cast<unsigned int>(length));
+    if (result == CHTTPParser::PARSE_ERROR) {
+        SendErrorToClient(REPLY_BAD_REQUEST);
+        m_responseParser.Reset();
+        return;
+    }
+    if (result != CHTTPParser::PARSE_COMPLETE)
+        return;
+
+    QOX::CRefCountPtr<CHTTPResponse> response = QOX::StaticCast<CHTTPResponse>(m_responseParser.m_packet);
+    if (response) {
+        response->m_version = ms_httpVersion;
+        const unsigned int headerSize = response->CalcSendBufferSize();
+        const unsigned int bodySize = m_responseParser.m_pendingData.GetSize();
+        std::vector<unsigned char> buffer(static_cast<size_t>(headerSize) + bodySize);
+        unsigned int written = response->FillSendBuffer(buffer.data(), headerSize);
+        if (bodySize > 0) {
+            m_responseParser.m_pendingData.PeekBytes(0, buffer.data() + written, bodySize);
+            written += bodySize;
+        }
+        m_connection.SendToClient(reinterpret_cast<const char*>(buffer.data()), static_cast<int>(written));
+    }
+    m_responsePassThrough = true;
+    m_responseParser.Reset();
+}
+
+void CConnectionProtocol_HTTP::SendErrorToClient(const char* reply)
+{
+    if (!reply)
+        reply = REPLY_BAD_REQUEST;
+    if (!m_connection.IsConnectedToClient())
+        return;
+    m_connection.SendToClient(reply, static_cast<int>(std::strlen(reply)));
+    m_connection.DisconnectClient();
+}
+
+QOX::CRefCountPtr<IZRTConnectionAddress>
+CConnectionProtocol_HTTP::GetDestination(const QOX::CRefCountPtr<CHTTPRequest>& request)
+{
+    std::string address;
+    if (!ExtractAddress(request, address))
+        return {};
+    CAddressManager* addresses = CAddressManager::GetInstance();
+    if (addresses->IsLocalAddress(address))
+        return {};
+    return addresses->ResolveAddress(address);
+}
+
+bool CConnectionProtocol_HTTP::ExtractAddress(const QOX::CRefCountPtr<CHTTPRequest>& request, std::string& address)
+{
+    address.clear();
+    if (!request)
+        return false;
+    std::string uriHost;
+    std::string uriPort;
+    SplitHostAndPort(request->m_uri, uriHost, uriPort);
+
+    std::string host;
+    std::string port;
+    std::string hostHeader;
+    if (request->GetHeader(HOST_HEADER, hostHeader) && !hostHeader.empty()) {
+        SplitHostAndPort(hostHeader, host, port);
+        if (port.empty())
+            port = uriPort;
+    } else {
+        host = uriHost;
+        port = uriPort;
+    }
+    if (host.empty())
+        return false;
+    if (port.empty())
+        port = DEFAULT_PORT;
+    address = host + PORT_SEPARATOR + port;
+    return true;
+}
+
+} // namespace Proxy
+} // namespace ZRT

@@ -1,0 +1,94 @@
+#pragma once
+
+#include <string>
+
+#include "proxy/core/IConnectionProtocol.h"
+#include "proxy/core/IProxyConnection.h"
+#include "proxy/http/CHTTPRequest.h"
+#include "proxy/http/CHTTPRequestParser.h"
+#include "proxy/http/CHTTPResponse.h"
+#include "proxy/http/CHTTPResponseParser.h"
+#include "runtime/CRefCountPtr.h"
+#include "runtime/Export.h"
+#include "transport/IZRTConnectionAddress.h"
+
+namespace ZRT {
+namespace Proxy {
+
+// The HTTP proxy side of one client. A CONNECT request opens a tunnel; any other request has its
+// target reduced to origin form, its version forced to HTTP/1.0 and its hop-by-hop headers
+// dropped, and goes to the host with the body bytes that came with it. Only the first request and
+// the first response of a connection are parsed; everything after them is relayed unchanged.
+//
+// Runs on the connection's thread only and has no buffer of its own beyond the request parser,
+// whose header block is bounded, so it reports no request backlog.
+class ZRT_EXPORT CConnectionProtocol_HTTP : public IConnectionProtocol {
+public:
+    // Drops the hop-by-hop headers "proxy-connection", "connection" and "keep-alive", so the host
+    // sees a request that asks it to close after answering.
+    class ZRT_EXPORT CProxyHTTPRequest : public CHTTPRequest {
+    public:
+        void AddHeader(const std::string& name, const std::string& value) override;
+    };
+
+    // Splits a Set-Cookie value that joins several cookies with commas into one header each.
+    // A comma followed by a space (as in an Expires date) does not split.
+    class ZRT_EXPORT CProxyHTTPResponse : public CHTTPResponse {
+    public:
+        void AddHeader(const std::string& name, const std::string& value) override;
+    };
+
+    class ZRT_EXPORT CProxyHTTPRequestParser : public CHTTPRequestParser {
+    public:
+        ~CProxyHTTPRequestParser() override;
+        CHTTPPacket* CreatePacket() const override;
+    };
+
+    class ZRT_EXPORT CProxyHTTPResponseParser : public CHTTPResponseParser {
+    public:
+        ~CProxyHTTPResponseParser() override;
+        CHTTPPacket* CreatePacket() const override;
+    };
+
+    // Replies sent to the client; the array sizes include the terminating NUL, never sent.
+    static constexpr char REPLY_CONNECTION_ESTABLISHED[] = "HTTP/1.0 200 Connection established\r\n\r\n";
+    static constexpr char REPLY_BAD_REQUEST[] = "HTTP/1.0 400 Bad Request\r\nKeep-Alive: timeout=5, max=100\r\n\r\n";
+    static constexpr char REPLY_NOT_FOUND[] = "HTTP/1.0 404 Not Found\r\nKeep-Alive: timeout=5, max=100\r\n\r\n";
+    static constexpr int REPLY_CONNECTION_ESTABLISHED_LENGTH = 39;
+
+    // The version written into the forwarded request and the first response.
+    static const std::string ms_httpVersion;
+
+    explicit CConnectionProtocol_HTTP(IProxyConnection& connection);
+    ~CConnectionProtocol_HTTP() override;
+    CConnectionProtocol_HTTP(const CConnectionProtocol_HTTP&) = delete;
+    CConnectionProtocol_HTTP& operator=(const CConnectionProtocol_HTTP&) = delete;
+
+    void Init() override;
+    void Terminate() override;
+    void HandleRequest(const char* data, int length) override;
+    void HandleResponse(const char* data, int length) override;
+    unsigned int GetRequestBacklog() const override { return 0; }
+
+protected:
+    void ProcessHTTPRequest(const char* data, int length);
+    void ProcessHTTPResponse(const char* data, int length);
+    // Sends the reply (the 400 reply when null) and drops the client, unless it is gone already.
+    void SendErrorToClient(const char* reply);
+    // Empty when the request names no host, names this machine, or the name does not resolve.
+    QOX::CRefCountPtr<IZRTConnectionAddress> GetDestination(const QOX::CRefCountPtr<CHTTPRequest>& request);
+    // "host:port" from the Host header, else the target; the port defaults to 80.
+    bool ExtractAddress(const QOX::CRefCountPtr<CHTTPRequest>& request, std::string& address);
+
+private:
+    void ForwardRequest(CHTTPRequest& request);
+
+    CProxyHTTPRequestParser m_requestParser;
+    CProxyHTTPResponseParser m_responseParser;
+    IProxyConnection& m_connection;
+    bool m_requestPassThrough = false;
+    bool m_responsePassThrough = false;
+};
+
+} // namespace Proxy
+} // namespace ZRT

@@ -1,0 +1,237 @@
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "fakes/FakeProxyConnection.h"
+#include "fakes/FakeResolver.h"
+#include "proxy/address/CAddressManager.h"
+#include "proxy/httpproxy/CConnectionProtocol_HTTP.h"
+
+namespace ZRT {
+namespace Proxy {
+namespace {
+
+using Testing::FakeProxyConnection;
+using Testing::FakeResolver;
+
+// Written out here so a change to the handler's texts shows up; 39, 60 and 58 bytes.
+const std::string OK_200 = "HTTP/1.0 200 Connection established\r\n\r\n";
+const std::string BAD_400 = "HTTP/1.0 400 Bad Request\r\nKeep-Alive: timeout=5, max=100\r\n\r\n";
+const std::string NOT_FOUND_404 = "HTTP/1.0 404 Not Found\r\nKeep-Alive: timeout=5, max=100\r\n\r\n";
+
+const std::string BROWSER_REQUEST = "GET http://server1/index.html HTTP/1.1\r\nHost: server1\r\n"
+                                    "Proxy-Connection: keep-alive\r\nUser-Agent: test\r\n\r\n";
+const std::string FORWARDED = "GET /index.html HTTP/1.0\r\nHost: server1\r\nUser-Agent: test\r\n\r\n";
+
+// Opens ExtractAddress to the tests.
+class CTestableHandler : public CConnectionProtocol_HTTP {
+public:
+    using CConnectionProtocol_HTTP::CConnectionProtocol_HTTP;
+    using CConnectionProtocol_HTTP::ExtractAddress;
+};
+
+class HTTPProxyTest : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        for (const char* key : {"server1:80", "server1:443", "server1:8080", "server1:9000"})
+            m_resolver.Script(key, "127.0.0.1");
+        ASSERT_TRUE(CAddressManager::GetInstance()->Init(&m_resolver));
+        CAddressManager::GetInstance()->SetLocalAddressesForTesting({"myself"});
+        m_connection.SetProtocol(&m_handler);
+        m_handler.Init();
+    }
+
+    void TearDown() override { CAddressManager::GetInstance()->Terminate(); }
+
+    void Request(const std::string& bytes) { m_handler.HandleRequest(bytes.data(), static_cast<int>(bytes.size())); }
+
+    FakeResolver m_resolver;
+    FakeProxyConnection m_connection;
+    CTestableHandler m_handler{m_connection};
+};
+
+TEST_F(HTTPProxyTest, ForwardsRewrittenRequestInOneSend)
+{
+    Request(BROWSER_REQUEST);
+    EXPECT_EQ(FORWARDED, m_connection.GetToHost());
+    EXPECT_EQ(1, m_connection.GetSendToHostCalls());
+    EXPECT_EQ(1, m_resolver.GetRequestCount("server1:80"));
+    EXPECT_EQ((std::vector<std::string>{"127.0.0.1:80"}), m_connection.GetMultiPointLayer().GetDestinations());
+    EXPECT_EQ("", m_connection.GetToClient());
+    EXPECT_TRUE(m_connection.IsConnectedToClient());
+}
+
+TEST_F(HTTPProxyTest, ByteByByteRequestIsSentOnlyWhenComplete)
+{
+    for (size_t i = 0; i + 1 < BROWSER_REQUEST.size(); ++i) {
+        Request(BROWSER_REQUEST.substr(i, 1));
+        ASSERT_EQ(0, m_connection.GetConnectCalls()) << "byte " << i;
+    }
+    Request("\n");
+    EXPECT_EQ(FORWARDED, m_connection.GetToHost());
+    EXPECT_EQ(1, m_connection.GetSendToHostCalls());
+}
+
+TEST_F(HTTPProxyTest, RequestRewrites)
+{
+    const std::pair<std::string, std::string> cases[] = {
+        // Hop-by-hop headers go, in any letter case; the others keep their order.
+        {"GET / HTTP/1.1\r\nA: 1\r\nProxy-Connection: keep-alive\r\nHost: server1\r\nCONNECTION: close\r\n"
+         "keep-alive: 300\r\nB: 2\r\nConnection-Extra: x\r\n\r\n",
+         "GET / HTTP/1.0\r\nA: 1\r\nHost: server1\r\nB: 2\r\nConnection-Extra: x\r\n\r\n"},
+        // Without a Host header, or without a path, the target stays.
+        {"GET http://server1/index.html HTTP/1.1\r\nUser-Agent: test\r\n\r\n",
+         "GET http://server1/index.html HTTP/1.0\r\nUser-Agent: test\r\n\r\n"},
+        {"GET http://server1 HTTP/1.1\r\nHost: server1\r\n\r\n",
+         "GET http://server1 HTTP/1.0\r\nHost: server1\r\n\r\n"},
+        {"HEAD http://server1:8080/a/b?c HTTP/1.1\r\nHost: server1:8080\r\n\r\n",
+         "HEAD /a/b?c HTTP/1.0\r\nHost: server1:8080\r\n\r\n"},
+    };
+    for (const auto& c : cases) {
+        FakeProxyConnection connection;
+        CConnectionProtocol_HTTP handler(connection);
+        handler.HandleRequest(c.first.data(), static_cast<int>(c.first.size()));
+        EXPECT_EQ(c.second, connection.GetToHost());
+        EXPECT_EQ(1, connection.GetSendToHostCalls());
+    }
+}
+
+TEST_F(HTTPProxyTest, AddressFromHostHeaderAndTarget)
+{
+    struct SCase {
+        const char* uri;
+        const char* host; // null: no Host header
+        const char* address; // empty: none
+    };
+    const SCase cases[] = {
+        {"http://server1:9000/", "server1:8080", "server1:8080"},
+        {"http://server1:9000/", "server1", "server1:9000"},
+        {"http://server1:9000/", "", "server1:9000"},
+        {"https://server1/x", nullptr, "server1:80"},
+        {"/index.html", "[::1]:8080", "[::1]:8080"},
+        {"/index.html", "[::1]", "[::1]:80"},
+        {"/index.html", "http://h2:7/p", "h2:7"},
+        {"/index.html", nullptr, ""},
+        {"/index.html", ":8080", ""},
+    };
+    for (const SCase& c : cases) {
+        QOX::CRefCountPtr<CHTTPRequest> request(new CHTTPRequest());
+        request->m_method = "GET";
+        request->m_uri = c.uri;
+        if (c.host)
+            request->AddHeader("Host", c.host);
+        std::string address = "stale";
+        const std::string label = std::string(c.uri) + " / " + (c.host ? c.host : "-");
+        EXPECT_EQ(*c.address != '\0', m_handler.ExtractAddress(request, address)) << label;
+        EXPECT_EQ(c.address, address) << label;
+    }
+    std::string address = "stale";
+    EXPECT_FALSE(m_handler.ExtractAddress(QOX::CRefCountPtr<CHTTPRequest>(), address));
+    EXPECT_EQ("", address);
+}
+
+TEST_F(HTTPProxyTest, Refusals)
+{
+    struct SCase {
+        std::string request;
+        std::string reply;
+    };
+    const SCase cases[] = {
+        {"GET /index.html\r\n", BAD_400},
+        {"GET / HTTP/1.1\r\nbroken\r\n\r\n", BAD_400},
+        {"GET / HTTP/1.1\r\n\r\n", NOT_FOUND_404},
+        {"GET / HTTP/1.1\r\nHost: myself:8080\r\n\r\n", NOT_FOUND_404},
+        {"GET / HTTP/1.1\r\nHost: nowhere\r\n\r\n", NOT_FOUND_404},
+    };
+    m_resolver.SetResolveNumeric(false);
+    for (const SCase& c : cases) {
+        FakeProxyConnection connection;
+        CConnectionProtocol_HTTP handler(connection);
+        connection.SetProtocol(&handler);
+        handler.HandleRequest(c.request.data(), static_cast<int>(c.request.size()));
+        EXPECT_EQ(c.reply, connection.GetToClient()) << c.request;
+        EXPECT_FALSE(connection.IsConnectedToClient()) << c.request;
+        EXPECT_EQ(1, connection.GetTerminateCalls());
+        EXPECT_EQ(0, connection.GetMultiPointLayer().GetConnectCount()) << c.request;
+    }
+    EXPECT_EQ(0, m_resolver.GetRequestCount("myself:8080")) << "a local host is never resolved";
+    EXPECT_EQ(1, m_resolver.GetRequestCount("nowhere:80"));
+}
+
+TEST_F(HTTPProxyTest, ConnectFailureIsNotFound)
+{
+    m_connection.GetMultiPointLayer().SetFail(true);
+    Request("CONNECT server1:443 HTTP/1.1\r\n\r\n");
+    EXPECT_EQ(NOT_FOUND_404, m_connection.GetToClient());
+    EXPECT_FALSE(m_connection.IsConnectedToClient());
+    EXPECT_EQ(1, m_connection.GetMultiPointLayer().GetConnectCount());
+}
+
+TEST_F(HTTPProxyTest, ErrorWhenClientIsGoneSendsNothing)
+{
+    m_connection.DisconnectClient();
+    Request("GET /index.html\r\n");
+    EXPECT_EQ("", m_connection.GetToClient());
+    EXPECT_EQ(1, m_connection.GetTerminateCalls());
+}
+
+TEST_F(HTTPProxyTest, ConnectOpensTunnelInEitherCase)
+{
+    for (const std::string method : {"CONNECT", "connect"}) {
+        FakeProxyConnection connection;
+        CConnectionProtocol_HTTP handler(connection);
+        connection.SetProtocol(&handler);
+        // Bytes behind the blank line in the same chunk are not relayed; later ones are.
+        const std::string request = method + " server1:443 HTTP/1.1\r\nHost: server1:443\r\n\r\nEARLY";
+        handler.HandleRequest(request.data(), static_cast<int>(request.size()));
+        EXPECT_EQ(OK_200, connection.GetToClient()) << method;
+        EXPECT_EQ("", connection.GetToHost()) << method;
+        EXPECT_EQ((std::vector<std::string>{"127.0.0.1:443"}), connection.GetMultiPointLayer().GetDestinations());
+
+        handler.HandleRequest("GET / HTTP/1.1\r\n\r\n", 18);
+        EXPECT_EQ("GET / HTTP/1.1\r\n\r\n", connection.GetToHost());
+        // Nothing is parsed in a tunnel, in either direction.
+        const std::string fromHost = "HTTP/1.1 200 OK\r\nSet-Cookie: a=1,b=2\r\n\r\n";
+        handler.HandleResponse(fromHost.data(), static_cast<int>(fromHost.size()));
+        handler.HandleResponse("garbage\n\n", 9);
+        EXPECT_EQ(OK_200 + fromHost + "garbage\n\n", connection.GetToClient());
+        EXPECT_TRUE(connection.IsConnectedToClient());
+    }
+    EXPECT_EQ(1, m_resolver.GetRequestCount("server1:443")) << "the second answer comes from the cache";
+}
+
+TEST_F(HTTPProxyTest, PostBodyTravelsWithTheHeaderBlock)
+{
+    const std::string header =
+        "POST http://server1:8080/form HTTP/1.1\r\nHost: server1:8080\r\nContent-Length: 150\r\n\r\n";
+    const std::string forwarded = "POST /form HTTP/1.0\r\nHost: server1:8080\r\nContent-Length: 150\r\n\r\n";
+    const std::string first(100, 'a');
+    const std::string rest(50, 'b');
+    Request(header + first);
+    EXPECT_EQ(1, m_connection.GetSendToHostCalls());
+    EXPECT_EQ(forwarded + first, m_connection.GetToHost());
+    Request(rest);
+    EXPECT_EQ(2, m_connection.GetSendToHostCalls());
+    EXPECT_EQ(forwarded + first + rest, m_connection.GetToHost());
+}
+
+TEST_F(HTTPProxyTest, SecondRequestPassesRaw)
+{
+    Request(BROWSER_REQUEST);
+    const std::string second = "GET http://elsewhere/x HTTP/1.1\r\nHost: elsewhere\r\nConnection: keep-alive\r\n\r\n";
+    Request(second);
+    EXPECT_EQ(FORWARDED + second, m_connection.GetToHost());
+    EXPECT_EQ(1, m_connection.GetMultiPointLayer().GetConnectCount());
+    EXPECT_EQ(0, m_resolver.GetRequestCount("elsewhere:80"));
+
+    // Once the host link is gone, client bytes are dropped.
+    m_connection.SetHostClosed();
+    Request("more");
+    EXPECT_EQ(FORWARDED + second, m_connection.GetToHost());
+}
+
+} // namespace
+} // namespace Proxy
+} // namespace ZRT
