@@ -1,0 +1,150 @@
+// zrt-loadgen: load generator of the side-by-side benchmark.
+//   zrt-loadgen freeport                 print a free TCP port on 127.0.0.1
+//   zrt-loadgen wait HOST:PORT SECONDS   wait until HOST:PORT accepts connections
+//   zrt-loadgen bench --http-dest A:P --udp-dest A:P [--proxy NAME:CAPS:HOST:PORT:PID]...
+//                     [--ours NAME] [--runs N] [--bulk-bytes N] [--small-bytes N]
+//                     [--tx-seconds S] [--concurrency 1,16,64] [--idle-tunnels N]
+//                     [--idle-seconds S] [--udp-seconds S] [--ttfb-samples N]
+//                     [--tests bulk,upload,tx,idle,udp,ttfb]
+// CAPS letters: s SOCKS5 CONNECT, u SOCKS5 UDP ASSOCIATE, h HTTP GET, c HTTP CONNECT.
+// The bench command prints the Markdown table on stdout and its progress on stderr.
+#include <arpa/inet.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <iostream>
+#include <sstream>
+#include <thread>
+
+#include "LoadScenarios.h"
+
+namespace {
+
+using namespace ZRT::Bench;
+
+int Usage() {
+  std::cerr << "usage: zrt-loadgen freeport | wait HOST:PORT SECONDS | bench --http-dest A:P "
+               "--udp-dest A:P [--proxy NAME:CAPS:HOST:PORT:PID]... [options]\n";
+  return 2;
+}
+
+int FreePort() {
+  const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in a{};
+  a.sin_family = AF_INET;
+  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t len = sizeof a;
+  if (fd < 0 || ::bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) != 0 ||
+      ::getsockname(fd, reinterpret_cast<sockaddr*>(&a), &len) != 0) {
+    return 1;
+  }
+  std::cout << ntohs(a.sin_port) << std::endl;
+  ::close(fd);
+  return 0;
+}
+
+int WaitFor(const std::string& where, double seconds) {
+  SEndpoint ep;
+  if (!SEndpoint::Parse(where, ep)) return Usage();
+  const auto end = Clock::now() + std::chrono::duration_cast<Clock::duration>(
+                                      std::chrono::duration<double>(seconds));
+  while (Clock::now() < end) {
+    CBenchSocket s;
+    if (s.Connect(ep.addr, Clock::now() + std::chrono::milliseconds(500))) return 0;
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  }
+  std::cerr << "zrt-loadgen: nothing accepts on " << where << '\n';
+  return 1;
+}
+
+std::vector<std::string> SplitCommas(const std::string& text) {
+  std::vector<std::string> out;
+  std::stringstream ss(text);
+  std::string item;
+  while (std::getline(ss, item, ',')) {
+    if (!item.empty()) out.push_back(item);
+  }
+  return out;
+}
+
+void RaiseDescriptorLimit() {
+  rlimit lim{};
+  if (::getrlimit(RLIMIT_NOFILE, &lim) == 0 && lim.rlim_cur < lim.rlim_max) {
+    lim.rlim_cur = lim.rlim_max;
+    ::setrlimit(RLIMIT_NOFILE, &lim);
+  }
+}
+
+bool ParseOption(SBenchSettings& s, const std::string& name, const std::string& value,
+                 std::vector<SProxyTarget>& proxies, std::string& ours) {
+  if (name == "--http-dest") return SEndpoint::Parse(value, s.httpDest);
+  if (name == "--udp-dest") return SEndpoint::Parse(value, s.udpDest);
+  if (name == "--ours") {
+    ours = value;
+    return true;
+  }
+  if (name == "--proxy") {
+    SProxyTarget t;
+    if (!SProxyTarget::Parse(value, t)) return false;
+    proxies.push_back(t);
+    return true;
+  }
+  if (name == "--runs") s.runs = std::atoi(value.c_str());
+  else if (name == "--bulk-bytes") s.bulkBytes = std::strtoull(value.c_str(), nullptr, 10);
+  else if (name == "--small-bytes") s.smallBytes = std::strtoull(value.c_str(), nullptr, 10);
+  else if (name == "--tx-seconds") s.txSeconds = std::atof(value.c_str());
+  else if (name == "--idle-tunnels") s.idleTunnels = std::atoi(value.c_str());
+  else if (name == "--idle-seconds") s.idleSeconds = std::atof(value.c_str());
+  else if (name == "--udp-seconds") s.udpSeconds = std::atof(value.c_str());
+  else if (name == "--ttfb-samples") s.ttfbSamples = std::atoi(value.c_str());
+  else if (name == "--concurrency") {
+    s.concurrency.clear();
+    for (const std::string& c : SplitCommas(value)) s.concurrency.push_back(std::atoi(c.c_str()));
+  } else if (name == "--tests") {
+    const std::vector<std::string> tests = SplitCommas(value);
+    s.tests = std::set<std::string>(tests.begin(), tests.end());
+  } else {
+    return false;
+  }
+  return true;
+}
+
+int Bench(int argc, char** argv) {
+  SBenchSettings settings;
+  std::vector<SProxyTarget> proxies;
+  std::string ours = "zrt-proxy";
+  for (int i = 2; i + 1 < argc; i += 2) {
+    if (!ParseOption(settings, argv[i], argv[i + 1], proxies, ours)) {
+      std::cerr << "zrt-loadgen: bad option " << argv[i] << ' ' << argv[i + 1] << '\n';
+      return Usage();
+    }
+  }
+  if (argc % 2 != 0 || settings.httpDest.port == 0 || settings.udpDest.port == 0 ||
+      settings.runs < 1 || settings.runs > 100 || settings.idleTunnels < 1) {
+    return Usage();
+  }
+  for (int c : settings.concurrency) {
+    if (c < 1 || c > 1024) return Usage();
+  }
+  RaiseDescriptorLimit();
+  CLoadScenarios scenarios(settings, proxies, ours);
+  scenarios.Run();
+  scenarios.Table().Print(std::cout);
+  return 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  std::signal(SIGPIPE, SIG_IGN);
+  if (argc < 2) return Usage();
+  const std::string command = argv[1];
+  if (command == "freeport" && argc == 2) return FreePort();
+  if (command == "wait" && argc == 4) return WaitFor(argv[2], std::atof(argv[3]));
+  if (command == "bench") return Bench(argc, argv);
+  return Usage();
+}

@@ -1,0 +1,414 @@
+#include "LoadScenarios.h"
+
+#include <arpa/inet.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cmath>
+#include <cstring>
+#include <iostream>
+#include <thread>
+
+#include "ProcessTree.h"
+#include "Stats.h"
+
+namespace ZRT::Bench {
+
+namespace {
+
+constexpr auto kOpTimeout = std::chrono::seconds(10);
+constexpr auto kBulkTimeout = std::chrono::seconds(90);
+constexpr auto kSettle = std::chrono::milliseconds(200);
+
+double Seconds(Clock::duration d) { return std::chrono::duration<double>(d).count(); }
+
+std::vector<std::string> ColumnNames(const std::vector<SProxyTarget>& targets) {
+  std::vector<std::string> names;
+  for (const SProxyTarget& t : targets) names.push_back(t.name);
+  return names;
+}
+
+std::vector<SProxyTarget> WithDirect(std::vector<SProxyTarget> proxies) {
+  proxies.insert(proxies.begin(), SProxyTarget::Direct());
+  return proxies;
+}
+
+struct SUdpSocket {
+  int fd = -1;
+  ~SUdpSocket() {
+    if (fd >= 0) ::close(fd);
+  }
+};
+
+}  // namespace
+
+std::string SizeText(uint64_t bytes) {
+  if (bytes >= (1ull << 30) && bytes % (1ull << 30) == 0) return std::to_string(bytes >> 30) + " GiB";
+  if (bytes >= (1ull << 20) && bytes % (1ull << 20) == 0) return std::to_string(bytes >> 20) + " MiB";
+  if (bytes >= (1ull << 10) && bytes % (1ull << 10) == 0) return std::to_string(bytes >> 10) + " KiB";
+  return std::to_string(bytes) + " B";
+}
+
+CLoadScenarios::CLoadScenarios(const SBenchSettings& settings, std::vector<SProxyTarget> proxies,
+                               const std::string& ours)
+    : m_settings(settings),
+      m_targets(WithDirect(std::move(proxies))),
+      m_table(ColumnNames(m_targets), ours) {
+  DeclareRows();
+}
+
+void CLoadScenarios::DeclareRows() {
+  const std::string bulk = SizeText(m_settings.bulkBytes);
+  m_table.AddRow("bulk-socks", "Download " + bulk + ", 1 stream, SOCKS5 (MB/s)", true);
+  m_table.AddRow("bulk-http", "Download " + bulk + ", 1 stream, HTTP GET (MB/s)", true);
+  m_table.AddRow("bulk-connect", "Download " + bulk + ", 1 stream, HTTP CONNECT (MB/s)", true);
+  m_table.AddRow("upload-socks", "Upload " + bulk + ", 1 stream, SOCKS5 (MB/s)", true);
+  const std::string small = SizeText(m_settings.smallBytes);
+  for (const char* proto : {"socks", "http"}) {
+    const std::string name = std::string(proto) == "socks" ? "SOCKS5" : "HTTP GET";
+    for (int c : m_settings.concurrency) {
+      const std::string key = std::string("tx-") + proto + "-" + std::to_string(c);
+      const std::string what = name + " connect+handshake+GET " + small + "+close, c=" +
+                               std::to_string(c);
+      m_table.AddRow(key + "-rate", what + " (tx/s)", true);
+      m_table.AddRow(key + "-p50", what + ", p50 (ms)", false);
+      m_table.AddRow(key + "-p99", what + ", p99 (ms)", false);
+    }
+  }
+  const std::string idle = std::to_string(m_settings.idleTunnels) + " idle SOCKS5 tunnels";
+  char secs[32];
+  std::snprintf(secs, sizeof secs, "%g s", m_settings.idleSeconds);
+  m_table.AddRow("idle-cpu", idle + ": proxy CPU over " + secs + " (ms)", false);
+  m_table.AddRow("idle-wake", idle + ": wake-ups/s (voluntary switches)", false);
+  m_table.AddRow("idle-rss", idle + ": RSS growth per tunnel (KiB)", false);
+  m_table.AddRow("idle-pss", idle + ": PSS growth per tunnel (KiB)", false);
+  m_table.AddRow("udp", "UDP echo round trips, 64 B, one client (1/s)", true);
+  for (const char* proto : {"socks", "http"}) {
+    const std::string name = std::string(proto) == "socks" ? "SOCKS5" : "HTTP GET";
+    const std::string key = std::string("ttfb-") + proto;
+    m_table.AddRow(key + "-p50", "Time to first byte, " + name + ", p50 (us)", false);
+    m_table.AddRow(key + "-p99", "Time to first byte, " + name + ", p99 (us)", false);
+  }
+}
+
+void CLoadScenarios::Progress(const std::string& text) const { std::cerr << text << std::endl; }
+
+std::vector<const SProxyTarget*> CLoadScenarios::TargetsFor(EPath path, bool withDirect) const {
+  std::vector<const SProxyTarget*> out;
+  for (const SProxyTarget& t : m_targets) {
+    if (t.IsDirect() ? withDirect : t.Supports(path)) out.push_back(&t);
+  }
+  return out;
+}
+
+void CLoadScenarios::CheckAlive(const char* after) {
+  for (const SProxyTarget& t : m_targets) {
+    if (t.IsDirect() || t.pid <= 0 || m_reportedDead.count(t.name)) continue;
+    if (CProcessTree(t.pid).Alive()) continue;
+    m_reportedDead.insert(t.name);
+    m_table.Note(t.name + " (pid " + std::to_string(t.pid) + ") was no longer running after the " +
+                 after + " test.");
+  }
+}
+
+void CLoadScenarios::WarmUp(EPath path) const {
+  for (const SProxyTarget* t : TargetsFor(path, true)) {
+    const EPath p = t->IsDirect() ? EPath::Direct : path;
+    CProxyClient(*t, p, m_settings.httpDest).Fetch(m_settings.smallBytes, Clock::now() + kOpTimeout);
+  }
+}
+
+void CLoadScenarios::Run() {
+  const auto& tests = m_settings.tests;
+  if (tests.count("bulk")) {
+    RunBulk(EPath::Socks5, "bulk-socks");
+    RunBulk(EPath::HttpGet, "bulk-http");
+    RunBulk(EPath::HttpConnect, "bulk-connect");
+    CheckAlive("download");
+  }
+  if (tests.count("upload")) {
+    RunUpload();
+    CheckAlive("upload");
+  }
+  if (tests.count("tx")) {
+    RunTransactions(EPath::Socks5, "tx-socks");
+    RunTransactions(EPath::HttpGet, "tx-http");
+    CheckAlive("transaction");
+  }
+  if (tests.count("idle")) {
+    RunIdle();
+    CheckAlive("idle-tunnel");
+  }
+  if (tests.count("udp")) {
+    RunUdp();
+    CheckAlive("UDP");
+  }
+  if (tests.count("ttfb")) {
+    RunTtfb(EPath::Socks5, "ttfb-socks");
+    RunTtfb(EPath::HttpGet, "ttfb-http");
+    CheckAlive("time-to-first-byte");
+  }
+}
+
+void CLoadScenarios::RunBulk(EPath path, const std::string& key) {
+  WarmUp(path);
+  for (int run = 1; run <= m_settings.runs; ++run) {
+    for (const SProxyTarget* t : TargetsFor(path, true)) {
+      const EPath p = t->IsDirect() ? EPath::Direct : path;
+      const SFetchResult r =
+          CProxyClient(*t, p, m_settings.httpDest).Fetch(m_settings.bulkBytes, Clock::now() + kBulkTimeout);
+      const double rate = r.ok ? static_cast<double>(r.bodyBytes) / 1e6 / Seconds(r.done - r.requested)
+                               : std::nan("");
+      m_table.Add(key, t->name, rate);
+      Progress("[download " + std::string(PathName(path)) + "] run " + std::to_string(run) + " " +
+               t->name + ": " + (r.ok ? FormatFigure(rate) + " MB/s" : "failed"));
+    }
+  }
+}
+
+void CLoadScenarios::RunUpload() {
+  for (int run = 1; run <= m_settings.runs; ++run) {
+    for (const SProxyTarget* t : TargetsFor(EPath::Socks5, true)) {
+      const EPath p = t->IsDirect() ? EPath::Direct : EPath::Socks5;
+      double seconds = 0;
+      const bool ok = CProxyClient(*t, p, m_settings.httpDest)
+                          .Upload(m_settings.bulkBytes, Clock::now() + kBulkTimeout, seconds);
+      const double rate = ok ? static_cast<double>(m_settings.bulkBytes) / 1e6 / seconds : std::nan("");
+      m_table.Add("upload-socks", t->name, rate);
+      Progress("[upload SOCKS5] run " + std::to_string(run) + " " + t->name + ": " +
+               (ok ? FormatFigure(rate) + " MB/s" : "failed"));
+    }
+  }
+}
+
+void CLoadScenarios::MeasureTransactions(const SProxyTarget& t, EPath path, int clients,
+                                         double& perSecond, double& p50Ms, double& p99Ms,
+                                         long& errors) const {
+  std::vector<std::vector<double>> latencies(static_cast<size_t>(clients));
+  std::vector<long> failures(static_cast<size_t>(clients), 0);
+  std::atomic<bool> go{false};
+  const auto length = std::chrono::duration_cast<Clock::duration>(
+      std::chrono::duration<double>(m_settings.txSeconds));
+  Clock::time_point start;
+  std::vector<std::thread> threads;
+  const CProxyClient client(t, t.IsDirect() ? EPath::Direct : path, m_settings.httpDest);
+  for (int i = 0; i < clients; ++i) {
+    threads.emplace_back([&, i] {
+      while (!go.load()) std::this_thread::yield();
+      const Clock::time_point end = start + length;
+      for (long n = 0; n < 100000000 && Clock::now() < end; ++n) {
+        const SFetchResult r = client.Fetch(m_settings.smallBytes, Clock::now() + kOpTimeout);
+        if (r.ok) {
+          latencies[static_cast<size_t>(i)].push_back(Seconds(r.done - r.start) * 1000.0);
+        } else {
+          ++failures[static_cast<size_t>(i)];
+        }
+      }
+    });
+  }
+  start = Clock::now();
+  go.store(true);
+  for (std::thread& th : threads) th.join();
+  const double elapsed = Seconds(Clock::now() - start);
+  std::vector<double> all;
+  errors = 0;
+  for (int i = 0; i < clients; ++i) {
+    all.insert(all.end(), latencies[static_cast<size_t>(i)].begin(), latencies[static_cast<size_t>(i)].end());
+    errors += failures[static_cast<size_t>(i)];
+  }
+  perSecond = all.empty() ? std::nan("") : static_cast<double>(all.size()) / elapsed;
+  p50Ms = Percentile(all, 0.50);
+  p99Ms = Percentile(all, 0.99);
+}
+
+void CLoadScenarios::RunTransactions(EPath path, const std::string& prefix) {
+  WarmUp(path);
+  for (int clients : m_settings.concurrency) {
+    const std::string key = prefix + "-" + std::to_string(clients);
+    long totalErrors = 0;
+    std::string failing;
+    for (int run = 1; run <= m_settings.runs; ++run) {
+      for (const SProxyTarget* t : TargetsFor(path, true)) {
+        double rate = 0;
+        double p50 = 0;
+        double p99 = 0;
+        long errors = 0;
+        MeasureTransactions(*t, path, clients, rate, p50, p99, errors);
+        m_table.Add(key + "-rate", t->name, rate);
+        m_table.Add(key + "-p50", t->name, p50);
+        m_table.Add(key + "-p99", t->name, p99);
+        if (errors > 0 && failing.find(t->name) == std::string::npos) failing += " " + t->name;
+        totalErrors += errors;
+        Progress("[transactions " + std::string(PathName(path)) + " x" + std::to_string(clients) +
+                 "] run " + std::to_string(run) + " " + t->name + ": " + FormatFigure(rate) +
+                 " tx/s, p50 " + FormatFigure(p50) + " ms, p99 " + FormatFigure(p99) + " ms" +
+                 (errors ? ", " + std::to_string(errors) + " failed" : ""));
+        std::this_thread::sleep_for(kSettle);
+      }
+    }
+    if (totalErrors > 0) {
+      m_table.Note(std::string(PathName(path)) + " transactions with " + std::to_string(clients) +
+                   " clients: " + std::to_string(totalErrors) + " failed over all runs (" +
+                   failing.substr(1) + "); rates count completed ones only.");
+    }
+  }
+}
+
+bool CLoadScenarios::MeasureIdle(const SProxyTarget& t, double& cpuMs, double& wakeups,
+                                 double& rssKiB, double& pssKiB) {
+  const CProcessTree tree(t.pid);
+  const SProcessSample before = tree.Sample();
+  std::vector<CBenchSocket> tunnels;
+  tunnels.reserve(static_cast<size_t>(m_settings.idleTunnels));
+  int failures = 0;
+  for (int i = 0; i < m_settings.idleTunnels && failures < 20; ++i) {
+    CBenchSocket sock;
+    const auto deadline = Clock::now() + kOpTimeout;
+    if (sock.Connect(t.endpoint.addr, deadline) &&
+        CProxyClient::Socks5Connect(sock, m_settings.httpDest, deadline)) {
+      tunnels.push_back(std::move(sock));
+    } else {
+      ++failures;
+    }
+  }
+  if (static_cast<int>(tunnels.size()) != m_settings.idleTunnels) {
+    m_table.Note(t.name + ": only " + std::to_string(tunnels.size()) + " of " +
+                 std::to_string(m_settings.idleTunnels) + " idle tunnels could be opened.");
+    return false;
+  }
+  std::this_thread::sleep_for(std::chrono::milliseconds(500));
+  const SProcessSample held = tree.Sample();
+  std::this_thread::sleep_for(std::chrono::duration<double>(m_settings.idleSeconds));
+  const SProcessSample after = tree.Sample();
+  int closed = 0;
+  for (const CBenchSocket& s : tunnels) {
+    pollfd p{s.Fd(), POLLIN, 0};
+    if (::poll(&p, 1, 0) > 0) ++closed;
+  }
+  tunnels.clear();
+  const double n = static_cast<double>(m_settings.idleTunnels);
+  cpuMs = CProcessTree::TicksToMillis(after.cpuTicks - held.cpuTicks);
+  wakeups = static_cast<double>(after.voluntarySwitches - held.voluntarySwitches) / m_settings.idleSeconds;
+  rssKiB = (static_cast<double>(held.rssKiB) - static_cast<double>(before.rssKiB)) / n;
+  pssKiB = (static_cast<double>(held.pssKiB) - static_cast<double>(before.pssKiB)) / n;
+  Progress("[idle] " + t.name + ": " + std::to_string(held.processes) + " processes, " +
+           std::to_string(held.threads) + " threads while holding the tunnels");
+  if (closed > 0) {
+    m_table.Note(t.name + ": " + std::to_string(closed) + " idle tunnels were closed by the proxy.");
+  }
+  return true;
+}
+
+void CLoadScenarios::RunIdle() {
+  for (int run = 1; run <= m_settings.runs; ++run) {
+    for (const SProxyTarget* t : TargetsFor(EPath::Socks5, false)) {
+      double cpu = std::nan(""), wake = std::nan(""), rss = std::nan(""), pss = std::nan("");
+      const bool ok = t->pid > 0 && MeasureIdle(*t, cpu, wake, rss, pss);
+      m_table.Add("idle-cpu", t->name, cpu);
+      m_table.Add("idle-wake", t->name, wake);
+      m_table.Add("idle-rss", t->name, rss);
+      m_table.Add("idle-pss", t->name, pss);
+      Progress("[idle] run " + std::to_string(run) + " " + t->name + ": " +
+               (ok ? "CPU " + FormatFigure(cpu) + " ms, " + FormatFigure(wake) + " wake-ups/s, RSS +" +
+                         FormatFigure(rss) + " KiB/tunnel, PSS +" + FormatFigure(pss) + " KiB/tunnel"
+                   : "failed"));
+      // Let the proxy tear the tunnels down before the next one is measured.
+      std::this_thread::sleep_for(std::chrono::seconds(1));
+    }
+  }
+}
+
+double CLoadScenarios::MeasureUdp(const SProxyTarget& t, long& lost) const {
+  lost = 0;
+  CBenchSocket control;
+  sockaddr_in relay = m_settings.udpDest.addr;
+  if (!t.IsDirect() &&
+      !CProxyClient::Socks5UdpAssociate(control, t.endpoint, relay, Clock::now() + kOpTimeout)) {
+    return std::nan("");
+  }
+  SUdpSocket udp;
+  udp.fd = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  sockaddr_in local{};
+  local.sin_family = AF_INET;
+  local.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  if (udp.fd < 0 || ::bind(udp.fd, reinterpret_cast<sockaddr*>(&local), sizeof local) != 0 ||
+      ::connect(udp.fd, reinterpret_cast<sockaddr*>(&relay), sizeof relay) != 0) {
+    return std::nan("");
+  }
+  // SOCKS5 UDP header towards the echo: RSV RSV FRAG ATYP=1 addr port.
+  unsigned char out[10 + 64] = {0, 0, 0, 1};
+  std::memcpy(out + 4, &m_settings.udpDest.addr.sin_addr, 4);
+  std::memcpy(out + 8, &m_settings.udpDest.addr.sin_port, 2);
+  const size_t header = t.IsDirect() ? 0 : 10;
+  unsigned char* payload = out + 10;
+  std::memset(payload, 'p', 64);
+  unsigned char in[2048];
+  long ok = 0;
+  const auto start = Clock::now();
+  const auto end = start + std::chrono::duration_cast<Clock::duration>(
+                               std::chrono::duration<double>(m_settings.udpSeconds));
+  for (uint32_t seq = 1; seq < 100000000 && Clock::now() < end; ++seq) {
+    std::memcpy(payload, &seq, sizeof seq);
+    if (::send(udp.fd, out + 10 - header, header + 64, 0) < 0) return std::nan("");
+    bool answered = false;
+    for (int reads = 0; reads < 100 && !answered; ++reads) {
+      pollfd p{udp.fd, POLLIN, 0};
+      if (::poll(&p, 1, 200) <= 0) break;
+      const ssize_t n = ::recv(udp.fd, in, sizeof in, 0);
+      if (n < 0) return std::nan("");
+      // A late answer to an earlier datagram is skipped.
+      answered = static_cast<size_t>(n) >= header + 64 && std::memcmp(in + header, &seq, sizeof seq) == 0;
+    }
+    if (answered) {
+      ++ok;
+    } else {
+      ++lost;
+    }
+  }
+  return static_cast<double>(ok) / Seconds(Clock::now() - start);
+}
+
+void CLoadScenarios::RunUdp() {
+  std::vector<const SProxyTarget*> targets;
+  for (const SProxyTarget& t : m_targets) {
+    if (t.SupportsUdp()) targets.push_back(&t);
+  }
+  for (int run = 1; run <= m_settings.runs; ++run) {
+    for (const SProxyTarget* t : targets) {
+      long lost = 0;
+      const double rate = MeasureUdp(*t, lost);
+      m_table.Add("udp", t->name, rate);
+      Progress("[udp] run " + std::to_string(run) + " " + t->name + ": " +
+               (std::isnan(rate) ? std::string("failed") : FormatFigure(rate) + " round trips/s") +
+               (lost ? ", " + std::to_string(lost) + " lost" : ""));
+      if (lost > 0) {
+        m_table.Note(t->name + ": " + std::to_string(lost) + " UDP datagrams lost in run " +
+                     std::to_string(run) + " (200 ms wait each).");
+      }
+    }
+  }
+}
+
+void CLoadScenarios::RunTtfb(EPath path, const std::string& prefix) {
+  WarmUp(path);
+  for (int run = 1; run <= m_settings.runs; ++run) {
+    for (const SProxyTarget* t : TargetsFor(path, true)) {
+      const CProxyClient client(*t, t->IsDirect() ? EPath::Direct : path, m_settings.httpDest);
+      std::vector<double> samples;
+      for (int i = 0; i < m_settings.ttfbSamples; ++i) {
+        const SFetchResult r = client.Fetch(m_settings.smallBytes, Clock::now() + kOpTimeout);
+        samples.push_back(r.ok ? Seconds(r.firstByte - r.start) * 1e6 : std::nan(""));
+      }
+      const double p50 = Percentile(samples, 0.50);
+      const double p99 = Percentile(samples, 0.99);
+      m_table.Add(prefix + "-p50", t->name, p50);
+      m_table.Add(prefix + "-p99", t->name, p99);
+      Progress("[ttfb " + std::string(PathName(path)) + "] run " + std::to_string(run) + " " +
+               t->name + ": p50 " + FormatFigure(p50) + " us, p99 " + FormatFigure(p99) + " us");
+    }
+  }
+}
+
+}  // namespace ZRT::Bench

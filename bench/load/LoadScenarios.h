@@ -1,0 +1,64 @@
+#pragma once
+// The side-by-side measurements. Every measure is taken runs times, the targets interleaved within
+// each run (direct, A, B, C, direct, A, B, C, ...), and recorded per run in the result table.
+#include <cstdint>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "ProxyClient.h"
+#include "ResultTable.h"
+
+namespace ZRT::Bench {
+
+struct SBenchSettings {
+  SEndpoint httpDest;  // serves GET /bytes/N and POST /upload
+  SEndpoint udpDest;   // UDP echo
+  int runs = 5;
+  uint64_t bulkBytes = 1ull << 30;
+  uint64_t smallBytes = 100;
+  double txSeconds = 1.0;
+  std::vector<int> concurrency{1, 16, 64};
+  int idleTunnels = 1000;
+  double idleSeconds = 10.0;
+  double udpSeconds = 1.0;
+  int ttfbSamples = 200;
+  std::set<std::string> tests{"bulk", "upload", "tx", "idle", "udp", "ttfb"};
+};
+
+class CLoadScenarios {
+ public:
+  CLoadScenarios(const SBenchSettings& settings, std::vector<SProxyTarget> proxies,
+                 const std::string& ours);
+
+  void Run();
+  const CResultTable& Table() const { return m_table; }
+
+ private:
+  void DeclareRows();
+  void RunBulk(EPath path, const std::string& key);
+  void RunUpload();
+  void RunTransactions(EPath path, const std::string& prefix);
+  void RunIdle();
+  void RunUdp();
+  void RunTtfb(EPath path, const std::string& prefix);
+
+  void MeasureTransactions(const SProxyTarget& t, EPath path, int clients, double& perSecond,
+                           double& p50Ms, double& p99Ms, long& errors) const;
+  bool MeasureIdle(const SProxyTarget& t, double& cpuMs, double& wakeups, double& rssKiB,
+                   double& pssKiB);
+  double MeasureUdp(const SProxyTarget& t, long& lost) const;
+  void WarmUp(EPath path) const;
+  std::vector<const SProxyTarget*> TargetsFor(EPath path, bool withDirect) const;
+  void CheckAlive(const char* after);
+  void Progress(const std::string& text) const;
+
+  SBenchSettings m_settings;
+  std::vector<SProxyTarget> m_targets;  // direct first
+  CResultTable m_table;
+  std::set<std::string> m_reportedDead;
+};
+
+std::string SizeText(uint64_t bytes);
+
+}  // namespace ZRT::Bench

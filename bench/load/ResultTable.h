@@ -1,0 +1,42 @@
+#pragma once
+// Collects one figure per run for every (measure, target) pair and prints the medians as a
+// Markdown table with the ratios of our proxy to the direct path and to each peer.
+#include <map>
+#include <ostream>
+#include <string>
+#include <vector>
+
+namespace ZRT::Bench {
+
+class CResultTable {
+ public:
+  CResultTable(std::vector<std::string> columns, std::string ours)
+      : m_columns(std::move(columns)), m_ours(std::move(ours)) {}
+
+  // Declares a row; rows print in the order declared.
+  void AddRow(const std::string& key, const std::string& label, bool higherIsBetter);
+  // One run's figure; NaN records a failed run.
+  void Add(const std::string& key, const std::string& column, double value);
+  void Note(const std::string& text) { m_notes.push_back(text); }
+  void Print(std::ostream& out) const;
+
+ private:
+  struct SRow {
+    std::string key;
+    std::string label;
+    bool higherIsBetter = true;
+    std::map<std::string, std::vector<double>> values;
+  };
+  std::string Cell(const SRow& row, const std::string& column) const;
+  std::string RatioCell(const SRow& row, const std::string& column) const;
+  double MedianOf(const SRow& row, const std::string& column, bool& present) const;
+
+  std::vector<std::string> m_columns;
+  std::string m_ours;
+  std::vector<SRow> m_rows;
+  std::vector<std::string> m_notes;
+};
+
+std::string FormatFigure(double value);
+
+}  // namespace ZRT::Bench

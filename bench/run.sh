@@ -1,0 +1,222 @@
+#!/usr/bin/env bash
+# Side-by-side benchmark: zrt-proxy against the proxies people use (microsocks, Dante, tinyproxy),
+# plus the direct path as the physical limit. Everything runs on loopback; each peer runs in the
+# foreground as a child of this script with a config file in a temp dir, and is killed at the end.
+#
+# usage: bench/run.sh BUILD_DIR [--quick] [--runs N] [--note TEXT] [--out FILE] [--no-peers]
+#   --quick     small sizes, 1 run: a smoke test (writes no results file unless --out is given)
+#   --runs N    runs per figure (default 5; the median is reported)
+#   --note TEXT one more line for the results header (e.g. that the machine was shared)
+#   --out FILE  where the results go (default bench/RESULTS.md for a full run)
+#   --no-peers  measure only zrt-proxy and the direct path (no peer packages needed)
+set -euo pipefail
+
+ROOT=$(cd "$(dirname "$0")/.." && pwd)
+COMMAND_LINE="bench/run.sh $*"
+BUILD=${1:-}
+if [ -z "$BUILD" ] || [ "${BUILD#--}" != "$BUILD" ]; then
+  sed -n '2,13p' "$0" | sed 's/^# \{0,1\}//' >&2
+  exit 2
+fi
+shift
+case "$BUILD" in /*) ;; *) BUILD="$ROOT/$BUILD" ;; esac
+
+QUICK=0
+RUNS=5
+NOTE=""
+OUT=""
+PEERS=1
+while [ $# -gt 0 ]; do
+  case "$1" in
+    --quick) QUICK=1 ;;
+    --runs) RUNS=$2; shift ;;
+    --note) NOTE=$2; shift ;;
+    --out) OUT=$2; shift ;;
+    --no-peers) PEERS=0 ;;
+    *) echo "run.sh: unknown option $1" >&2; exit 2 ;;
+  esac
+  shift
+done
+
+if [ "$QUICK" = 1 ]; then
+  [ "$RUNS" = 5 ] && RUNS=1
+  SIZES=(--bulk-bytes $((16 << 20)) --tx-seconds 0.3 --idle-tunnels 100 --idle-seconds 1
+         --udp-seconds 0.3 --ttfb-samples 20)
+else
+  SIZES=(--bulk-bytes $((1 << 30)) --tx-seconds 1 --idle-tunnels 1000 --idle-seconds 10
+         --udp-seconds 1 --ttfb-samples 200)
+  [ -z "$OUT" ] && OUT="$ROOT/bench/RESULTS.md"
+fi
+
+log() { echo "run.sh: $*" >&2; }
+NOTES=()
+
+# --- build -------------------------------------------------------------------------------------
+if [ ! -f "$BUILD/CMakeCache.txt" ]; then
+  cmake -S "$ROOT" -B "$BUILD" -G Ninja -DCMAKE_BUILD_TYPE=Release -DZRT_BUILD_BENCH=ON \
+        -DZRT_BUILD_TESTS=OFF >&2
+fi
+cmake --build "$BUILD" --target zrt-loadgen zrt-bench-dest -j "$(nproc)" >&2
+TOOLS="$BUILD/bench/load"
+OURS_BIN="$BUILD/zrt-proxy"
+if ! cmake --build "$BUILD" --target zrt-proxy -j "$(nproc)" >"$BUILD/zrt-proxy-build.log" 2>&1; then
+  log "zrt-proxy did not build (see $BUILD/zrt-proxy-build.log)"
+  OURS_BIN=""
+  NOTES+=("zrt-proxy was not measured: it did not build at this commit.")
+fi
+
+# --- peers -------------------------------------------------------------------------------------
+have_peer_binaries() { command -v microsocks >/dev/null && command -v danted >/dev/null &&
+                       command -v tinyproxy >/dev/null; }
+if [ "$PEERS" = 1 ] && ! have_peer_binaries; then
+  if [ "$(id -u)" = 0 ]; then
+    log "installing microsocks dante-server tinyproxy"
+    export DEBIAN_FRONTEND=noninteractive
+    apt-get install -y -qq microsocks dante-server tinyproxy >&2 ||
+      { apt-get update -qq >&2 && apt-get install -y -qq microsocks dante-server tinyproxy >&2; } ||
+      log "could not install the peers"
+  else
+    log "peers missing and not root: they are skipped"
+  fi
+fi
+
+# The 1,000-tunnel test needs two descriptors per tunnel in the proxy and one in the client.
+ulimit -n "$(ulimit -Hn)" 2>/dev/null || true
+if [ "$(ulimit -n)" != unlimited ] && [ "$(ulimit -n)" -lt 4096 ]; then
+  NOTES+=("descriptor limit only $(ulimit -n): the idle-tunnel test may fail.")
+fi
+
+WORK=$(mktemp -d /tmp/zrt-bench.XXXXXX)
+chmod 0755 "$WORK"
+mkdir -m 0777 "$WORK/logs"  # tinyproxy drops to nobody before it opens its log
+PIDS=()
+cleanup() {
+  local pid
+  for pid in "${PIDS[@]}"; do kill "$pid" 2>/dev/null || true; done
+  for pid in "${PIDS[@]}"; do
+    for _ in $(seq 1 50); do kill -0 "$pid" 2>/dev/null || break; sleep 0.1; done
+    kill -9 "$pid" 2>/dev/null || true
+  done
+  rm -rf "$WORK"
+}
+trap cleanup EXIT
+trap 'exit 130' INT TERM
+
+freeport() { "$TOOLS/zrt-loadgen" freeport; }
+wait_port() { "$TOOLS/zrt-loadgen" wait "127.0.0.1:$1" 10 >/dev/null 2>&1; }
+
+# --- destinations ------------------------------------------------------------------------------
+# HTTP destinations live on 127.0.0.2: the host name resolves to 127.0.0.1, which zrt-proxy's HTTP
+# handler refuses as the machine itself.
+"$TOOLS/zrt-bench-dest" --http 127.0.0.2:0 --udp 127.0.0.2:0 --max-seconds 3000 \
+  >"$WORK/dest.out" 2>"$WORK/logs/dest.err" &
+PIDS+=($!)
+for _ in $(seq 1 100); do grep -q '^ready' "$WORK/dest.out" 2>/dev/null && break; sleep 0.1; done
+HTTP_DEST=$(awk '/^http /{print $2}' "$WORK/dest.out")
+UDP_DEST=$(awk '/^udp /{print $2}' "$WORK/dest.out")
+[ -n "$HTTP_DEST" ] && [ -n "$UDP_DEST" ] || { log "destination server did not start"; exit 1; }
+
+PROXIES=()
+start_proxy() {  # NAME CAPS PORT LOGNAME COMMAND...
+  local name=$1 caps=$2 port=$3 logname=$4
+  shift 4
+  "$@" >"$WORK/logs/$logname.log" 2>&1 &
+  local pid=$!
+  PIDS+=("$pid")
+  if wait_port "$port" && kill -0 "$pid" 2>/dev/null; then
+    PROXIES+=(--proxy "$name:$caps:127.0.0.1:$port:$pid")
+    log "$name listening on 127.0.0.1:$port (pid $pid)"
+  else
+    log "$name did not start:"; tail -5 "$WORK/logs/$logname.log" >&2 || true
+    NOTES+=("$name was not measured: it did not start.")
+  fi
+}
+
+if [ -n "$OURS_BIN" ]; then
+  port=$(freeport)
+  start_proxy zrt-proxy shcu "$port" zrt-proxy "$OURS_BIN" --port "$port" --listen 127.0.0.1
+fi
+
+if [ "$PEERS" = 1 ] && command -v microsocks >/dev/null; then
+  port=$(freeport)
+  start_proxy microsocks s "$port" microsocks microsocks -i 127.0.0.1 -p "$port"
+fi
+
+if [ "$PEERS" = 1 ] && command -v danted >/dev/null; then
+  port=$(freeport)
+  cat >"$WORK/danted.conf" <<EOF
+logoutput: stderr
+errorlog: stderr
+internal: 127.0.0.1 port = $port
+external: 127.0.0.1
+clientmethod: none
+socksmethod: none
+user.privileged: root
+user.unprivileged: nobody
+client pass { from: 127.0.0.0/8 to: 0.0.0.0/0 }
+socks pass { from: 127.0.0.0/8 to: 0.0.0.0/0 command: connect udpassociate }
+socks pass { from: 0.0.0.0/0 to: 127.0.0.0/8 command: udpreply }
+EOF
+  start_proxy dante su "$port" danted danted -f "$WORK/danted.conf" -p "$WORK/danted.pid"
+fi
+
+if [ "$PEERS" = 1 ] && command -v tinyproxy >/dev/null; then
+  port=$(freeport)
+  cat >"$WORK/tinyproxy.conf" <<EOF
+User nobody
+Group nogroup
+Port $port
+Listen 127.0.0.1
+Timeout 600
+MaxClients 256
+LogFile "$WORK/logs/tinyproxy-own.log"
+LogLevel Critical
+PidFile "$WORK/logs/tinyproxy.pid"
+DisableViaHeader Yes
+EOF
+  start_proxy tinyproxy hc "$port" tinyproxy tinyproxy -d -c "$WORK/tinyproxy.conf"
+fi
+
+# --- measure -----------------------------------------------------------------------------------
+LOAD_BEFORE=$(cut -d' ' -f1-3 /proc/loadavg)
+START=$(date +%s)
+"$TOOLS/zrt-loadgen" bench --http-dest "$HTTP_DEST" --udp-dest "$UDP_DEST" --ours zrt-proxy \
+  --runs "$RUNS" "${SIZES[@]}" "${PROXIES[@]}" >"$WORK/table.md"
+ELAPSED=$(( $(date +%s) - START ))
+LOAD_AFTER=$(cut -d' ' -f1-3 /proc/loadavg)
+
+version() { dpkg-query -W -f='${Version}' "$1" 2>/dev/null || echo "not installed"; }
+CPU=$(awk -F': ' '/^model name/{print $2; exit}' /proc/cpuinfo)
+OURS_REV=$(git -C "$ROOT" rev-parse --short HEAD 2>/dev/null || echo unknown)
+if ! git -C "$ROOT" diff --quiet HEAD -- daemon proxy runtime transport host 2>/dev/null; then
+  OURS_REV="$OURS_REV (with uncommitted changes)"
+fi
+
+{
+  echo "# Side-by-side benchmark results"
+  echo
+  echo "- Command: \`$COMMAND_LINE\`"
+  echo "- Date: $(date -u '+%Y-%m-%d %H:%M UTC'); the run took ${ELAPSED} s"
+  echo "- Machine: $(nproc) CPUs, $CPU, kernel $(uname -r)"
+  echo "- Load average (1/5/15 min) before: $LOAD_BEFORE, after: $LOAD_AFTER"
+  echo "- zrt-proxy at commit $OURS_REV; microsocks $(version microsocks), dante-server $(version dante-server), tinyproxy $(version tinyproxy)"
+  [ -n "$NOTE" ] && echo "- Note: $NOTE"
+  for n in "${NOTES[@]}"; do echo "- $n"; done
+  echo
+  echo "Each figure is the median of $RUNS run(s); within a run the targets take turns (direct, zrt-proxy,"
+  echo "peers, then again). \"direct\" talks to the destination without a proxy: the physical limit."
+  echo "Ratio columns divide zrt-proxy's median by the other column's; read them with the \"better\" column."
+  echo "MB = 10^6 bytes. Destinations: HTTP on $HTTP_DEST (GET /bytes/N, POST /upload), UDP echo on $UDP_DEST."
+  echo "Idle test: CPU is utime+stime of the proxy and its child processes while the tunnels stay idle;"
+  echo "wake-ups are voluntary context switches of all their threads per second; RSS/PSS growth is"
+  echo "measured between before opening and after opening the tunnels, divided by their number"
+  echo "(RSS counts shared pages once per process, so PSS is the fairer figure for Dante's children)."
+  echo
+  cat "$WORK/table.md"
+} >"$WORK/results.md"
+
+cat "$WORK/results.md"
+if [ -n "$OUT" ]; then
+  cp "$WORK/results.md" "$OUT"
+  log "results written to $OUT"
+fi
