@@ -1,14 +1,7 @@
 #include "proxy/core/CConnectionProtocolFactory.h"
 
-// Until both handlers are in the tree, a missing one yields no handler (tests install their own).
-#if __has_include("proxy/socks5/CConnectionProtocol_SOCKS5.h") && __has_include("proxy/socks5/CConnectionProtocol_SOCKS5.cpp")
-#include "proxy/socks5/CConnectionProtocol_SOCKS5.h"
-#define ZRT_HAVE_SOCKS5_HANDLER 1
-#endif
-#if __has_include("proxy/httpproxy/CConnectionProtocol_HTTP.h") && __has_include("proxy/httpproxy/CConnectionProtocol_HTTP.cpp")
 #include "proxy/httpproxy/CConnectionProtocol_HTTP.h"
-#define ZRT_HAVE_HTTP_HANDLER 1
-#endif
+#include "proxy/socks5/CConnectionProtocol_SOCKS5.h"
 
 namespace ZRT {
 namespace Proxy {
@@ -41,19 +34,9 @@ IConnectionProtocol* CConnectionProtocolFactory::CreateProtocol(IProxyConnection
 
 IConnectionProtocol* CConnectionProtocolFactory::CreateBuiltIn(IProxyConnection& connection, const char* data)
 {
-    if (static_cast<unsigned char>(data[0]) == SOCKS5_VERSION) {
-#ifdef ZRT_HAVE_SOCKS5_HANDLER
+    if (static_cast<unsigned char>(data[0]) == SOCKS5_VERSION)
         return new CConnectionProtocol_SOCKS5(connection);
-#else
-        return nullptr;
-#endif
-    }
-#ifdef ZRT_HAVE_HTTP_HANDLER
     return new CConnectionProtocol_HTTP(connection);
-#else
-    (void)connection;
-    return nullptr;
-#endif
 }
 
 void CConnectionProtocolFactory::SetCreatorForTesting(Creator creator)
