@@ -1,0 +1,69 @@
+#pragma once
+
+#include <cstdint>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "host/CEventLoopPool.h"
+#include "host/CSinkRegistry.h"
+#include "host/IEventHandler.h"
+#include "runtime/CRefCount_Base.h"
+#include "runtime/CRefCountPtr.h"
+#include "transport/IConnectionListener.h"
+
+namespace ZRT {
+namespace Host {
+
+// Listens for SOCKS5 BIND on real TCP sockets. Each StartListening binds a new socket on a port
+// the system picks, on the configured local address of the request's family (127.0.0.1 and ::1
+// unless told otherwise), and accepts up to `count` connections, each handed to the receiver as
+// a CTcpDataLayer. After StopListening returns, the receiver hears nothing more.
+class CDirectConnectionListener : public IConnectionListener {
+public:
+    CDirectConnectionListener(CEventLoopPool& loops, std::string ipv4Address = "127.0.0.1",
+                              std::string ipv6Address = "::1");
+    ~CDirectConnectionListener() override;
+
+    QOX::CRefCountPtr<IZRTConnectionAddress> StartListening(const IZRTConnectionAddress& address, int count,
+                                                            IConnectionReceiver* receiver) override;
+    void StopListening(const IZRTConnectionAddress& address) override;
+
+private:
+    class CListeningSocket : public QOX::CRefCount_Base, public IEventHandler {
+    public:
+        CListeningSocket(int socket, int count, IConnectionReceiver* receiver, CEventLoopPool& loops,
+                         CEventLoop& loop);
+        ~CListeningSocket() override;
+
+        long AddRef() override { return QOX::CRefCount_Base::AddRef(); }
+        long ReleaseRef() override { return QOX::CRefCount_Base::ReleaseRef(); }
+        void* GetReferencedObject() const override { return QOX::CRefCount_Base::GetReferencedObject(); }
+
+        bool Start();
+        // No call reaches the receiver after it returns (unless made from inside that call).
+        void Stop();
+        const IZRTConnectionAddress& GetAddress() const { return *m_address; }
+        void OnEvents(uint32_t events) override;
+
+    private:
+        int m_socket;
+        int m_remaining;
+        IConnectionReceiver* m_receiver;
+        CEventLoopPool& m_loops;
+        CEventLoop& m_loop;
+        CSinkRegistry<IConnectionReceiver> m_receivers;
+        QOX::CRefCountPtr<IZRTConnectionAddress> m_address;
+        std::mutex m_mutex;
+        uint64_t m_token = 0;
+    };
+
+    CEventLoopPool& m_loops;
+    std::string m_ipv4Address;
+    std::string m_ipv6Address;
+    std::mutex m_mutex;
+    std::vector<QOX::CRefCountPtr<CListeningSocket>> m_sockets;
+};
+
+} // namespace Host
+} // namespace ZRT

@@ -1,0 +1,234 @@
+#include "host/CDirectDatagramHandler.h"
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/epoll.h>
+#include <sys/socket.h>
+
+#include <cerrno>
+#include <cstring>
+#include <vector>
+
+#include "host/CSocketHandle.h"
+#include "transport/CSocketUtils.h"
+#include "transport/CTCPIPAddress.h"
+
+namespace ZRT {
+namespace Host {
+
+namespace {
+constexpr size_t MAX_DATAGRAM = 65536;
+// Datagrams read per readiness event before the loop turns to other sockets.
+constexpr int MAX_READS_PER_EVENT = 32;
+
+// A dual-stack IPv6 socket if possible, else IPv4; bound to the wildcard address, port 0.
+int OpenSocket(int& family)
+{
+    CSocketHandle socket(::socket(AF_INET6, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+    if (socket.IsValid()) {
+        const int off = 0;
+        sockaddr_in6 any{};
+        any.sin6_family = AF_INET6;
+        any.sin6_addr = in6addr_any;
+        if (setsockopt(socket.Get(), IPPROTO_IPV6, IPV6_V6ONLY, &off, sizeof(off)) == 0 &&
+            bind(socket.Get(), reinterpret_cast<sockaddr*>(&any), sizeof(any)) == 0) {
+            family = AF_INET6;
+            return socket.Release();
+        }
+    }
+    socket.Reset(::socket(AF_INET, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+    sockaddr_in any{};
+    any.sin_family = AF_INET;
+    any.sin_addr.s_addr = htonl(INADDR_ANY);
+    if (!socket.IsValid() || bind(socket.Get(), reinterpret_cast<sockaddr*>(&any), sizeof(any)) != 0)
+        return -1;
+    family = AF_INET;
+    return socket.Release();
+}
+
+// An IPv4 peer seen through a dual-stack socket is reported in its plain IPv4 form.
+void UnmapAddress(sockaddr_storage& address, socklen_t& length)
+{
+    if (address.ss_family != AF_INET6)
+        return;
+    const auto* v6 = reinterpret_cast<const sockaddr_in6*>(&address);
+    if (!IN6_IS_ADDR_V4MAPPED(&v6->sin6_addr))
+        return;
+    sockaddr_in v4{};
+    v4.sin_family = AF_INET;
+    v4.sin_port = v6->sin6_port;
+    std::memcpy(&v4.sin_addr, &v6->sin6_addr.s6_addr[12], 4);
+    std::memset(&address, 0, sizeof(address));
+    std::memcpy(&address, &v4, sizeof(v4));
+    length = sizeof(v4);
+}
+
+// The reverse, for sending an IPv4 destination through a dual-stack socket.
+void MapAddress(sockaddr_storage& address, socklen_t& length)
+{
+    if (address.ss_family != AF_INET)
+        return;
+    const sockaddr_in v4 = *reinterpret_cast<const sockaddr_in*>(&address);
+    sockaddr_in6 v6{};
+    v6.sin6_family = AF_INET6;
+    v6.sin6_port = v4.sin_port;
+    v6.sin6_addr.s6_addr[10] = 0xff;
+    v6.sin6_addr.s6_addr[11] = 0xff;
+    std::memcpy(&v6.sin6_addr.s6_addr[12], &v4.sin_addr, 4);
+    std::memset(&address, 0, sizeof(address));
+    std::memcpy(&address, &v6, sizeof(v6));
+    length = sizeof(v6);
+}
+} // namespace
+
+CDirectDatagramHandler::~CDirectDatagramHandler()
+{
+    std::map<int, QOX::CRefCountPtr<CRegistration>> registrations;
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        registrations.swap(m_registrations);
+    }
+    for (auto& entry : registrations)
+        entry.second->Stop();
+}
+
+int CDirectDatagramHandler::RegisterReceiver(const IZRTConnectionAddress& /*address*/, IDatagramReceiver* receiver)
+{
+    if (!receiver)
+        return -1;
+    int family = AF_UNSPEC;
+    const int socket = OpenSocket(family);
+    if (socket < 0)
+        return -1;
+    int handle = -1;
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        handle = m_nextHandle++;
+        if (m_nextHandle < 1)
+            m_nextHandle = 1;
+    }
+    QOX::CRefCountPtr<CRegistration> registration(new CRegistration(socket, handle, receiver, m_loops.Next()));
+    if (!registration->Start())
+        return -1;
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_registrations[handle] = registration;
+    return handle;
+}
+
+void CDirectDatagramHandler::UnregisterReceiver(int handle)
+{
+    QOX::CRefCountPtr<CRegistration> registration;
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        auto found = m_registrations.find(handle);
+        if (found == m_registrations.end())
+            return;
+        registration = found->second;
+        m_registrations.erase(found);
+    }
+    registration->Stop();
+}
+
+void CDirectDatagramHandler::SendDatagram(int handle, const IZRTConnectionAddress& destination,
+                                          const unsigned char* data, int length)
+{
+    QOX::CRefCountPtr<CRegistration> registration = Find(handle);
+    if (registration && data && length >= 0)
+        registration->Send(destination, data, length);
+}
+
+unsigned int CDirectDatagramHandler::GetLocalPort(int handle)
+{
+    QOX::CRefCountPtr<CRegistration> registration = Find(handle);
+    return registration ? registration->GetLocalPort() : 0;
+}
+
+QOX::CRefCountPtr<CDirectDatagramHandler::CRegistration> CDirectDatagramHandler::Find(int handle)
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    auto found = m_registrations.find(handle);
+    return found == m_registrations.end() ? QOX::CRefCountPtr<CRegistration>() : found->second;
+}
+
+CDirectDatagramHandler::CRegistration::CRegistration(int socket, int handle, IDatagramReceiver* receiver,
+                                                     CEventLoop& loop)
+    : m_socket(socket), m_handle(handle), m_receiver(receiver), m_loop(loop)
+{
+    sockaddr_storage local{};
+    socklen_t length = sizeof(local);
+    getsockname(socket, reinterpret_cast<sockaddr*>(&local), &length);
+    m_family = local.ss_family;
+    m_receivers.Add(receiver);
+}
+
+CDirectDatagramHandler::CRegistration::~CRegistration()
+{
+    // Closed only here: the loop's thread may still be reading it until its last reference goes.
+    CSocketUtils::CloseSocket(m_socket);
+}
+
+bool CDirectDatagramHandler::CRegistration::Start()
+{
+    m_token = m_loop.Add(m_socket, EPOLLIN, QOX::CRefCountPtr<IEventHandler>(this));
+    return m_token != 0;
+}
+
+void CDirectDatagramHandler::CRegistration::Stop()
+{
+    m_loop.Remove(m_token, m_socket);
+    m_receivers.Remove(m_receiver);
+}
+
+void CDirectDatagramHandler::CRegistration::Send(const IZRTConnectionAddress& destination,
+                                                 const unsigned char* data, int length)
+{
+    sockaddr_storage address{};
+    int size = sizeof(address);
+    if (!destination.GetSockAddr(reinterpret_cast<sockaddr*>(&address), &size))
+        return;
+    socklen_t addressLength = static_cast<socklen_t>(size);
+    if (m_family == AF_INET6)
+        MapAddress(address, addressLength);
+    // UDP: a datagram the socket cannot take now is lost, as it could be on the wire.
+    sendto(m_socket, data, static_cast<size_t>(length), MSG_DONTWAIT | MSG_NOSIGNAL,
+           reinterpret_cast<sockaddr*>(&address), addressLength);
+}
+
+unsigned int CDirectDatagramHandler::CRegistration::GetLocalPort() const
+{
+    sockaddr_storage local{};
+    socklen_t length = sizeof(local);
+    if (getsockname(m_socket, reinterpret_cast<sockaddr*>(&local), &length) != 0)
+        return 0;
+    CTCPIPAddress address;
+    return address.SetAddress(*reinterpret_cast<sockaddr*>(&local), length) ? address.GetPortNumber() : 0;
+}
+
+void CDirectDatagramHandler::CRegistration::OnEvents(uint32_t /*events*/)
+{
+    thread_local std::vector<unsigned char> scratch(MAX_DATAGRAM);
+    for (int turn = 0; turn < MAX_READS_PER_EVENT; ++turn) {
+        sockaddr_storage source{};
+        socklen_t length = sizeof(source);
+        const ssize_t count = recvfrom(m_socket, scratch.data(), scratch.size(), MSG_DONTWAIT,
+                                       reinterpret_cast<sockaddr*>(&source), &length);
+        if (count < 0) {
+            // A refusal reported for an earlier send is not the end of the socket.
+            if (errno == EAGAIN || errno == EWOULDBLOCK)
+                return;
+            continue;
+        }
+        UnmapAddress(source, length);
+        CTCPIPAddress sender;
+        if (!sender.SetAddress(*reinterpret_cast<sockaddr*>(&source), length))
+            continue;
+        const bool delivered = m_receivers.Call(m_receiver, [&](IDatagramReceiver* receiver) {
+            receiver->OnDatagramReceived(m_handle, sender, scratch.data(), static_cast<int>(count));
+        });
+        if (!delivered)
+            return;
+    }
+}
+
+} // namespace Host
+} // namespace ZRT

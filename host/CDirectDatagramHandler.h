@@ -1,0 +1,70 @@
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <mutex>
+
+#include "host/CEventLoopPool.h"
+#include "host/CSinkRegistry.h"
+#include "host/IEventHandler.h"
+#include "runtime/CRefCount_Base.h"
+#include "runtime/CRefCountPtr.h"
+#include "transport/IDatagramHandler.h"
+
+namespace ZRT {
+namespace Host {
+
+// One UDP socket per registration, bound to the wildcard address on a port the system picks.
+// The socket is dual-stack IPv6 where the machine allows it (IPv4 peers appear as plain IPv4
+// addresses), plain IPv4 otherwise. Datagrams are read on a loop's thread; after
+// UnregisterReceiver returns, none reaches the receiver.
+class CDirectDatagramHandler : public IDatagramHandler {
+public:
+    explicit CDirectDatagramHandler(CEventLoopPool& loops) : m_loops(loops) {}
+    ~CDirectDatagramHandler() override;
+
+    int RegisterReceiver(const IZRTConnectionAddress& address, IDatagramReceiver* receiver) override;
+    void UnregisterReceiver(int handle) override;
+    void SendDatagram(int handle, const IZRTConnectionAddress& destination, const unsigned char* data,
+                      int length) override;
+
+    // The local port of a registration's socket (0 if unknown); lets tests and tools find it.
+    unsigned int GetLocalPort(int handle);
+
+private:
+    class CRegistration : public QOX::CRefCount_Base, public IEventHandler {
+    public:
+        CRegistration(int socket, int handle, IDatagramReceiver* receiver, CEventLoop& loop);
+        ~CRegistration() override;
+
+        long AddRef() override { return QOX::CRefCount_Base::AddRef(); }
+        long ReleaseRef() override { return QOX::CRefCount_Base::ReleaseRef(); }
+        void* GetReferencedObject() const override { return QOX::CRefCount_Base::GetReferencedObject(); }
+
+        bool Start();
+        // Stops delivery; waits for a delivery running on another thread.
+        void Stop();
+        void Send(const IZRTConnectionAddress& destination, const unsigned char* data, int length);
+        unsigned int GetLocalPort() const;
+        void OnEvents(uint32_t events) override;
+
+    private:
+        int m_socket;
+        int m_family;
+        int m_handle;
+        IDatagramReceiver* m_receiver;
+        CEventLoop& m_loop;
+        CSinkRegistry<IDatagramReceiver> m_receivers;
+        uint64_t m_token = 0;
+    };
+
+    QOX::CRefCountPtr<CRegistration> Find(int handle);
+
+    CEventLoopPool& m_loops;
+    std::mutex m_mutex;
+    std::map<int, QOX::CRefCountPtr<CRegistration>> m_registrations;
+    int m_nextHandle = 1;
+};
+
+} // namespace Host
+} // namespace ZRT

@@ -1,0 +1,62 @@
+#include "host/CDirectMultiPointLayer.h"
+
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <poll.h>
+#include <sys/socket.h>
+
+#include <cerrno>
+#include <chrono>
+
+#include "host/CSocketHandle.h"
+#include "host/CTcpDataLayer.h"
+
+namespace ZRT {
+namespace Host {
+
+namespace {
+// Waits for a non-blocking connect to finish; true when it succeeded.
+bool WaitConnected(int socket, int timeoutMs)
+{
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+    for (;;) {
+        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+        if (left.count() <= 0)
+            return false;
+        pollfd entry{socket, POLLOUT, 0};
+        const int ready = poll(&entry, 1, static_cast<int>(left.count()));
+        if (ready < 0 && errno == EINTR)
+            continue;
+        if (ready <= 0)
+            return false;
+        int error = 0;
+        socklen_t length = sizeof(error);
+        return getsockopt(socket, SOL_SOCKET, SO_ERROR, &error, &length) == 0 && error == 0;
+    }
+}
+} // namespace
+
+QOX::CRefCountPtr<IZRTDataLayer> CDirectMultiPointLayer::Connect(const IZRTConnectionAddress& destination,
+                                                                 const IZRTConnectionAddress& /*source*/)
+{
+    sockaddr_storage address{};
+    int length = sizeof(address);
+    if (!destination.GetSockAddr(reinterpret_cast<sockaddr*>(&address), &length))
+        return {};
+    CSocketHandle socket(::socket(address.ss_family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, IPPROTO_TCP));
+    if (!socket.IsValid())
+        return {};
+    const int on = 1;
+    setsockopt(socket.Get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on));
+    if (connect(socket.Get(), reinterpret_cast<sockaddr*>(&address), static_cast<socklen_t>(length)) != 0) {
+        if (errno != EINPROGRESS && errno != EINTR)
+            return {};
+        if (!WaitConnected(socket.Get(), CONNECT_TIMEOUT_MS))
+            return {};
+    }
+    QOX::CRefCountPtr<CTcpDataLayer> layer = CTcpDataLayer::Create(socket.Release(), m_loops.Next());
+    return QOX::CRefCountPtr<IZRTDataLayer>(layer.Get());
+}
+
+} // namespace Host
+} // namespace ZRT

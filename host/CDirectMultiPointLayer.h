@@ -1,0 +1,26 @@
+#pragma once
+
+#include "host/CEventLoopPool.h"
+#include "transport/IZRTMultiPointLayer.h"
+
+namespace ZRT {
+namespace Host {
+
+// Opens host links as plain TCP connections from this machine. Connect blocks its caller (up to
+// CONNECT_TIMEOUT_MS); the link it returns is then driven by one of the pool's loops.
+class CDirectMultiPointLayer : public IZRTMultiPointLayer {
+public:
+    static constexpr int CONNECT_TIMEOUT_MS = 10000;
+
+    explicit CDirectMultiPointLayer(CEventLoopPool& loops) : m_loops(loops) {}
+
+    // The source (the engine's client) plays no part in a direct connection.
+    QOX::CRefCountPtr<IZRTDataLayer> Connect(const IZRTConnectionAddress& destination,
+                                             const IZRTConnectionAddress& source) override;
+
+private:
+    CEventLoopPool& m_loops;
+};
+
+} // namespace Host
+} // namespace ZRT

@@ -1,0 +1,168 @@
+#include "host/CEventLoop.h"
+
+#include <sys/epoll.h>
+
+#include <cerrno>
+
+namespace ZRT {
+namespace Host {
+
+namespace {
+constexpr int MAX_EVENTS = 64;
+
+bool AddToEpoll(int epoll, int socket, uint32_t events, uint64_t token)
+{
+    epoll_event event{};
+    event.events = events;
+    event.data.u64 = token;
+    return epoll_ctl(epoll, EPOLL_CTL_ADD, socket, &event) == 0;
+}
+} // namespace
+
+CEventLoop::CEventLoop() : m_epoll(epoll_create1(EPOLL_CLOEXEC)), m_wake(true)
+{
+    if (m_epoll.IsValid()) {
+        AddToEpoll(m_epoll.Get(), m_stopEvent.GetWaitHandle(), EPOLLIN, STOP_TOKEN);
+        AddToEpoll(m_epoll.Get(), m_wake.GetWaitHandle(), EPOLLIN, WAKE_TOKEN);
+    }
+}
+
+CEventLoop::~CEventLoop()
+{
+    Stop();
+}
+
+bool CEventLoop::Start()
+{
+    return m_epoll.IsValid() && StartThread(false);
+}
+
+void CEventLoop::Stop()
+{
+    if (GetThreadStatus() == STATUS_RUNNING || GetThreadStatus() == STATUS_STOPPING)
+        StopThread(-1);
+    // Released outside the lock: a handler's destructor may come back to Remove.
+    std::map<uint64_t, QOX::CRefCountPtr<IEventHandler>> handlers;
+    std::deque<Task> tasks;
+    std::multimap<Clock::time_point, Task> delayed;
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        handlers.swap(m_handlers);
+        tasks.swap(m_tasks);
+        delayed.swap(m_delayed);
+    }
+}
+
+uint64_t CEventLoop::Add(int socket, uint32_t events, QOX::CRefCountPtr<IEventHandler> handler)
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    const uint64_t token = m_nextToken++;
+    if (!AddToEpoll(m_epoll.Get(), socket, events, token))
+        return 0;
+    m_handlers[token] = std::move(handler);
+    return token;
+}
+
+bool CEventLoop::Modify(uint64_t token, int socket, uint32_t events)
+{
+    epoll_event event{};
+    event.events = events;
+    event.data.u64 = token;
+    return epoll_ctl(m_epoll.Get(), EPOLL_CTL_MOD, socket, &event) == 0;
+}
+
+void CEventLoop::Remove(uint64_t token, int socket)
+{
+    QOX::CRefCountPtr<IEventHandler> handler;
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        epoll_ctl(m_epoll.Get(), EPOLL_CTL_DEL, socket, nullptr);
+        auto found = m_handlers.find(token);
+        if (found == m_handlers.end())
+            return;
+        handler = std::move(found->second);
+        m_handlers.erase(found);
+    }
+}
+
+void CEventLoop::Post(Task task)
+{
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_tasks.push_back(std::move(task));
+    }
+    m_wake.SignalEvent();
+}
+
+void CEventLoop::PostDelayed(int milliseconds, Task task)
+{
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_delayed.emplace(Clock::now() + std::chrono::milliseconds(milliseconds), std::move(task));
+    }
+    m_wake.SignalEvent();
+}
+
+int CEventLoop::Run()
+{
+    epoll_event events[MAX_EVENTS];
+    for (;;) {
+        const int count = epoll_wait(m_epoll.Get(), events, MAX_EVENTS, NextTimeout());
+        if (count < 0 && errno != EINTR)
+            return 0;
+        for (int i = 0; i < count; ++i) {
+            const uint64_t token = events[i].data.u64;
+            if (token == STOP_TOKEN)
+                return 1;
+            if (token == WAKE_TOKEN)
+                m_wake.ResetEvent();
+            else
+                Dispatch(token, events[i].events);
+        }
+        RunTasks();
+    }
+}
+
+void CEventLoop::Dispatch(uint64_t token, uint32_t events)
+{
+    QOX::CRefCountPtr<IEventHandler> handler;
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        auto found = m_handlers.find(token);
+        if (found == m_handlers.end())
+            return;
+        handler = found->second;
+    }
+    handler->OnEvents(events);
+}
+
+void CEventLoop::RunTasks()
+{
+    std::deque<Task> ready;
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        ready.swap(m_tasks);
+        const Clock::time_point now = Clock::now();
+        while (!m_delayed.empty() && m_delayed.begin()->first <= now) {
+            ready.push_back(std::move(m_delayed.begin()->second));
+            m_delayed.erase(m_delayed.begin());
+        }
+    }
+    for (Task& task : ready)
+        task();
+}
+
+int CEventLoop::NextTimeout()
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    if (!m_tasks.empty())
+        return 0;
+    if (m_delayed.empty())
+        return -1;
+    const auto wait = std::chrono::duration_cast<std::chrono::milliseconds>(m_delayed.begin()->first - Clock::now());
+    // Rounded up, so a delayed task is never woken for a moment too early and spun on.
+    return wait.count() < 0 ? 0 : static_cast<int>(wait.count()) + 1;
+}
+
+} // namespace Host
+} // namespace ZRT

@@ -1,0 +1,72 @@
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <map>
+#include <mutex>
+
+#include "host/CSocketHandle.h"
+#include "host/IEventHandler.h"
+#include "runtime/CEvent.h"
+#include "runtime/CRefCountPtr.h"
+#include "runtime/CThread.h"
+
+namespace ZRT {
+namespace Host {
+
+// One transport thread: an epoll loop over the sockets of the direct host, plus a queue of tasks
+// and delayed tasks run on the same thread. It sleeps in epoll_wait until a socket, a task or the
+// next delayed task is due; nothing wakes it while idle.
+//
+// Registrations are named by tokens, never reused, so an event still in flight for a socket that
+// was removed (and whose number may already belong to a new socket) finds nothing.
+class CEventLoop : private QOX::CThread {
+public:
+    using Task = std::function<void()>;
+
+    CEventLoop();
+    ~CEventLoop() override;
+    CEventLoop(const CEventLoop&) = delete;
+    CEventLoop& operator=(const CEventLoop&) = delete;
+
+    bool Start();
+    // Stops the thread and drops every registration and pending task (releasing their references).
+    void Stop();
+
+    // Watches socket for events (EPOLLIN/EPOLLOUT); the loop holds a reference on the handler
+    // until Remove. Returns the token, or 0 on failure. Any thread.
+    uint64_t Add(int socket, uint32_t events, QOX::CRefCountPtr<IEventHandler> handler);
+    bool Modify(uint64_t token, int socket, uint32_t events);
+    // After it returns no new OnEvents starts for this token; one running on the loop's thread
+    // may still finish.
+    void Remove(uint64_t token, int socket);
+
+    void Post(Task task);
+    void PostDelayed(int milliseconds, Task task);
+
+    bool IsLoopThread() const { return QOX::CThread::IsCurrentThread(*this); }
+
+private:
+    using Clock = std::chrono::steady_clock;
+    static constexpr uint64_t STOP_TOKEN = 1;
+    static constexpr uint64_t WAKE_TOKEN = 2;
+    static constexpr uint64_t FIRST_TOKEN = 16;
+
+    int Run() override;
+    void Dispatch(uint64_t token, uint32_t events);
+    void RunTasks();
+    int NextTimeout();
+
+    CSocketHandle m_epoll;
+    QOX::CEvent m_wake;
+    std::mutex m_mutex;
+    std::map<uint64_t, QOX::CRefCountPtr<IEventHandler>> m_handlers;
+    std::deque<Task> m_tasks;
+    std::multimap<Clock::time_point, Task> m_delayed;
+    uint64_t m_nextToken = FIRST_TOKEN;
+};
+
+} // namespace Host
+} // namespace ZRT

@@ -1,0 +1,34 @@
+#include "host/CEventLoopPool.h"
+
+namespace ZRT {
+namespace Host {
+
+CEventLoopPool::CEventLoopPool(int threads)
+{
+    if (threads < 1)
+        threads = 1;
+    for (int i = 0; i < threads; ++i) {
+        m_loops.push_back(std::make_unique<CEventLoop>());
+        m_running = m_loops.back()->Start() && m_running;
+    }
+}
+
+CEventLoopPool::~CEventLoopPool()
+{
+    Stop();
+}
+
+CEventLoop& CEventLoopPool::Next()
+{
+    const unsigned int index = m_next.fetch_add(1) % static_cast<unsigned int>(m_loops.size());
+    return *m_loops[index];
+}
+
+void CEventLoopPool::Stop()
+{
+    for (auto& loop : m_loops)
+        loop->Stop();
+}
+
+} // namespace Host
+} // namespace ZRT

@@ -1,0 +1,399 @@
+#include "host/CTcpDataLayer.h"
+
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/epoll.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <vector>
+
+#include "transport/CSocketUtils.h"
+
+namespace ZRT {
+namespace Host {
+
+namespace {
+// Reads per readiness event before the loop turns to other sockets (level-triggered: it comes back).
+constexpr int MAX_READS_PER_EVENT = 8;
+constexpr size_t READ_CHUNK = 64 * 1024;
+
+bool CopyAddress(const sockaddr_storage& stored, socklen_t storedLength, sockaddr* address, int* length)
+{
+    if (!address || !length || storedLength == 0 || *length < static_cast<int>(storedLength))
+        return false;
+    std::memcpy(address, &stored, storedLength);
+    *length = static_cast<int>(storedLength);
+    return true;
+}
+} // namespace
+
+QOX::CRefCountPtr<CTcpDataLayer> CTcpDataLayer::Create(int socket, CEventLoop& loop)
+{
+    QOX::CRefCountPtr<CTcpDataLayer> layer(new CTcpDataLayer(socket, loop));
+    std::lock_guard<std::mutex> lock(layer->m_mutex);
+    // Registered under the lock, so an event that comes at once waits for the token to be stored.
+    layer->m_interest = EPOLLIN;
+    layer->m_token = loop.Add(socket, EPOLLIN, QOX::CRefCountPtr<IEventHandler>(layer.Get()));
+    if (layer->m_token == 0)
+        return {};
+    return layer;
+}
+
+CTcpDataLayer::CTcpDataLayer(int socket, CEventLoop& loop) : m_loop(loop), m_socket(socket)
+{
+    CSocketUtils::SetSocketBlocking(socket, false);
+    const int on = 1;
+    setsockopt(socket, IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on));
+    m_localLength = sizeof(m_local);
+    if (getsockname(socket, reinterpret_cast<sockaddr*>(&m_local), &m_localLength) != 0)
+        m_localLength = 0;
+    m_remoteLength = sizeof(m_remote);
+    if (getpeername(socket, reinterpret_cast<sockaddr*>(&m_remote), &m_remoteLength) != 0)
+        m_remoteLength = 0;
+}
+
+CTcpDataLayer::~CTcpDataLayer()
+{
+    CSocketUtils::CloseSocket(m_socket);
+}
+
+int CTcpDataLayer::ReceiveData(unsigned char* buffer, int size)
+{
+    if (!buffer || size <= 0)
+        return 0;
+    bool postClose = false;
+    int count = 0;
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        count = static_cast<int>(m_received.Take(buffer, static_cast<size_t>(size)));
+        if (m_readPaused && m_received.Size() <= RECEIVE_RESUME) {
+            m_readPaused = false;
+            UpdateInterestLocked();
+        }
+        if (m_received.Empty() && (m_eofSeen || m_failed) && !m_closeReported && !m_closePosted) {
+            m_closePosted = true;
+            postClose = true;
+        }
+    }
+    if (postClose)
+        PostAdvanceClose();
+    return count;
+}
+
+int CTcpDataLayer::SendData(const unsigned char* data, int size)
+{
+    if (!data || size <= 0)
+        return 0;
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        if (m_socket < 0 || m_failed || m_disconnectRequested || m_closeReported || m_writeShut)
+            return -1;
+        size_t offset = 0;
+        while (m_unsent.Empty() && offset < static_cast<size_t>(size)) {
+            const ssize_t sent = send(m_socket, data + offset, static_cast<size_t>(size) - offset,
+                                      MSG_NOSIGNAL | MSG_DONTWAIT);
+            if (sent > 0) {
+                offset += static_cast<size_t>(sent);
+                continue;
+            }
+            if (sent < 0 && errno == EINTR)
+                continue;
+            if (sent < 0 && errno != EAGAIN && errno != EWOULDBLOCK)
+                m_failed = true;
+            break;
+        }
+        if (!m_failed) {
+            m_unsent.Append(data + offset, static_cast<size_t>(size) - offset);
+            if (m_unsent.Size() > SEND_HIGH_WATER)
+                m_sendOverHigh = true;
+            UpdateInterestLocked();
+            return size;
+        }
+    }
+    // The socket itself is only ever closed on the loop's thread.
+    PostAdvanceClose();
+    return -1;
+}
+
+bool CTcpDataLayer::GetLocalAddress(sockaddr* address, int* length) const
+{
+    return CopyAddress(m_local, m_localLength, address, length);
+}
+
+bool CTcpDataLayer::GetRemoteAddress(sockaddr* address, int* length) const
+{
+    return CopyAddress(m_remote, m_remoteLength, address, length);
+}
+
+bool CTcpDataLayer::AddNotification(IZRTDataLayerNotification* sink)
+{
+    if (!sink || !m_sinks.Add(sink))
+        return false;
+    bool catchUp = false;
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        catchUp = !m_received.Empty() || m_closeReported || m_eofSeen || m_failed;
+    }
+    if (catchUp) {
+        // Bytes or a close that came before the sink registered: tell it too, from the loop.
+        QOX::CRefCountPtr<CTcpDataLayer> self(this);
+        m_loop.Post([self] {
+            bool data = false;
+            bool closed = false;
+            {
+                std::lock_guard<std::mutex> lock(self->m_mutex);
+                data = !self->m_received.Empty();
+                closed = self->m_closeReported;
+            }
+            if (data)
+                self->NotifyData();
+            if (closed)
+                self->NotifyClosed();
+            else
+                self->AdvanceClose();
+        });
+    }
+    return true;
+}
+
+bool CTcpDataLayer::RemoveNotification(IZRTDataLayerNotification* sink)
+{
+    return sink && m_sinks.Remove(sink);
+}
+
+bool CTcpDataLayer::IsConnected() const
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return m_socket >= 0 && !m_failed && !m_eofSeen && !m_disconnectRequested && !m_closeReported;
+}
+
+unsigned int CTcpDataLayer::GetReceiveBacklog() const
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return static_cast<unsigned int>(m_received.Size());
+}
+
+void CTcpDataLayer::Disconnect()
+{
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        if (m_disconnectRequested || m_closeReported)
+            return;
+        m_disconnectRequested = true;
+    }
+    PostAdvanceClose();
+}
+
+unsigned int CTcpDataLayer::GetSendBacklog() const
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return static_cast<unsigned int>(m_unsent.Size());
+}
+
+void CTcpDataLayer::OnEvents(uint32_t events)
+{
+    const bool trouble = (events & (EPOLLERR | EPOLLHUP)) != 0;
+    bool gotData = false;
+    if (events & (EPOLLIN | EPOLLERR | EPOLLHUP))
+        gotData = ReadSocket();
+    bool drained = false;
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        if (events & (EPOLLOUT | EPOLLERR | EPOLLHUP))
+            drained = FlushLocked();
+        // A hang-up while not reading would be reported again and again: the peer is gone.
+        if (trouble && !(m_interest & EPOLLIN))
+            m_failed = true;
+        if (m_failed) {
+            m_unsent.Clear();
+            ReleaseSocketLocked();
+        } else {
+            UpdateInterestLocked();
+        }
+    }
+    if (gotData)
+        NotifyData();
+    if (drained)
+        NotifyDrained();
+    AdvanceClose();
+}
+
+bool CTcpDataLayer::ReadSocket()
+{
+    thread_local std::vector<unsigned char> scratch(READ_CHUNK);
+    bool gotData = false;
+    for (int turn = 0; turn < MAX_READS_PER_EVENT; ++turn) {
+        int socket = -1;
+        size_t room = 0;
+        {
+            std::lock_guard<std::mutex> lock(m_mutex);
+            if (m_socket < 0 || m_eofSeen || m_failed)
+                return gotData;
+            // After the close was reported, reading only drains the socket for a clean FIN.
+            room = m_closeReported ? READ_CHUNK : RECEIVE_LIMIT - std::min(m_received.Size(), RECEIVE_LIMIT);
+            if (room == 0) {
+                m_readPaused = true;
+                return gotData;
+            }
+            socket = m_socket;
+        }
+        // Only this thread closes the socket, so it is safe to read it without the lock.
+        const ssize_t count = recv(socket, scratch.data(), std::min(room, READ_CHUNK), 0);
+        const int error = errno;
+        std::lock_guard<std::mutex> lock(m_mutex);
+        if (count > 0) {
+            if (!m_closeReported) {
+                m_received.Append(scratch.data(), static_cast<size_t>(count));
+                gotData = true;
+            }
+            continue;
+        }
+        if (count == 0) {
+            m_eofSeen = true;
+            return gotData;
+        }
+        if (error == EINTR)
+            continue;
+        if (error != EAGAIN && error != EWOULDBLOCK)
+            m_failed = true;
+        return gotData;
+    }
+    return gotData;
+}
+
+bool CTcpDataLayer::FlushLocked()
+{
+    while (!m_unsent.Empty() && m_socket >= 0 && !m_failed) {
+        const ssize_t sent = send(m_socket, m_unsent.Front(), m_unsent.Size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+        if (sent > 0) {
+            m_unsent.Consume(static_cast<size_t>(sent));
+            continue;
+        }
+        if (sent < 0 && errno == EINTR)
+            continue;
+        if (sent < 0 && (errno == EAGAIN || errno == EWOULDBLOCK))
+            break;
+        m_failed = true;
+        m_unsent.Clear();
+    }
+    if (m_failed || !m_sendOverHigh || m_unsent.Size() > SEND_LOW_WATER)
+        return false;
+    m_sendOverHigh = false;
+    return true;
+}
+
+void CTcpDataLayer::UpdateInterestLocked()
+{
+    if (m_token == 0 || m_socket < 0)
+        return;
+    uint32_t wanted = 0;
+    if (!m_eofSeen && !m_failed && (m_closeReported || !m_readPaused))
+        wanted |= EPOLLIN;
+    if (!m_unsent.Empty() && !m_failed)
+        wanted |= EPOLLOUT;
+    if (wanted == m_interest)
+        return;
+    m_interest = wanted;
+    m_loop.Modify(m_token, m_socket, wanted);
+}
+
+void CTcpDataLayer::AdvanceClose()
+{
+    bool report = false;
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_closePosted = false;
+        if (m_failed && m_socket >= 0) {
+            m_unsent.Clear();
+            ReleaseSocketLocked();
+        }
+        const bool peerDone = (m_eofSeen || m_failed) && m_received.Empty();
+        if (!m_closeReported && (m_disconnectRequested || peerDone)) {
+            m_closeReported = true;
+            m_received.Clear();
+            m_readPaused = false;
+            report = true;
+        }
+    }
+    if (report)
+        NotifyClosed();
+    std::lock_guard<std::mutex> lock(m_mutex);
+    if (m_closeReported)
+        LingerLocked();
+}
+
+void CTcpDataLayer::LingerLocked()
+{
+    if (m_socket < 0)
+        return;
+    if (m_failed) {
+        ReleaseSocketLocked();
+        return;
+    }
+    if (m_unsent.Empty()) {
+        if (!m_writeShut) {
+            shutdown(m_socket, SHUT_WR);
+            m_writeShut = true;
+        }
+        if (m_eofSeen) {
+            ReleaseSocketLocked();
+            return;
+        }
+    }
+    UpdateInterestLocked();
+    if (m_lingerArmed)
+        return;
+    m_lingerArmed = true;
+    QOX::CRefCountPtr<CTcpDataLayer> self(this);
+    m_loop.PostDelayed(LINGER_MS, [self] {
+        std::lock_guard<std::mutex> lock(self->m_mutex);
+        self->m_failed = true;
+        self->m_unsent.Clear();
+        self->ReleaseSocketLocked();
+    });
+}
+
+void CTcpDataLayer::ReleaseSocketLocked()
+{
+    // Callers on the loop's thread hold their own reference, so the loop's may go here.
+    if (m_token != 0) {
+        m_loop.Remove(m_token, m_socket);
+        m_token = 0;
+    }
+    CSocketUtils::CloseSocket(m_socket);
+    m_socket = -1;
+    m_interest = 0;
+}
+
+void CTcpDataLayer::PostAdvanceClose()
+{
+    QOX::CRefCountPtr<CTcpDataLayer> self(this);
+    m_loop.Post([self] { self->AdvanceClose(); });
+}
+
+void CTcpDataLayer::NotifyData()
+{
+    m_sinks.CallAll([this](IZRTDataLayerNotification* sink) { sink->OnDataReceived(*this); });
+}
+
+void CTcpDataLayer::NotifyDrained()
+{
+    m_sinks.CallAll([this](IZRTDataLayerNotification* sink) { sink->OnSendDrained(*this); });
+}
+
+void CTcpDataLayer::NotifyClosed()
+{
+    for (IZRTDataLayerNotification* sink : m_sinks.Snapshot()) {
+        {
+            std::lock_guard<std::mutex> lock(m_mutex);
+            if (!m_toldClosed.insert(sink).second)
+                continue;
+        }
+        m_sinks.Call(sink, [this](IZRTDataLayerNotification* target) { target->OnConnectionClosed(*this); });
+    }
+}
+
+} // namespace Host
+} // namespace ZRT
