@@ -44,11 +44,14 @@ CProxy::CProxy(EProxyMode mode) : CThread(false), m_mode(mode) {}
 
 CProxy::~CProxy()
 {
-    // The host stops the server first; this only makes sure no thread outlives the object.
-    if (GetThreadStatus() == STATUS_RUNNING || GetThreadStatus() == STATUS_STOPPING)
-        StopThread(-1);
+    // The host stops the server first; this only makes sure that no thread outlives the object
+    // and no connection keeps a pointer to it. The address manager is left alone.
     const int socket = m_listenSocket.exchange(-1);
+    const int status = GetThreadStatus();
+    if (status == STATUS_RUNNING || status == STATUS_STOPPING)
+        StopThread(-1);
     CSocketUtils::CloseSocket(socket);
+    CloseProxyConnections();
 }
 
 bool CProxy::StartProxy(int port, IResolveAddress* resolver, IZRTMultiPointLayer* multiPointLayer,

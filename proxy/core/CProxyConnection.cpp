@@ -155,6 +155,12 @@ int CProxyConnection::Run()
             FlushClientOutput();
         if ((turn.events & POLLIN) && (ready & (POLLIN | POLLERR | POLLHUP)))
             ReadDataFromClient();
+        if (m_clientEnded) {
+            PumpHostData();
+            if (GetClientBacklog() == 0 && GetHostBacklog() == 0)
+                break;
+            continue;
+        }
         if (!m_protocol)
             continue;
         PumpHostData();
@@ -195,6 +201,8 @@ CProxyConnection::STurn CProxyConnection::PlanTurn(bool lingering)
 
 bool CProxyConnection::MayReadClient()
 {
+    if (m_clientEnded)
+        return false;
     if (!m_protocol)
         return true;
     QOX::CRefCountPtr<IZRTDataLayer> link;
@@ -222,6 +230,8 @@ void CProxyConnection::ReadDataFromClient()
     }
     if (count < 0 && WouldBlock(error))
         return;
+    if (count == 0 && EndClientInput())
+        return;
     if (count <= 0) {
         DisconnectClient();
         return;
@@ -245,6 +255,18 @@ void CProxyConnection::ReadDataFromClient()
         protocol->Init();
     }
     m_protocol->HandleRequest(buffer, length);
+}
+
+bool CProxyConnection::EndClientInput()
+{
+    QOX::CLock hold(m_mutex);
+    if (m_clientOutput.empty() && m_hostData.IsEmpty())
+        return false;
+    // What the connection already took from the host still reaches the client; the link is not
+    // drained any further.
+    m_clientEnded = true;
+    m_hostPaused = true;
+    return true;
 }
 
 void CProxyConnection::FlushClientOutput()
@@ -336,7 +358,7 @@ void CProxyConnection::ResumeHostLink()
 {
     {
         QOX::CLock hold(m_mutex);
-        if (!m_hostPaused || m_hostData.GetSize() >= HOST_DATA_LOW_WATER)
+        if (!m_hostPaused || m_clientEnded || m_hostData.GetSize() >= HOST_DATA_LOW_WATER)
             return;
         m_hostPaused = false;
         QOX::CRefCountPtr<IZRTDataLayer> link = m_hostDataLayer;
@@ -536,9 +558,12 @@ void CProxyConnection::OnConnectionClosed(IZRTDataLayer& dataLayer)
         QOX::CRefCountPtr<IZRTDataLayer> link = m_hostDataLayer;
         if (link && link.Get() == &dataLayer) {
             current = true;
-            // What the link still holds is delivered too; it can no longer grow.
-            DrainLinkLocked(*link, false);
-            m_hostPaused = false;
+            // What the link still holds is delivered too (it can no longer grow), unless the
+            // client has stopped taking more from the host.
+            if (!m_clientEnded) {
+                DrainLinkLocked(*link, false);
+                m_hostPaused = false;
+            }
             m_hostDataLayer.Reset();
             m_hostClosed = true;
             link->RemoveNotification(this);

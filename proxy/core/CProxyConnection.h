@@ -112,6 +112,8 @@ private:
     };
 
     void ReadDataFromClient();
+    // The client sent its last byte; false when nothing is left for it and it can go at once.
+    bool EndClientInput();
     STurn PlanTurn(bool lingering);
     bool MayReadClient();
     void FlushClientOutput();
@@ -151,6 +153,10 @@ private:
     // OnDataReceived left bytes in the link because m_hostData was full.
     bool m_hostPaused = false;
     bool m_initialized = false;
+    // The client closed its sending side while host bytes were still queued for it: the
+    // connection stops reading the client and the link, delivers what it holds, then disconnects.
+    // Written under m_mutex on the connection's thread.
+    bool m_clientEnded = false;
     QOX::CEvent m_wakeEvent{true};
 };
 

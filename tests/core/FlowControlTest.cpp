@@ -2,6 +2,8 @@
 #include <atomic>
 #include <thread>
 
+#include <sys/socket.h>
+
 #include "CoreTestSupport.h"
 
 namespace ZRT {
@@ -111,6 +113,29 @@ TEST_F(ProxyTest, SlowClientGetsEveryByteWhileTheConnectionBuffersOnlyItsBound)
     host.join();
     ASSERT_EQ(received.size(), TOTAL);
     EXPECT_TRUE(received == Pattern(0, TOTAL));
+}
+
+TEST_F(ProxyTest, ClientThatStopsSendingStillGetsWhatTheConnectionTookFromTheHost)
+{
+    constexpr size_t TOTAL = 4 * 1024 * 1024;
+    TestClient client;
+    ASSERT_TRUE(client.Connect(m_port));
+    client.SetReceiveBuffer(64 * 1024);
+    ASSERT_TRUE(client.Send("go"));
+    ASSERT_TRUE(WaitUntil([&] { return static_cast<bool>(m_multiPointLayer.GetLastLink()); }));
+    auto link = m_multiPointLayer.GetLastLink();
+    link->PushFromRemote(Pattern(0, TOTAL));
+    // Stalled: the client reads nothing, so the connection has stopped draining the link.
+    ASSERT_TRUE(WaitUntil([&] { return link->GetReceiveBacklog() < TOTAL && link->GetReceiveBacklog() > 0; }));
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+
+    shutdown(client.Socket(), SHUT_WR);
+    bool closed = false;
+    const std::string received = client.ReadToEnd(&closed);
+    EXPECT_TRUE(closed);
+    EXPECT_EQ(received.size(), TOTAL - link->GetReceiveBacklog());
+    EXPECT_TRUE(received == Pattern(0, received.size()));
+    EXPECT_TRUE(WaitForConnections(0));
 }
 
 TEST_F(ProxyTest, HostThatWritesItsWholeResponseBeforeReadingTheRequestDoesNotDeadlock)
