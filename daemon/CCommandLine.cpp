@@ -1,0 +1,87 @@
+#include "daemon/CCommandLine.h"
+
+#include <arpa/inet.h>
+
+#include <cstdlib>
+
+namespace ZRT {
+namespace Daemon {
+
+bool CCommandLine::Parse(int argc, const char* const* argv)
+{
+    for (int i = 1; i < argc; ++i) {
+        std::string argument = argv[i];
+        std::string value;
+        bool hasValue = false;
+        const size_t equals = argument.find('=');
+        if (argument.compare(0, 2, "--") == 0 && equals != std::string::npos) {
+            value = argument.substr(equals + 1);
+            argument = argument.substr(0, equals);
+            hasValue = true;
+        }
+        if (argument == "--help" || argument == "-h") {
+            m_help = true;
+            continue;
+        }
+        if (argument == "--version") {
+            m_version = true;
+            continue;
+        }
+        if (argument != "--port" && argument != "--listen")
+            return Fail("unknown option '" + std::string(argv[i]) + "' (see --help)");
+        if (!hasValue) {
+            if (i + 1 >= argc)
+                return Fail("option '" + argument + "' needs a value");
+            value = argv[++i];
+        }
+        if (!(argument == "--port" ? SetPort(value) : SetListenAddress(value)))
+            return false;
+    }
+    return true;
+}
+
+bool CCommandLine::IsIPv6() const
+{
+    return m_listenAddress.find(':') != std::string::npos;
+}
+
+std::string CCommandLine::Usage()
+{
+    return "Usage: zrt-proxy [--port N] [--listen ADDR] [--help] [--version]\n"
+           "SOCKS5 and HTTP proxy on one port, connecting directly from this machine.\n"
+           "  --port N       TCP port to listen on (default 1080; 0 picks a free one)\n"
+           "  --listen ADDR  numeric IPv4 or IPv6 address to listen on (default 127.0.0.1)\n"
+           "  --help         show this text\n"
+           "  --version      show the version\n"
+           "SIGINT or SIGTERM stops the proxy.\n";
+}
+
+bool CCommandLine::Fail(const std::string& error)
+{
+    m_error = error;
+    return false;
+}
+
+bool CCommandLine::SetPort(const std::string& text)
+{
+    if (text.empty() || text.size() > 5 || text.find_first_not_of("0123456789") != std::string::npos ||
+        std::strtol(text.c_str(), nullptr, 10) > 65535)
+        return Fail("invalid port '" + text + "' (0 to 65535)");
+    m_port = static_cast<int>(std::strtol(text.c_str(), nullptr, 10));
+    return true;
+}
+
+bool CCommandLine::SetListenAddress(const std::string& text)
+{
+    std::string address = text;
+    if (address.size() > 2 && address.front() == '[' && address.back() == ']')
+        address = address.substr(1, address.size() - 2);
+    unsigned char bytes[16];
+    if (inet_pton(AF_INET, address.c_str(), bytes) != 1 && inet_pton(AF_INET6, address.c_str(), bytes) != 1)
+        return Fail("invalid listen address '" + text + "' (a numeric IPv4 or IPv6 address)");
+    m_listenAddress = address;
+    return true;
+}
+
+} // namespace Daemon
+} // namespace ZRT
