@@ -655,9 +655,12 @@ int CConnectionProtocol_SOCKS5::HandleTCPBind(AddressPtr address)
         return Closed;
     }
     m_bindRelaying.store(true);
+    // A peer that already closed reports it to nobody: forward what it left and end.
+    if (!stream->IsConnected())
+        m_bindFinalDrain.store(true);
     // Bytes the peer sent before we registered may be waiting without a notification.
     DrainBindStream(*stream);
-    return Bound;
+    return m_bindFinalDrain.load() ? Closed : Bound;
 }
 
 bool CConnectionProtocol_SOCKS5::StartBindListener(IConnectionListener& listener, const IZRTConnectionAddress& address)
@@ -728,10 +731,10 @@ void CConnectionProtocol_SOCKS5::OnDataReceived(IZRTDataLayer& dataLayer)
 
 void CConnectionProtocol_SOCKS5::OnConnectionClosed(IZRTDataLayer& dataLayer)
 {
-    // What the peer sent before closing still goes to the client, past the backlog bound.
+    // What the peer sent before closing still goes to the client, past the backlog bound;
+    // the thread that forwards the last of it drops the client.
     m_bindFinalDrain.store(true);
     DrainBindStream(dataLayer);
-    DisconnectClient();
 }
 
 void CConnectionProtocol_SOCKS5::OnSendDrained(IZRTDataLayer& /*dataLayer*/)
@@ -762,8 +765,11 @@ void CConnectionProtocol_SOCKS5::DrainBindStream(IZRTDataLayer& stream)
         const int served = m_bindDrainRequests.load();
         ForwardBindStream(stream);
         if (m_bindDrainRequests.fetch_sub(served) == served)
-            return;
+            break;
     }
+    // The peer has closed and everything it sent is on its way: the client goes too.
+    if (m_bindFinalDrain.load())
+        DisconnectClient();
 }
 
 void CConnectionProtocol_SOCKS5::ForwardBindStream(IZRTDataLayer& stream)

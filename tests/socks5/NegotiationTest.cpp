@@ -140,16 +140,6 @@ TEST_F(Socks5NegotiationTest, Ipv6DestinationIsDecoded)
     EXPECT_EQ(std::vector<std::string>{"[::1]:8080"}, m_connection.GetMultiPointLayer().GetDestinations());
 }
 
-TEST_F(Socks5NegotiationTest, ClosedHandlerIgnoresFurtherClientBytes)
-{
-    Start();
-    Send(Bytes({5, 1, 2}));
-    ASSERT_TRUE(m_connection.WaitForDisconnect());
-    ASSERT_TRUE(WaitForState(Handler::Closed));
-    Send("more");
-    EXPECT_EQ(0u, m_handler->GetRequestBacklog());
-}
-
 TEST_F(Socks5NegotiationTest, BacklogCountsUnprocessedBytesAndConsumptionWakesTheConnection)
 {
     Create();

@@ -148,36 +148,32 @@ TEST_F(Socks5UdpTest, AByteOnTheTcpConnectionUndoesEverything)
     EXPECT_EQ(threadsBefore, CountThreads());
 }
 
-TEST_F(Socks5UdpTest, WithoutDatagramHandlerIsRefusedAndNoSocketStays)
+// Without a datagram handler, and with one that refuses the registration.
+TEST_F(Socks5UdpTest, RefusedAssociationLeavesNoSocket)
 {
-    const int descriptorsBefore = CountDescriptors();
-    Negotiate();
-    Send(ASSOCIATE_REQUEST);
-    ASSERT_TRUE(m_connection.WaitForDisconnect());
-    EXPECT_EQ(CommandReply(5), Replies());
-    m_handler.reset();
-    EXPECT_EQ(descriptorsBefore, CountDescriptors());
-}
-
-TEST_F(Socks5UdpTest, FailedRegistrationIsRefusedAndClosesTheSocket)
-{
-    const int descriptorsBefore = CountDescriptors();
-    m_datagrams.SetFailRegistration(true);
-    m_connection.SetDatagramHandler(&m_datagrams);
-    Negotiate();
-    Send(ASSOCIATE_REQUEST);
-    ASSERT_TRUE(m_connection.WaitForDisconnect());
-    EXPECT_EQ(CommandReply(5), Replies());
-    m_handler.reset();
-    EXPECT_EQ(descriptorsBefore, CountDescriptors());
+    for (bool withHandler : {false, true}) {
+        const int descriptorsBefore = CountDescriptors();
+        FakeProxyConnection connection;
+        m_datagrams.SetFailRegistration(true);
+        connection.SetDatagramHandler(withHandler ? &m_datagrams : nullptr);
+        auto handler = std::make_unique<Handler>(connection);
+        connection.SetProtocol(handler.get());
+        handler->Init();
+        const std::string request = Bytes({5, 1, 0}) + ASSOCIATE_REQUEST;
+        handler->HandleRequest(request.data(), static_cast<int>(request.size()));
+        ASSERT_TRUE(connection.WaitForDisconnect());
+        handler.reset();
+        EXPECT_EQ(Bytes({5, 0}) + CommandReply(5), connection.GetToClient());
+        EXPECT_EQ(descriptorsBefore, CountDescriptors());
+    }
 }
 
 // Datagrams keep flowing both ways while the client goes away; afterwards no registration,
 // thread or socket is left.
-TEST(Socks5UdpRaceTest, TrafficRacingTerminateLeavesNothingBehind)
+class Socks5UdpRaceTest : public Socks5Fixture {};
+
+TEST_F(Socks5UdpRaceTest, TrafficRacingTerminateLeavesNothingBehind)
 {
-    FakeResolver resolver;
-    Proxy::CAddressManager::GetInstance()->Init(&resolver);
     const int threadsBefore = CountThreads();
     const int descriptorsBefore = CountDescriptors();
     for (int round = 0; round < 20; ++round) {
@@ -214,7 +210,6 @@ TEST(Socks5UdpRaceTest, TrafficRacingTerminateLeavesNothingBehind)
     }
     EXPECT_EQ(threadsBefore, CountThreads());
     EXPECT_EQ(descriptorsBefore, CountDescriptors());
-    Proxy::CAddressManager::GetInstance()->Terminate();
 }
 
 } // namespace
