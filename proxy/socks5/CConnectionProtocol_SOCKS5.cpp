@@ -244,7 +244,9 @@ void CConnectionProtocol_SOCKS5::Init()
 {
     if (m_terminated.load())
         return;
-    StartThread(false);
+    // Without its worker nobody would ever answer the client.
+    if (!StartThread(false))
+        DisconnectClient();
 }
 
 void CConnectionProtocol_SOCKS5::Terminate()

@@ -89,7 +89,9 @@ public:
 
     // Client-to-host half of the UDP relay: reads the association's socket, strips the SOCKS
     // header and hands the payload to the datagram service. Sleeps in poll() on the socket and
-    // its stop event, so an idle association costs nothing and a stop is seen at once.
+    // its stop event, so an idle association costs nothing and a stop is seen at once, except
+    // while it resolves a domain name from a datagram header: Terminate then waits for the
+    // address manager's answer (at most its 30-second limit).
     class ZRT_EXPORT CUDPListeningThread : public QOX::CThread {
     public:
         explicit CUDPListeningThread(CConnectionProtocol_SOCKS5* owner);
