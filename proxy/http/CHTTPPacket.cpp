@@ -2,6 +2,8 @@
 
 #include <strings.h>
 
+#include <algorithm>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 
@@ -130,7 +132,10 @@ bool CHTTPPacket::ProcessHeader(const std::string& name, const std::string& valu
 {
     if (strcasecmp(name.c_str(), CONTENT_LENGTH) != 0)
         return false;
-    m_contentLen = static_cast<int32_t>(std::strtol(value.c_str(), nullptr, 10));
+    // strtol saturates at the width of long. Clamping to 32 bits gives 64-bit builds what a 32-bit
+    // long gives, instead of a wrapped length (2147483648 would otherwise turn negative).
+    const long parsed = std::strtol(value.c_str(), nullptr, 10);
+    m_contentLen = static_cast<int32_t>(std::min<long>(std::max<long>(parsed, INT32_MIN), INT32_MAX));
     return true;
 }
 

@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -102,6 +103,11 @@ TEST(HTTPMessage, ContentLengthAndLookupsIgnoreCase)
     EXPECT_EQ(-7, packet->GetContentLen()) << "a list without content-length keeps the old value";
     packet->SetHeader("Content-Length", "abc");
     EXPECT_EQ(0, packet->GetContentLen());
+    // Out of range saturates as a 32-bit strtol does, on every platform: never wraps.
+    packet->AddHeader("Content-Length", "2147483648");
+    EXPECT_EQ(INT32_MAX, packet->GetContentLen());
+    packet->AddHeader("Content-Length", "-4294967297");
+    EXPECT_EQ(INT32_MIN, packet->GetContentLen());
 }
 
 TEST(HTTPMessage, SetHeaderReplacesOnlyTheFirstMatch)
