@@ -17,7 +17,10 @@ for target in "$build"/tests/fuzz/fuzz_*; do
     :
   fi
   if ls "$scratch"/crash-* "$scratch"/leak-* "$scratch"/timeout-* "$scratch"/oom-* >/dev/null 2>&1; then
-    echo "!! $name found a failing input:"; ls "$scratch"/crash-* "$scratch"/leak-* "$scratch"/timeout-* "$scratch"/oom-* 2>/dev/null
+    mkdir -p "$build/findings"
+    cp "$scratch"/crash-* "$scratch"/leak-* "$scratch"/timeout-* "$scratch"/oom-* "$build/findings/" 2>/dev/null || true
+    echo "!! $name found a failing input, kept in $build/findings:"
+    ls "$scratch"/crash-* "$scratch"/leak-* "$scratch"/timeout-* "$scratch"/oom-* 2>/dev/null | xargs -n1 basename
     status=1
   fi
   rm -rf "$scratch"
