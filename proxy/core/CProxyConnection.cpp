@@ -184,8 +184,8 @@ CProxyConnection::STurn CProxyConnection::PlanTurn(bool lingering)
         if (!m_clientOutput.empty())
             turn.events |= POLLOUT;
         const bool clientRoom = m_clientOutputSize <= CLIENT_OUTPUT_HIGH_WATER;
-        pumpReady = m_protocol && clientRoom &&
-                    (!m_hostData.IsEmpty() || (m_hostPaused && m_hostData.GetSize() < HOST_DATA_LOW_WATER));
+        const bool linkToPull = m_hostPaused && !m_clientEnded && m_hostData.GetSize() < HOST_DATA_LOW_WATER;
+        pumpReady = m_protocol && clientRoom && (!m_hostData.IsEmpty() || linkToPull);
         idle = m_hostData.IsEmpty() && m_clientOutput.empty();
     }
     if (MayReadClient())
@@ -577,7 +577,9 @@ void CProxyConnection::OnConnectionClosed(IZRTDataLayer& dataLayer)
 
 void CProxyConnection::OnSendDrained(IZRTDataLayer& /*dataLayer*/)
 {
+    AddRef();
     m_wakeEvent.SignalEvent();
+    ReleaseRef();
 }
 
 } // namespace Proxy
