@@ -70,17 +70,6 @@ TEST(HTTPParser, WholeBlockLeavesBodyPending)
     EXPECT_EQ("PUT", Request(parser).m_method);
 }
 
-TEST(HTTPParser, OneByteAtATime)
-{
-    CHTTPRequestParser parser;
-    for (size_t i = 0; i + 1 < BLOCK.size(); ++i)
-        ASSERT_EQ(CHTTPParser::PARSE_NEED_MORE, Feed(parser, BLOCK.substr(i, 1))) << "byte " << i;
-    ASSERT_EQ(CHTTPParser::PARSE_COMPLETE, Feed(parser, "\n"));
-    EXPECT_EQ(BLOCK, Serialise(Request(parser)));
-    EXPECT_EQ(0u, parser.m_pendingData.GetSize());
-    EXPECT_EQ(CHTTPParser::PARSE_ERROR, Feed(parser, "x"));
-}
-
 TEST(HTTPParser, RandomSplitsMatchWholeParse)
 {
     const std::string block = "POST http://h/p?q=1 HTTP/1.1\r\nHost: h:81\r\nX-Empty:\r\nCookie: a=b; c=d\n"
@@ -96,7 +85,8 @@ TEST(HTTPParser, RandomSplitsMatchWholeParse)
         CHTTPParser::EParseResult result = CHTTPParser::PARSE_NEED_MORE;
         while (result == CHTTPParser::PARSE_NEED_MORE) {
             ASSERT_LT(at, block.size());
-            const size_t take = std::min<size_t>(1 + random() % 12, block.size() - at);
+            // Round 0 feeds one byte per call: only the blank line's LF may complete.
+            const size_t take = std::min<size_t>(round == 0 ? 1 : 1 + random() % 12, block.size() - at);
             result = Feed(parser, block.substr(at, take));
             at += take;
         }

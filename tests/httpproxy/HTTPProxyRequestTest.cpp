@@ -24,6 +24,17 @@ const std::string BROWSER_REQUEST = "GET http://server1/index.html HTTP/1.1\r\nH
                                     "Proxy-Connection: keep-alive\r\nUser-Agent: test\r\n\r\n";
 const std::string FORWARDED = "GET /index.html HTTP/1.0\r\nHost: server1\r\nUser-Agent: test\r\n\r\n";
 
+// Counts DisconnectClient calls, including those after the first that change nothing.
+class CCountingConnection : public FakeProxyConnection {
+public:
+    void DisconnectClient() override
+    {
+        ++m_disconnectCalls;
+        FakeProxyConnection::DisconnectClient();
+    }
+    int m_disconnectCalls = 0;
+};
+
 // Opens ExtractAddress to the tests.
 class CTestableHandler : public CConnectionProtocol_HTTP {
 public:
@@ -146,6 +157,7 @@ TEST_F(HTTPProxyTest, Refusals)
         {"GET / HTTP/1.1\r\nHost: nowhere\r\n\r\n", NOT_FOUND_404},
     };
     m_resolver.SetResolveNumeric(false);
+    const std::string next = "GET / HTTP/1.1\r\nHost: server1\r\n\r\n";
     for (const SCase& c : cases) {
         FakeProxyConnection connection;
         CConnectionProtocol_HTTP handler(connection);
@@ -155,6 +167,9 @@ TEST_F(HTTPProxyTest, Refusals)
         EXPECT_FALSE(connection.IsConnectedToClient()) << c.request;
         EXPECT_EQ(1, connection.GetTerminateCalls());
         EXPECT_EQ(0, connection.GetMultiPointLayer().GetConnectCount()) << c.request;
+        // The parser was reset: nothing of the refused request is left to spoil a later one.
+        handler.HandleRequest(next.data(), static_cast<int>(next.size()));
+        EXPECT_EQ("GET / HTTP/1.0\r\nHost: server1\r\n\r\n", connection.GetToHost()) << c.request;
     }
     EXPECT_EQ(0, m_resolver.GetRequestCount("myself:8080")) << "a local host is never resolved";
     EXPECT_EQ(1, m_resolver.GetRequestCount("nowhere:80"));
@@ -169,12 +184,16 @@ TEST_F(HTTPProxyTest, ConnectFailureIsNotFound)
     EXPECT_EQ(1, m_connection.GetMultiPointLayer().GetConnectCount());
 }
 
-TEST_F(HTTPProxyTest, ErrorWhenClientIsGoneSendsNothing)
+TEST_F(HTTPProxyTest, ErrorWhenClientIsGoneSendsNothingAndStillResets)
 {
-    m_connection.DisconnectClient();
-    Request("GET /index.html\r\n");
-    EXPECT_EQ("", m_connection.GetToClient());
-    EXPECT_EQ(1, m_connection.GetTerminateCalls());
+    CCountingConnection connection;
+    CConnectionProtocol_HTTP handler(connection);
+    connection.DisconnectClient();
+    for (const std::string bytes : {"GET /index.html\r\nX: y\r\n", "GET / HTTP/1.1\r\nHost: server1\r\n\r\n"})
+        handler.HandleRequest(bytes.data(), static_cast<int>(bytes.size()));
+    EXPECT_EQ("", connection.GetToClient());
+    EXPECT_EQ(1, connection.m_disconnectCalls) << "only the test's own call";
+    EXPECT_EQ("GET / HTTP/1.0\r\nHost: server1\r\n\r\n", connection.GetToHost());
 }
 
 TEST_F(HTTPProxyTest, ConnectOpensTunnelInEitherCase)
