@@ -8,6 +8,7 @@ import socket
 import socketserver
 import struct
 import subprocess
+import tempfile
 import threading
 
 import pytest
@@ -21,13 +22,24 @@ BIG_SIZE = 8 * 1024 * 1024
 
 class Daemon:
     def __init__(self, *args):
+        # A file, not a pipe: a sanitizer report must neither block the daemon nor get lost.
+        self.stderr = tempfile.TemporaryFile(mode="w+")
         self.proc = subprocess.Popen([PROXY_BIN, "--port", "0", *args], stdout=subprocess.PIPE,
-                                     stderr=subprocess.PIPE, text=True)
+                                     stderr=self.stderr, text=True)
         line = self.proc.stdout.readline()
-        assert "listening on" in line, line + self.proc.stderr.read()
+        assert "listening on" in line, line + self.errors()
         self.host, port = line.split("listening on", 1)[1].strip().rsplit(":", 1)
         self.host = self.host.strip("[]")
         self.port = int(port)
+
+    def errors(self):
+        self.stderr.seek(0)
+        return self.stderr.read()
+
+    def sanitized(self):
+        """True when the daemon runs under ASan or TSan, whose memory use says nothing."""
+        with open(f"/proc/{self.proc.pid}/maps") as maps:
+            return any("libasan" in line or "libtsan" in line for line in maps)
 
     def rss_kib(self):
         with open(f"/proc/{self.proc.pid}/status") as status:
@@ -53,6 +65,7 @@ def daemon():
     proxy = Daemon("--listen", "127.0.0.1")
     yield proxy
     assert proxy.stop() == 0
+    assert "Sanitizer" not in proxy.errors(), proxy.errors()
 
 
 class QuietHandler(http.server.SimpleHTTPRequestHandler):

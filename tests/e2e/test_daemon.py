@@ -63,6 +63,7 @@ def test_sigterm_and_sigint_with_clients_connected_exit_cleanly(tcp_sink):
             time.sleep(0.2)
             proxy.proc.send_signal(stop_signal)
             assert proxy.proc.wait(timeout=20) == 0
+            assert "Sanitizer" not in proxy.errors(), proxy.errors()
         finally:
             for sock in clients:
                 sock.close()

@@ -128,4 +128,5 @@ def test_slow_reader_gets_every_byte_and_memory_stays_bounded(daemon, http_serve
     body = bytes(response).split(b"\r\n\r\n", 1)[1]
     assert hashlib.sha256(body).hexdigest() == files[2]
     # The file is 8 MiB; the proxy must not have taken it all in while the client dawdled.
-    assert peak - rss_before < 6 * 1024
+    if not daemon.sanitized():
+        assert peak - rss_before < 6 * 1024
