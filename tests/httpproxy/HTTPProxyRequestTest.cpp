@@ -148,13 +148,15 @@ TEST_F(HTTPProxyTest, Refusals)
     struct SCase {
         std::string request;
         std::string reply;
+        bool connectFails;
     };
     const SCase cases[] = {
-        {"GET /index.html\r\n", BAD_400},
-        {"GET / HTTP/1.1\r\nbroken\r\n\r\n", BAD_400},
-        {"GET / HTTP/1.1\r\n\r\n", NOT_FOUND_404},
-        {"GET / HTTP/1.1\r\nHost: myself:8080\r\n\r\n", NOT_FOUND_404},
-        {"GET / HTTP/1.1\r\nHost: nowhere\r\n\r\n", NOT_FOUND_404},
+        {"GET /index.html\r\n", BAD_400, false},
+        {"GET / HTTP/1.1\r\nbroken\r\n\r\n", BAD_400, false},
+        {"GET / HTTP/1.1\r\n\r\n", NOT_FOUND_404, false},
+        {"GET / HTTP/1.1\r\nHost: myself:8080\r\n\r\n", NOT_FOUND_404, false},
+        {"GET / HTTP/1.1\r\nHost: nowhere\r\n\r\n", NOT_FOUND_404, false},
+        {"CONNECT server1:443 HTTP/1.1\r\n\r\n", NOT_FOUND_404, true},
     };
     m_resolver.SetResolveNumeric(false);
     const std::string next = "GET / HTTP/1.1\r\nHost: server1\r\n\r\n";
@@ -162,26 +164,19 @@ TEST_F(HTTPProxyTest, Refusals)
         FakeProxyConnection connection;
         CConnectionProtocol_HTTP handler(connection);
         connection.SetProtocol(&handler);
+        connection.GetMultiPointLayer().SetFail(c.connectFails);
         handler.HandleRequest(c.request.data(), static_cast<int>(c.request.size()));
         EXPECT_EQ(c.reply, connection.GetToClient()) << c.request;
         EXPECT_FALSE(connection.IsConnectedToClient()) << c.request;
         EXPECT_EQ(1, connection.GetTerminateCalls());
-        EXPECT_EQ(0, connection.GetMultiPointLayer().GetConnectCount()) << c.request;
+        EXPECT_EQ(c.connectFails ? 1 : 0, connection.GetMultiPointLayer().GetConnectCount()) << c.request;
         // The parser was reset: nothing of the refused request is left to spoil a later one.
+        connection.GetMultiPointLayer().SetFail(false);
         handler.HandleRequest(next.data(), static_cast<int>(next.size()));
         EXPECT_EQ("GET / HTTP/1.0\r\nHost: server1\r\n\r\n", connection.GetToHost()) << c.request;
     }
     EXPECT_EQ(0, m_resolver.GetRequestCount("myself:8080")) << "a local host is never resolved";
     EXPECT_EQ(1, m_resolver.GetRequestCount("nowhere:80"));
-}
-
-TEST_F(HTTPProxyTest, ConnectFailureIsNotFound)
-{
-    m_connection.GetMultiPointLayer().SetFail(true);
-    Request("CONNECT server1:443 HTTP/1.1\r\n\r\n");
-    EXPECT_EQ(NOT_FOUND_404, m_connection.GetToClient());
-    EXPECT_FALSE(m_connection.IsConnectedToClient());
-    EXPECT_EQ(1, m_connection.GetMultiPointLayer().GetConnectCount());
 }
 
 TEST_F(HTTPProxyTest, ErrorWhenClientIsGoneSendsNothingAndStillResets)
