@@ -17,6 +17,7 @@ namespace Host {
 
 namespace {
 constexpr int LISTEN_BACKLOG = 8;
+constexpr int ACCEPT_RETRY_DELAY_MS = 100;
 
 QOX::CRefCountPtr<IZRTConnectionAddress> SocketAddress(int socket, bool peer)
 {
@@ -140,6 +141,8 @@ void CDirectConnectionListener::CListeningSocket::OnEvents(uint32_t /*events*/)
         if (accepted < 0) {
             if (errno == EINTR || errno == ECONNABORTED)
                 continue;
+            if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM)
+                PauseAccepting();
             return;
         }
         {
@@ -164,6 +167,23 @@ void CDirectConnectionListener::CListeningSocket::OnEvents(uint32_t /*events*/)
         if (!delivered)
             stream->Disconnect();
     }
+}
+
+void CDirectConnectionListener::CListeningSocket::PauseAccepting()
+{
+    // Out of descriptors the socket stays readable: watching it would spin the loop.
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        if (m_token == 0)
+            return;
+        m_loop.Modify(m_token, m_socket, 0);
+    }
+    QOX::CRefCountPtr<CListeningSocket> self(this);
+    m_loop.PostDelayed(ACCEPT_RETRY_DELAY_MS, [self] {
+        std::lock_guard<std::mutex> lock(self->m_mutex);
+        if (self->m_token != 0)
+            self->m_loop.Modify(self->m_token, self->m_socket, EPOLLIN);
+    });
 }
 
 } // namespace Host

@@ -47,6 +47,8 @@ private:
         void OnEvents(uint32_t events) override;
 
     private:
+        void PauseAccepting();
+
         int m_socket;
         int m_remaining;
         IConnectionReceiver* m_receiver;

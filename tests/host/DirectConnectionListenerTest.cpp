@@ -121,21 +121,4 @@ TEST_F(DirectConnectionListenerTest, NothingIsReportedAfterStopListening)
     TestSockets::Close(client);
 }
 
-TEST_F(DirectConnectionListenerTest, ListenersAreIndependent)
-{
-    AcceptingReceiver first;
-    AcceptingReceiver second;
-    QOX::CRefCountPtr<IZRTConnectionAddress> one = m_listener.StartListening(CTCPIPAddress(0, 0, 0, 0, 0), 1, &first);
-    QOX::CRefCountPtr<IZRTConnectionAddress> two = m_listener.StartListening(CTCPIPAddress(0, 0, 0, 0, 0), 1, &second);
-    ASSERT_TRUE(one && two);
-    EXPECT_NE(one->GetPortNumber(), two->GetPortNumber());
-    m_listener.StopListening(*one);
-    const int client = TestSockets::Connect("127.0.0.1", two->GetPortNumber());
-    ASSERT_TRUE(second.WaitForCount(1));
-    EXPECT_EQ(first.Count(), 0u);
-    m_listener.StopListening(*two);
-    second.CloseAll();
-    TestSockets::Close(client);
-}
-
 } // namespace

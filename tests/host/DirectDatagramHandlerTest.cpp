@@ -104,29 +104,6 @@ TEST_F(DirectDatagramHandlerTest, RoundTripWithIPv4AndIPv6Peers)
     m_handler.UnregisterReceiver(handle);
 }
 
-TEST_F(DirectDatagramHandlerTest, EachRegistrationHasItsOwnSocket)
-{
-    RecordingReceiver first;
-    RecordingReceiver second;
-    const int one = m_handler.RegisterReceiver(m_any, &first);
-    const int two = m_handler.RegisterReceiver(m_any, &second);
-    ASSERT_NE(one, two);
-    EXPECT_NE(m_handler.GetLocalPort(one), m_handler.GetLocalPort(two));
-
-    unsigned int peerPort = 0;
-    const int peer = TestSockets::BindUdp("127.0.0.1", peerPort);
-    CTCPIPAddress target(127, 0, 0, 1, m_handler.GetLocalPort(two));
-    sockaddr_storage address{};
-    int length = sizeof(address);
-    target.GetSockAddr(reinterpret_cast<sockaddr*>(&address), &length);
-    ASSERT_GT(sendto(peer, "b", 1, 0, reinterpret_cast<sockaddr*>(&address), static_cast<socklen_t>(length)), 0);
-    ASSERT_TRUE(second.WaitForCount(1));
-    EXPECT_EQ(first.Count(), 0u);
-    TestSockets::Close(peer);
-    m_handler.UnregisterReceiver(one);
-    m_handler.UnregisterReceiver(two);
-}
-
 TEST_F(DirectDatagramHandlerTest, UnregisterWaitsForADeliveryAndStopsAllOthers)
 {
     std::promise<void> entered;

@@ -81,15 +81,6 @@ TEST(DirectResolverTest, AnswersEveryRequestOnceToEveryNotificationUnderItsOwnTe
     EXPECT_EQ(second.Answers(), expected);
 }
 
-TEST(DirectResolverTest, StaticResolveKeepsThePortOfTheText)
-{
-    QOX::CRefCountPtr<IZRTConnectionAddress> address = CDirectResolver::Resolve("localhost:1080");
-    ASSERT_TRUE(address);
-    EXPECT_EQ(address->GetPortNumber(), 1080u);
-    EXPECT_EQ(address->GetFamily(), AF_INET);
-    EXPECT_FALSE(CDirectResolver::Resolve("1.2.3.4"));
-}
-
 // The engine's address manager holds its lock while it calls RemoveNotification, and its
 // OnResolveAddressCompleted takes the same lock: removing must not wait for that delivery.
 TEST(DirectResolverTest, RemoveNotificationDoesNotWaitForADeliveryInProgress)
