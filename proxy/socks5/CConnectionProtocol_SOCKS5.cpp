@@ -593,7 +593,7 @@ int CConnectionProtocol_SOCKS5::HandleTCPConnect(AddressPtr address)
         QOX::CLock hold(m_responseMutex);
         m_holdResponses = true;
     }
-    if (!m_connection.ConnectToHost(address)) {
+    if (!m_connection.ConnectToHost(std::move(address))) {
         QOX::CLock hold(m_responseMutex);
         m_holdResponses = false;
         m_heldResponses.clear();
@@ -613,7 +613,8 @@ int CConnectionProtocol_SOCKS5::HandleTCPConnect(AddressPtr address)
 // ---------------------------------------------------------------------------------------------
 // BIND
 
-int CConnectionProtocol_SOCKS5::HandleTCPBind(AddressPtr address)
+// The three command handlers share one by-value signature.
+int CConnectionProtocol_SOCKS5::HandleTCPBind(AddressPtr address) // NOLINT(performance-unnecessary-value-param)
 {
     IConnectionListener* listener = m_connection.GetConnectionListener();
     if (!listener || !address || !StartBindListener(*listener, *address)) {
@@ -791,7 +792,7 @@ void CConnectionProtocol_SOCKS5::ForwardBindStream(IZRTDataLayer& stream)
 // ---------------------------------------------------------------------------------------------
 // UDP ASSOCIATE
 
-int CConnectionProtocol_SOCKS5::HandleUDPAssociate(AddressPtr address)
+int CConnectionProtocol_SOCKS5::HandleUDPAssociate(AddressPtr address) // NOLINT(performance-unnecessary-value-param)
 {
     IDatagramHandler* handler = m_connection.GetDatagramHandler();
     if (!handler || !address) {
@@ -890,7 +891,7 @@ void CConnectionProtocol_SOCKS5::OnDatagramReceived(int /*handle*/, const IZRTCo
     }
     if (client.sin6_family == AF_UNSPEC)
         return; // no client datagram yet: nowhere to send it
-    sendto(udpSocket, datagram.data(), static_cast<size_t>(3 + block + length), 0,
+    sendto(udpSocket, datagram.data(), 3 + static_cast<size_t>(block) + static_cast<size_t>(length), 0,
            reinterpret_cast<const sockaddr*>(&client), SOCKADDR_AREA_LENGTH);
 }
 

@@ -27,7 +27,7 @@ public:
         sockaddr_in local{};
         local.sin_family = AF_INET;
         local.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        bind(m_socket, reinterpret_cast<sockaddr*>(&local), sizeof(local));
+        EXPECT_EQ(0, bind(m_socket, reinterpret_cast<sockaddr*>(&local), sizeof(local)));
     }
     ~CUdpClient() { close(m_socket); }
 
