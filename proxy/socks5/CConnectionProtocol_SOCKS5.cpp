@@ -253,10 +253,26 @@ void CConnectionProtocol_SOCKS5::Terminate()
 {
     if (m_terminated.exchange(true))
         return;
+    FlushClientBytes();
     TerminateUdpRelay();
     TerminateBind();
     m_stopEvent.SignalEvent();
     m_dataEvent.SignalEvent();
+}
+
+// The client has gone, the other side has not: what the client sent before it closed is
+// handed on rather than dropped with the worker. Under the buffer lock, so it follows whatever
+// relay step the worker is in.
+void CConnectionProtocol_SOCKS5::FlushClientBytes()
+{
+    // On the worker, Terminate comes from inside one of its own steps, which still owns the bytes.
+    if (IsCurrentThread(*this))
+        return;
+    const int state = m_state.Get();
+    if (state == Connected)
+        RelayToHost();
+    else if (state == Bound)
+        RelayToBindStream();
 }
 
 void CConnectionProtocol_SOCKS5::TerminateUdpRelay()
@@ -392,12 +408,12 @@ bool CConnectionProtocol_SOCKS5::ProcessBuffer()
         const int state = m_state.Get();
         if (state == Closed)
             return false;
-        const uint32_t consumedBefore = m_consumedBytes;
+        const uint32_t consumedBefore = m_consumedBytes.load();
         const int next = Step(state);
         StoreState(next);
         if (m_state.Get() == Closed)
             return false;
-        const bool consumed = m_consumedBytes != consumedBefore;
+        const bool consumed = m_consumedBytes.load() != consumedBefore;
         if (consumed)
             m_connection.WakeConnection();
         if (m_buffer.GetSize() == 0 || IsStopping())

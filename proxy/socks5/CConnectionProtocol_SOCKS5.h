@@ -155,6 +155,7 @@ private:
 
     void DrainBindStream(IZRTDataLayer& stream);
     void ForwardBindStream(IZRTDataLayer& stream);
+    void FlushClientBytes();
     void TerminateUdpRelay();
     void TerminateBind();
 
@@ -202,9 +203,9 @@ private:
     bool m_holdResponses = false;
     std::string m_heldResponses;
 
-    // Client bytes consumed so far; the worker alone touches it, to see whether a step made
-    // progress.
-    uint32_t m_consumedBytes = 0;
+    // Client bytes consumed so far, so the worker sees whether a step made progress
+    // (Terminate consumes too, when it hands on what the client sent last).
+    std::atomic<uint32_t> m_consumedBytes{0};
 };
 
 } // namespace Proxy

@@ -61,6 +61,23 @@ TEST_F(Socks5ConnectTest, HostBytesArrivingWhileTheLinkOpensFollowTheReply)
     EXPECT_EQ(CommandReply(0) + "banner!", Replies());
 }
 
+// A client that sends and closes at once: what it sent still reaches the host.
+TEST_F(Socks5ConnectTest, BytesSentJustBeforeTheClientClosesReachTheHost)
+{
+    for (int round = 0; round < 20; ++round) {
+        FakeProxyConnection connection;
+        auto handler = std::make_unique<Handler>(connection);
+        connection.SetProtocol(handler.get());
+        handler->Init();
+        const std::string request = Bytes({5, 1, 0}) + CONNECT_REQUEST;
+        handler->HandleRequest(request.data(), static_cast<int>(request.size()));
+        ASSERT_TRUE(Eventually([&] { return handler->GetState() == Handler::Connected; }));
+        handler->HandleRequest("last words", 10);
+        connection.DisconnectClient();
+        EXPECT_EQ("last words", connection.WaitForHostBytes(10));
+    }
+}
+
 class Socks5BindTest : public Socks5Fixture {
 protected:
     // Negotiates a BIND and lets the peer connect; returns the accepted stream.
