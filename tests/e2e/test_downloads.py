@@ -40,7 +40,7 @@ def test_proxy_resolves_host_names(daemon, http_servers, files):
     assert digest == files[2]
 
 
-@pytest.mark.parametrize("kind", ["socks5", "socks5-hostname", "http-connect"])
+@pytest.mark.parametrize("kind", ["socks5", "socks5-hostname", "http", "http-connect"])
 def test_ipv6_destination(daemon, http_servers, files, kind):
     url = f"http://[{DEST_V6}]:{http_servers[DEST_V6]}/{files[1]}"
     code, digest, error = curl("-g", *proxy_options(kind, daemon), url)
