@@ -85,11 +85,7 @@ def test_upload_reaches_the_host_intact(daemon, tcp_sink, destination, mode):
         assert exchange(sock, mode, payload) == hashlib.sha256(payload).hexdigest()
 
 
-@pytest.mark.parametrize("tunnel", [
-    pytest.param("socks5", marks=pytest.mark.xfail(
-        reason="the SOCKS5 handler drops the client bytes it still holds when the client closes",
-        strict=False)),
-    "http-connect"])
+@pytest.mark.parametrize("tunnel", ["socks5", "http-connect"])
 def test_bytes_sent_just_before_the_client_closes_still_arrive(daemon, tcp_sink, tunnel):
     sink = tcp_sink[DEST_V4]
     payload = os.urandom(4 * 1024 * 1024)
