@@ -18,8 +18,10 @@ namespace ZRT::Bench {
 
 namespace {
 
-constexpr auto kOpTimeout = std::chrono::seconds(10);
-constexpr auto kBulkTimeout = std::chrono::seconds(90);
+constexpr auto kOpTimeout = std::chrono::seconds(5);
+// A transfer slower than bulk bytes per kBulkCap is stopped there and its rate taken over the part
+// done; this keeps the full run bounded even for a slow proxy.
+constexpr auto kBulkCap = std::chrono::seconds(20);
 constexpr auto kSettle = std::chrono::milliseconds(200);
 
 double Seconds(Clock::duration d) { return std::chrono::duration<double>(d).count(); }
@@ -152,31 +154,69 @@ void CLoadScenarios::Run() {
   }
 }
 
+bool CLoadScenarios::Skipping(const std::string& group, const SProxyTarget& t) const {
+  const auto it = m_failures.find(group + "/" + t.name);
+  return it != m_failures.end() && it->second >= 2;
+}
+
+void CLoadScenarios::Record(const std::string& group, const SProxyTarget& t, bool ok) {
+  if (ok) return;
+  if (++m_failures[group + "/" + t.name] == 2) {
+    m_table.Note(t.name + " failed twice in \"" + group + "\" and was not tried again there.");
+  }
+}
+
 void CLoadScenarios::RunBulk(EPath path, const std::string& key) {
   WarmUp(path);
   for (int run = 1; run <= m_settings.runs; ++run) {
     for (const SProxyTarget* t : TargetsFor(path, true)) {
+      if (Skipping(key, *t)) {
+        m_table.Add(key, t->name, std::nan(""));
+        continue;
+      }
       const EPath p = t->IsDirect() ? EPath::Direct : path;
-      const SFetchResult r =
-          CProxyClient(*t, p, m_settings.httpDest).Fetch(m_settings.bulkBytes, Clock::now() + kBulkTimeout);
-      const double rate = r.ok ? static_cast<double>(r.bodyBytes) / 1e6 / Seconds(r.done - r.requested)
-                               : std::nan("");
+      const auto now = Clock::now();
+      const SFetchResult r = CProxyClient(*t, p, m_settings.httpDest)
+                                 .Fetch(m_settings.bulkBytes, now + kBulkCap + kOpTimeout, now + kBulkCap);
+      const bool ok = (r.ok || r.cut) && r.bodyBytes > 0;
+      const double rate =
+          ok ? static_cast<double>(r.bodyBytes) / 1e6 / Seconds(r.done - r.requested) : std::nan("");
       m_table.Add(key, t->name, rate);
+      Record(key, *t, ok);
+      if (r.cut) {
+        m_table.Note(t->name + ", download " + PathName(path) + " run " + std::to_string(run) +
+                     ": stopped after " + std::to_string(r.bodyBytes >> 20) +
+                     " MiB at the time cap; the rate covers that part.");
+      }
       Progress("[download " + std::string(PathName(path)) + "] run " + std::to_string(run) + " " +
-               t->name + ": " + (r.ok ? FormatFigure(rate) + " MB/s" : "failed"));
+               t->name + ": " + (ok ? FormatFigure(rate) + " MB/s" : "failed"));
     }
   }
 }
 
 void CLoadScenarios::RunUpload() {
+  const std::string key = "upload-socks";
   for (int run = 1; run <= m_settings.runs; ++run) {
     for (const SProxyTarget* t : TargetsFor(EPath::Socks5, true)) {
+      if (Skipping(key, *t)) {
+        m_table.Add(key, t->name, std::nan(""));
+        continue;
+      }
       const EPath p = t->IsDirect() ? EPath::Direct : EPath::Socks5;
+      const auto now = Clock::now();
       double seconds = 0;
+      uint64_t sent = 0;
       const bool ok = CProxyClient(*t, p, m_settings.httpDest)
-                          .Upload(m_settings.bulkBytes, Clock::now() + kBulkTimeout, seconds);
-      const double rate = ok ? static_cast<double>(m_settings.bulkBytes) / 1e6 / seconds : std::nan("");
-      m_table.Add("upload-socks", t->name, rate);
+                          .Upload(m_settings.bulkBytes, now + kBulkCap + kOpTimeout, now + kBulkCap,
+                                  sent, seconds) &&
+                      sent > 0 && seconds > 0;
+      const double rate = ok ? static_cast<double>(sent) / 1e6 / seconds : std::nan("");
+      m_table.Add(key, t->name, rate);
+      Record(key, *t, ok);
+      if (ok && sent < m_settings.bulkBytes) {
+        m_table.Note(t->name + ", upload run " + std::to_string(run) + ": stopped after " +
+                     std::to_string(sent >> 20) + " MiB at the time cap; the rate covers that part.");
+      }
       Progress("[upload SOCKS5] run " + std::to_string(run) + " " + t->name + ": " +
                (ok ? FormatFigure(rate) + " MB/s" : "failed"));
     }
@@ -231,11 +271,14 @@ void CLoadScenarios::RunTransactions(EPath path, const std::string& prefix) {
     std::string failing;
     for (int run = 1; run <= m_settings.runs; ++run) {
       for (const SProxyTarget* t : TargetsFor(path, true)) {
-        double rate = 0;
-        double p50 = 0;
-        double p99 = 0;
+        double rate = std::nan("");
+        double p50 = std::nan("");
+        double p99 = std::nan("");
         long errors = 0;
-        MeasureTransactions(*t, path, clients, rate, p50, p99, errors);
+        if (!Skipping(key, *t)) {
+          MeasureTransactions(*t, path, clients, rate, p50, p99, errors);
+          Record(key, *t, !std::isnan(rate));
+        }
         m_table.Add(key + "-rate", t->name, rate);
         m_table.Add(key + "-p50", t->name, p50);
         m_table.Add(key + "-p99", t->name, p99);
@@ -249,8 +292,7 @@ void CLoadScenarios::RunTransactions(EPath path, const std::string& prefix) {
       }
     }
     if (totalErrors > 0) {
-      m_table.Note(std::string(PathName(path)) + " transactions with " + std::to_string(clients) +
-                   " clients: " + std::to_string(totalErrors) + " failed over all runs (" +
+      m_table.Note(std::string(PathName(path)) + " transactions, c=" + std::to_string(clients) + ": " + std::to_string(totalErrors) + " failed over all runs (" +
                    failing.substr(1) + "); rates count completed ones only.");
     }
   }
@@ -263,7 +305,7 @@ bool CLoadScenarios::MeasureIdle(const SProxyTarget& t, double& cpuMs, double& w
   std::vector<CBenchSocket> tunnels;
   tunnels.reserve(static_cast<size_t>(m_settings.idleTunnels));
   int failures = 0;
-  for (int i = 0; i < m_settings.idleTunnels && failures < 20; ++i) {
+  for (int i = 0; i < m_settings.idleTunnels && failures < 3; ++i) {
     CBenchSocket sock;
     const auto deadline = Clock::now() + kOpTimeout;
     if (sock.Connect(t.endpoint.addr, deadline) &&
@@ -305,7 +347,9 @@ void CLoadScenarios::RunIdle() {
   for (int run = 1; run <= m_settings.runs; ++run) {
     for (const SProxyTarget* t : TargetsFor(EPath::Socks5, false)) {
       double cpu = std::nan(""), wake = std::nan(""), rss = std::nan(""), pss = std::nan("");
-      const bool ok = t->pid > 0 && MeasureIdle(*t, cpu, wake, rss, pss);
+      const bool skip = Skipping("idle", *t);
+      const bool ok = !skip && t->pid > 0 && MeasureIdle(*t, cpu, wake, rss, pss);
+      if (!skip) Record("idle", *t, ok);
       m_table.Add("idle-cpu", t->name, cpu);
       m_table.Add("idle-wake", t->name, wake);
       m_table.Add("idle-rss", t->name, rss);
@@ -313,9 +357,9 @@ void CLoadScenarios::RunIdle() {
       Progress("[idle] run " + std::to_string(run) + " " + t->name + ": " +
                (ok ? "CPU " + FormatFigure(cpu) + " ms, " + FormatFigure(wake) + " wake-ups/s, RSS +" +
                          FormatFigure(rss) + " KiB/tunnel, PSS +" + FormatFigure(pss) + " KiB/tunnel"
-                   : "failed"));
+                   : skip ? "skipped" : "failed"));
       // Let the proxy tear the tunnels down before the next one is measured.
-      std::this_thread::sleep_for(std::chrono::seconds(1));
+      if (!skip) std::this_thread::sleep_for(std::chrono::seconds(1));
     }
   }
 }
@@ -378,7 +422,8 @@ void CLoadScenarios::RunUdp() {
   for (int run = 1; run <= m_settings.runs; ++run) {
     for (const SProxyTarget* t : targets) {
       long lost = 0;
-      const double rate = MeasureUdp(*t, lost);
+      const double rate = Skipping("udp", *t) ? std::nan("") : MeasureUdp(*t, lost);
+      Record("udp", *t, !std::isnan(rate));
       m_table.Add("udp", t->name, rate);
       Progress("[udp] run " + std::to_string(run) + " " + t->name + ": " +
                (std::isnan(rate) ? std::string("failed") : FormatFigure(rate) + " round trips/s") +
@@ -397,12 +442,21 @@ void CLoadScenarios::RunTtfb(EPath path, const std::string& prefix) {
     for (const SProxyTarget* t : TargetsFor(path, true)) {
       const CProxyClient client(*t, t->IsDirect() ? EPath::Direct : path, m_settings.httpDest);
       std::vector<double> samples;
-      for (int i = 0; i < m_settings.ttfbSamples; ++i) {
+      int failed = 0;
+      for (int i = 0; i < m_settings.ttfbSamples && failed < 3 && !Skipping(prefix, *t); ++i) {
         const SFetchResult r = client.Fetch(m_settings.smallBytes, Clock::now() + kOpTimeout);
-        samples.push_back(r.ok ? Seconds(r.firstByte - r.start) * 1e6 : std::nan(""));
+        if (r.ok) samples.push_back(Seconds(r.firstByte - r.start) * 1e6);
+        failed += r.ok ? 0 : 1;
       }
-      const double p50 = Percentile(samples, 0.50);
-      const double p99 = Percentile(samples, 0.99);
+      // Percentiles over the samples that worked, unless failures make them meaningless.
+      const bool ok = failed < 3 && !samples.empty();
+      Record(prefix, *t, ok);
+      if (ok && failed > 0) {
+        m_table.Note(t->name + ": " + std::to_string(failed) + " failed requests in the " +
+                     PathName(path) + " time-to-first-byte run " + std::to_string(run) + ".");
+      }
+      const double p50 = ok ? Percentile(samples, 0.50) : std::nan("");
+      const double p99 = ok ? Percentile(samples, 0.99) : std::nan("");
       m_table.Add(prefix + "-p50", t->name, p50);
       m_table.Add(prefix + "-p99", t->name, p99);
       Progress("[ttfb " + std::string(PathName(path)) + "] run " + std::to_string(run) + " " +

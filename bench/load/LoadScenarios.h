@@ -2,6 +2,7 @@
 // The side-by-side measurements. Every measure is taken runs times, the targets interleaved within
 // each run (direct, A, B, C, direct, A, B, C, ...), and recorded per run in the result table.
 #include <cstdint>
+#include <map>
 #include <set>
 #include <string>
 #include <vector>
@@ -51,12 +52,17 @@ class CLoadScenarios {
   void WarmUp(EPath path) const;
   std::vector<const SProxyTarget*> TargetsFor(EPath path, bool withDirect) const;
   void CheckAlive(const char* after);
+  // A target that failed twice in one group of runs is not tried again in that group, so a broken
+  // proxy cannot stretch the benchmark by its time-outs.
+  bool Skipping(const std::string& group, const SProxyTarget& t) const;
+  void Record(const std::string& group, const SProxyTarget& t, bool ok);
   void Progress(const std::string& text) const;
 
   SBenchSettings m_settings;
   std::vector<SProxyTarget> m_targets;  // direct first
   CResultTable m_table;
   std::set<std::string> m_reportedDead;
+  std::map<std::string, int> m_failures;  // group + target -> failed runs
 };
 
 std::string SizeText(uint64_t bytes);

@@ -2,6 +2,7 @@
 
 #include <arpa/inet.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <strings.h>
@@ -12,6 +13,8 @@ namespace ZRT::Bench {
 namespace {
 
 constexpr size_t kIoChunk = 256 * 1024;
+// Connect plus proxy handshake: a proxy that takes longer is counted as failing.
+constexpr auto kHandshakeTimeout = std::chrono::seconds(5);
 
 char* IoBuffer() {
   thread_local std::vector<char> buffer(kIoChunk, 'u');
@@ -172,11 +175,12 @@ std::string CProxyClient::RequestLine(const std::string& method, const std::stri
   return method + " " + target + " HTTP/1.1\r\nHost: " + hostPort + "\r\n";
 }
 
-SFetchResult CProxyClient::Fetch(uint64_t bytes, Clock::time_point deadline) const {
+SFetchResult CProxyClient::Fetch(uint64_t bytes, Clock::time_point deadline,
+                                 Clock::time_point cap) const {
   SFetchResult r;
   r.start = Clock::now();
   CBenchSocket sock;
-  if (!Open(sock, deadline)) return r;
+  if (!Open(sock, std::min(deadline, r.start + kHandshakeTimeout))) return r;
   const std::string request =
       RequestLine("GET", "/bytes/" + std::to_string(bytes)) + "Connection: close\r\n\r\n";
   if (!sock.SendAll(request, deadline)) return r;
@@ -194,6 +198,10 @@ SFetchResult CProxyClient::Fetch(uint64_t bytes, Clock::time_point deadline) con
   uint64_t got = head.size() - headLen;
   const uint64_t want = length >= 0 ? static_cast<uint64_t>(length) : UINT64_MAX;
   for (uint64_t turns = 0; got < want && turns < (1ull << 40); ++turns) {
+    if ((turns & 63) == 0 && Clock::now() >= cap) {
+      r.cut = true;
+      break;
+    }
     const long n = sock.RecvSome(io, kIoChunk, deadline);
     if (n < 0) return r;
     if (n == 0) break;
@@ -201,22 +209,31 @@ SFetchResult CProxyClient::Fetch(uint64_t bytes, Clock::time_point deadline) con
   }
   r.done = Clock::now();
   r.bodyBytes = got;
+  if (r.cut) return r;
   r.ok = (length < 0 || got == want) && got == bytes;
   return r;
 }
 
-bool CProxyClient::Upload(uint64_t bytes, Clock::time_point deadline, double& seconds) const {
+bool CProxyClient::Upload(uint64_t bytes, Clock::time_point deadline, Clock::time_point cap,
+                          uint64_t& sent, double& seconds) const {
+  sent = 0;
   CBenchSocket sock;
-  if (!Open(sock, deadline)) return false;
+  if (!Open(sock, std::min(deadline, Clock::now() + kHandshakeTimeout))) return false;
   const std::string head =
       RequestLine("POST", "/upload") + "Content-Length: " + std::to_string(bytes) + "\r\n\r\n";
   if (!sock.SendAll(head, deadline)) return false;
   const auto start = Clock::now();
   const char* io = IoBuffer();
-  for (uint64_t left = bytes; left > 0;) {
+  for (uint64_t turns = 0; sent < bytes && turns < (1ull << 40); ++turns) {
+    if ((turns & 15) == 0 && Clock::now() >= cap) {
+      // The sink waits for the rest, so there is no answer to wait for.
+      seconds = std::chrono::duration<double>(Clock::now() - start).count();
+      return true;
+    }
+    const uint64_t left = bytes - sent;
     const size_t n = left < kIoChunk ? static_cast<size_t>(left) : kIoChunk;
     if (!sock.SendAll(io, n, deadline)) return false;
-    left -= n;
+    sent += n;
   }
   std::string answer;
   size_t answerLen = 0;

@@ -29,6 +29,7 @@ struct SProxyTarget {
 
 struct SFetchResult {
   bool ok = false;
+  bool cut = false;  // stopped at the time cap: bodyBytes and done cover the part received
   uint64_t bodyBytes = 0;
   Clock::time_point start;      // before connect
   Clock::time_point requested;  // request sent (handshakes done)
@@ -44,10 +45,14 @@ class CProxyClient {
   // Connects and runs the proxy handshake; afterwards the socket is a byte stream to the
   // destination (for HttpGet: a connection to the proxy ready for one request).
   bool Open(CBenchSocket& sock, Clock::time_point deadline) const;
-  // GET /bytes/N through the path; reads the whole body, discarding it.
-  SFetchResult Fetch(uint64_t bytes, Clock::time_point deadline) const;
-  // POST of N bytes to the sink; returns the seconds from first body byte to the sink's answer.
-  bool Upload(uint64_t bytes, Clock::time_point deadline, double& seconds) const;
+  // GET /bytes/N through the path; reads the whole body, discarding it. At cap the transfer stops
+  // and the result is marked cut; deadline bounds every wait.
+  SFetchResult Fetch(uint64_t bytes, Clock::time_point deadline,
+                     Clock::time_point cap = Clock::time_point::max()) const;
+  // POST of N bytes to the sink: sent counts the body bytes written and seconds runs from the first
+  // of them to the sink's answer. At cap sending stops, and seconds covers what was sent.
+  bool Upload(uint64_t bytes, Clock::time_point deadline, Clock::time_point cap, uint64_t& sent,
+              double& seconds) const;
 
   static bool Socks5Connect(CBenchSocket& sock, const SEndpoint& dest, Clock::time_point deadline);
   // UDP ASSOCIATE: on success relay holds the address to send datagrams to.
