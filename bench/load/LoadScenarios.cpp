@@ -269,6 +269,7 @@ void CLoadScenarios::RunTransactions(EPath path, const std::string& prefix) {
     const std::string key = prefix + "-" + std::to_string(clients);
     long totalErrors = 0;
     std::string failing;
+    std::map<std::string, uint64_t> overflows;
     for (int run = 1; run <= m_settings.runs; ++run) {
       for (const SProxyTarget* t : TargetsFor(path, true)) {
         double rate = std::nan("");
@@ -276,8 +277,10 @@ void CLoadScenarios::RunTransactions(EPath path, const std::string& prefix) {
         double p99 = std::nan("");
         long errors = 0;
         if (!Skipping(key, *t)) {
+          const uint64_t overflowsBefore = CProcessTree::ListenOverflows();
           MeasureTransactions(*t, path, clients, rate, p50, p99, errors);
           Record(key, *t, !std::isnan(rate));
+          overflows[t->name] += CProcessTree::ListenOverflows() - overflowsBefore;
         }
         m_table.Add(key + "-rate", t->name, rate);
         m_table.Add(key + "-p50", t->name, p50);
@@ -290,6 +293,12 @@ void CLoadScenarios::RunTransactions(EPath path, const std::string& prefix) {
                  (errors ? ", " + std::to_string(errors) + " failed" : ""));
         std::this_thread::sleep_for(kSettle);
       }
+    }
+    for (const auto& entry : overflows) {
+      if (entry.second == 0) continue;
+      m_table.Note(entry.first + ", " + PathName(path) + " transactions, c=" + std::to_string(clients) +
+                   ": the listen queue overflowed " + std::to_string(entry.second) +
+                   " times over all runs (each such client retries its SYN about 1 s later).");
     }
     if (totalErrors > 0) {
       m_table.Note(std::string(PathName(path)) + " transactions, c=" + std::to_string(clients) + ": " + std::to_string(totalErrors) + " failed over all runs (" +

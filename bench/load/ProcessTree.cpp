@@ -90,6 +90,23 @@ SProcessSample CProcessTree::Sample() const {
   return s;
 }
 
+uint64_t CProcessTree::ListenOverflows() {
+  std::istringstream netstat(ReadFile("/proc/net/netstat"));
+  std::string names;
+  std::string values;
+  for (int i = 0; i < 64 && std::getline(netstat, names) && std::getline(netstat, values); ++i) {
+    if (names.compare(0, 7, "TcpExt:") != 0) continue;
+    std::istringstream n(names);
+    std::istringstream v(values);
+    std::string name;
+    std::string value;
+    while (n >> name && v >> value) {
+      if (name == "ListenOverflows") return std::strtoull(value.c_str(), nullptr, 10);
+    }
+  }
+  return 0;
+}
+
 double CProcessTree::TicksToMillis(uint64_t ticks) {
   return static_cast<double>(ticks) * 1000.0 / static_cast<double>(::sysconf(_SC_CLK_TCK));
 }

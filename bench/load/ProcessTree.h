@@ -22,6 +22,9 @@ class CProcessTree {
   bool Alive() const;
   SProcessSample Sample() const;
   static double TicksToMillis(uint64_t ticks);
+  // System-wide count of connections dropped because a listen queue was full (TcpExt
+  // ListenOverflows): a client then waits for its SYN to be retransmitted, about 1 s later.
+  static uint64_t ListenOverflows();
 
  private:
   std::vector<int> Members() const;
