@@ -178,12 +178,36 @@ EOF
 fi
 
 # --- measure -----------------------------------------------------------------------------------
+# How much CPU went to processes other than the benchmark's own: the machine may be shared.
+HZ=$(getconf CLK_TCK)
+# user + nice + system: interrupt time is not charged to any process, so it is left out.
+busy_ticks() { awk '/^cpu /{print $2 + $3 + $4}' /proc/stat; }
+children_ticks() { times | awk -v hz="$HZ" 'NR == 2 {
+  split($1, u, /[ms]/); split($2, s, /[ms]/); printf "%d", (u[1] * 60 + u[2] + s[1] * 60 + s[2]) * hz }'; }
+started_ticks() {  # CPU of the processes this script started, with their reaped children
+  local pid total=0
+  for pid in "${PIDS[@]}"; do
+    [ -r "/proc/$pid/stat" ] || continue
+    total=$(( total + $(sed 's/.*) //' "/proc/$pid/stat" | awk '{print $12 + $13 + $14 + $15}') ))
+  done
+  echo "$total"
+}
 LOAD_BEFORE=$(cut -d' ' -f1-3 /proc/loadavg)
 START=$(date +%s)
+BUSY0=$(busy_ticks); OWN0=$(( $(children_ticks) + $(started_ticks) ))
 "$TOOLS/zrt-loadgen" bench --http-dest "$HTTP_DEST" --udp-dest "$UDP_DEST" --ours zrt-proxy \
   --runs "$RUNS" "${SIZES[@]}" "${PROXIES[@]}" >"$WORK/table.md"
+BUSY1=$(busy_ticks); OWN1=$(( $(children_ticks) + $(started_ticks) ))
 ELAPSED=$(( $(date +%s) - START ))
 LOAD_AFTER=$(cut -d' ' -f1-3 /proc/loadavg)
+OTHER_S=$(( (BUSY1 - BUSY0 - (OWN1 - OWN0)) / HZ ))
+[ "$OTHER_S" -lt 0 ] && OTHER_S=0
+AVAIL_S=$(( $(nproc) * (ELAPSED > 0 ? ELAPSED : 1) ))
+if [ $(( OTHER_S * 20 )) -gt "$AVAIL_S" ]; then
+  NOTES+=("The machine was shared: other processes used about ${OTHER_S} CPU-seconds of the ${AVAIL_S} available during the run.")
+else
+  NOTES+=("Other processes used about ${OTHER_S} CPU-seconds of the ${AVAIL_S} available during the run.")
+fi
 
 version() { dpkg-query -W -f='${Version}' "$1" 2>/dev/null || echo "not installed"; }
 CPU=$(awk -F': ' '/^model name/{print $2; exit}' /proc/cpuinfo)
