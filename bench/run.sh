@@ -232,9 +232,10 @@ fi
   echo "Ratio columns divide zrt-proxy's median by the other column's; read them with the \"better\" column."
   echo "MB = 10^6 bytes. Destinations: HTTP on $HTTP_DEST (GET /bytes/N, POST /upload), UDP echo on $UDP_DEST."
   echo "Idle test: CPU is utime+stime of the proxy and its child processes while the tunnels stay idle;"
-  echo "wake-ups are voluntary context switches of all their threads per second; RSS/PSS growth is"
-  echo "measured between before opening and after opening the tunnels, divided by their number"
-  echo "(RSS counts shared pages once per process, so PSS is the fairer figure for Dante's children)."
+  echo "wake-ups are voluntary context switches of all their threads per second. The idle test runs"
+  echo "first; RSS/PSS per tunnel is the footprint while holding the tunnels minus the footprint of the"
+  echo "freshly started proxy, divided by their number (RSS counts shared pages once per process, so"
+  echo "PSS is the fairer figure for Dante's child processes)."
   echo
   cat "$WORK/table.md"
 } >"$WORK/results.md"

@@ -84,8 +84,8 @@ void CLoadScenarios::DeclareRows() {
   std::snprintf(secs, sizeof secs, "%g s", m_settings.idleSeconds);
   m_table.AddRow("idle-cpu", idle + ": proxy CPU over " + secs + " (ms)", false);
   m_table.AddRow("idle-wake", idle + ": wake-ups/s (voluntary switches)", false);
-  m_table.AddRow("idle-rss", idle + ": RSS growth per tunnel (KiB)", false);
-  m_table.AddRow("idle-pss", idle + ": PSS growth per tunnel (KiB)", false);
+  m_table.AddRow("idle-rss", idle + ": RSS over the fresh process, per tunnel (KiB)", false);
+  m_table.AddRow("idle-pss", idle + ": PSS over the fresh process, per tunnel (KiB)", false);
   m_table.AddRow("udp", "UDP echo round trips, 64 B, one client (1/s)", true);
   for (const char* proto : {"socks", "http"}) {
     const std::string name = std::string(proto) == "socks" ? "SOCKS5" : "HTTP GET";
@@ -124,6 +124,15 @@ void CLoadScenarios::WarmUp(EPath path) const {
 
 void CLoadScenarios::Run() {
   const auto& tests = m_settings.tests;
+  // Memory is measured against each proxy as it was started, and the idle test runs first: an
+  // allocator keeps freed memory, so a growth measured after earlier load would read near zero.
+  for (const SProxyTarget& t : m_targets) {
+    if (t.pid > 0) m_fresh[t.name] = CProcessTree(t.pid).Sample();
+  }
+  if (tests.count("idle")) {
+    RunIdle();
+    CheckAlive("idle-tunnel");
+  }
   if (tests.count("bulk")) {
     RunBulk(EPath::Socks5, "bulk-socks");
     RunBulk(EPath::HttpGet, "bulk-http");
@@ -138,10 +147,6 @@ void CLoadScenarios::Run() {
     RunTransactions(EPath::Socks5, "tx-socks");
     RunTransactions(EPath::HttpGet, "tx-http");
     CheckAlive("transaction");
-  }
-  if (tests.count("idle")) {
-    RunIdle();
-    CheckAlive("idle-tunnel");
   }
   if (tests.count("udp")) {
     RunUdp();
@@ -310,7 +315,7 @@ void CLoadScenarios::RunTransactions(EPath path, const std::string& prefix) {
 bool CLoadScenarios::MeasureIdle(const SProxyTarget& t, double& cpuMs, double& wakeups,
                                  double& rssKiB, double& pssKiB) {
   const CProcessTree tree(t.pid);
-  const SProcessSample before = tree.Sample();
+  const SProcessSample& fresh = m_fresh[t.name];
   std::vector<CBenchSocket> tunnels;
   tunnels.reserve(static_cast<size_t>(m_settings.idleTunnels));
   int failures = 0;
@@ -342,8 +347,8 @@ bool CLoadScenarios::MeasureIdle(const SProxyTarget& t, double& cpuMs, double& w
   const double n = static_cast<double>(m_settings.idleTunnels);
   cpuMs = CProcessTree::TicksToMillis(after.cpuTicks - held.cpuTicks);
   wakeups = static_cast<double>(after.voluntarySwitches - held.voluntarySwitches) / m_settings.idleSeconds;
-  rssKiB = (static_cast<double>(held.rssKiB) - static_cast<double>(before.rssKiB)) / n;
-  pssKiB = (static_cast<double>(held.pssKiB) - static_cast<double>(before.pssKiB)) / n;
+  rssKiB = (static_cast<double>(held.rssKiB) - static_cast<double>(fresh.rssKiB)) / n;
+  pssKiB = (static_cast<double>(held.pssKiB) - static_cast<double>(fresh.pssKiB)) / n;
   Progress("[idle] " + t.name + ": " + std::to_string(held.processes) + " processes, " +
            std::to_string(held.threads) + " threads while holding the tunnels");
   if (closed > 0) {

@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "ProcessTree.h"
 #include "ProxyClient.h"
 #include "ResultTable.h"
 
@@ -63,6 +64,7 @@ class CLoadScenarios {
   CResultTable m_table;
   std::set<std::string> m_reportedDead;
   std::map<std::string, int> m_failures;  // group + target -> failed runs
+  std::map<std::string, SProcessSample> m_fresh;  // each proxy as started
 };
 
 std::string SizeText(uint64_t bytes);
