@@ -84,6 +84,7 @@ void CLoadScenarios::DeclareRows() {
   std::snprintf(secs, sizeof secs, "%g s", m_settings.idleSeconds);
   m_table.AddRow("idle-cpu", idle + ": proxy CPU over " + secs + " (ms)", false);
   m_table.AddRow("idle-wake", idle + ": wake-ups/s (voluntary switches)", false);
+  m_table.AddRow("idle-threads", idle + ": threads (all processes) while held", false);
   m_table.AddRow("idle-rss", idle + ": RSS over the fresh process, per tunnel (KiB)", false);
   m_table.AddRow("idle-pss", idle + ": PSS over the fresh process, per tunnel (KiB)", false);
   m_table.AddRow("udp", "UDP echo round trips, 64 B, one client (1/s)", true);
@@ -347,6 +348,7 @@ bool CLoadScenarios::MeasureIdle(const SProxyTarget& t, double& cpuMs, double& w
   const double n = static_cast<double>(m_settings.idleTunnels);
   cpuMs = CProcessTree::TicksToMillis(after.cpuTicks - held.cpuTicks);
   wakeups = static_cast<double>(after.voluntarySwitches - held.voluntarySwitches) / m_settings.idleSeconds;
+  m_table.Add("idle-threads", t.name, held.threads);
   rssKiB = (static_cast<double>(held.rssKiB) - static_cast<double>(fresh.rssKiB)) / n;
   pssKiB = (static_cast<double>(held.pssKiB) - static_cast<double>(fresh.pssKiB)) / n;
   Progress("[idle] " + t.name + ": " + std::to_string(held.processes) + " processes, " +
@@ -364,6 +366,7 @@ void CLoadScenarios::RunIdle() {
       const bool skip = Skipping("idle", *t);
       const bool ok = !skip && t->pid > 0 && MeasureIdle(*t, cpu, wake, rss, pss);
       if (!skip) Record("idle", *t, ok);
+      if (!ok) m_table.Add("idle-threads", t->name, std::nan(""));
       m_table.Add("idle-cpu", t->name, cpu);
       m_table.Add("idle-wake", t->name, wake);
       m_table.Add("idle-rss", t->name, rss);
