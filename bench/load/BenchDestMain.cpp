@@ -2,6 +2,7 @@
 //   zrt-bench-dest [--http ADDR:PORT] [--udp ADDR:PORT] [--max-seconds S]
 // Port 0 picks a free port. Prints "http ADDR:PORT", "udp ADDR:PORT" and then "ready", and serves
 // until SIGTERM/SIGINT or --max-seconds (default 3600) have passed.
+#include <atomic>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -13,7 +14,8 @@
 
 namespace {
 
-volatile bool g_stop = false;
+// Lock-free, so the signal handler may set it; both server threads read it.
+std::atomic<bool> g_stop{false};
 
 void OnSignal(int) { g_stop = true; }
 

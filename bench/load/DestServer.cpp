@@ -64,7 +64,7 @@ bool CDestServer::Listen(const SEndpoint& where) {
   return m_epollFd >= 0 && ::epoll_ctl(m_epollFd, EPOLL_CTL_ADD, m_listenFd, &ev) == 0;
 }
 
-void CDestServer::Serve(const volatile bool& stopFlag, double maxSeconds) {
+void CDestServer::Serve(const std::atomic<bool>& stopFlag, double maxSeconds) {
   const auto end = Clock::now() + std::chrono::duration_cast<Clock::duration>(
                                       std::chrono::duration<double>(maxSeconds));
   epoll_event events[256];

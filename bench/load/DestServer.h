@@ -3,6 +3,7 @@
 //   GET /bytes/N      -> 200 with Content-Length N and N bytes, then close
 //   POST /upload      -> reads Content-Length bytes, answers 200, then close
 // and holding any connection that sends nothing (the idle tunnels) until its peer closes.
+#include <atomic>
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -23,7 +24,7 @@ class CDestServer {
   bool Listen(const SEndpoint& where);
   uint16_t Port() const { return m_port; }
   // Serves until stopFlag becomes true or maxSeconds have passed.
-  void Serve(const volatile bool& stopFlag, double maxSeconds);
+  void Serve(const std::atomic<bool>& stopFlag, double maxSeconds);
 
  private:
   struct SClient {

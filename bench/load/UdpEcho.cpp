@@ -24,11 +24,11 @@ bool CUdpEcho::Bind(const SEndpoint& where) {
   return true;
 }
 
-void CUdpEcho::Start(const volatile bool& stopFlag) {
+void CUdpEcho::Start(const std::atomic<bool>& stopFlag) {
   m_thread = std::thread([this, &stopFlag] { Serve(stopFlag); });
 }
 
-void CUdpEcho::Serve(const volatile bool& stopFlag) {
+void CUdpEcho::Serve(const std::atomic<bool>& stopFlag) {
   char buffer[65536];
   while (!stopFlag) {
     pollfd p{m_fd, POLLIN, 0};

@@ -1,5 +1,6 @@
 #pragma once
 // Loopback UDP echo: every datagram goes straight back to its sender.
+#include <atomic>
 #include <cstdint>
 #include <thread>
 
@@ -17,10 +18,10 @@ class CUdpEcho {
   bool Bind(const SEndpoint& where);
   uint16_t Port() const { return m_port; }
   // Echoes on its own thread until stopFlag becomes true (checked every 200 ms).
-  void Start(const volatile bool& stopFlag);
+  void Start(const std::atomic<bool>& stopFlag);
 
  private:
-  void Serve(const volatile bool& stopFlag);
+  void Serve(const std::atomic<bool>& stopFlag);
 
   int m_fd = -1;
   uint16_t m_port = 0;
