@@ -4,7 +4,8 @@
 # foreground as a child of this script with a config file in a temp dir, and is killed at the end.
 #
 # usage: bench/run.sh BUILD_DIR [--quick] [--runs N] [--note TEXT] [--out FILE] [--no-peers]
-#   --quick     small sizes, 1 run: a smoke test (writes no results file unless --out is given)
+#   --quick     small sizes, 1 run: a smoke test (writes no results file unless --out is given);
+#               exits non-zero when a run of the direct path or of zrt-proxy failed
 #   --runs N    runs per figure (default 5; the median is reported)
 #   --note TEXT one more line for the results header (e.g. that the machine was shared)
 #   --out FILE  where the results go (default bench/RESULTS.md for a full run)
@@ -15,7 +16,7 @@ ROOT=$(cd "$(dirname "$0")/.." && pwd)
 COMMAND_LINE="bench/run.sh $*"
 BUILD=${1:-}
 if [ -z "$BUILD" ] || [ "${BUILD#--}" != "$BUILD" ]; then
-  sed -n '2,13p' "$0" | sed 's/^# \{0,1\}//' >&2
+  sed -n '2,12p' "$0" | sed 's/^# \{0,1\}//' >&2
   exit 2
 fi
 shift
@@ -195,8 +196,9 @@ started_ticks() {  # CPU of the processes this script started, with their reaped
 LOAD_BEFORE=$(cut -d' ' -f1-3 /proc/loadavg)
 START=$(date +%s)
 BUSY0=$(busy_ticks); OWN0=$(( $(children_ticks) + $(started_ticks) ))
+BENCH_RC=0
 "$TOOLS/zrt-loadgen" bench --http-dest "$HTTP_DEST" --udp-dest "$UDP_DEST" --ours zrt-proxy \
-  --runs "$RUNS" "${SIZES[@]}" "${PROXIES[@]}" >"$WORK/table.md"
+  --strict "$QUICK" --runs "$RUNS" "${SIZES[@]}" "${PROXIES[@]}" >"$WORK/table.md" || BENCH_RC=$?
 BUSY1=$(busy_ticks); OWN1=$(( $(children_ticks) + $(started_ticks) ))
 ELAPSED=$(( $(date +%s) - START ))
 LOAD_AFTER=$(cut -d' ' -f1-3 /proc/loadavg)
@@ -223,6 +225,8 @@ fi
   echo "- Date: $(date -u '+%Y-%m-%d %H:%M UTC'); the run took ${ELAPSED} s"
   echo "- Machine: $(nproc) CPUs, $CPU, kernel $(uname -r)"
   echo "- Load average (1/5/15 min) before: $LOAD_BEFORE, after: $LOAD_AFTER"
+  [ "$QUICK" = 1 ] && echo "- Quick mode: a smoke test with small sizes; its figures are not comparable to a full run."
+  echo "- Build: $(sed -n 's/^CMAKE_BUILD_TYPE:STRING=//p' "$BUILD/CMakeCache.txt") ($BUILD)"
   echo "- zrt-proxy at commit $OURS_REV; microsocks $(version microsocks), dante-server $(version dante-server), tinyproxy $(version tinyproxy)"
   [ -n "$NOTE" ] && echo "- Note: $NOTE"
   for n in "${NOTES[@]}"; do echo "- $n"; done
@@ -244,4 +248,8 @@ cat "$WORK/results.md"
 if [ -n "$OUT" ]; then
   cp "$WORK/results.md" "$OUT"
   log "results written to $OUT"
+fi
+if [ "$BENCH_RC" != 0 ]; then
+  log "a run of the direct path or of zrt-proxy failed (exit $BENCH_RC)"
+  exit "$BENCH_RC"
 fi

@@ -5,9 +5,10 @@
 //                     [--ours NAME] [--runs N] [--bulk-bytes N] [--small-bytes N]
 //                     [--tx-seconds S] [--concurrency 1,16,64] [--idle-tunnels N]
 //                     [--idle-seconds S] [--udp-seconds S] [--ttfb-samples N]
-//                     [--tests bulk,upload,tx,idle,udp,ttfb]
+//                     [--tests bulk,upload,tx,idle,udp,ttfb] [--strict 1]
 // CAPS letters: s SOCKS5 CONNECT, u SOCKS5 UDP ASSOCIATE, h HTTP GET, c HTTP CONNECT.
-// The bench command prints the Markdown table on stdout and its progress on stderr.
+// The bench command prints the Markdown table on stdout and its progress on stderr. With --strict 1
+// it exits with 3 when a run of the direct path or of --ours failed (for smoke tests).
 #include <arpa/inet.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
@@ -80,9 +81,13 @@ void RaiseDescriptorLimit() {
 }
 
 bool ParseOption(SBenchSettings& s, const std::string& name, const std::string& value,
-                 std::vector<SProxyTarget>& proxies, std::string& ours) {
+                 std::vector<SProxyTarget>& proxies, std::string& ours, bool& strict) {
   if (name == "--http-dest") return SEndpoint::Parse(value, s.httpDest);
   if (name == "--udp-dest") return SEndpoint::Parse(value, s.udpDest);
+  if (name == "--strict") {
+    strict = value == "1";
+    return true;
+  }
   if (name == "--ours") {
     ours = value;
     return true;
@@ -117,8 +122,9 @@ int Bench(int argc, char** argv) {
   SBenchSettings settings;
   std::vector<SProxyTarget> proxies;
   std::string ours = "zrt-proxy";
+  bool strict = false;
   for (int i = 2; i + 1 < argc; i += 2) {
-    if (!ParseOption(settings, argv[i], argv[i + 1], proxies, ours)) {
+    if (!ParseOption(settings, argv[i], argv[i + 1], proxies, ours, strict)) {
       std::cerr << "zrt-loadgen: bad option " << argv[i] << ' ' << argv[i + 1] << '\n';
       return Usage();
     }
@@ -134,7 +140,8 @@ int Bench(int argc, char** argv) {
   CLoadScenarios scenarios(settings, proxies, ours);
   scenarios.Run();
   scenarios.Table().Print(std::cout);
-  return 0;
+  const CResultTable& table = scenarios.Table();
+  return strict && (table.HasFailure("direct") || table.HasFailure(ours)) ? 3 : 0;
 }
 
 }  // namespace

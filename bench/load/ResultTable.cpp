@@ -69,6 +69,17 @@ std::string CResultTable::RatioCell(const SRow& row, const std::string& column) 
   return text;
 }
 
+bool CResultTable::HasFailure(const std::string& column) const {
+  for (const SRow& row : m_rows) {
+    const auto it = row.values.find(column);
+    if (it == row.values.end()) continue;
+    for (double v : it->second) {
+      if (std::isnan(v)) return true;
+    }
+  }
+  return false;
+}
+
 void CResultTable::Print(std::ostream& out) const {
   std::vector<std::string> ratioColumns;
   for (const std::string& c : m_columns) {

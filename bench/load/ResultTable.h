@@ -19,6 +19,8 @@ class CResultTable {
   void Add(const std::string& key, const std::string& column, double value);
   void Note(const std::string& text) { m_notes.push_back(text); }
   void Print(std::ostream& out) const;
+  // True when a run recorded for the column failed.
+  bool HasFailure(const std::string& column) const;
 
  private:
   struct SRow {
