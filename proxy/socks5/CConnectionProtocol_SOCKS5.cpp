@@ -251,9 +251,14 @@ void CConnectionProtocol_SOCKS5::Init()
 
 void CConnectionProtocol_SOCKS5::Terminate()
 {
-    if (m_terminated.exchange(true))
-        return;
-    FlushClientBytes();
+    {
+        // The worker clears the buffer once it sees the flag: raising it and handing on what
+        // the client sent last happen under the buffer lock, so the bytes go out first.
+        CBufferHold hold(m_buffer);
+        if (m_terminated.exchange(true))
+            return;
+        FlushClientBytes();
+    }
     TerminateUdpRelay();
     TerminateBind();
     m_stopEvent.SignalEvent();
@@ -261,8 +266,8 @@ void CConnectionProtocol_SOCKS5::Terminate()
 }
 
 // The client has gone, the other side has not: what the client sent before it closed is
-// handed on rather than dropped with the worker. Under the buffer lock, so it follows whatever
-// relay step the worker is in.
+// handed on rather than dropped with the worker. The caller holds the buffer lock, so this
+// follows whatever relay step the worker is in.
 void CConnectionProtocol_SOCKS5::FlushClientBytes()
 {
     // On the worker, Terminate comes from inside one of its own steps, which still owns the bytes.
@@ -390,6 +395,9 @@ int CConnectionProtocol_SOCKS5::Run()
         if (IsStopping())
             break;
         m_dataEvent.ResetEvent();
+        // A stop signalled just before the reset was swallowed with it: look once more.
+        if (IsStopping())
+            break;
         if (!ProcessBuffer())
             break;
     }

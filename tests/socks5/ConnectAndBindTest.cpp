@@ -158,7 +158,7 @@ TEST_F(Socks5BindTest, PeerThatSendsAndClosesAtOnceIsRelayedThenTheClientDropped
 
 TEST_F(Socks5BindTest, DroppingTheClientEndsTheWaitAndStopsListening)
 {
-    const int threadsBefore = CountThreads();
+    const int threadsBefore = ThreadBaseline();
     m_connection.SetConnectionListener(&m_listener);
     Negotiate();
     Send(BIND_REQUEST);
@@ -168,7 +168,7 @@ TEST_F(Socks5BindTest, DroppingTheClientEndsTheWaitAndStopsListening)
     EXPECT_FALSE(m_listener.IsListening());
     EXPECT_TRUE(WaitForState(Handler::Closed));
     m_handler.reset();
-    EXPECT_EQ(threadsBefore, CountThreads());
+    EXPECT_TRUE(ThreadsBackTo(threadsBefore));
     EXPECT_EQ(FIRST_BIND_REPLY, Replies());
 }
 

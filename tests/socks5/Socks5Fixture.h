@@ -57,6 +57,20 @@ inline int CountEntries(const char* directory)
 }
 
 inline int CountThreads() { return CountEntries("/proc/self/task"); }
+
+// The thread count to come back to. A sanitizer runtime starts a thread of its own with the
+// process's first thread, so one is made and joined before counting.
+inline int ThreadBaseline()
+{
+    std::thread([] {}).join();
+    return CountThreads();
+}
+
+// A joined thread can linger in /proc for a moment after the join returned.
+inline bool ThreadsBackTo(int baseline)
+{
+    return Eventually([&] { return CountThreads() == baseline; });
+}
 inline int CountDescriptors() { return CountEntries("/proc/self/fd"); }
 
 // One handler on a fake connection (client port 50123 = C3 CB), with the address manager

@@ -133,7 +133,7 @@ TEST_F(Socks5UdpTest, HostDatagramsGoToTheLastClientSourceWithTheirSendersAddres
 
 TEST_F(Socks5UdpTest, AByteOnTheTcpConnectionUndoesEverything)
 {
-    const int threadsBefore = CountThreads();
+    const int threadsBefore = ThreadBaseline();
     const unsigned int port = Associate();
     EXPECT_FALSE(UdpPortIsFree(port));
     Send("x");
@@ -145,7 +145,7 @@ TEST_F(Socks5UdpTest, AByteOnTheTcpConnectionUndoesEverything)
     m_handler->Terminate(); // a second time: nothing more happens
     EXPECT_EQ(1u, m_datagrams.GetUnregistered().size());
     m_handler.reset();
-    EXPECT_EQ(threadsBefore, CountThreads());
+    EXPECT_TRUE(ThreadsBackTo(threadsBefore));
 }
 
 // Without a datagram handler, and with one that refuses the registration.
@@ -174,7 +174,7 @@ class Socks5UdpRaceTest : public Socks5Fixture {};
 
 TEST_F(Socks5UdpRaceTest, TrafficRacingTerminateLeavesNothingBehind)
 {
-    const int threadsBefore = CountThreads();
+    const int threadsBefore = ThreadBaseline();
     const int descriptorsBefore = CountDescriptors();
     for (int round = 0; round < 20; ++round) {
         FakeProxyConnection connection;
@@ -208,7 +208,7 @@ TEST_F(Socks5UdpRaceTest, TrafficRacingTerminateLeavesNothingBehind)
         EXPECT_EQ(0, datagrams.GetActiveRegistrations());
         handler.reset();
     }
-    EXPECT_EQ(threadsBefore, CountThreads());
+    EXPECT_TRUE(ThreadsBackTo(threadsBefore));
     EXPECT_EQ(descriptorsBefore, CountDescriptors());
 }
 
