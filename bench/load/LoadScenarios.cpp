@@ -28,6 +28,7 @@ double Seconds(Clock::duration d) { return std::chrono::duration<double>(d).coun
 
 std::vector<std::string> ColumnNames(const std::vector<SProxyTarget>& targets) {
   std::vector<std::string> names;
+  names.reserve(targets.size());
   for (const SProxyTarget& t : targets) names.push_back(t.name);
   return names;
 }
@@ -239,6 +240,7 @@ void CLoadScenarios::MeasureTransactions(const SProxyTarget& t, EPath path, int 
       std::chrono::duration<double>(m_settings.txSeconds));
   Clock::time_point start;
   std::vector<std::thread> threads;
+  threads.reserve(static_cast<size_t>(clients));
   const CProxyClient client(t, t.IsDirect() ? EPath::Direct : path, m_settings.httpDest);
   for (int i = 0; i < clients; ++i) {
     threads.emplace_back([&, i] {
