@@ -1,5 +1,7 @@
 #include "host/CEventLoop.h"
 
+#include <memory>
+
 #include <sys/epoll.h>
 
 #include <cerrno>
@@ -44,12 +46,13 @@ void CEventLoop::Stop()
     // Released outside the lock: a handler's destructor may come back to Remove.
     std::map<uint64_t, QOX::CRefCountPtr<IEventHandler>> handlers;
     std::deque<Task> tasks;
-    std::multimap<Clock::time_point, Task> delayed;
+    DelayedQueue delayed;
     {
         std::lock_guard<std::mutex> lock(m_mutex);
         handlers.swap(m_handlers);
         tasks.swap(m_tasks);
         delayed.swap(m_delayed);
+        m_delayedById.clear();
     }
 }
 
@@ -94,11 +97,31 @@ void CEventLoop::Post(Task task)
     m_wake.SignalEvent();
 }
 
-void CEventLoop::PostDelayed(int milliseconds, Task task)
+uint64_t CEventLoop::PostDelayed(int milliseconds, Task task)
+{
+    uint64_t id = 0;
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        id = m_nextDelayedId++;
+        auto entry = m_delayed.emplace(Clock::now() + std::chrono::milliseconds(milliseconds),
+                                       std::make_pair(id, std::move(task)));
+        m_delayedById.emplace(id, entry);
+    }
+    m_wake.SignalEvent();
+    return id;
+}
+
+void CEventLoop::CancelDelayed(uint64_t id)
 {
     {
         std::lock_guard<std::mutex> lock(m_mutex);
-        m_delayed.emplace(Clock::now() + std::chrono::milliseconds(milliseconds), std::move(task));
+        auto found = m_delayedById.find(id);
+        if (found == m_delayedById.end())
+            return;
+        auto closure = std::make_shared<Task>(std::move(found->second->second.second));
+        m_delayed.erase(found->second);
+        m_delayedById.erase(found);
+        m_tasks.push_back([closure] {});
     }
     m_wake.SignalEvent();
 }
@@ -144,7 +167,8 @@ void CEventLoop::RunTasks()
         ready.swap(m_tasks);
         const Clock::time_point now = Clock::now();
         while (!m_delayed.empty() && m_delayed.begin()->first <= now) {
-            ready.push_back(std::move(m_delayed.begin()->second));
+            m_delayedById.erase(m_delayed.begin()->second.first);
+            ready.push_back(std::move(m_delayed.begin()->second.second));
             m_delayed.erase(m_delayed.begin());
         }
     }

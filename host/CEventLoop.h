@@ -44,7 +44,11 @@ public:
     void Remove(uint64_t token, int socket);
 
     void Post(Task task);
-    void PostDelayed(int milliseconds, Task task);
+    // Returns an id for CancelDelayed (never 0).
+    uint64_t PostDelayed(int milliseconds, Task task);
+    // The task will not run. Its closure is released later on the loop's thread, outside every
+    // lock, since dropping it may destroy what it holds; safe to call under a caller's own lock.
+    void CancelDelayed(uint64_t id);
 
     bool IsLoopThread() const { return QOX::CThread::IsCurrentThread(*this); }
 
@@ -64,8 +68,11 @@ private:
     std::mutex m_mutex;
     std::map<uint64_t, QOX::CRefCountPtr<IEventHandler>> m_handlers;
     std::deque<Task> m_tasks;
-    std::multimap<Clock::time_point, Task> m_delayed;
+    using DelayedQueue = std::multimap<Clock::time_point, std::pair<uint64_t, Task>>;
+    DelayedQueue m_delayed;
+    std::map<uint64_t, DelayedQueue::iterator> m_delayedById;
     uint64_t m_nextToken = FIRST_TOKEN;
+    uint64_t m_nextDelayedId = 1;
 };
 
 } // namespace Host

@@ -343,12 +343,12 @@ void CTcpDataLayer::LingerLocked()
         }
     }
     UpdateInterestLocked();
-    if (m_lingerArmed)
+    if (m_lingerTimer != 0)
         return;
-    m_lingerArmed = true;
     QOX::CRefCountPtr<CTcpDataLayer> self(this);
-    m_loop.PostDelayed(LINGER_MS, [self] {
+    m_lingerTimer = m_loop.PostDelayed(LINGER_MS, [self] {
         std::lock_guard<std::mutex> lock(self->m_mutex);
+        self->m_lingerTimer = 0;
         self->m_failed = true;
         self->m_unsent.Clear();
         self->ReleaseSocketLocked();
@@ -357,6 +357,11 @@ void CTcpDataLayer::LingerLocked()
 
 void CTcpDataLayer::ReleaseSocketLocked()
 {
+    // A link that closed early must not stay alive in the loop's timer for the whole linger.
+    if (m_lingerTimer != 0) {
+        m_loop.CancelDelayed(m_lingerTimer);
+        m_lingerTimer = 0;
+    }
     // Callers on the loop's thread hold their own reference, so the loop's may go here.
     if (m_token != 0) {
         m_loop.Remove(m_token, m_socket);

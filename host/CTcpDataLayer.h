@@ -95,7 +95,7 @@ private:
     bool m_closeReported = false;
     bool m_closePosted = false;
     bool m_writeShut = false;
-    bool m_lingerArmed = false;
+    uint64_t m_lingerTimer = 0; // pending give-up of the flush after Disconnect; 0 when none
 };
 
 } // namespace Host

@@ -14,8 +14,8 @@ class ZRT_EXPORT CByteBufferList {
 public:
     // Pooled buffers hold up to this many bytes; larger requests are allocated to size.
     static constexpr unsigned int POOLED_BUFFER_SIZE = 32768;
-    // At most this many idle buffers stay in the pool (8 MiB), so a burst does not pin memory.
-    static constexpr unsigned int POOL_LIMIT = 256;
+    // At most this many idle buffers stay in the pool (1 MiB), so a burst does not pin memory.
+    static constexpr unsigned int POOL_LIMIT = 32;
 
     CByteBufferList() = default;
     CByteBufferList(const CByteBufferList&) = default;
