@@ -1,0 +1,148 @@
+"""Whatever clients send, the daemon stays up, answers normal clients and gives back every
+descriptor and thread it took."""
+import os
+import random
+import socket
+import struct
+import threading
+import time
+from concurrent.futures import ThreadPoolExecutor
+
+from conftest import DEST_HOST, echo_round_trip, recv_exact, socks5_connect
+
+BAD_REQUEST = b"HTTP/1.0 400 Bad Request\r\nKeep-Alive: timeout=5, max=100\r\n\r\n"
+
+
+def baseline(daemon, echo):
+    assert echo_round_trip(daemon.port, echo.port)  # warm up the pools and threads
+    time.sleep(0.3)
+    return daemon.fds(), daemon.threads()
+
+
+def test_a_thousand_connections_sending_random_bytes(daemon, echo):
+    fds, threads = baseline(daemon, echo)
+    rng = random.Random(1234)
+
+    def hostile(seed):
+        r = random.Random(seed)
+        try:
+            with socket.create_connection(("127.0.0.1", daemon.port), timeout=5) as s:
+                s.sendall(bytes(r.getrandbits(8) for _ in range(r.randint(1, 600))))
+                s.settimeout(0.2)
+                try:
+                    s.recv(4096)
+                except OSError:
+                    pass
+        except OSError:
+            pass
+
+    with ThreadPoolExecutor(max_workers=32) as pool:
+        list(pool.map(hostile, [rng.getrandbits(32) for _ in range(1000)]))
+    assert daemon.alive()
+    assert echo_round_trip(daemon.port, echo.port)
+    assert daemon.settle(fds, threads), (daemon.fds(), fds, daemon.threads(), threads)
+
+
+def test_slow_clients_do_not_hold_up_a_normal_one(daemon, echo):
+    fds, threads = baseline(daemon, echo)
+    header = b"GET http://127.0.0.2/ HTTP/1.1\r\nHost: 127.0.0.2\r\n"
+    slow = []
+    for _ in range(200):
+        s = socket.create_connection(("127.0.0.1", daemon.port), timeout=5)
+        slow.append(s)
+    for i in range(4):  # a header byte per second from each
+        for s in slow:
+            s.sendall(header[i:i + 1])
+        start = time.time()
+        assert echo_round_trip(daemon.port, echo.port)
+        assert time.time() - start < 5
+        time.sleep(1)
+    for s in slow:
+        s.close()
+    assert daemon.settle(fds, threads)
+
+
+def test_header_block_past_the_bound_gets_the_400_reply(daemon, echo):
+    with socket.create_connection(("127.0.0.1", daemon.port), timeout=10) as s:
+        s.sendall(b"GET http://127.0.0.2/ HTTP/1.1\r\nHost: 127.0.0.2\r\n")
+        filler = b"X-Filler: " + b"a" * 1000 + b"\r\n"
+        try:
+            for _ in range(80):
+                s.sendall(filler)
+        except OSError:
+            pass  # the daemon may already have answered and closed
+        reply = b""
+        while True:
+            chunk = s.recv(4096)
+            if not chunk:
+                break
+            reply += chunk
+    assert reply == BAD_REQUEST
+    assert echo_round_trip(daemon.port, echo.port)
+
+
+def test_socks5_request_announcing_a_long_name_and_stopping(daemon, echo):
+    fds, threads = baseline(daemon, echo)
+    stalled = []
+    for _ in range(20):
+        s = socket.create_connection(("127.0.0.1", daemon.port), timeout=5)
+        s.sendall(b"\x05\x01\x00")
+        assert recv_exact(s, 2) == b"\x05\x00"
+        s.sendall(b"\x05\x01\x00\x03\xff" + b"n" * 40)
+        stalled.append(s)
+    assert echo_round_trip(daemon.port, echo.port)
+    for s in stalled:
+        s.close()
+    assert daemon.settle(fds, threads)
+
+
+def test_clients_resetting_mid_transfer(daemon, echo):
+    fds, threads = baseline(daemon, echo)
+    for _ in range(40):
+        s = socks5_connect(daemon.port, DEST_HOST, echo.port)
+        s.sendall(os.urandom(256 * 1024))
+        s.recv(1000)
+        s.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
+        s.close()  # RST with data in flight both ways
+    assert daemon.alive()
+    assert echo_round_trip(daemon.port, echo.port)
+    assert daemon.settle(fds, threads)
+
+
+def test_destination_writing_before_reading_does_not_deadlock(daemon):
+    size = 16 * 1024 * 1024
+    server = socket.create_server((DEST_HOST, 0))
+    received = {}
+
+    def destination():
+        conn, _ = server.accept()
+        with conn:
+            conn.sendall(b"r" * size)  # all of its response before it reads anything
+            got = 0
+            while got < size:
+                chunk = conn.recv(1 << 20)
+                if not chunk:
+                    break
+                got += len(chunk)
+            received["server"] = got
+
+    t = threading.Thread(target=destination, daemon=True)
+    t.start()
+    s = socks5_connect(daemon.port, DEST_HOST, server.getsockname()[1], timeout=30)
+
+    def upload():
+        s.sendall(b"q" * size)
+
+    up = threading.Thread(target=upload, daemon=True)
+    up.start()
+    got = 0
+    while got < size:
+        chunk = s.recv(1 << 20)
+        assert chunk, f"closed after {got} bytes"
+        got += len(chunk)
+    up.join(30)
+    t.join(30)
+    s.close()
+    server.close()
+    assert got == size
+    assert received.get("server") == size

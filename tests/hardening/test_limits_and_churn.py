@@ -1,0 +1,113 @@
+"""Running out of descriptors, and long runs of short connections."""
+import os
+import socket
+import time
+from concurrent.futures import ThreadPoolExecutor
+
+import pytest
+
+from conftest import DEST_HOST, Daemon, EchoServer, echo_round_trip, recv_exact, socks5_connect
+
+
+def test_descriptor_exhaustion_does_not_spin_and_recovers():
+    echo = EchoServer()
+    daemon = Daemon(limit_fds=256)
+    try:
+        tunnel = socks5_connect(daemon.port, DEST_HOST, echo.port)
+        tunnel.sendall(b"before")
+        assert recv_exact(tunnel, 6) == b"before"
+
+        # Far more idle clients than descriptors: each takes one (or more) in the daemon.
+        idle = []
+        for _ in range(400):
+            try:
+                idle.append(socket.create_connection(("127.0.0.1", daemon.port), timeout=2))
+            except OSError:
+                break
+        time.sleep(0.5)
+        cpu = daemon.cpu_seconds()
+        time.sleep(3)
+        assert daemon.cpu_seconds() - cpu < 0.5, "the accept loop spins while descriptors are exhausted"
+
+        tunnel.sendall(b"during")
+        assert recv_exact(tunnel, 6) == b"during"
+
+        for s in idle:
+            s.close()
+        deadline = time.time() + 20
+        served = False
+        while time.time() < deadline and not served:
+            try:
+                served = echo_round_trip(daemon.port, echo.port)
+            except (OSError, AssertionError):
+                time.sleep(0.2)
+        assert served
+        tunnel.close()
+    finally:
+        assert daemon.stop() == 0
+        echo.close()
+
+
+def http_get(proxy_port, port):
+    """Reads the small response and closes first: after the destination closes, the proxy keeps a
+    client for a short linger, which would otherwise dominate a churn run."""
+    with socket.create_connection(("127.0.0.1", proxy_port), timeout=10) as s:
+        s.sendall(f"GET http://{DEST_HOST}:{port}/ HTTP/1.1\r\nHost: {DEST_HOST}:{port}\r\n\r\n".encode())
+        reply = b""
+        while not reply.endswith(b"\r\n\r\nok"):
+            chunk = s.recv(65536)
+            if not chunk:
+                break
+            reply += chunk
+        return reply
+
+
+class TinyHttpServer(EchoServer):
+    """Answers every request with a small fixed response and closes."""
+
+    @staticmethod
+    def _serve(conn):
+        with conn:
+            try:
+                data = b""
+                while b"\r\n\r\n" not in data:
+                    chunk = conn.recv(4096)
+                    if not chunk:
+                        return
+                    data += chunk
+                conn.sendall(b"HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\nok")
+            except OSError:
+                return
+
+
+CHURN_COUNT = int(os.environ.get("ZRT_CHURN_COUNT", "20000"))
+
+
+@pytest.mark.skipif(CHURN_COUNT == 0, reason="churn disabled for this build")
+def test_churn_of_short_connections_returns_to_baseline():
+    count = CHURN_COUNT
+    echo = EchoServer()
+    web = TinyHttpServer()
+    daemon = Daemon()
+    try:
+        for _ in range(50):
+            assert echo_round_trip(daemon.port, echo.port)
+        time.sleep(0.5)
+        fds, threads, rss = daemon.fds(), daemon.threads(), daemon.rss_kib()
+
+        def one(i):
+            if i % 2:
+                return echo_round_trip(daemon.port, echo.port, b"x")
+            return http_get(daemon.port, web.port).endswith(b"ok")
+
+        with ThreadPoolExecutor(max_workers=8) as pool:
+            results = list(pool.map(one, range(count)))
+        assert all(results)
+        assert daemon.settle(fds, threads, timeout=30)
+        after = daemon.rss_kib()
+        print(f"churn {count}: fds {fds}->{daemon.fds()} threads {threads}->{daemon.threads()} rss {rss}->{after} KiB")
+        assert after <= rss * 1.10 + 2048, (rss, after)
+    finally:
+        assert daemon.stop() == 0
+        echo.close()
+        web.close()
