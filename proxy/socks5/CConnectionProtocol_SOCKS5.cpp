@@ -968,14 +968,10 @@ void CConnectionProtocol_SOCKS5::CUDPListeningThread::RelayDatagram(IDatagramHan
     // dropped by the kernel), and this thread must keep watching its stop event.
     const ssize_t received = recvfrom(udpSocket, datagram, sizeof(datagram), MSG_DONTWAIT,
                                       reinterpret_cast<sockaddr*>(&sender), &senderLength);
-    if (received < static_cast<ssize_t>(MIN_UDP_DATAGRAM))
+    if (received < 0)
         return;
-    if (datagram[0] != 0 || datagram[1] != 0)
-        return;
-    const unsigned int block = SocksAddressLength(datagram + 3);
-    if (block == 0 || static_cast<size_t>(received) < 3 + block)
-        return;
-    AddressPtr destination = DecodeSocksAddress(datagram + 3);
+    unsigned int header = 0;
+    AddressPtr destination = ParseUdpRequest(datagram, static_cast<size_t>(received), header);
     if (!destination)
         return;
     {
@@ -985,7 +981,21 @@ void CConnectionProtocol_SOCKS5::CUDPListeningThread::RelayDatagram(IDatagramHan
     const int handle = m_owner->m_datagramHandle.load();
     if (handle == -1)
         return;
-    handler.SendDatagram(handle, *destination, datagram + 3 + block, static_cast<int>(received - 3 - block));
+    handler.SendDatagram(handle, *destination, datagram + header, static_cast<int>(received - header));
+}
+
+AddressPtr CConnectionProtocol_SOCKS5::ParseUdpRequest(const unsigned char* datagram, size_t length,
+                                                        unsigned int& headerLength)
+{
+    if (length < MIN_UDP_DATAGRAM)
+        return AddressPtr();
+    if (datagram[0] != 0 || datagram[1] != 0)
+        return AddressPtr();
+    const unsigned int block = SocksAddressLength(datagram + 3);
+    if (block == 0 || length < 3 + block)
+        return AddressPtr();
+    headerLength = 3 + block;
+    return DecodeSocksAddress(datagram + 3);
 }
 
 } // namespace Proxy

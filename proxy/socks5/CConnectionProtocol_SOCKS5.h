@@ -105,6 +105,12 @@ public:
     };
 
     explicit CConnectionProtocol_SOCKS5(IProxyConnection& connection);
+
+    // Checks the SOCKS header of a datagram from the client (RSV zero, known ATYP, complete
+    // address block) and decodes its destination, resolving a domain name. Empty when the
+    // datagram is to be dropped; otherwise headerLength is where the payload starts.
+    static QOX::CRefCountPtr<IZRTConnectionAddress> ParseUdpRequest(const unsigned char* datagram, size_t length,
+                                                                    unsigned int& headerLength);
     ~CConnectionProtocol_SOCKS5() override;
     CConnectionProtocol_SOCKS5(const CConnectionProtocol_SOCKS5&) = delete;
     CConnectionProtocol_SOCKS5& operator=(const CConnectionProtocol_SOCKS5&) = delete;
