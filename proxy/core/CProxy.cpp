@@ -132,29 +132,34 @@ int CProxy::Run()
             break;
         if (fds[0].revents & (POLLERR | POLLNVAL))
             break;
-        if (fds[0].revents & POLLIN)
-            AcceptOne(listenSocket);
+        // Drain a burst in one wake-up: the backlog is short (16), and every client left in it
+        // while we sleep again risks an overflow and a SYN retry a second later.
+        if (fds[0].revents & POLLIN) {
+            for (int accepted = 0; accepted < ACCEPT_BURST && AcceptOne(listenSocket); ++accepted) {
+            }
+        }
     }
     return 1;
 }
 
-void CProxy::AcceptOne(int listenSocket)
+bool CProxy::AcceptOne(int listenSocket)
 {
     const int client = accept(listenSocket, nullptr, nullptr);
     if (client < 0) {
         if (OutOfDescriptors(errno))
             QOX::CSynchronizationObject::WaitForObject(m_stopEvent, ACCEPT_RETRY_DELAY_MS);
-        return;
+        return false;
     }
     fcntl(client, F_SETFD, FD_CLOEXEC);
     if (m_listenSocket == -1) {
         CSocketUtils::CloseSocket(client);
-        return;
+        return false;
     }
     auto* connection = new CProxyConnection(this);
     // On failure Init closed the socket and nothing else refers to the connection.
     if (!connection->Init(client, m_multiPointLayer, m_datagramHandler, m_connectionListener))
         delete connection;
+    return true;
 }
 
 void CProxy::StopProxy()

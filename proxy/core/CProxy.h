@@ -31,6 +31,8 @@ public:
     static constexpr int LISTEN_BACKLOG = 16;
     // Pause of the accept loop when the process is out of descriptors, instead of spinning.
     static constexpr int ACCEPT_RETRY_DELAY_MS = 100;
+    // Most clients accepted in one wake-up before the stop event is looked at again.
+    static constexpr int ACCEPT_BURST = 64;
 
     explicit CProxy(EProxyMode mode = PROXY_MODE_DEFAULT);
     ~CProxy() override;
@@ -63,7 +65,8 @@ protected:
 
 private:
     int OpenListenSocket(const std::string& listenAddress, int port);
-    void AcceptOne(int listenSocket);
+    // False when nothing more is waiting (or descriptors ran out).
+    bool AcceptOne(int listenSocket);
 
     mutable QOX::CRecursiveMutex m_mutex;
     IZRTMultiPointLayer* m_multiPointLayer = nullptr;
