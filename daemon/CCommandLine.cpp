@@ -16,7 +16,7 @@ bool CCommandLine::Parse(int argc, const char* const* argv)
         const size_t equals = argument.find('=');
         if (argument.compare(0, 2, "--") == 0 && equals != std::string::npos) {
             value = argument.substr(equals + 1);
-            argument = argument.substr(0, equals);
+            argument.resize(equals);
             hasValue = true;
         }
         if (argument == "--help" || argument == "-h") {

@@ -224,7 +224,7 @@ CConnectionProtocol_SOCKS5::CConnectionProtocol_SOCKS5(IProxyConnection& connect
 CConnectionProtocol_SOCKS5::~CConnectionProtocol_SOCKS5()
 {
     // The connection has normally terminated us already; then this does nothing.
-    Terminate();
+    CConnectionProtocol_SOCKS5::Terminate(); // no dynamic dispatch from a destructor
     const int status = GetThreadStatus();
     if ((status == STATUS_RUNNING || status == STATUS_STOPPING) && !IsCurrentThread(*this)) {
         m_stopEvent.SignalEvent();
