@@ -1,6 +1,7 @@
 #include <thread>
 
 #include "CoreTestSupport.h"
+#include "runtime/CThread.h"
 
 namespace ZRT {
 namespace Testing {
@@ -107,5 +108,37 @@ TEST_F(ProxyTest, ParallelClientsAndStopWhileTheyRun)
 }
 
 } // namespace
+} // namespace Testing
+} // namespace ZRT
+
+namespace ZRT {
+namespace Testing {
+
+TEST_F(ProxyTest, AThreadThatCannotStartFailsOnlyThatClient)
+{
+    EchoLinks();
+    TestClient before;
+    ASSERT_TRUE(before.Connect(m_port));
+    ASSERT_TRUE(before.Send("a"));
+    ASSERT_EQ(before.Read(1), "a");
+
+    // A stack no address space can hold makes every new thread fail to start.
+    const size_t normal = QOX::CThread::GetDefaultStackSize();
+    QOX::CThread::SetDefaultStackSize(sizeof(size_t) == 8 ? (size_t(1) << 45) : size_t(0xC0000000u));
+    TestClient refused;
+    ASSERT_TRUE(refused.Connect(m_port));
+    const bool closed = refused.WaitForClose();
+    QOX::CThread::SetDefaultStackSize(normal);
+    EXPECT_TRUE(closed);
+    EXPECT_TRUE(WaitUntil([&] { return m_proxy.GetConnectionCount() == 1; }));
+
+    ASSERT_TRUE(before.Send("b"));
+    EXPECT_EQ(before.Read(1), "b");
+    TestClient after;
+    ASSERT_TRUE(after.Connect(m_port));
+    ASSERT_TRUE(after.Send("c"));
+    EXPECT_EQ(after.Read(1), "c");
+}
+
 } // namespace Testing
 } // namespace ZRT
