@@ -106,7 +106,9 @@ def test_churn_of_short_connections_returns_to_baseline():
         assert daemon.settle(fds, threads, timeout=30)
         after = daemon.rss_kib()
         print(f"churn {count}: fds {fds}->{daemon.fds()} threads {threads}->{daemon.threads()} rss {rss}->{after} KiB")
-        assert after <= rss * 1.10 + 2048, (rss, after)
+        # A sanitizer keeps freed memory in quarantine on purpose; its RSS says nothing here.
+        if not os.environ.get("ZRT_SANITIZE"):
+            assert after <= rss * 1.10 + 2048, (rss, after)
     finally:
         assert daemon.stop() == 0
         echo.close()
