@@ -2,6 +2,7 @@
 
 #include <pthread.h>
 #include <signal.h>
+#include <sys/socket.h>
 
 #include <cstdio>
 #include <string>
@@ -41,6 +42,8 @@ int Serve(const CCommandLine& options)
         return 1;
     }
     ZRT::Proxy::CProxy proxy;
+    // A burst of clients must not overflow the listen queue (a refused SYN costs a client 1 s).
+    proxy.SetListenBacklog(SOMAXCONN);
     if (!proxy.StartProxy(options.GetListenAddress(), options.GetPort(), &host.GetResolver(),
                           &host.GetMultiPointLayer(), &host.GetDatagramHandler(), &host.GetConnectionListener())) {
         std::fprintf(stderr, "zrt-proxy: cannot listen on %s (address in use or not available)\n",

@@ -46,8 +46,6 @@ QOX::CRefCountPtr<IZRTDataLayer> CDirectMultiPointLayer::Connect(const IZRTConne
     CSocketHandle socket(::socket(address.ss_family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, IPPROTO_TCP));
     if (!socket.IsValid())
         return {};
-    const int on = 1;
-    setsockopt(socket.Get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on));
     if (connect(socket.Get(), reinterpret_cast<sockaddr*>(&address), static_cast<socklen_t>(length)) != 0) {
         if (errno != EINPROGRESS && errno != EINTR)
             return {};

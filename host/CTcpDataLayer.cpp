@@ -31,14 +31,9 @@ bool CopyAddress(const sockaddr_storage& stored, socklen_t storedLength, sockadd
 
 QOX::CRefCountPtr<CTcpDataLayer> CTcpDataLayer::Create(int socket, CEventLoop& loop)
 {
-    QOX::CRefCountPtr<CTcpDataLayer> layer(new CTcpDataLayer(socket, loop));
-    std::lock_guard<std::mutex> lock(layer->m_mutex);
-    // Registered under the lock, so an event that comes at once waits for the token to be stored.
-    layer->m_interest = EPOLLIN;
-    layer->m_token = loop.Add(socket, EPOLLIN, QOX::CRefCountPtr<IEventHandler>(layer.Get()));
-    if (layer->m_token == 0)
-        return {};
-    return layer;
+    // The loop starts watching the socket once somebody listens (AddNotification) or bytes wait
+    // to be sent; a link that a reader takes over may never need the loop at all.
+    return QOX::CRefCountPtr<CTcpDataLayer>(new CTcpDataLayer(socket, loop));
 }
 
 CTcpDataLayer::CTcpDataLayer(int socket, CEventLoop& loop) : m_loop(loop), m_socket(socket)
@@ -46,12 +41,6 @@ CTcpDataLayer::CTcpDataLayer(int socket, CEventLoop& loop) : m_loop(loop), m_soc
     CSocketUtils::SetSocketBlocking(socket, false);
     const int on = 1;
     setsockopt(socket, IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on));
-    m_localLength = sizeof(m_local);
-    if (getsockname(socket, reinterpret_cast<sockaddr*>(&m_local), &m_localLength) != 0)
-        m_localLength = 0;
-    m_remoteLength = sizeof(m_remote);
-    if (getpeername(socket, reinterpret_cast<sockaddr*>(&m_remote), &m_remoteLength) != 0)
-        m_remoteLength = 0;
 }
 
 CTcpDataLayer::~CTcpDataLayer()
@@ -68,11 +57,15 @@ int CTcpDataLayer::ReceiveData(unsigned char* buffer, int size)
     {
         std::lock_guard<std::mutex> lock(m_mutex);
         count = static_cast<int>(m_received.Take(buffer, static_cast<size_t>(size)));
+        if (count == 0 && m_readerAttached)
+            count = ReadForReaderLocked(buffer, size);
         if (m_readPaused && m_received.Size() <= RECEIVE_RESUME) {
             m_readPaused = false;
             UpdateInterestLocked();
         }
-        if (m_received.Empty() && (m_eofSeen || m_failed) && !m_closeReported && !m_closePosted) {
+        // An attached reader reports the end by detaching (see DetachReader).
+        if (m_received.Empty() && (m_eofSeen || m_failed) && !m_closeReported && !m_closePosted &&
+            !m_readerAttached) {
             m_closePosted = true;
             postClose = true;
         }
@@ -80,6 +73,78 @@ int CTcpDataLayer::ReceiveData(unsigned char* buffer, int size)
     if (postClose)
         PostAdvanceClose();
     return count;
+}
+
+int CTcpDataLayer::ReadForReaderLocked(unsigned char* buffer, int size)
+{
+    if (m_eofSeen || m_failed || m_closeReported || m_socket < 0)
+        return -1;
+    // The loop's bytes are stored first (and announced with OnDataReceived); until then
+    // reading on would overtake them.
+    if (m_loopReading)
+        return 0;
+    for (;;) {
+        const ssize_t count = recv(m_socket, buffer, static_cast<size_t>(size), MSG_DONTWAIT);
+        if (count > 0)
+            return static_cast<int>(count);
+        if (count == 0) {
+            m_eofSeen = true;
+            return -1;
+        }
+        if (errno == EINTR)
+            continue;
+        if (errno == EAGAIN || errno == EWOULDBLOCK)
+            return 0;
+        m_failed = true;
+        return -1;
+    }
+}
+
+int CTcpDataLayer::AttachReader()
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    if (m_readerAttached || m_socket < 0 || m_closeReported)
+        return -1;
+    m_readerAttached = true;
+    UpdateInterestLocked();
+    return m_socket;
+}
+
+void CTcpDataLayer::DetachReader()
+{
+    bool ended = false;
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        if (!m_readerAttached)
+            return;
+        m_readerAttached = false;
+        if (!m_releaseDeferred) {
+            ended = (m_eofSeen || m_failed) && m_received.Empty() && !m_closeReported && !m_closePosted;
+            if (!ended)
+                UpdateInterestLocked();
+        }
+    }
+    // The reader met the link's end: the closure is reported (and the socket closed) from here,
+    // without a hop through the loop. The loop cannot be reading this socket: it never reads
+    // after the end was seen.
+    if (ended) {
+        AdvanceClose();
+        return;
+    }
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        if (!m_releaseDeferred)
+            return;
+    }
+    // Closed on the loop's thread, like every other release.
+    QOX::CRefCountPtr<CTcpDataLayer> self(this);
+    m_loop.Post([self] {
+        std::lock_guard<std::mutex> lock(self->m_mutex);
+        if (!self->m_releaseDeferred)
+            return;
+        self->m_releaseDeferred = false;
+        self->ReleaseSocketLocked();
+    });
 }
 
 int CTcpDataLayer::SendData(const unsigned char* data, int size)
@@ -117,13 +182,31 @@ int CTcpDataLayer::SendData(const unsigned char* data, int size)
     return -1;
 }
 
+// Asked for rarely, so looked up on first use rather than for every link.
+void CTcpDataLayer::LearnAddressesLocked() const
+{
+    if (m_addressesKnown || m_socket < 0)
+        return;
+    m_addressesKnown = true;
+    m_localLength = sizeof(m_local);
+    if (getsockname(m_socket, reinterpret_cast<sockaddr*>(&m_local), &m_localLength) != 0)
+        m_localLength = 0;
+    m_remoteLength = sizeof(m_remote);
+    if (getpeername(m_socket, reinterpret_cast<sockaddr*>(&m_remote), &m_remoteLength) != 0)
+        m_remoteLength = 0;
+}
+
 bool CTcpDataLayer::GetLocalAddress(sockaddr* address, int* length) const
 {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    LearnAddressesLocked();
     return CopyAddress(m_local, m_localLength, address, length);
 }
 
 bool CTcpDataLayer::GetRemoteAddress(sockaddr* address, int* length) const
 {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    LearnAddressesLocked();
     return CopyAddress(m_remote, m_remoteLength, address, length);
 }
 
@@ -134,6 +217,8 @@ bool CTcpDataLayer::AddNotification(IZRTDataLayerNotification* sink)
     bool catchUp = false;
     {
         std::lock_guard<std::mutex> lock(m_mutex);
+        m_sinkAdded = true;
+        UpdateInterestLocked();
         catchUp = !m_received.Empty() || m_closeReported || m_eofSeen || m_failed;
     }
     if (catchUp) {
@@ -203,9 +288,18 @@ void CTcpDataLayer::OnEvents(uint32_t events)
         std::lock_guard<std::mutex> lock(m_mutex);
         if (events & (EPOLLOUT | EPOLLERR | EPOLLHUP))
             drained = FlushLocked();
-        // A hang-up while not reading would be reported again and again: the peer is gone.
-        if (trouble && !(m_interest & EPOLLIN))
+        if (trouble && m_readerAttached) {
+            // The reader meets the end on its own descriptor, after the bytes before it; the
+            // loop only stops hearing the level-triggered hang-up again and again.
+            m_hangUp = true;
+            if (m_token != 0) {
+                m_loop.Remove(m_token, m_socket);
+                m_token = 0;
+            }
+        } else if (trouble && !(m_interest & EPOLLIN)) {
+            // A hang-up while not reading would be reported again and again: the peer is gone.
             m_failed = true;
+        }
         if (m_failed) {
             m_unsent.Clear();
             ReleaseSocketLocked();
@@ -229,7 +323,7 @@ bool CTcpDataLayer::ReadSocket()
         size_t room = 0;
         {
             std::lock_guard<std::mutex> lock(m_mutex);
-            if (m_socket < 0 || m_eofSeen || m_failed)
+            if (m_socket < 0 || m_eofSeen || m_failed || m_readerAttached)
                 return gotData;
             // After the close was reported, reading only drains the socket for a clean FIN.
             room = m_closeReported ? READ_CHUNK : RECEIVE_LIMIT - std::min(m_received.Size(), RECEIVE_LIMIT);
@@ -238,11 +332,13 @@ bool CTcpDataLayer::ReadSocket()
                 return gotData;
             }
             socket = m_socket;
+            m_loopReading = true;
         }
         // Only this thread closes the socket, so it is safe to read it without the lock.
         const ssize_t count = recv(socket, scratch.data(), std::min(room, READ_CHUNK), 0);
         const int error = errno;
         std::lock_guard<std::mutex> lock(m_mutex);
+        m_loopReading = false;
         if (count > 0) {
             if (!m_closeReported) {
                 m_received.Append(scratch.data(), static_cast<size_t>(count));
@@ -286,13 +382,26 @@ bool CTcpDataLayer::FlushLocked()
 
 void CTcpDataLayer::UpdateInterestLocked()
 {
-    if (m_token == 0 || m_socket < 0)
+    if (m_socket < 0 || m_releaseDeferred || (m_hangUp && m_token == 0))
         return;
     uint32_t wanted = 0;
-    if (!m_eofSeen && !m_failed && (m_closeReported || !m_readPaused))
+    const bool listened = m_sinkAdded || m_closeReported;
+    if (listened && !m_eofSeen && !m_failed && !m_readerAttached && (m_closeReported || !m_readPaused))
         wanted |= EPOLLIN;
     if (!m_unsent.Empty() && !m_failed)
         wanted |= EPOLLOUT;
+    if (m_token == 0) {
+        if (wanted == 0)
+            return;
+        m_interest = wanted;
+        m_token = m_loop.Add(m_socket, wanted, QOX::CRefCountPtr<IEventHandler>(this));
+        if (m_token == 0) {
+            // Without the loop nothing could be read or flushed: the link is broken.
+            m_interest = 0;
+            m_failed = true;
+        }
+        return;
+    }
     if (wanted == m_interest)
         return;
     m_interest = wanted;
@@ -366,6 +475,12 @@ void CTcpDataLayer::ReleaseSocketLocked()
     if (m_token != 0) {
         m_loop.Remove(m_token, m_socket);
         m_token = 0;
+    }
+    // A reader may be polling the descriptor: it must not be closed (and its number reused)
+    // under it.
+    if (m_readerAttached) {
+        m_releaseDeferred = true;
+        return;
     }
     CSocketUtils::CloseSocket(m_socket);
     m_socket = -1;

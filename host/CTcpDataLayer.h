@@ -26,6 +26,10 @@ namespace Host {
 // writes what the socket takes and queues the rest, which the loop flushes; sinks hear
 // OnSendDrained when a backlog that passed SEND_HIGH_WATER falls to SEND_LOW_WATER.
 //
+// Reader mode (AttachReader): the loop stops reading the socket and the reader's ReceiveData
+// reads it directly, on the reader's thread; the socket is not closed while the reader may still
+// poll it (a release is deferred to DetachReader).
+//
 // Closing: OnConnectionClosed reaches each sink once, after Disconnect() or after the peer closed
 // and every byte it sent has been taken with ReceiveData. After a Disconnect the socket lingers
 // (up to LINGER_MS) to flush what was queued, then sends FIN and waits for the peer's, so that the
@@ -56,6 +60,8 @@ public:
     unsigned int GetReceiveBacklog() const override;
     void Disconnect() override;
     unsigned int GetSendBacklog() const override;
+    int AttachReader() override;
+    void DetachReader() override;
 
     void OnEvents(uint32_t events) override;
 
@@ -63,7 +69,10 @@ private:
     CTcpDataLayer(int socket, CEventLoop& loop);
     ~CTcpDataLayer() override;
 
+    void LearnAddressesLocked() const;
     bool ReadSocket();
+    // Reader mode, with m_received empty: one read into the reader's buffer; -1 at the end.
+    int ReadForReaderLocked(unsigned char* buffer, int size);
     bool FlushLocked();
     void UpdateInterestLocked();
     void AdvanceClose();
@@ -80,10 +89,10 @@ private:
     int m_socket;
     uint64_t m_token = 0;
     uint32_t m_interest = 0;
-    sockaddr_storage m_local{};
-    socklen_t m_localLength = 0;
-    sockaddr_storage m_remote{};
-    socklen_t m_remoteLength = 0;
+    mutable sockaddr_storage m_local{};
+    mutable socklen_t m_localLength = 0;
+    mutable sockaddr_storage m_remote{};
+    mutable socklen_t m_remoteLength = 0;
     CByteQueue m_received;
     CByteQueue m_unsent;
     std::set<IZRTDataLayerNotification*> m_toldClosed;
@@ -95,6 +104,16 @@ private:
     bool m_closeReported = false;
     bool m_closePosted = false;
     bool m_writeShut = false;
+    bool m_readerAttached = false;
+    // A sink listens: from then on the loop reads ahead (unless a reader is attached).
+    bool m_sinkAdded = false;
+    // The loop saw a hang-up while a reader was attached and stopped watching the socket.
+    bool m_hangUp = false;
+    mutable bool m_addressesKnown = false;
+    // The socket was due to be closed while a reader was attached.
+    bool m_releaseDeferred = false;
+    // The loop is between a recv and storing its bytes: a reader must not read past them.
+    bool m_loopReading = false;
     uint64_t m_lingerTimer = 0; // pending give-up of the flush after Disconnect; 0 when none
 };
 

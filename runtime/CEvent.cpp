@@ -1,7 +1,6 @@
 #include "runtime/CEvent.h"
 
 #include <fcntl.h>
-#include <poll.h>
 #include <unistd.h>
 
 #include <cstdint>
@@ -11,11 +10,29 @@
 
 namespace QOX {
 
-CEvent::CEvent(bool /*manualReset*/)
+CEvent::CEvent(bool /*manualReset*/) {}
+
+CEvent::~CEvent()
 {
+    const int readFd = m_readFd.load();
+    if (m_writeFd >= 0 && m_writeFd != readFd)
+        close(m_writeFd);
+    if (readFd >= 0)
+        close(readFd);
+}
+
+int CEvent::GetWaitHandle() const
+{
+    const int existing = m_readFd.load();
+    if (existing >= 0)
+        return existing;
+    std::lock_guard<std::mutex> hold(m_mutex);
+    if (m_readFd.load() >= 0)
+        return m_readFd.load();
+    int readFd = -1;
 #if defined(__linux__)
-    m_readFd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-    m_writeFd = m_readFd;
+    readFd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    m_writeFd = readFd;
 #else
     int fds[2];
     if (pipe(fds) == 0) {
@@ -23,21 +40,19 @@ CEvent::CEvent(bool /*manualReset*/)
             fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) | O_NONBLOCK);
             fcntl(fd, F_SETFD, FD_CLOEXEC);
         }
-        m_readFd = fds[0];
+        readFd = fds[0];
         m_writeFd = fds[1];
     }
 #endif
+    if (readFd < 0)
+        return -1;
+    if (m_signalled.load())
+        WriteSignalLocked();
+    m_readFd.store(readFd);
+    return readFd;
 }
 
-CEvent::~CEvent()
-{
-    if (m_writeFd >= 0 && m_writeFd != m_readFd)
-        close(m_writeFd);
-    if (m_readFd >= 0)
-        close(m_readFd);
-}
-
-void CEvent::SignalEvent()
+void CEvent::WriteSignalLocked() const
 {
 #if defined(__linux__)
     const uint64_t one = 1;
@@ -50,20 +65,32 @@ void CEvent::SignalEvent()
     (void)ignored;
 }
 
-void CEvent::ResetEvent()
+void CEvent::DrainLocked() const
 {
     unsigned char drain[64];
-    while (read(m_readFd, drain, sizeof(drain)) > 0) {
+    while (read(m_readFd.load(), drain, sizeof(drain)) > 0) {
 #if defined(__linux__)
         break; // one read empties an eventfd counter
 #endif
     }
 }
 
-bool CEvent::IsSignalled() const
+void CEvent::SignalEvent()
 {
-    pollfd entry{m_readFd, POLLIN, 0};
-    return poll(&entry, 1, 0) > 0 && (entry.revents & POLLIN);
+    std::lock_guard<std::mutex> hold(m_mutex);
+    if (m_signalled.exchange(true))
+        return;
+    if (m_readFd.load() >= 0)
+        WriteSignalLocked();
+}
+
+void CEvent::ResetEvent()
+{
+    std::lock_guard<std::mutex> hold(m_mutex);
+    if (!m_signalled.exchange(false))
+        return;
+    if (m_readFd.load() >= 0)
+        DrainLocked();
 }
 
 } // namespace QOX

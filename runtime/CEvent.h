@@ -1,5 +1,8 @@
 #pragma once
 
+#include <atomic>
+#include <mutex>
+
 #include "runtime/CSynchronizationObject.h"
 #include "runtime/Export.h"
 
@@ -8,6 +11,11 @@ namespace QOX {
 // A manual-reset event: once signalled it stays signalled, through any number of waits, until
 // ResetEvent. Backed by an eventfd (a pipe where there is none), so a signalled event makes its
 // descriptor readable and wakes a poll() at once.
+//
+// The descriptor is made on the first GetWaitHandle (or wait), not in the constructor: most
+// events of a short connection are signalled but never waited for, and then cost no system call
+// at all. The state lives in a flag; the descriptor, once there, mirrors it exactly (both change
+// under m_mutex), so a signal is never lost between the two.
 class ZRT_EXPORT CEvent : public CSynchronizationObject {
 public:
     explicit CEvent(bool manualReset = true);
@@ -17,13 +25,19 @@ public:
 
     void SignalEvent();
     void ResetEvent();
-    bool IsSignalled() const;
+    bool IsSignalled() const { return m_signalled.load(); }
 
-    int GetWaitHandle() const override { return m_readFd; }
+    int GetWaitHandle() const override;
+    int TestState() const override { return IsSignalled() ? 1 : 0; }
 
 private:
-    int m_readFd = -1;
-    int m_writeFd = -1;
+    void WriteSignalLocked() const;
+    void DrainLocked() const;
+
+    mutable std::mutex m_mutex;
+    std::atomic<bool> m_signalled{false};
+    mutable std::atomic<int> m_readFd{-1};
+    mutable int m_writeFd = -1;
 };
 
 } // namespace QOX

@@ -12,6 +12,11 @@ CSynchronizationObject::~CSynchronizationObject() = default;
 
 int CSynchronizationObject::WaitForObject(CSynchronizationObject& object, long timeout)
 {
+    if (timeout == 0) {
+        const int state = object.TestState();
+        if (state >= 0)
+            return state == 1 ? WAIT_SIGNALLED : WAIT_TIMEOUT;
+    }
     pollfd entry{object.GetWaitHandle(), POLLIN, 0};
     if (entry.fd < 0)
         return WAIT_FAILED;

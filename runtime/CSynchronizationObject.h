@@ -17,6 +17,9 @@ public:
 
     // Readable (POLLIN) exactly while the object is signalled.
     virtual int GetWaitHandle() const = 0;
+    // The state without waiting, where the object knows it without a system call: 1 signalled,
+    // 0 not, -1 unknown (then a zero-time wait polls the descriptor).
+    virtual int TestState() const { return -1; }
 };
 
 } // namespace QOX

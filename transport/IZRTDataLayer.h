@@ -36,6 +36,18 @@ public:
     // Added for flow control: bytes accepted by SendData and not yet written to the peer.
     // Senders pause past a bound of their own and resume on OnSendDrained.
     virtual unsigned int GetSendBacklog() const { return 0; }
+
+    // Added so that one reader can take the link's bytes on its own thread, without a hop
+    // through the transport's thread and its copy. Returns a descriptor to poll for POLLIN, or
+    // -1 when the link works only through OnDataReceived (the default). From a successful call
+    // on, the link no longer reads ahead and sends no OnDataReceived for new bytes: the reader
+    // calls ReceiveData whenever the descriptor polls readable (bytes the link read before may
+    // still be waiting: take them first). ReceiveData then returns -1 once the link's end has
+    // been reached and nothing is left; OnConnectionClosed still comes after the last byte was
+    // taken. The descriptor stays open until DetachReader; closing the link is deferred till then.
+    virtual int AttachReader() { return -1; }
+    // Gives reading back to the link; the descriptor from AttachReader must not be used any more.
+    virtual void DetachReader() {}
 };
 
 } // namespace ZRT

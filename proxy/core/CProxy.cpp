@@ -107,7 +107,7 @@ int CProxy::OpenListenSocket(const std::string& listenAddress, int port)
         fcntl(socket, F_SETFD, FD_CLOEXEC);
         // Non-blocking, so a client that vanished between poll and accept cannot stall the loop.
         CSocketUtils::SetSocketBlocking(socket, false);
-        if (bind(socket, result->ai_addr, result->ai_addrlen) != 0 || listen(socket, LISTEN_BACKLOG) != 0) {
+        if (bind(socket, result->ai_addr, result->ai_addrlen) != 0 || listen(socket, m_listenBacklog.load()) != 0) {
             CSocketUtils::CloseSocket(socket);
             socket = -1;
         }
@@ -132,7 +132,7 @@ int CProxy::Run()
             break;
         if (fds[0].revents & (POLLERR | POLLNVAL))
             break;
-        // Drain a burst in one wake-up: the backlog is short (16), and every client left in it
+        // Drain a burst in one wake-up: the backlog may be short (16), and every client left in it
         // while we sleep again risks an overflow and a SYN retry a second later.
         if (fds[0].revents & POLLIN) {
             for (int accepted = 0; accepted < ACCEPT_BURST && AcceptOne(listenSocket); ++accepted) {

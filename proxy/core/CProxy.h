@@ -51,6 +51,9 @@ public:
     bool StartProxy(const std::string& listenAddress, int port, IResolveAddress* resolver,
                     IZRTMultiPointLayer* multiPointLayer, IDatagramHandler* datagramHandler,
                     IConnectionListener* connectionListener);
+    // The listen queue length for the next start (LISTEN_BACKLOG unless set). A daemon serving
+    // bursts of clients wants more than the short default, or clients wait for a SYN retry.
+    void SetListenBacklog(int backlog) { m_listenBacklog = backlog > 0 ? backlog : LISTEN_BACKLOG; }
     // The port actually bound, or 0 when not started.
     int GetListenPort() const;
     size_t GetConnectionCount() const;
@@ -76,6 +79,7 @@ private:
     std::atomic<int> m_listenPort{0};
     std::set<CProxyConnection*> m_connections;
     EProxyMode m_mode;
+    std::atomic<int> m_listenBacklog{LISTEN_BACKLOG};
 };
 
 } // namespace Proxy

@@ -136,11 +136,13 @@ int CProxyConnection::Run()
     for (;;) {
         if (m_clientDisconnected || m_stopEvent.IsSignalled())
             break;
+        DetachHostReader(true);
         const STurn turn = PlanTurn(idlePolls > 0 || m_hostClosed);
-        pollfd fds[3] = {{turn.socket, turn.events, 0},
+        pollfd fds[4] = {{turn.socket, turn.events, 0},
                          {m_wakeEvent.GetWaitHandle(), POLLIN, 0},
-                         {m_stopEvent.GetWaitHandle(), POLLIN, 0}};
-        if (poll(fds, 3, turn.timeout) < 0) {
+                         {m_stopEvent.GetWaitHandle(), POLLIN, 0},
+                         {turn.hostSocket, POLLIN, 0}};
+        if (poll(fds, 4, turn.timeout) < 0) {
             if (errno == EINTR)
                 continue;
             break;
@@ -164,13 +166,58 @@ int CProxyConnection::Run()
         if (!m_protocol)
             continue;
         PumpHostData();
+        // A wake-up may stand for bytes the link read before reader mode began, which no
+        // readiness of the descriptor announces.
+        if (turn.hostSocket >= 0 && (fds[3].revents != 0 || fds[1].revents != 0))
+            ReadHostDirect();
         if (LingerOver(idlePolls))
             break;
     }
     if (!m_clientDisconnected)
         DisconnectClient();
+    DetachHostReader(false);
     DisconnectHostLink();
     return 0;
+}
+
+void CProxyConnection::DetachHostReader(bool onlyWhenClosed)
+{
+    QOX::CRefCountPtr<IZRTDataLayer> link;
+    {
+        QOX::CLock hold(m_mutex);
+        if (!m_readerLink || (onlyWhenClosed && !m_hostClosed))
+            return;
+        link = std::move(m_readerLink);
+        m_readerFd = -1;
+    }
+    link->DetachReader();
+}
+
+void CProxyConnection::ReadHostDirect()
+{
+    if (!m_hostReadBuffer)
+        m_hostReadBuffer.reset(new unsigned char[HOST_DIRECT_READ_SIZE]);
+    for (int turn = 0; turn < HOST_BUFFERS_PER_TURN; ++turn) {
+        int count = 0;
+        {
+            QOX::CLock hold(m_mutex);
+            // Bytes the transport queued before reader mode began go first (PumpHostData).
+            if (m_clientDisconnected || m_clientEnded || !m_readerLink || !m_hostData.IsEmpty() ||
+                m_clientOutputSize > CLIENT_OUTPUT_HIGH_WATER)
+                return;
+            count = m_readerLink->ReceiveData(m_hostReadBuffer.get(), HOST_DIRECT_READ_SIZE);
+            if (count < 0)
+                m_hostReadEnded = true;
+        }
+        if (count < 0) {
+            // The link reports its closure as the reader leaves; it comes back on this thread.
+            DetachHostReader(false);
+            return;
+        }
+        if (count == 0)
+            return;
+        m_protocol->HandleResponse(reinterpret_cast<const char*>(m_hostReadBuffer.get()), count);
+    }
 }
 
 CProxyConnection::STurn CProxyConnection::PlanTurn(bool lingering)
@@ -187,6 +234,8 @@ CProxyConnection::STurn CProxyConnection::PlanTurn(bool lingering)
         const bool linkToPull = m_hostPaused && !m_clientEnded && m_hostData.GetSize() < HOST_DATA_LOW_WATER;
         pumpReady = m_protocol && clientRoom && (!m_hostData.IsEmpty() || linkToPull);
         idle = m_hostData.IsEmpty() && m_clientOutput.empty();
+        if (m_readerFd >= 0 && m_protocol && clientRoom && !m_hostClosed && !m_hostReadEnded && !m_clientEnded)
+            turn.hostSocket = m_readerFd;
     }
     if (MayReadClient())
         turn.events |= POLLIN;
@@ -427,7 +476,8 @@ void CProxyConnection::DisconnectClient()
         m_clientDisconnected = true;
         protocol = m_protocol;
     }
-    m_wakeEvent.SignalEvent();
+    if (!IsCurrentThread(*this))
+        m_wakeEvent.SignalEvent();
     if (protocol)
         protocol->Terminate();
     QOX::CLock hold(m_mutex);
@@ -494,8 +544,17 @@ bool CProxyConnection::ConnectToHost(QOX::CRefCountPtr<IZRTConnectionAddress> de
     if (!m_hostDataLayer)
         return false;
     m_hostPaused = false;
+    // Before registering, so the link never starts reading ahead on its own thread.
+    const int readerFd = m_hostDataLayer->AttachReader();
+    if (readerFd >= 0) {
+        m_readerLink = m_hostDataLayer;
+        m_readerFd = readerFd;
+    }
     AddRef();
     m_hostDataLayer->AddNotification(this);
+    // A handler's own thread connected: the connection's poll must take the descriptor in.
+    if (readerFd >= 0 && !IsCurrentThread(*this))
+        m_wakeEvent.SignalEvent();
     return true;
 }
 
@@ -542,7 +601,8 @@ void CProxyConnection::OnDataReceived(IZRTDataLayer& dataLayer)
         // Reading and queueing under one hold keeps chunks in order when the connection's thread
         // pulls the same link.
         QOX::CLock hold(m_mutex);
-        if (!m_hostPaused)
+        // In reader mode this thread only wakes the reader, which takes the bytes itself.
+        if (!m_hostPaused && !m_readerLink)
             DrainLinkLocked(dataLayer, true);
     }
     m_wakeEvent.SignalEvent();

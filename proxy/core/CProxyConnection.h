@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <deque>
+#include <memory>
 
 #include "proxy/core/IConnectionProtocol.h"
 #include "proxy/core/IProxyConnection.h"
@@ -30,6 +31,11 @@ class CProxy;
 // Waiting: the thread sleeps in one poll() on the client socket (POLLIN while it may read, POLLOUT
 // while output is queued), a wake event and the stop event; it never wakes periodically except
 // during the short linger after the host link closed.
+//
+// Host bytes take one of two roads. With a link that offers a reader descriptor (AttachReader),
+// this thread polls that descriptor beside the client socket and reads the link itself straight
+// into the handler: no transport-thread hop, no copy into m_hostData. Otherwise the link's
+// thread reports OnDataReceived, the bytes are copied into m_hostData and this thread pumps them.
 //
 // Flow control, per direction, by not reading the faster side:
 //  - host to client: SendToClient writes what the socket takes and queues the rest; while that
@@ -62,6 +68,9 @@ public:
     static constexpr int HOST_LINGER_POLL_MS = 10;
     // Host buffers handed to the handler per turn, so client reads interleave with a host burst.
     static constexpr int HOST_BUFFERS_PER_TURN = 8;
+    // Read size when this thread reads the link itself; the buffer is allocated on first use,
+    // so an idle connection does not pay for it.
+    static constexpr int HOST_DIRECT_READ_SIZE = 64 * 1024;
 
     explicit CProxyConnection(CProxy* proxy);
     ~CProxyConnection() override;
@@ -108,6 +117,7 @@ private:
     struct STurn {
         int socket = -1;
         short events = 0;
+        int hostSocket = -1; // the link's reader descriptor, when this turn may read it
         int timeout = -1;
     };
 
@@ -118,6 +128,10 @@ private:
     bool MayReadClient();
     void FlushClientOutput();
     void PumpHostData();
+    // Reader mode: reads the link on this thread and hands the bytes to the handler.
+    void ReadHostDirect();
+    // Reader mode ends once the link reported its closure, and when the loop ends.
+    void DetachHostReader(bool onlyWhenClosed);
     void ResumeHostLink();
     bool LingerOver(int& idlePolls);
     void DisconnectHostLink();
@@ -158,6 +172,14 @@ private:
     // Written under m_mutex on the connection's thread.
     bool m_clientEnded = false;
     QOX::CEvent m_wakeEvent{true};
+
+    // Reader mode: the link this thread reads itself, and its descriptor. Set under m_mutex by
+    // ConnectToHost, cleared by this thread only.
+    QOX::CRefCountPtr<IZRTDataLayer> m_readerLink;
+    int m_readerFd = -1;
+    // The link said it has nothing more to read; its closure report follows.
+    bool m_hostReadEnded = false;
+    std::unique_ptr<unsigned char[]> m_hostReadBuffer;
 };
 
 } // namespace Proxy

@@ -100,6 +100,18 @@ unsigned int SocksAddressLength(const unsigned char* block)
     }
 }
 
+// The address manager's key for a domain-name block: the name, ":" and the port in decimal.
+std::string DomainKey(const unsigned char* block)
+{
+    const unsigned int nameLength = block[1];
+    std::string text(reinterpret_cast<const char*>(block + 2), nameLength);
+    char port[16];
+    std::snprintf(port, sizeof(port), "%d", static_cast<int>(ReadPort(block + 2 + nameLength)));
+    text += ":";
+    text += port;
+    return text;
+}
+
 // Makes an address of a complete block; a domain name is resolved through the address manager,
 // which may wait for the host's resolver. Empty when no address can be made.
 AddressPtr DecodeSocksAddress(const unsigned char* block)
@@ -117,17 +129,13 @@ AddressPtr DecodeSocksAddress(const unsigned char* block)
         address->SetAddress(*reinterpret_cast<const sockaddr*>(&v6), sizeof(v6));
         return result;
     }
-    if (block[0] == ATYP_DOMAIN) {
-        const unsigned int nameLength = block[1];
-        std::string text(reinterpret_cast<const char*>(block + 2), nameLength);
-        char port[16];
-        std::snprintf(port, sizeof(port), "%d", static_cast<int>(ReadPort(block + 2 + nameLength)));
-        text += ":";
-        text += port;
-        return CAddressManager::GetInstance()->ResolveAddress(text);
-    }
+    if (block[0] == ATYP_DOMAIN)
+        return CAddressManager::GetInstance()->ResolveAddress(DomainKey(block));
     return AddressPtr();
 }
+
+// The handler whose steps the current thread is running outside the worker, if any.
+thread_local const void* t_steppingHandler = nullptr;
 
 bool IsRelayState(int state)
 {
@@ -240,13 +248,9 @@ CConnectionProtocol_SOCKS5::~CConnectionProtocol_SOCKS5()
     m_destination.Reset();
 }
 
+// The worker starts only when a step needs to wait (see the class comment).
 void CConnectionProtocol_SOCKS5::Init()
 {
-    if (m_terminated.load())
-        return;
-    // Without its worker nobody would ever answer the client.
-    if (!StartThread(false))
-        DisconnectClient();
 }
 
 void CConnectionProtocol_SOCKS5::Terminate()
@@ -270,8 +274,8 @@ void CConnectionProtocol_SOCKS5::Terminate()
 // follows whatever relay step the worker is in.
 void CConnectionProtocol_SOCKS5::FlushClientBytes()
 {
-    // On the worker, Terminate comes from inside one of its own steps, which still owns the bytes.
-    if (IsCurrentThread(*this))
+    // Inside a step (on the worker or inline), that step still owns the bytes.
+    if (IsSteppingHere())
         return;
     const int state = m_state.Get();
     if (state == Connected)
@@ -341,15 +345,75 @@ bool CConnectionProtocol_SOCKS5::IsStopping()
 
 void CConnectionProtocol_SOCKS5::HandleRequest(const char* data, int length)
 {
-    if (m_state.Get() == Closed)
+    const int state = m_state.Get();
+    if (state == Closed)
         return;
-    if (m_buffer.AddData(data, length > 0 ? static_cast<unsigned int>(length) : 0u)) {
-        m_dataEvent.SignalEvent();
+    const bool inlineSteps = !m_workerStarted.load();
+    // Relaying with nothing held: straight to the host, without the copy into the buffer. Only
+    // this thread appends, so an empty buffer stays empty while we look.
+    if (inlineSteps && state == Connected && m_buffer.PeekSize() == 0 && !m_terminated.load() && data &&
+        length > 0) {
+        m_connection.SendToHost(data, length);
         return;
     }
-    m_state = Closed;
-    m_buffer.Clear();
-    DisconnectClient();
+    if (!m_buffer.AddData(data, length > 0 ? static_cast<unsigned int>(length) : 0u)) {
+        m_state = Closed;
+        m_buffer.Clear();
+        DisconnectClient();
+        return;
+    }
+    if (inlineSteps)
+        ProcessInline();
+    else
+        m_dataEvent.SignalEvent();
+}
+
+void CConnectionProtocol_SOCKS5::ProcessInline()
+{
+    if (IsStopping())
+        return;
+    bool open = false;
+    {
+        const void* outer = t_steppingHandler;
+        t_steppingHandler = this;
+        open = ProcessBuffer();
+        t_steppingHandler = outer;
+    }
+    if (!open) {
+        m_buffer.Clear();
+        DisconnectClient();
+        return;
+    }
+    if (m_handOver)
+        StartWorker();
+}
+
+void CConnectionProtocol_SOCKS5::StartWorker()
+{
+    m_handOver = false;
+    m_workerStarted.store(true);
+    // The worker looks at the buffer as soon as it runs.
+    m_dataEvent.SignalEvent();
+    // Without its worker nobody would ever answer the client.
+    if (!StartThread(false))
+        DisconnectClient();
+}
+
+bool CConnectionProtocol_SOCKS5::IsSteppingHere() const
+{
+    return t_steppingHandler == this || IsCurrentThread(*this);
+}
+
+bool CConnectionProtocol_SOCKS5::NeedsWorker(const unsigned char* request) const
+{
+    if (IsCurrentThread(*this))
+        return false;
+    if (request[1] == CMD_BIND)
+        return true;
+    if (request[3] != ATYP_DOMAIN)
+        return false;
+    AddressPtr cached;
+    return !CAddressManager::GetInstance()->FindAddressInCache(DomainKey(request + 3), cached);
 }
 
 void CConnectionProtocol_SOCKS5::HandleResponse(const char* data, int length)
@@ -422,9 +486,10 @@ bool CConnectionProtocol_SOCKS5::ProcessBuffer()
         if (m_state.Get() == Closed)
             return false;
         const bool consumed = m_consumedBytes.load() != consumedBefore;
-        if (consumed)
+        // The connection looks at the backlog again; inline it does so after this call anyway.
+        if (consumed && IsCurrentThread(*this))
             m_connection.WakeConnection();
-        if (m_buffer.GetSize() == 0 || IsStopping())
+        if (m_handOver || m_buffer.GetSize() == 0 || IsStopping())
             return true;
         if (!consumed && next == state)
             return true;
@@ -521,6 +586,11 @@ int CConnectionProtocol_SOCKS5::ParseRequest()
     if (length == 0) {
         SendCommandResponse(REP_ADDRESS_TYPE_NOT_SUPPORTED);
         return Closed;
+    }
+    if (NeedsWorker(request)) {
+        // Left in the buffer for the worker, which takes this same step again.
+        m_handOver = true;
+        return AwaitingRequest;
     }
     AddressPtr address = DecodeSocksAddress(request + 3);
     if (!address) {

@@ -26,10 +26,15 @@ namespace Proxy {
 // Server side of SOCKS version 5 (RFC 1928) for one client: method negotiation (no
 // authentication only), CONNECT, BIND and UDP ASSOCIATE.
 //
-// Threads: the connection's thread appends client bytes (HandleRequest) and relays host bytes
-// (HandleResponse); the worker thread (this CThread) parses and runs the commands and forwards
-// client bytes; the listener's, the BIND stream's and the datagram service's threads call back;
-// a UDP ASSOCIATE adds a relay thread. Terminate may come from any of them.
+// Threads: the connection's thread hands in client bytes (HandleRequest) and relays host bytes
+// (HandleResponse). Steps that finish at once (greeting, a request for an address or a cached
+// name, CONNECT, UDP ASSOCIATE set-up, relaying to the host) run right there, inside
+// HandleRequest: no thread hop and no copy on the common path. A step that may wait without
+// bound (a name the resolver must look up, BIND waiting for its peer) hands the exchange to the
+// worker thread (this CThread), which is started then and does every later step, as the only
+// place where the client's bytes are parsed from that moment on. The listener's, the BIND
+// stream's and the datagram service's threads call back; a UDP ASSOCIATE adds a relay thread.
+// Terminate may come from any of them.
 //
 // Teardown races: a command that registers with a host service (listener, datagram handler) may
 // still be doing so when Terminate runs on another thread. Terminate therefore raises
@@ -166,6 +171,13 @@ private:
     void TerminateBind();
 
     bool ProcessBuffer();
+    // Runs the steps on the calling (connection) thread, then starts the worker if a step
+    // asked for it.
+    void ProcessInline();
+    // On the connection's thread: whether this request must wait on the worker instead.
+    bool NeedsWorker(const unsigned char* request) const;
+    void StartWorker();
+    bool IsSteppingHere() const;
     void StoreState(int next);
     void ConsumeClientBytes(unsigned int count);
     bool IsStopping();
@@ -208,6 +220,11 @@ private:
     QOX::CRecursiveMutex m_responseMutex;
     bool m_holdResponses = false;
     std::string m_heldResponses;
+
+    // Set on the connection's thread once the worker owns the exchange; never cleared.
+    std::atomic<bool> m_workerStarted{false};
+    // A step on the connection's thread asked for the worker; it starts after that step.
+    bool m_handOver = false;
 
     // Client bytes consumed so far, so the worker sees whether a step made progress
     // (Terminate consumes too, when it hands on what the client sent last).

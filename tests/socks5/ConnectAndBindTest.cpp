@@ -41,8 +41,11 @@ TEST_F(Socks5ConnectTest, UnreachableDestinationGetsOneRefusal)
     EXPECT_EQ("", m_connection.GetToHost());
 }
 
+// Only the worker (here: for a name to look up) connects while the connection's thread can
+// still hand in host bytes.
 TEST_F(Socks5ConnectTest, HostBytesArrivingWhileTheLinkOpensFollowTheReply)
 {
+    m_resolver.Script("example.com:80", "127.0.0.1");
     std::promise<void> connecting;
     std::promise<void> delivered;
     std::shared_future<void> deliveredFuture = delivered.get_future().share();
@@ -51,7 +54,7 @@ TEST_F(Socks5ConnectTest, HostBytesArrivingWhileTheLinkOpensFollowTheReply)
         deliveredFuture.wait();
     });
     Negotiate();
-    Send(CONNECT_REQUEST);
+    Send(Bytes({5, 1, 0, 3, 11}) + "example.com" + Bytes({0, 80}));
     connecting.get_future().wait();
     m_handler->HandleResponse("banner", 6); // the link is up, the reply not yet sent
     delivered.set_value();
