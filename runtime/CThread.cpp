@@ -1,5 +1,7 @@
 #include "runtime/CThread.h"
 
+#include "runtime/CThreadPool.h"
+
 #include <time.h>
 
 #include <atomic>
@@ -11,12 +13,14 @@ namespace {
 std::atomic<size_t> g_stackSize{256 * 1024};
 }
 
+// The operating-system thread comes from CThreadPool and goes back there after Entry, so it is
+// never joined: waiting for the end means waiting for `ended`, after which the thread touches
+// nothing but this shared block (kept alive by its own reference) and the pool.
 struct CThread::SControl {
     std::atomic<int> status{STATUS_NOT_STARTED};
     CEvent ended{true};
-    std::mutex joinMutex;
+    std::mutex joinMutex; // held by the starter while the thread's id is stored
     pthread_t thread{};
-    bool joinable = false;
 };
 
 CThread::CThread(bool /*suspended*/) : m_stopEvent(true), m_control(std::make_shared<SControl>()) {}
@@ -25,29 +29,18 @@ CThread::~CThread()
 {
     const int status = m_control->status.load();
     if (status == STATUS_RUNNING || status == STATUS_STOPPING) {
-        if (IsCurrentThread(*this)) {
-            // Destroyed by its own thread: nobody can join it, so let it clean up after itself.
-            std::lock_guard<std::mutex> hold(m_control->joinMutex);
-            if (m_control->joinable) {
-                pthread_detach(m_control->thread);
-                m_control->joinable = false;
-            }
+        // Destroyed by its own thread: it finishes on the shared block alone.
+        if (IsCurrentThread(*this))
             return;
-        }
         CThread::StopThread(-1); // derived parts are gone: no dynamic dispatch here
-
     }
-    JoinIfEnded();
 }
 
 int CThread::WaitForObject(long timeout)
 {
     if (m_control->status.load() == STATUS_NOT_STARTED)
         return CSynchronizationObject::WAIT_SIGNALLED;
-    const int result = CSynchronizationObject::WaitForObject(m_control->ended, timeout);
-    if (result == CSynchronizationObject::WAIT_SIGNALLED)
-        JoinIfEnded();
-    return result;
+    return CSynchronizationObject::WaitForObject(m_control->ended, timeout);
 }
 
 CThread::ThreadID CThread::GetThreadID() const
@@ -79,7 +72,6 @@ void* CThread::Entry(void* argument)
 
 bool CThread::StartThread(bool /*suspended*/)
 {
-    JoinIfEnded();
     int expected = m_control->status.load();
     if (expected == STATUS_RUNNING || expected == STATUS_STOPPING)
         return false;
@@ -87,20 +79,14 @@ bool CThread::StartThread(bool /*suspended*/)
     m_control->ended.ResetEvent();
     m_control->status.store(STATUS_RUNNING);
 
-    pthread_attr_t attributes;
-    pthread_attr_init(&attributes);
-    pthread_attr_setstacksize(&attributes, g_stackSize.load());
     auto* start = new std::pair<CThread*, std::shared_ptr<SControl>>(this, m_control);
     std::lock_guard<std::mutex> hold(m_control->joinMutex);
-    const int error = pthread_create(&m_control->thread, &attributes, &CThread::Entry, start);
-    pthread_attr_destroy(&attributes);
-    if (error != 0) {
+    if (!CThreadPool::Instance().Start(g_stackSize.load(), &CThread::Entry, start, &m_control->thread)) {
         delete start;
         m_control->status.store(STATUS_NOT_STARTED);
         m_control->ended.SignalEvent();
         return false;
     }
-    m_control->joinable = true;
     return true;
 }
 
@@ -115,17 +101,6 @@ bool CThread::StopThread(long timeout)
     if (IsCurrentThread(*this))
         return false;
     return WaitForObject(timeout) == CSynchronizationObject::WAIT_SIGNALLED;
-}
-
-void CThread::JoinIfEnded()
-{
-    if (m_control->status.load() != STATUS_ENDED)
-        return;
-    std::lock_guard<std::mutex> hold(m_control->joinMutex);
-    if (!m_control->joinable || pthread_equal(m_control->thread, pthread_self()))
-        return;
-    pthread_join(m_control->thread, nullptr);
-    m_control->joinable = false;
 }
 
 bool CThread::PauseThread()
@@ -160,8 +135,10 @@ CThread::ThreadID CThread::GetCurrentThreadID()
 
 bool CThread::IsCurrentThread(const CThread& thread)
 {
+    // Only while running: an ended object's thread may already serve another one.
     const int status = thread.m_control->status.load();
-    return status != STATUS_NOT_STARTED && pthread_equal(thread.m_control->thread, pthread_self());
+    return (status == STATUS_RUNNING || status == STATUS_STOPPING) &&
+           pthread_equal(thread.m_control->thread, pthread_self());
 }
 
 void CThread::Sleep(int milliseconds)

@@ -55,7 +55,6 @@ protected:
 private:
     struct SControl;
     static void* Entry(void* argument);
-    void JoinIfEnded();
 
     std::shared_ptr<SControl> m_control;
 };
