@@ -41,6 +41,7 @@ public:
     static constexpr unsigned int SEND_HIGH_WATER = 64 * 1024;
     static constexpr unsigned int SEND_LOW_WATER = 16 * 1024;
     static constexpr int LINGER_MS = 10000;
+    static constexpr int SPLICE_PIPE_SIZE = 1024 * 1024;
 
     // Takes over a connected socket (made non-blocking here) and starts watching it; empty on
     // failure, in which case the socket is closed.
@@ -62,6 +63,7 @@ public:
     unsigned int GetSendBacklog() const override;
     int AttachReader() override;
     void DetachReader() override;
+    int ReceiveInto(int socket, int size) override;
 
     void OnEvents(uint32_t events) override;
 
@@ -73,6 +75,9 @@ private:
     bool ReadSocket();
     // Reader mode, with m_received empty: one read into the reader's buffer; -1 at the end.
     int ReadForReaderLocked(unsigned char* buffer, int size);
+    bool OpenPipeLocked();
+    // ReceiveInto's tail: what the destination did not take goes back into m_received.
+    void ReclaimPipedLocked(size_t count);
     bool FlushLocked();
     void UpdateInterestLocked();
     void AdvanceClose();
@@ -105,6 +110,9 @@ private:
     bool m_closePosted = false;
     bool m_writeShut = false;
     bool m_readerAttached = false;
+    // ReceiveInto's pipe (socket -> pipe -> destination, pages moved rather than copied); made
+    // on first use, empty between calls.
+    int m_pipe[2] = {-1, -1};
     // A sink listens: from then on the loop reads ahead (unless a reader is attached).
     bool m_sinkAdded = false;
     // The loop saw a hang-up while a reader was attached and stopped watching the socket.

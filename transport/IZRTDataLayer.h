@@ -48,6 +48,18 @@ public:
     virtual int AttachReader() { return -1; }
     // Gives reading back to the link; the descriptor from AttachReader must not be used any more.
     virtual void DetachReader() {}
+
+    // Results of ReceiveInto besides a positive count.
+    enum { RECEIVE_NOTHING_NOW = 0, RECEIVE_END = -1, RECEIVE_USE_RECEIVE_DATA = -2, RECEIVE_SOCKET_FAILED = -3 };
+    // Added for the relay fast path, with a reader attached: moves up to size bytes of the link
+    // straight into the connected stream socket `socket`, without copying them through user
+    // space where the platform allows. Returns the count that reached the socket, or
+    // RECEIVE_NOTHING_NOW, RECEIVE_END (as ReceiveData's -1), RECEIVE_SOCKET_FAILED (the socket
+    // refused: the bytes stay with the link), or RECEIVE_USE_RECEIVE_DATA: take what the link
+    // holds with ReceiveData now (bytes read ahead, or what the socket would not take), or the
+    // link cannot do this at all. Bytes are never left in between: each one is either in the
+    // socket or still with the link.
+    virtual int ReceiveInto(int /*socket*/, int /*size*/) { return RECEIVE_USE_RECEIVE_DATA; }
 };
 
 } // namespace ZRT

@@ -198,26 +198,65 @@ void CProxyConnection::ReadHostDirect()
     if (!m_hostReadBuffer)
         m_hostReadBuffer.reset(new unsigned char[HOST_DIRECT_READ_SIZE]);
     for (int turn = 0; turn < HOST_BUFFERS_PER_TURN; ++turn) {
-        int count = 0;
-        {
-            QOX::CLock hold(m_mutex);
-            // Bytes the transport queued before reader mode began go first (PumpHostData).
-            if (m_clientDisconnected || m_clientEnded || !m_readerLink || !m_hostData.IsEmpty() ||
-                m_clientOutputSize > CLIENT_OUTPUT_HIGH_WATER)
-                return;
-            count = m_readerLink->ReceiveData(m_hostReadBuffer.get(), HOST_DIRECT_READ_SIZE);
-            if (count < 0)
-                m_hostReadEnded = true;
-        }
-        if (count < 0) {
-            // The link reports its closure as the reader leaves; it comes back on this thread.
+        const int moved = SpliceHostToClient();
+        if (moved > 0)
+            continue;
+        if (moved == IZRTDataLayer::RECEIVE_NOTHING_NOW)
+            return;
+        if (moved == IZRTDataLayer::RECEIVE_END) {
             DetachHostReader(false);
             return;
         }
-        if (count == 0)
+        if (moved == IZRTDataLayer::RECEIVE_SOCKET_FAILED) {
+            DisconnectClient();
             return;
-        m_protocol->HandleResponse(reinterpret_cast<const char*>(m_hostReadBuffer.get()), count);
+        }
+        if (!CopyHostToHandler())
+            return;
     }
+}
+
+int CProxyConnection::SpliceHostToClient()
+{
+    if (!m_spliceHost)
+        return IZRTDataLayer::RECEIVE_USE_RECEIVE_DATA;
+    QOX::CLock hold(m_mutex);
+    // Queued bytes go first, through the copying road.
+    if (m_clientDisconnected || m_clientEnded || !m_readerLink || m_clientSocket < 0 || !m_hostData.IsEmpty() ||
+        !m_clientOutput.empty())
+        return IZRTDataLayer::RECEIVE_USE_RECEIVE_DATA;
+    const int moved = m_readerLink->ReceiveInto(m_clientSocket, HOST_SPLICE_SIZE);
+    if (moved == IZRTDataLayer::RECEIVE_END)
+        m_hostReadEnded = true;
+    return moved;
+}
+
+bool CProxyConnection::CopyHostToHandler()
+{
+    int count = 0;
+    {
+        QOX::CLock hold(m_mutex);
+        // Bytes the transport queued before reader mode began go first (PumpHostData).
+        if (m_clientDisconnected || m_clientEnded || !m_readerLink || !m_hostData.IsEmpty() ||
+            m_clientOutputSize > CLIENT_OUTPUT_HIGH_WATER)
+            return false;
+        count = m_readerLink->ReceiveData(m_hostReadBuffer.get(), HOST_DIRECT_READ_SIZE);
+        if (count < 0)
+            m_hostReadEnded = true;
+    }
+    if (count < 0) {
+        // The link reports its closure as the reader leaves; it comes back on this thread.
+        DetachHostReader(false);
+        return false;
+    }
+    if (count == 0)
+        return false;
+    m_protocol->HandleResponse(reinterpret_cast<const char*>(m_hostReadBuffer.get()), count);
+    // A full read means a stream in full flow: once the handler relays unchanged, later bytes
+    // may skip user space altogether.
+    if (count == HOST_DIRECT_READ_SIZE && m_protocol->PassesResponsesThrough())
+        m_spliceHost = true;
+    return true;
 }
 
 CProxyConnection::STurn CProxyConnection::PlanTurn(bool lingering)

@@ -71,6 +71,8 @@ public:
     // Read size when this thread reads the link itself; the buffer is allocated on first use,
     // so an idle connection does not pay for it.
     static constexpr int HOST_DIRECT_READ_SIZE = 64 * 1024;
+    // Most bytes moved per ReceiveInto once host bytes bypass the handler.
+    static constexpr int HOST_SPLICE_SIZE = 1024 * 1024;
 
     explicit CProxyConnection(CProxy* proxy);
     ~CProxyConnection() override;
@@ -130,6 +132,10 @@ private:
     void PumpHostData();
     // Reader mode: reads the link on this thread and hands the bytes to the handler.
     void ReadHostDirect();
+    // One ReceiveInto from the link straight into the client socket, when allowed now.
+    int SpliceHostToClient();
+    // One ReceiveData handed to the handler; false when there is nothing more to do this turn.
+    bool CopyHostToHandler();
     // Reader mode ends once the link reported its closure, and when the loop ends.
     void DetachHostReader(bool onlyWhenClosed);
     void ResumeHostLink();
@@ -180,6 +186,8 @@ private:
     // The link said it has nothing more to read; its closure report follows.
     bool m_hostReadEnded = false;
     std::unique_ptr<unsigned char[]> m_hostReadBuffer;
+    // Host bytes bypass the handler (it relays them unchanged) and go by ReceiveInto.
+    bool m_spliceHost = false;
 };
 
 } // namespace Proxy

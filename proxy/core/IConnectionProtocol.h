@@ -22,6 +22,11 @@ public:
     // Called on the connection's thread when its queue towards the client fell under its
     // low-water mark, so a handler that paused a producer can resume it.
     virtual void OnClientDrained() {}
+    // Added for the relay fast path: true once every later host byte is to reach the client
+    // unchanged, as HandleResponse would pass it on. The connection may then move host bytes to
+    // the client without handing them to the handler. Asked on the connection's thread; once
+    // true it stays true.
+    virtual bool PassesResponsesThrough() const { return false; }
 };
 
 } // namespace Proxy

@@ -69,6 +69,7 @@ public:
     void HandleRequest(const char* data, int length) override;
     void HandleResponse(const char* data, int length) override;
     unsigned int GetRequestBacklog() const override { return 0; }
+    bool PassesResponsesThrough() const override { return m_responsePassThrough; }
 
 protected:
     void ProcessHTTPRequest(const char* data, int length);

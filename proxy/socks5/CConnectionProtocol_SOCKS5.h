@@ -127,6 +127,8 @@ public:
     void HandleResponse(const char* data, int length) override;
     unsigned int GetRequestBacklog() const override;
     void OnClientDrained() override;
+    // Connected relays host bytes unchanged (nothing is held back once the state is reached).
+    bool PassesResponsesThrough() const override { return m_state.Get() == Connected; }
 
     // IDatagramReceiver
     void OnDatagramReceived(int handle, const IZRTConnectionAddress& source, const unsigned char* data,
