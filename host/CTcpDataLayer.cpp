@@ -50,6 +50,8 @@ CTcpDataLayer::~CTcpDataLayer()
     CSocketUtils::CloseSocket(m_socket);
     CSocketUtils::CloseSocket(m_pipe[0]);
     CSocketUtils::CloseSocket(m_pipe[1]);
+    CSocketUtils::CloseSocket(m_sendPipe[0]);
+    CSocketUtils::CloseSocket(m_sendPipe[1]);
 }
 
 int CTcpDataLayer::ReceiveData(unsigned char* buffer, int size)
@@ -104,20 +106,118 @@ int CTcpDataLayer::ReadForReaderLocked(unsigned char* buffer, int size)
     }
 }
 
-bool CTcpDataLayer::OpenPipeLocked()
+bool CTcpDataLayer::OpenPipe(int (&fds)[2])
 {
 #if defined(__linux__)
-    if (m_pipe[0] >= 0)
+    if (fds[0] >= 0)
         return true;
-    if (pipe2(m_pipe, O_NONBLOCK | O_CLOEXEC) != 0) {
-        m_pipe[0] = m_pipe[1] = -1;
+    if (pipe2(fds, O_NONBLOCK | O_CLOEXEC) != 0) {
+        fds[0] = fds[1] = -1;
         return false;
     }
     // Larger than the default 64 KiB: fewer calls per megabyte. The size is a wish, not a need.
-    fcntl(m_pipe[1], F_SETPIPE_SZ, SPLICE_PIPE_SIZE);
+    fcntl(fds[1], F_SETPIPE_SZ, SPLICE_PIPE_SIZE);
     return true;
 #else
+    (void)fds;
     return false;
+#endif
+}
+
+bool CTcpDataLayer::OpenPipeLocked()
+{
+    return OpenPipe(m_pipe);
+}
+
+void CTcpDataLayer::DropUnsentLocked()
+{
+    m_unsent.Clear();
+    if (m_piped == 0)
+        return;
+    // Bytes for a peer that is gone: the pipe is dropped with them.
+    CSocketUtils::CloseSocket(m_sendPipe[0]);
+    CSocketUtils::CloseSocket(m_sendPipe[1]);
+    m_sendPipe[0] = m_sendPipe[1] = -1;
+    m_piped = 0;
+}
+
+void CTcpDataLayer::UnpipeLocked()
+{
+    unsigned char chunk[16 * 1024];
+    while (m_piped > 0) {
+        const ssize_t got = read(m_sendPipe[0], chunk, std::min(m_piped, sizeof(chunk)));
+        if (got <= 0) {
+            if (got < 0 && errno == EINTR)
+                continue;
+            return;
+        }
+        m_unsent.Append(chunk, static_cast<size_t>(got));
+        m_piped -= static_cast<size_t>(got);
+    }
+}
+
+void CTcpDataLayer::FlushPipeLocked()
+{
+#if defined(__linux__)
+    while (m_piped > 0 && m_unsent.Empty() && m_socket >= 0 && !m_failed) {
+        const ssize_t moved = splice(m_sendPipe[0], nullptr, m_socket, nullptr, m_piped,
+                                     SPLICE_F_MOVE | SPLICE_F_NONBLOCK);
+        if (moved > 0) {
+            m_piped -= static_cast<size_t>(moved);
+            continue;
+        }
+        if (moved < 0 && errno == EINTR)
+            continue;
+        if (moved < 0 && (errno == EAGAIN || errno == EWOULDBLOCK))
+            return;
+        m_failed = true;
+        DropUnsentLocked();
+    }
+#endif
+}
+
+int CTcpDataLayer::SendFrom(int socket, int size)
+{
+#if defined(__linux__)
+    bool failed = false;
+    int taken = 0;
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        if (m_socket < 0 || m_failed || m_disconnectRequested || m_closeReported || m_writeShut || size <= 0)
+            return SEND_USE_SEND_DATA;
+        const size_t room = static_cast<size_t>(SPLICE_PIPE_SIZE) - std::min(m_piped, static_cast<size_t>(SPLICE_PIPE_SIZE));
+        if (room == 0 || !OpenPipe(m_sendPipe))
+            return SEND_USE_SEND_DATA;
+        ssize_t in = 0;
+        do {
+            in = splice(socket, nullptr, m_sendPipe[1], nullptr, std::min(static_cast<size_t>(size), room),
+                        SPLICE_F_MOVE | SPLICE_F_NONBLOCK);
+        } while (in < 0 && errno == EINTR);
+        if (in == 0)
+            return SEND_SOCKET_ENDED;
+        if (in < 0) {
+            if (errno == EAGAIN || errno == EWOULDBLOCK)
+                return SEND_NOTHING_NOW;
+            if (errno == EINVAL || errno == ENOSYS)
+                return SEND_USE_SEND_DATA;
+            return SEND_SOCKET_FAILED;
+        }
+        m_piped += static_cast<size_t>(in);
+        taken = static_cast<int>(in);
+        FlushPipeLocked();
+        if (UnsentLocked() > SEND_HIGH_WATER)
+            m_sendOverHigh = true;
+        UpdateInterestLocked();
+        failed = m_failed;
+    }
+    // As SendData: the socket itself is only ever closed on the loop's thread.
+    if (failed)
+        PostAdvanceClose();
+    return taken;
+#else
+    (void)socket;
+    (void)size;
+    return SEND_USE_SEND_DATA;
 #endif
 }
 
@@ -242,6 +342,7 @@ int CTcpDataLayer::SendData(const unsigned char* data, int size)
         std::lock_guard<std::mutex> lock(m_mutex);
         if (m_socket < 0 || m_failed || m_disconnectRequested || m_closeReported || m_writeShut)
             return -1;
+        UnpipeLocked();
         size_t offset = 0;
         while (m_unsent.Empty() && offset < static_cast<size_t>(size)) {
             const ssize_t sent = send(m_socket, data + offset, static_cast<size_t>(size) - offset,
@@ -258,7 +359,7 @@ int CTcpDataLayer::SendData(const unsigned char* data, int size)
         }
         if (!m_failed) {
             m_unsent.Append(data + offset, static_cast<size_t>(size) - offset);
-            if (m_unsent.Size() > SEND_HIGH_WATER)
+            if (UnsentLocked() > SEND_HIGH_WATER)
                 m_sendOverHigh = true;
             UpdateInterestLocked();
             return size;
@@ -361,7 +462,7 @@ void CTcpDataLayer::Disconnect()
 unsigned int CTcpDataLayer::GetSendBacklog() const
 {
     std::lock_guard<std::mutex> lock(m_mutex);
-    return static_cast<unsigned int>(m_unsent.Size());
+    return static_cast<unsigned int>(UnsentLocked());
 }
 
 void CTcpDataLayer::OnEvents(uint32_t events)
@@ -388,7 +489,7 @@ void CTcpDataLayer::OnEvents(uint32_t events)
             m_failed = true;
         }
         if (m_failed) {
-            m_unsent.Clear();
+            DropUnsentLocked();
             ReleaseSocketLocked();
         } else {
             UpdateInterestLocked();
@@ -459,9 +560,10 @@ bool CTcpDataLayer::FlushLocked()
         if (sent < 0 && (errno == EAGAIN || errno == EWOULDBLOCK))
             break;
         m_failed = true;
-        m_unsent.Clear();
+        DropUnsentLocked();
     }
-    if (m_failed || !m_sendOverHigh || m_unsent.Size() > SEND_LOW_WATER)
+    FlushPipeLocked();
+    if (m_failed || !m_sendOverHigh || UnsentLocked() > SEND_LOW_WATER)
         return false;
     m_sendOverHigh = false;
     return true;
@@ -475,7 +577,7 @@ void CTcpDataLayer::UpdateInterestLocked()
     const bool listened = m_sinkAdded || m_closeReported;
     if (listened && !m_eofSeen && !m_failed && !m_readerAttached && (m_closeReported || !m_readPaused))
         wanted |= EPOLLIN;
-    if (!m_unsent.Empty() && !m_failed)
+    if (UnsentLocked() > 0 && !m_failed)
         wanted |= EPOLLOUT;
     if (m_token == 0) {
         if (wanted == 0)
@@ -502,7 +604,7 @@ void CTcpDataLayer::AdvanceClose()
         std::lock_guard<std::mutex> lock(m_mutex);
         m_closePosted = false;
         if (m_failed && m_socket >= 0) {
-            m_unsent.Clear();
+            DropUnsentLocked();
             ReleaseSocketLocked();
         }
         const bool peerDone = (m_eofSeen || m_failed) && m_received.Empty();
@@ -528,7 +630,7 @@ void CTcpDataLayer::LingerLocked()
         ReleaseSocketLocked();
         return;
     }
-    if (m_unsent.Empty()) {
+    if (UnsentLocked() == 0) {
         if (!m_writeShut) {
             shutdown(m_socket, SHUT_WR);
             m_writeShut = true;
@@ -546,7 +648,7 @@ void CTcpDataLayer::LingerLocked()
         std::lock_guard<std::mutex> lock(self->m_mutex);
         self->m_lingerTimer = 0;
         self->m_failed = true;
-        self->m_unsent.Clear();
+        self->DropUnsentLocked();
         self->ReleaseSocketLocked();
     });
 }

@@ -64,6 +64,7 @@ public:
     int AttachReader() override;
     void DetachReader() override;
     int ReceiveInto(int socket, int size) override;
+    int SendFrom(int socket, int size) override;
 
     void OnEvents(uint32_t events) override;
 
@@ -76,6 +77,13 @@ private:
     // Reader mode, with m_received empty: one read into the reader's buffer; -1 at the end.
     int ReadForReaderLocked(unsigned char* buffer, int size);
     bool OpenPipeLocked();
+    static bool OpenPipe(int (&fds)[2]);
+    // The send queue: m_unsent, then the bytes in m_sendPipe.
+    size_t UnsentLocked() const { return m_unsent.Size() + m_piped; }
+    void DropUnsentLocked();
+    // Moves the send pipe's bytes into m_unsent, so bytes given to SendData line up behind them.
+    void UnpipeLocked();
+    void FlushPipeLocked();
     // ReceiveInto's tail: what the destination did not take goes back into m_received.
     void ReclaimPipedLocked(size_t count);
     bool FlushLocked();
@@ -113,6 +121,9 @@ private:
     // ReceiveInto's pipe (socket -> pipe -> destination, pages moved rather than copied); made
     // on first use, empty between calls.
     int m_pipe[2] = {-1, -1};
+    // SendFrom's pipe: the tail of the send queue, behind m_unsent; m_piped bytes in it.
+    int m_sendPipe[2] = {-1, -1};
+    size_t m_piped = 0;
     // A sink listens: from then on the loop reads ahead (unless a reader is attached).
     bool m_sinkAdded = false;
     // The loop saw a hang-up while a reader was attached and stopped watching the socket.

@@ -60,6 +60,17 @@ public:
     // link cannot do this at all. Bytes are never left in between: each one is either in the
     // socket or still with the link.
     virtual int ReceiveInto(int /*socket*/, int /*size*/) { return RECEIVE_USE_RECEIVE_DATA; }
+
+    // Results of SendFrom besides a positive count.
+    enum { SEND_NOTHING_NOW = 0, SEND_SOCKET_ENDED = -1, SEND_USE_SEND_DATA = -2, SEND_SOCKET_FAILED = -3 };
+    // Added for the relay fast path: reads up to size bytes from the connected stream socket
+    // `socket` and sends them as SendData would, without copying them through the caller where
+    // the platform allows. Returns the count taken from the socket, SEND_NOTHING_NOW (nothing to
+    // read), SEND_SOCKET_ENDED (the socket's peer closed; nothing was taken), SEND_SOCKET_FAILED
+    // (reading the socket failed), or SEND_USE_SEND_DATA: read the socket yourself and use
+    // SendData (the link cannot do this now, or at all). Bytes taken are the link's, exactly as
+    // if given to SendData, and count in GetSendBacklog until written.
+    virtual int SendFrom(int /*socket*/, int /*size*/) { return SEND_USE_SEND_DATA; }
 };
 
 } // namespace ZRT

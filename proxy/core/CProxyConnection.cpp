@@ -304,8 +304,24 @@ bool CProxyConnection::MayReadClient()
     return backlog <= REQUEST_BACKLOG_LIMIT;
 }
 
+// Relay fast path for client bytes: the link takes them from the client socket itself. True
+// when that was done (or nothing was waiting); false leaves the turn to the ordinary read, which
+// also meets the client's end or failure.
+bool CProxyConnection::SpliceClientToHost()
+{
+    if (!m_spliceClient || m_hostClosed || !m_protocol->PassesRequestsThrough())
+        return false;
+    QOX::CLock hold(m_mutex);
+    if (m_clientDisconnected || m_clientSocket < 0 || !m_hostDataLayer)
+        return false;
+    const int taken = m_hostDataLayer->SendFrom(m_clientSocket, CLIENT_SPLICE_SIZE);
+    return taken > 0 || taken == IZRTDataLayer::SEND_NOTHING_NOW;
+}
+
 void CProxyConnection::ReadDataFromClient()
 {
+    if (SpliceClientToHost())
+        return;
     char buffer[CLIENT_READ_SIZE];
     ssize_t count = 0;
     int error = 0;
@@ -343,6 +359,10 @@ void CProxyConnection::ReadDataFromClient()
         protocol->Init();
     }
     m_protocol->HandleRequest(buffer, length);
+    // A full read means a stream in full flow: while the handler relays unchanged, later
+    // bytes may skip user space altogether.
+    if (length == CLIENT_READ_SIZE && m_protocol->PassesRequestsThrough())
+        m_spliceClient = true;
 }
 
 bool CProxyConnection::EndClientInput()

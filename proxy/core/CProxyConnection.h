@@ -73,6 +73,7 @@ public:
     static constexpr int HOST_DIRECT_READ_SIZE = 64 * 1024;
     // Most bytes moved per ReceiveInto once host bytes bypass the handler.
     static constexpr int HOST_SPLICE_SIZE = 1024 * 1024;
+    static constexpr int CLIENT_SPLICE_SIZE = 256 * 1024;
 
     explicit CProxyConnection(CProxy* proxy);
     ~CProxyConnection() override;
@@ -124,6 +125,7 @@ private:
     };
 
     void ReadDataFromClient();
+    bool SpliceClientToHost();
     // The client sent its last byte; false when nothing is left for it and it can go at once.
     bool EndClientInput();
     STurn PlanTurn(bool lingering);
@@ -188,6 +190,8 @@ private:
     std::unique_ptr<unsigned char[]> m_hostReadBuffer;
     // Host bytes bypass the handler (it relays them unchanged) and go by ReceiveInto.
     bool m_spliceHost = false;
+    // Client bytes bypass the handler likewise (SendFrom), while it relays them unchanged.
+    bool m_spliceClient = false;
 };
 
 } // namespace Proxy

@@ -27,6 +27,9 @@ public:
     // the client without handing them to the handler. Asked on the connection's thread; once
     // true it stays true.
     virtual bool PassesResponsesThrough() const { return false; }
+    // The same for client bytes: true while HandleRequest would hand every client byte to
+    // SendToHost unchanged and at once, so the connection may send them without the handler.
+    virtual bool PassesRequestsThrough() const { return false; }
 };
 
 } // namespace Proxy

@@ -70,6 +70,7 @@ public:
     void HandleResponse(const char* data, int length) override;
     unsigned int GetRequestBacklog() const override { return 0; }
     bool PassesResponsesThrough() const override { return m_responsePassThrough; }
+    bool PassesRequestsThrough() const override { return m_requestPassThrough && m_connection.IsConnectedToHost(); }
 
 protected:
     void ProcessHTTPRequest(const char* data, int length);

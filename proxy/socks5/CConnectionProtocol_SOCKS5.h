@@ -129,6 +129,12 @@ public:
     void OnClientDrained() override;
     // Connected relays host bytes unchanged (nothing is held back once the state is reached).
     bool PassesResponsesThrough() const override { return m_state.Get() == Connected; }
+    // As HandleRequest's shortcut: relaying on the connection's thread with nothing held.
+    bool PassesRequestsThrough() const override
+    {
+        return m_state.Get() == Connected && !m_workerStarted.load() && m_buffer.PeekSize() == 0 &&
+               !m_terminated.load();
+    }
 
     // IDatagramReceiver
     void OnDatagramReceived(int handle, const IZRTConnectionAddress& source, const unsigned char* data,
