@@ -40,7 +40,12 @@ int CThread::WaitForObject(long timeout)
 {
     if (m_control->status.load() == STATUS_NOT_STARTED)
         return CSynchronizationObject::WAIT_SIGNALLED;
-    return CSynchronizationObject::WaitForObject(m_control->ended, timeout);
+    const int result = CSynchronizationObject::WaitForObject(m_control->ended, timeout);
+    // The thread is never joined: its status turns ENDED after its last touch of the object, so
+    // reading it orders whatever the waiter does next (freeing the object) behind that touch.
+    if (result == CSynchronizationObject::WAIT_SIGNALLED)
+        (void)m_control->status.load(std::memory_order_acquire);
+    return result;
 }
 
 CThread::ThreadID CThread::GetThreadID() const

@@ -52,7 +52,7 @@ public:
     // Results of ReceiveInto besides a positive count.
     enum { RECEIVE_NOTHING_NOW = 0, RECEIVE_END = -1, RECEIVE_USE_RECEIVE_DATA = -2, RECEIVE_SOCKET_FAILED = -3 };
     // Added for the relay fast path, with a reader attached: moves up to size bytes of the link
-    // straight into the connected stream socket `socket`, without copying them through user
+    // straight into the connected, non-blocking stream socket `socket`, without copying them through user
     // space where the platform allows. Returns the count that reached the socket, or
     // RECEIVE_NOTHING_NOW, RECEIVE_END (as ReceiveData's -1), RECEIVE_SOCKET_FAILED (the socket
     // refused: the bytes stay with the link), or RECEIVE_USE_RECEIVE_DATA: take what the link
@@ -63,8 +63,8 @@ public:
 
     // Results of SendFrom besides a positive count.
     enum { SEND_NOTHING_NOW = 0, SEND_SOCKET_ENDED = -1, SEND_USE_SEND_DATA = -2, SEND_SOCKET_FAILED = -3 };
-    // Added for the relay fast path: reads up to size bytes from the connected stream socket
-    // `socket` and sends them as SendData would, without copying them through the caller where
+    // Added for the relay fast path: reads up to size bytes from the connected, non-blocking
+    // stream socket `socket` and sends them as SendData would, without copying them through the caller where
     // the platform allows. Returns the count taken from the socket, SEND_NOTHING_NOW (nothing to
     // read), SEND_SOCKET_ENDED (the socket's peer closed; nothing was taken), SEND_SOCKET_FAILED
     // (reading the socket failed), or SEND_USE_SEND_DATA: read the socket yourself and use
