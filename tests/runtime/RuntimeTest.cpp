@@ -1,7 +1,9 @@
 #include <gtest/gtest.h>
+#include <poll.h>
 
 #include <atomic>
 #include <chrono>
+#include <memory>
 #include <thread>
 #include <vector>
 
@@ -9,6 +11,7 @@
 #include "runtime/CRefCountPtr.h"
 #include "runtime/CRefCount_Base.h"
 #include "runtime/CThread.h"
+#include "runtime/CThreadPool.h"
 #include "runtime/Clock.h"
 
 namespace {
@@ -170,6 +173,78 @@ TEST(Thread, ObjectMayBeDestroyedOnItsOwnThread)
     for (int wait = 0; wait < 500 && g_destroyed.load() < 20; ++wait)
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
     EXPECT_EQ(g_destroyed.load(), 20);
+}
+
+// A finished thread serves the next CThread: same OS thread, and the ended object no longer
+// counts it as its own.
+TEST(Thread, AFinishedThreadIsReusedAndBelongsOnlyToItsNewObject)
+{
+    StopAwareThread first;
+    ASSERT_TRUE(first.StartThread(false));
+    ASSERT_TRUE(first.StopThread(-1));
+    const pthread_t firstThread = first.GetThreadID();
+    for (int i = 0; i < 200 && QOX::CThreadPool::Instance().GetIdleCount() == 0; ++i)
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+
+    class Probe : public QOX::CThread {
+    public:
+        explicit Probe(const QOX::CThread& ended) : m_ended(ended) {}
+        ~Probe() override { StopThread(-1); }
+        int Run() override
+        {
+            m_ownsEnded = QOX::CThread::IsCurrentThread(m_ended);
+            m_ownsItself = QOX::CThread::IsCurrentThread(*this);
+            return 0;
+        }
+        const QOX::CThread& m_ended;
+        std::atomic<bool> m_ownsEnded{true};
+        std::atomic<bool> m_ownsItself{false};
+    } second(first);
+    ASSERT_TRUE(second.StartThread(false));
+    ASSERT_TRUE(second.StopThread(-1));
+    EXPECT_TRUE(pthread_equal(firstThread, second.GetThreadID())) << "the idle thread was not reused";
+    EXPECT_FALSE(second.m_ownsEnded);
+    EXPECT_TRUE(second.m_ownsItself);
+}
+
+// Idle threads leave by themselves, so a burst does not leave the process bigger for good.
+TEST(Thread, SlowIdleThreadsLeaveAfterTheirLifetime)
+{
+    std::vector<std::unique_ptr<StopAwareThread>> burst;
+    for (int i = 0; i < 8; ++i) {
+        burst.emplace_back(new StopAwareThread());
+        ASSERT_TRUE(burst.back()->StartThread(false));
+    }
+    burst.clear();
+    EXPECT_GE(QOX::CThreadPool::Instance().GetIdleCount(), 1u);
+    const auto deadline = std::chrono::steady_clock::now() +
+                          std::chrono::milliseconds(QOX::CThreadPool::IDLE_LIFETIME_MS * 3);
+    while (QOX::CThreadPool::Instance().GetIdleCount() > 0 && std::chrono::steady_clock::now() < deadline)
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    EXPECT_EQ(QOX::CThreadPool::Instance().GetIdleCount(), 0u);
+}
+
+// The descriptor is made on first wait: a signal given before it must show on it, and a reset
+// must clear it, in any order.
+TEST(Event, DescriptorMadeLateMirrorsTheState)
+{
+    QOX::CEvent early(true);
+    early.SignalEvent();
+    EXPECT_EQ(QOX::CSynchronizationObject::WaitForObject(early, 0), 1);
+    pollfd entry{early.GetWaitHandle(), POLLIN, 0};
+    EXPECT_EQ(poll(&entry, 1, 0), 1);
+    early.ResetEvent();
+    EXPECT_EQ(poll(&entry, 1, 0), 0);
+    early.SignalEvent();
+    EXPECT_EQ(poll(&entry, 1, 0), 1);
+
+    QOX::CEvent flipped(true);
+    for (int i = 0; i < 3; ++i) {
+        flipped.SignalEvent();
+        flipped.ResetEvent();
+    }
+    pollfd quiet{flipped.GetWaitHandle(), POLLIN, 0};
+    EXPECT_EQ(poll(&quiet, 1, 0), 0);
 }
 
 TEST(Clock, DifferencesSurviveTheWrap)

@@ -140,6 +140,33 @@ TEST_F(Socks5NegotiationTest, Ipv6DestinationIsDecoded)
     EXPECT_EQ(std::vector<std::string>{"[::1]:8080"}, m_connection.GetMultiPointLayer().GetDestinations());
 }
 
+// What finishes at once runs on the connection's thread, reply included, before HandleRequest
+// returns; a name the resolver has to look up hands the exchange to the worker, and once the
+// answer is cached the same name is served inline again.
+TEST_F(Socks5NegotiationTest, OnlyANameStillToBeLookedUpStartsTheWorker)
+{
+    m_resolver.Script("example.com:80", "127.0.0.1");
+    const std::string byName = Bytes({5, 1, 0, 3, 11}) + "example.com" + Bytes({0, 80});
+    Negotiate();
+    Send(byName);
+    EXPECT_EQ(CommandReply(0), WaitForReplies(10));
+    EXPECT_NE(QOX::CThread::STATUS_NOT_STARTED, m_handler->GetThreadStatus());
+
+    for (const std::string& request : {Bytes({5, 1, 0, 1, 127, 0, 0, 1, 0, 80}), byName}) {
+        FakeProxyConnection connection(CLIENT_PORT);
+        Handler handler(connection);
+        connection.SetProtocol(&handler);
+        handler.Init();
+        const std::string exchange = Bytes({5, 1, 0}) + request;
+        handler.HandleRequest(exchange.data(), static_cast<int>(exchange.size()));
+        EXPECT_EQ(Bytes({5, 0}) + CommandReply(0), connection.GetToClient());
+        EXPECT_EQ(Handler::Connected, handler.GetState());
+        EXPECT_EQ(QOX::CThread::STATUS_NOT_STARTED, handler.GetThreadStatus());
+        connection.DisconnectClient();
+    }
+    EXPECT_EQ(1, m_resolver.GetRequestCount("example.com:80"));
+}
+
 // A partial request is held and counted as backlog; once the worker (which a name lookup
 // needs) consumes it, the connection is woken to look at the backlog again.
 TEST_F(Socks5NegotiationTest, BacklogCountsUnprocessedBytesAndWorkerConsumptionWakesTheConnection)
