@@ -144,13 +144,20 @@ int CProxy::Run()
 
 bool CProxy::AcceptOne(int listenSocket)
 {
+#if defined(__linux__)
+    // Close-on-exec and non-blocking in the same call (Android's libc has accept4 too).
+    const int client = accept4(listenSocket, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
+#else
     const int client = accept(listenSocket, nullptr, nullptr);
+#endif
     if (client < 0) {
         if (OutOfDescriptors(errno))
             QOX::CSynchronizationObject::WaitForObject(m_stopEvent, ACCEPT_RETRY_DELAY_MS);
         return false;
     }
+#if !defined(__linux__)
     fcntl(client, F_SETFD, FD_CLOEXEC);
+#endif
     if (m_listenSocket == -1) {
         CSocketUtils::CloseSocket(client);
         return false;

@@ -1,6 +1,8 @@
 #include "proxy/core/CProxyConnection.h"
 
 #include <errno.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/socket.h>
 
@@ -98,6 +100,9 @@ bool CProxyConnection::Init(int socket, IZRTMultiPointLayer* multiPointLayer, ID
         m_initialized = true;
     }
     CSocketUtils::SetSocketBlocking(socket, false);
+    // Relayed segments go out as they come: Nagle would hold a small one back for an ACK.
+    const int on = 1;
+    setsockopt(socket, IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on));
     // Last step: once the thread runs it may finish and destroy the object at any moment.
     if (StartThread(false))
         return true;
@@ -138,17 +143,16 @@ int CProxyConnection::Run()
             break;
         DetachHostReader(true);
         const STurn turn = PlanTurn(idlePolls > 0 || m_hostClosed);
-        pollfd fds[4] = {{turn.socket, turn.events, 0},
+        // The stop event is not polled: every stop (Terminate) disconnects the client first,
+        // which signals the wake event; the flag is looked at above.
+        pollfd fds[3] = {{turn.socket, turn.events, 0},
                          {m_wakeEvent.GetWaitHandle(), POLLIN, 0},
-                         {m_stopEvent.GetWaitHandle(), POLLIN, 0},
                          {turn.hostSocket, POLLIN, 0}};
-        if (poll(fds, 4, turn.timeout) < 0) {
+        if (poll(fds, 3, turn.timeout) < 0) {
             if (errno == EINTR)
                 continue;
             break;
         }
-        if (fds[2].revents != 0)
-            break;
         // Reset before looking at the state, so a signal after this point wakes the next poll.
         if (fds[1].revents != 0)
             m_wakeEvent.ResetEvent();
@@ -168,7 +172,7 @@ int CProxyConnection::Run()
         PumpHostData();
         // A wake-up may stand for bytes the link read before reader mode began, which no
         // readiness of the descriptor announces.
-        if (turn.hostSocket >= 0 && (fds[3].revents != 0 || fds[1].revents != 0))
+        if (turn.hostSocket >= 0 && (fds[2].revents != 0 || fds[1].revents != 0))
             ReadHostDirect();
         if (LingerOver(idlePolls))
             break;
@@ -507,8 +511,11 @@ void CProxyConnection::Terminate()
     DisconnectClient();
     const int status = GetThreadStatus();
     const bool started = status == STATUS_RUNNING || status == STATUS_STOPPING;
-    if (started && !IsCurrentThread(*this))
+    if (started && !IsCurrentThread(*this)) {
+        // The thread sleeps on the wake event, not on the stop event.
+        m_wakeEvent.SignalEvent();
         StopThread(-1);
+    }
     QOX::CLock hold(m_mutex);
     m_proxy = nullptr;
 }
