@@ -106,6 +106,22 @@ int CTcpDataLayer::ReadForReaderLocked(unsigned char* buffer, int size)
     }
 }
 
+size_t CTcpDataLayer::MovePipeInto(int pipe, size_t count, CByteQueue& queue)
+{
+    unsigned char chunk[16 * 1024];
+    size_t moved = 0;
+    while (moved < count) {
+        const ssize_t got = read(pipe, chunk, std::min(count - moved, sizeof(chunk)));
+        if (got < 0 && errno == EINTR)
+            continue;
+        if (got <= 0)
+            break; // cannot happen: the pipe holds at least `count` bytes
+        queue.Append(chunk, static_cast<size_t>(got));
+        moved += static_cast<size_t>(got);
+    }
+    return moved;
+}
+
 bool CTcpDataLayer::OpenPipe(int (&fds)[2])
 {
 #if defined(__linux__)
@@ -143,17 +159,7 @@ void CTcpDataLayer::DropUnsentLocked()
 
 void CTcpDataLayer::UnpipeLocked()
 {
-    unsigned char chunk[16 * 1024];
-    while (m_piped > 0) {
-        const ssize_t got = read(m_sendPipe[0], chunk, std::min(m_piped, sizeof(chunk)));
-        if (got <= 0) {
-            if (got < 0 && errno == EINTR)
-                continue;
-            return;
-        }
-        m_unsent.Append(chunk, static_cast<size_t>(got));
-        m_piped -= static_cast<size_t>(got);
-    }
+    m_piped -= MovePipeInto(m_sendPipe[0], m_piped, m_unsent);
 }
 
 void CTcpDataLayer::FlushPipeLocked()
@@ -223,17 +229,7 @@ int CTcpDataLayer::SendFrom(int socket, int size)
 
 void CTcpDataLayer::ReclaimPipedLocked(size_t count)
 {
-    unsigned char chunk[16 * 1024];
-    while (count > 0) {
-        const ssize_t got = read(m_pipe[0], chunk, std::min(count, sizeof(chunk)));
-        if (got <= 0) {
-            if (got < 0 && errno == EINTR)
-                continue;
-            return; // cannot happen: the pipe holds exactly `count` bytes
-        }
-        m_received.Append(chunk, static_cast<size_t>(got));
-        count -= static_cast<size_t>(got);
-    }
+    MovePipeInto(m_pipe[0], count, m_received);
 }
 
 int CTcpDataLayer::ReceiveInto(int socket, int size)

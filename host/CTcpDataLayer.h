@@ -78,6 +78,8 @@ private:
     int ReadForReaderLocked(unsigned char* buffer, int size);
     bool OpenPipeLocked();
     static bool OpenPipe(int (&fds)[2]);
+    // Reads count bytes of a pipe into queue (a copy); the count moved.
+    static size_t MovePipeInto(int pipe, size_t count, CByteQueue& queue);
     // The send queue: m_unsent, then the bytes in m_sendPipe.
     size_t UnsentLocked() const { return m_unsent.Size() + m_piped; }
     void DropUnsentLocked();
