@@ -224,6 +224,7 @@ int CProxyConnection::SpliceHostToClient()
 {
     if (!m_spliceHost)
         return IZRTDataLayer::RECEIVE_USE_RECEIVE_DATA;
+    // Held across the move: the client socket must not be closed (and its number reused) under it.
     QOX::CLock hold(m_mutex);
     // Queued bytes go first, through the copying road.
     if (m_clientDisconnected || m_clientEnded || !m_readerLink || m_clientSocket < 0 || !m_hostData.IsEmpty() ||
@@ -237,18 +238,18 @@ int CProxyConnection::SpliceHostToClient()
 
 bool CProxyConnection::CopyHostToHandler()
 {
-    int count = 0;
     {
         QOX::CLock hold(m_mutex);
         // Bytes the transport queued before reader mode began go first (PumpHostData).
         if (m_clientDisconnected || m_clientEnded || !m_readerLink || !m_hostData.IsEmpty() ||
             m_clientOutputSize > CLIENT_OUTPUT_HIGH_WATER)
             return false;
-        count = m_readerLink->ReceiveData(m_hostReadBuffer.get(), HOST_DIRECT_READ_SIZE);
-        if (count < 0)
-            m_hostReadEnded = true;
     }
+    // Without the lock: in reader mode nobody else takes bytes from the link, and only this
+    // thread changes m_readerLink.
+    const int count = m_readerLink->ReceiveData(m_hostReadBuffer.get(), HOST_DIRECT_READ_SIZE);
     if (count < 0) {
+        m_hostReadEnded = true;
         // The link reports its closure as the reader leaves; it comes back on this thread.
         DetachHostReader(false);
         return false;
@@ -315,6 +316,7 @@ bool CProxyConnection::SpliceClientToHost()
 {
     if (!m_spliceClient || m_hostClosed || !m_protocol->PassesRequestsThrough())
         return false;
+    // Held across the move, as in SpliceHostToClient.
     QOX::CLock hold(m_mutex);
     if (m_clientDisconnected || m_clientSocket < 0 || !m_hostDataLayer)
         return false;
