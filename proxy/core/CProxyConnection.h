@@ -71,8 +71,10 @@ public:
     // Read size when this thread reads the link itself; the buffer is allocated on first use,
     // so an idle connection does not pay for it.
     static constexpr int HOST_DIRECT_READ_SIZE = 64 * 1024;
-    // Most bytes moved per ReceiveInto once host bytes bypass the handler.
-    static constexpr int HOST_SPLICE_SIZE = 1024 * 1024;
+    // Most bytes moved per ReceiveInto once host bytes bypass the handler. What a slow client
+    // does not take of it comes back as ordinary queued bytes, so it is no more than the bound
+    // of the client queue.
+    static constexpr int HOST_SPLICE_SIZE = static_cast<int>(CLIENT_OUTPUT_HIGH_WATER);
     static constexpr int CLIENT_SPLICE_SIZE = 256 * 1024;
 
     explicit CProxyConnection(CProxy* proxy);
