@@ -61,18 +61,21 @@ int CThread::GetThreadStatus() const
 void* CThread::Entry(void* argument)
 {
     auto* start = static_cast<std::pair<CThread*, std::shared_ptr<SControl>>*>(argument);
-    CThread* self = start->first;
-    std::shared_ptr<SControl> control = std::move(start->second);
-    delete start;
     {
-        // The creator holds this while pthread_create stores the thread's id.
-        std::lock_guard<std::mutex> published(control->joinMutex);
+        // The creator holds this while the pool stores the thread's id.
+        std::lock_guard<std::mutex> published(start->second->joinMutex);
     }
-    self->ThreadFunc();
-    // `self` may be gone now; only the shared block is touched from here on.
-    control->status.store(STATUS_ENDED);
-    control->ended.SignalEvent();
+    start->first->ThreadFunc();
+    // The object may be gone now; Finish reports the end once the thread is back with the pool.
     return nullptr;
+}
+
+void CThread::Finish(void* argument)
+{
+    std::unique_ptr<std::pair<CThread*, std::shared_ptr<SControl>>> start(
+        static_cast<std::pair<CThread*, std::shared_ptr<SControl>>*>(argument));
+    start->second->status.store(STATUS_ENDED);
+    start->second->ended.SignalEvent();
 }
 
 bool CThread::StartThread(bool /*suspended*/)
@@ -86,7 +89,8 @@ bool CThread::StartThread(bool /*suspended*/)
 
     auto* start = new std::pair<CThread*, std::shared_ptr<SControl>>(this, m_control);
     std::lock_guard<std::mutex> hold(m_control->joinMutex);
-    if (!CThreadPool::Instance().Start(g_stackSize.load(), &CThread::Entry, start, &m_control->thread)) {
+    if (!CThreadPool::Instance().Start(g_stackSize.load(), &CThread::Entry, &CThread::Finish, start,
+                                       &m_control->thread)) {
         delete start;
         m_control->status.store(STATUS_NOT_STARTED);
         m_control->ended.SignalEvent();

@@ -55,6 +55,7 @@ protected:
 private:
     struct SControl;
     static void* Entry(void* argument);
+    static void Finish(void* argument);
 
     std::shared_ptr<SControl> m_control;
 };

@@ -12,30 +12,52 @@ CThreadPool& CThreadPool::Instance()
     return *pool;
 }
 
-bool CThreadPool::Start(size_t stackSize, Entry entry, void* argument, pthread_t* thread)
+std::vector<pthread_t> CThreadPool::TakeEndedLocked()
 {
+    std::vector<pthread_t> ended;
+    ended.swap(m_ended);
+    return ended;
+}
+
+void CThreadPool::JoinEnded(std::vector<pthread_t> ended)
+{
+    for (pthread_t thread : ended)
+        pthread_join(thread, nullptr);
+}
+
+bool CThreadPool::Start(size_t stackSize, Entry entry, Finish finish, void* argument, pthread_t* thread)
+{
+    std::vector<pthread_t> ended;
+    bool reused = false;
     {
         std::lock_guard<std::mutex> hold(m_mutex);
+        ended = TakeEndedLocked();
         for (auto it = m_idle.rbegin(); it != m_idle.rend(); ++it) {
             SWorker* worker = *it;
             if (worker->stackSize != stackSize)
                 continue;
             m_idle.erase(std::next(it).base());
             worker->entry = entry;
+            worker->finish = finish;
             worker->argument = argument;
             *thread = worker->thread;
             worker->wake.notify_one();
-            return true;
+            reused = true;
+            break;
         }
     }
+    // Ended threads have left Main or are about to: joining them does not wait for long.
+    JoinEnded(std::move(ended));
+    if (reused)
+        return true;
     auto* worker = new SWorker;
     worker->stackSize = stackSize;
     worker->entry = entry;
+    worker->finish = finish;
     worker->argument = argument;
     pthread_attr_t attributes;
     pthread_attr_init(&attributes);
     pthread_attr_setstacksize(&attributes, stackSize);
-    pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
     // The new thread reads only its worker block until it takes the pool's mutex.
     std::lock_guard<std::mutex> hold(m_mutex);
     const int error = pthread_create(&worker->thread, &attributes, &CThreadPool::Main, worker);
@@ -66,21 +88,50 @@ void* CThreadPool::Main(void* argument)
 bool CThreadPool::AwaitWork(SWorker& worker)
 {
     std::unique_lock<std::mutex> hold(m_mutex);
-    if (m_idle.size() >= MAX_IDLE)
-        return false;
+    const Finish finish = worker.finish;
+    void* const argument = worker.argument;
     worker.entry = nullptr;
+    worker.finish = nullptr;
     worker.argument = nullptr;
-    m_idle.push_back(&worker);
+    const bool stay = m_idle.size() < MAX_IDLE && !worker.leave;
+    if (stay)
+        m_idle.push_back(&worker);
+    else
+        m_ended.push_back(worker.thread);
+    // Back with the pool before the work is reported ended (see Start).
+    finish(argument);
+    m_changed.notify_all();
+    if (!stay)
+        return false;
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(IDLE_LIFETIME_MS);
     while (!worker.entry) {
-        if (worker.wake.wait_until(hold, deadline) != std::cv_status::timeout)
-            continue;
+        const bool expired = worker.wake.wait_until(hold, deadline) == std::cv_status::timeout;
         if (worker.entry)
             break;
-        m_idle.erase(std::find(m_idle.begin(), m_idle.end(), &worker));
-        return false;
+        if (worker.leave || expired) {
+            m_idle.erase(std::remove(m_idle.begin(), m_idle.end(), &worker), m_idle.end());
+            m_ended.push_back(worker.thread);
+            m_changed.notify_all();
+            return false;
+        }
     }
     return true;
+}
+
+void CThreadPool::DrainIdle()
+{
+    std::vector<pthread_t> ended;
+    {
+        std::unique_lock<std::mutex> hold(m_mutex);
+        for (SWorker* worker : m_idle) {
+            worker->leave = true;
+            worker->wake.notify_one();
+        }
+        // Wait for every idle thread to leave; a thread still running a job is not waited for.
+        m_changed.wait(hold, [&] { return m_idle.empty(); });
+        ended = TakeEndedLocked();
+    }
+    JoinEnded(std::move(ended));
 }
 
 size_t CThreadPool::GetIdleCount()

@@ -16,6 +16,10 @@ namespace QOX {
 // IDLE_LIFETIME_MS unused, or at once beyond MAX_IDLE, so the process returns to its own size
 // soon after a burst.
 //
+// Threads are joined, never detached: one that exits leaves its id for the next Start or
+// DrainIdle to join, and DrainIdle ends and joins every idle thread, so that a host can unload
+// the library once it stopped what it started (no pool thread then runs its code).
+//
 // Process-wide, created on first use and never destroyed: threads still idle at exit die with
 // the process.
 class CThreadPool {
@@ -26,9 +30,17 @@ public:
 
     static CThreadPool& Instance();
 
+    using Finish = void (*)(void*);
+
     // Runs entry(argument) on an idle thread with this stack size, or on a new one, and stores
-    // that thread's id in *thread before the entry can run. False when no thread could be had.
-    bool Start(size_t stackSize, Entry entry, void* argument, pthread_t* thread);
+    // that thread's id in *thread before the entry can run; then finish(argument), once the
+    // thread is back with the pool (idle, or leaving to be joined). So whoever learns from
+    // `finish` that the work ended may drain the pool and finds that thread in it. False when no
+    // thread could be had (neither function runs then).
+    bool Start(size_t stackSize, Entry entry, Finish finish, void* argument, pthread_t* thread);
+    // Ends every idle thread (and those about to go idle) and joins them. Threads still running
+    // a CThread are left alone.
+    void DrainIdle();
 
     // Idle threads now (for tests).
     size_t GetIdleCount();
@@ -38,7 +50,9 @@ private:
         pthread_t thread{};
         size_t stackSize = 0;
         Entry entry = nullptr;
+        Finish finish = nullptr;
         void* argument = nullptr;
+        bool leave = false;
         std::condition_variable wake;
     };
 
@@ -46,9 +60,14 @@ private:
     static void* Main(void* argument);
     // After a job: true with the next job stored in the worker, false when the thread is to end.
     bool AwaitWork(SWorker& worker);
+    // Joins the threads that have ended; call without m_mutex.
+    void JoinEnded(std::vector<pthread_t> ended);
+    std::vector<pthread_t> TakeEndedLocked();
 
     std::mutex m_mutex;
+    std::condition_variable m_changed; // a worker went idle or ended
     std::vector<SWorker*> m_idle;
+    std::vector<pthread_t> m_ended;
 };
 
 } // namespace QOX

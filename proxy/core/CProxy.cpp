@@ -1,5 +1,7 @@
 #include "proxy/core/CProxy.h"
 
+#include "runtime/CThreadPool.h"
+
 #include <errno.h>
 #include <fcntl.h>
 #include <netdb.h>
@@ -181,6 +183,8 @@ void CProxy::StopProxy()
     CSocketUtils::CloseSocket(socket);
     m_listenPort = 0;
     CloseProxyConnections();
+    // Threads kept for reuse would run the engine's code after the host may have unloaded it.
+    QOX::CThreadPool::Instance().DrainIdle();
 }
 
 void CProxy::CloseProxyConnections()

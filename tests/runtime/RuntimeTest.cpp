@@ -1,3 +1,4 @@
+#include <dirent.h>
 #include <gtest/gtest.h>
 #include <poll.h>
 
@@ -183,8 +184,6 @@ TEST(Thread, AFinishedThreadIsReusedAndBelongsOnlyToItsNewObject)
     ASSERT_TRUE(first.StartThread(false));
     ASSERT_TRUE(first.StopThread(-1));
     const pthread_t firstThread = first.GetThreadID();
-    for (int i = 0; i < 200 && QOX::CThreadPool::Instance().GetIdleCount() == 0; ++i)
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
 
     class Probe : public QOX::CThread {
     public:
@@ -205,6 +204,33 @@ TEST(Thread, AFinishedThreadIsReusedAndBelongsOnlyToItsNewObject)
     EXPECT_TRUE(pthread_equal(firstThread, second.GetThreadID())) << "the idle thread was not reused";
     EXPECT_FALSE(second.m_ownsEnded);
     EXPECT_TRUE(second.m_ownsItself);
+}
+
+// Draining ends every idle thread at once, the one whose object was just waited for included.
+TEST(Thread, DrainEndsEveryIdleThreadAtOnce)
+{
+    const auto tasks = [] {
+        int count = 0;
+        if (DIR* dir = opendir("/proc/self/task")) {
+            while (readdir(dir))
+                ++count;
+            closedir(dir);
+        }
+        return count;
+    };
+    QOX::CThreadPool::Instance().DrainIdle();
+    const int before = tasks();
+    {
+        std::vector<std::unique_ptr<StopAwareThread>> burst;
+        for (int i = 0; i < 4; ++i) {
+            burst.emplace_back(new StopAwareThread());
+            ASSERT_TRUE(burst.back()->StartThread(false));
+        }
+    }
+    EXPECT_EQ(QOX::CThreadPool::Instance().GetIdleCount(), 4u) << "a waited-for thread is back in the pool";
+    QOX::CThreadPool::Instance().DrainIdle();
+    EXPECT_EQ(QOX::CThreadPool::Instance().GetIdleCount(), 0u);
+    EXPECT_EQ(tasks(), before) << "drained threads are joined, not left to finish later";
 }
 
 // Idle threads leave by themselves, so a burst does not leave the process bigger for good.
