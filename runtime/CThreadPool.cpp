@@ -12,29 +12,14 @@ CThreadPool& CThreadPool::Instance()
     return *pool;
 }
 
-std::vector<pthread_t> CThreadPool::TakeEndedLocked()
-{
-    std::vector<pthread_t> ended;
-    ended.swap(m_ended);
-    return ended;
-}
-
-void CThreadPool::JoinEnded(std::vector<pthread_t> ended)
-{
-    for (pthread_t thread : ended)
-        pthread_join(thread, nullptr);
-}
-
 bool CThreadPool::Start(size_t stackSize, Entry entry, Finish finish, void* argument, pthread_t* thread)
 {
-    std::vector<pthread_t> ended;
     bool reused = false;
     {
         std::lock_guard<std::mutex> hold(m_mutex);
-        ended = TakeEndedLocked();
         for (auto it = m_idle.rbegin(); it != m_idle.rend(); ++it) {
             SWorker* worker = *it;
-            if (worker->stackSize != stackSize)
+            if (worker->stackSize != stackSize || worker->leave)
                 continue;
             m_idle.erase(std::next(it).base());
             worker->entry = entry;
@@ -46,8 +31,6 @@ bool CThreadPool::Start(size_t stackSize, Entry entry, Finish finish, void* argu
             break;
         }
     }
-    // Ended threads have left Main or are about to: joining them does not wait for long.
-    JoinEnded(std::move(ended));
     if (reused)
         return true;
     auto* worker = new SWorker;
@@ -93,11 +76,11 @@ bool CThreadPool::AwaitWork(SWorker& worker)
     worker.entry = nullptr;
     worker.finish = nullptr;
     worker.argument = nullptr;
-    const bool stay = m_idle.size() < MAX_IDLE && !worker.leave;
+    const bool stay = m_idle.size() < MAX_IDLE;
     if (stay)
         m_idle.push_back(&worker);
     else
-        m_ended.push_back(worker.thread);
+        pthread_detach(worker.thread); // nobody waits for a thread beyond the bound
     // Back with the pool before the work is reported ended (see Start).
     finish(argument);
     m_changed.notify_all();
@@ -110,7 +93,11 @@ bool CThreadPool::AwaitWork(SWorker& worker)
             break;
         if (worker.leave || expired) {
             m_idle.erase(std::remove(m_idle.begin(), m_idle.end(), &worker), m_idle.end());
-            m_ended.push_back(worker.thread);
+            // A drain joins what it ends; a thread that expires lets itself go.
+            if (worker.leave)
+                m_ended.push_back(worker.thread);
+            else
+                pthread_detach(worker.thread);
             m_changed.notify_all();
             return false;
         }
@@ -127,11 +114,16 @@ void CThreadPool::DrainIdle()
             worker->leave = true;
             worker->wake.notify_one();
         }
-        // Wait for every idle thread to leave; a thread still running a job is not waited for.
-        m_changed.wait(hold, [&] { return m_idle.empty(); });
-        ended = TakeEndedLocked();
+        // Wait for those to leave; a thread still running a job, or idle only from now on, is
+        // not waited for.
+        m_changed.wait(hold, [&] {
+            return std::none_of(m_idle.begin(), m_idle.end(), [](const SWorker* worker) { return worker->leave; });
+        });
+        ended.swap(m_ended);
     }
-    JoinEnded(std::move(ended));
+    // They have left Main or are about to: joining does not wait for long.
+    for (pthread_t thread : ended)
+        pthread_join(thread, nullptr);
 }
 
 size_t CThreadPool::GetIdleCount()

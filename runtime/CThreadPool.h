@@ -16,9 +16,9 @@ namespace QOX {
 // IDLE_LIFETIME_MS unused, or at once beyond MAX_IDLE, so the process returns to its own size
 // soon after a burst.
 //
-// Threads are joined, never detached: one that exits leaves its id for the next Start or
-// DrainIdle to join, and DrainIdle ends and joins every idle thread, so that a host can unload
-// the library once it stopped what it started (no pool thread then runs its code).
+// DrainIdle ends and joins every idle thread, so that a host can unload the library once it
+// stopped what it started (no pool thread then runs its code); a thread that leaves on its own
+// (expired, or beyond MAX_IDLE) detaches itself.
 //
 // Process-wide, created on first use and never destroyed: threads still idle at exit die with
 // the process.
@@ -60,14 +60,11 @@ private:
     static void* Main(void* argument);
     // After a job: true with the next job stored in the worker, false when the thread is to end.
     bool AwaitWork(SWorker& worker);
-    // Joins the threads that have ended; call without m_mutex.
-    void JoinEnded(std::vector<pthread_t> ended);
-    std::vector<pthread_t> TakeEndedLocked();
 
     std::mutex m_mutex;
     std::condition_variable m_changed; // a worker went idle or ended
     std::vector<SWorker*> m_idle;
-    std::vector<pthread_t> m_ended;
+    std::vector<pthread_t> m_ended; // drained threads, for DrainIdle to join
 };
 
 } // namespace QOX
