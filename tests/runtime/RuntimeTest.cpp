@@ -219,6 +219,8 @@ TEST(Thread, DrainEndsEveryIdleThreadAtOnce)
         return count;
     };
     QOX::CThreadPool::Instance().DrainIdle();
+    // A sanitizer runtime starts a thread of its own with the first thread the process makes.
+    std::thread([] {}).join();
     const int before = tasks();
     {
         std::vector<std::unique_ptr<StopAwareThread>> burst;
@@ -230,7 +232,8 @@ TEST(Thread, DrainEndsEveryIdleThreadAtOnce)
     EXPECT_EQ(QOX::CThreadPool::Instance().GetIdleCount(), 4u) << "a waited-for thread is back in the pool";
     QOX::CThreadPool::Instance().DrainIdle();
     EXPECT_EQ(QOX::CThreadPool::Instance().GetIdleCount(), 0u);
-    EXPECT_EQ(tasks(), before) << "drained threads are joined, not left to finish later";
+    // At most: under emulation the baseline may include a helper thread of the emulator.
+    EXPECT_LE(tasks(), before) << "drained threads are joined, not left to finish later";
 }
 
 // Idle threads leave by themselves, so a burst does not leave the process bigger for good.
