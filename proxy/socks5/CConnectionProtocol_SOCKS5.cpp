@@ -345,14 +345,12 @@ bool CConnectionProtocol_SOCKS5::IsStopping()
 
 void CConnectionProtocol_SOCKS5::HandleRequest(const char* data, int length)
 {
-    const int state = m_state.Get();
-    if (state == Closed)
+    if (m_state.Get() == Closed)
         return;
     const bool inlineSteps = !m_workerStarted.load();
     // Relaying with nothing held: straight to the host, without the copy into the buffer. Only
     // this thread appends, so an empty buffer stays empty while we look.
-    if (inlineSteps && state == Connected && m_buffer.PeekSize() == 0 && !m_terminated.load() && data &&
-        length > 0) {
+    if (PassesRequestsThrough() && data && length > 0) {
         m_connection.SendToHost(data, length);
         return;
     }
