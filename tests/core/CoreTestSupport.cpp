@@ -256,5 +256,15 @@ bool ProxyTest::WaitForConnections(size_t count)
     return WaitUntil([&] { return m_proxy.GetConnectionCount() == count; });
 }
 
+QOX::CRefCountPtr<FakeDataLayer> ProxyTest::WaitForListenedLink()
+{
+    QOX::CRefCountPtr<FakeDataLayer> link;
+    WaitUntil([&] {
+        link = m_multiPointLayer.GetLastLink();
+        return link && link->GetSinkCount() > 0;
+    });
+    return link;
+}
+
 } // namespace Testing
 } // namespace ZRT

@@ -97,6 +97,8 @@ protected:
     std::shared_ptr<SHandlerLog> Handler(size_t index);
     size_t HandlerCount();
     bool WaitForConnections(size_t count);
+    // The newest link once its connection listens to it: bytes pushed earlier would reach no one.
+    QOX::CRefCountPtr<FakeDataLayer> WaitForListenedLink();
 
     FakeResolver m_resolver;
     FakeMultiPointLayer m_multiPointLayer;

@@ -79,8 +79,8 @@ TEST_F(ProxyTest, SlowClientGetsEveryByteWhileTheConnectionBuffersOnlyItsBound)
     client.SetReceiveBuffer(64 * 1024);
     ASSERT_TRUE(client.Send("go"));
     auto log = Handler(0);
-    ASSERT_TRUE(WaitUntil([&] { return static_cast<bool>(m_multiPointLayer.GetLastLink()); }));
-    auto link = m_multiPointLayer.GetLastLink();
+    auto link = WaitForListenedLink();
+    ASSERT_TRUE(link);
     CProxyConnection* connection = nullptr;
     {
         std::lock_guard<std::mutex> hold(log->mutex);
@@ -121,8 +121,8 @@ TEST_F(ProxyTest, ClientThatStopsSendingStillGetsWhatTheConnectionTookFromTheHos
     ASSERT_TRUE(client.Connect(m_port));
     client.SetReceiveBuffer(64 * 1024);
     ASSERT_TRUE(client.Send("go"));
-    ASSERT_TRUE(WaitUntil([&] { return static_cast<bool>(m_multiPointLayer.GetLastLink()); }));
-    auto link = m_multiPointLayer.GetLastLink();
+    auto link = WaitForListenedLink();
+    ASSERT_TRUE(link);
     link->PushFromRemote(Pattern(0, TOTAL));
     // Stalled: the client reads nothing, so the connection has stopped draining the link.
     ASSERT_TRUE(WaitUntil([&] { return link->GetReceiveBacklog() < TOTAL && link->GetReceiveBacklog() > 0; }));

@@ -103,8 +103,8 @@ TEST_F(ProxyTest, QueuedHostBytesAreDeliveredInOrderAfterTheLinkClosedThenTheCli
     ASSERT_TRUE(client.Connect(m_port));
     ASSERT_TRUE(client.Send("go"));
     auto log = Handler(0);
-    ASSERT_TRUE(WaitUntil([&] { return static_cast<bool>(m_multiPointLayer.GetLastLink()); }));
-    auto link = m_multiPointLayer.GetLastLink();
+    auto link = WaitForListenedLink();
+    ASSERT_TRUE(link);
     link->PushFromRemote("a");
     link->PushFromRemote("bb");
     link->PushFromRemote("ccc");
