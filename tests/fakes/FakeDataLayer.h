@@ -1,11 +1,13 @@
 #pragma once
 
-#include <condition_variable>
+#include <algorithm>
+#include <cstring>
 #include <functional>
-#include <mutex>
 #include <set>
 #include <string>
+#include <utility>
 
+#include "fakes/Guarded.h"
 #include "runtime/CRefCountImpl.h"
 #include "runtime/CRefCountPtr.h"
 #include "transport/IZRTDataLayer.h"
@@ -17,48 +19,108 @@ namespace Testing {
 // An in-memory link. The test plays the remote end: PushFromRemote makes bytes available and
 // notifies the sinks on the calling thread; what the engine sends is collected (and optionally
 // handed to an OnSend hook that can answer). Disconnect reports OnConnectionClosed synchronously.
-class FakeDataLayer : public QOX::CRefCountImpl<IZRTDataLayer> {
+class FakeDataLayer : public QOX::CRefCountImpl<IZRTDataLayer>, public Guarded {
 public:
-    FakeDataLayer();
-    ~FakeDataLayer() override;
+    using SendHook = std::function<void(FakeDataLayer&, const std::string&)>;
 
-    int ReceiveData(unsigned char* buffer, int size) override;
-    int SendData(const unsigned char* data, int size) override;
-    bool GetLocalAddress(sockaddr* address, int* length) const override;
-    bool GetRemoteAddress(sockaddr* address, int* length) const override;
-    bool AddNotification(IZRTDataLayerNotification* sink) override;
-    bool RemoveNotification(IZRTDataLayerNotification* sink) override;
-    bool IsConnected() const override;
-    unsigned int GetReceiveBacklog() const override;
-    void Disconnect() override;
-    unsigned int GetSendBacklog() const override;
+    int ReceiveData(unsigned char* buffer, int size) override
+    {
+        return Locked([&] {
+            const int count = std::min(size, static_cast<int>(m_incoming.size()));
+            if (count <= 0)
+                return 0;
+            std::memcpy(buffer, m_incoming.data(), static_cast<size_t>(count));
+            m_incoming.erase(0, static_cast<size_t>(count));
+            return count;
+        });
+    }
+
+    int SendData(const unsigned char* data, int size) override
+    {
+        const std::string bytes(reinterpret_cast<const char*>(data), static_cast<size_t>(std::max(size, 0)));
+        bool closed = false;
+        SendHook hook;
+        Change([&] {
+            closed = m_closed;
+            if (!closed)
+                m_sent += bytes;
+            hook = m_onSend;
+        });
+        if (closed)
+            return -1;
+        if (hook)
+            hook(*this, bytes);
+        return size;
+    }
+
+    bool GetLocalAddress(sockaddr* /*address*/, int* /*length*/) const override { return false; }
+    bool GetRemoteAddress(sockaddr* /*address*/, int* /*length*/) const override { return false; }
+    bool AddNotification(IZRTDataLayerNotification* sink) override
+    {
+        Locked([&] { m_sinks.insert(sink); });
+        return true;
+    }
+    bool RemoveNotification(IZRTDataLayerNotification* sink) override
+    {
+        return Locked([&] { return m_sinks.erase(sink) != 0; });
+    }
+    bool IsConnected() const override { return !WasClosed(); }
+    unsigned int GetReceiveBacklog() const override
+    {
+        return Locked([&] { return static_cast<unsigned int>(m_incoming.size()); });
+    }
+    void Disconnect() override
+    {
+        Locked([&] { ++m_disconnects; });
+        NotifyClosed();
+    }
+    unsigned int GetSendBacklog() const override { return Locked([&] { return m_reportedBacklog; }); }
 
     // Remote end.
-    void PushFromRemote(const std::string& bytes);
-    void CloseFromRemote();
-    std::string GetSent() const;
-    std::string TakeSent();
+    void PushFromRemote(const std::string& bytes)
+    {
+        QOX::CRefCountPtr<IZRTDataLayer> keepAlive(this);
+        Locked([&] { m_incoming += bytes; });
+        for (auto* sink : Sinks())
+            sink->OnDataReceived(*this);
+    }
+    void CloseFromRemote() { NotifyClosed(); }
+    std::string GetSent() const { return Locked([&] { return m_sent; }); }
     // Waits until at least count bytes were sent (or the time runs out); returns what was sent.
-    std::string WaitForSent(size_t count, int timeoutMs = 5000);
-    void SetOnSend(std::function<void(FakeDataLayer&, const std::string&)> hook);
+    std::string WaitForSent(size_t count, int timeoutMs = 5000)
+    {
+        WaitFor([&] { return m_sent.size() >= count; }, timeoutMs);
+        return GetSent();
+    }
+    void SetOnSend(SendHook hook) { Locked([&] { m_onSend = std::move(hook); }); }
     // Makes GetSendBacklog report a fixed value (flow-control tests); 0 restores normal behaviour.
-    void SetReportedSendBacklog(unsigned int bytes);
-    void SignalSendDrained();
+    void SetReportedSendBacklog(unsigned int bytes) { Locked([&] { m_reportedBacklog = bytes; }); }
+    void SignalSendDrained()
+    {
+        QOX::CRefCountPtr<IZRTDataLayer> keepAlive(this);
+        for (auto* sink : Sinks())
+            sink->OnSendDrained(*this);
+    }
 
-    int GetDisconnectCount() const;
-    int GetSinkCount() const;
-    bool WasClosed() const;
+    int GetDisconnectCount() const { return Locked([&] { return m_disconnects; }); }
+    int GetSinkCount() const { return Locked([&] { return static_cast<int>(m_sinks.size()); }); }
+    bool WasClosed() const { return Locked([&] { return m_closed; }); }
 
 private:
-    void NotifyClosed();
-    std::set<IZRTDataLayerNotification*> SnapshotSinks() const;
+    void NotifyClosed()
+    {
+        QOX::CRefCountPtr<IZRTDataLayer> keepAlive(this);
+        if (Locked([&] { return std::exchange(m_closed, true); }))
+            return;
+        for (auto* sink : Sinks())
+            sink->OnConnectionClosed(*this);
+    }
+    std::set<IZRTDataLayerNotification*> Sinks() const { return Locked([&] { return m_sinks; }); }
 
-    mutable std::mutex m_mutex;
-    std::condition_variable m_sentChanged;
     std::set<IZRTDataLayerNotification*> m_sinks;
     std::string m_incoming;
     std::string m_sent;
-    std::function<void(FakeDataLayer&, const std::string&)> m_onSend;
+    SendHook m_onSend;
     unsigned int m_reportedBacklog = 0;
     int m_disconnects = 0;
     bool m_closed = false;

@@ -1,7 +1,6 @@
 #pragma once
 
 #include <functional>
-#include <mutex>
 #include <string>
 #include <vector>
 
@@ -13,24 +12,43 @@ namespace Testing {
 
 // Opens FakeDataLayer links. A test can make Connect fail, or hook each new link to play the
 // destination server (e.g. an echo, or a canned HTTP response).
-class FakeMultiPointLayer : public IZRTMultiPointLayer {
+class FakeMultiPointLayer : public IZRTMultiPointLayer, public Guarded {
 public:
     using ConnectHook = std::function<void(FakeDataLayer& link, const IZRTConnectionAddress& destination)>;
 
     QOX::CRefCountPtr<IZRTDataLayer> Connect(const IZRTConnectionAddress& destination,
-                                             const IZRTConnectionAddress& source) override;
+                                             const IZRTConnectionAddress& /*source*/) override
+    {
+        ConnectHook hook;
+        QOX::CRefCountPtr<FakeDataLayer> link;
+        Locked([&] {
+            m_destinations.push_back(destination.ToString());
+            if (m_fail)
+                return;
+            link = new FakeDataLayer();
+            m_links.push_back(link);
+            hook = m_hook;
+        });
+        if (!link)
+            return {};
+        if (hook)
+            hook(*link, destination);
+        return QOX::CRefCountPtr<IZRTDataLayer>(link.GetRawPointer());
+    }
 
-    void SetFail(bool fail);
-    void SetOnConnect(ConnectHook hook);
-    std::vector<std::string> GetDestinations() const; // ToString() of each Connect's destination
-    std::vector<QOX::CRefCountPtr<FakeDataLayer>> GetLinks() const;
-    QOX::CRefCountPtr<FakeDataLayer> GetLastLink() const;
-    int GetConnectCount() const;
+    void SetFail(bool fail) { Locked([&] { m_fail = fail; }); }
+    void SetOnConnect(ConnectHook hook) { Locked([&] { m_hook = std::move(hook); }); }
+    // ToString() of each Connect's destination.
+    std::vector<std::string> GetDestinations() const { return Locked([&] { return m_destinations; }); }
+    QOX::CRefCountPtr<FakeDataLayer> GetLastLink() const
+    {
+        return Locked([&] { return m_links.empty() ? QOX::CRefCountPtr<FakeDataLayer>() : m_links.back(); });
+    }
+    int GetConnectCount() const { return Locked([&] { return static_cast<int>(m_destinations.size()); }); }
     // Drops the layer's own references to the links it made.
-    void ForgetLinks();
+    void ForgetLinks() { Locked([&] { m_links.clear(); }); }
 
 private:
-    mutable std::mutex m_mutex;
     bool m_fail = false;
     ConnectHook m_hook;
     std::vector<std::string> m_destinations;

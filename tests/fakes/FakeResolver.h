@@ -1,19 +1,22 @@
 #pragma once
 
+#include <chrono>
+#include <cstdlib>
 #include <map>
-#include <mutex>
 #include <set>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "fakes/Guarded.h"
+#include "transport/CTCPIPAddress.h"
 #include "transport/IResolveAddress.h"
 
 namespace ZRT {
 namespace Testing {
 
 // A resolver whose answers a test scripts. Keys not scripted are answered per the default mode.
-class FakeResolver : public IResolveAddress {
+class FakeResolver : public IResolveAddress, public Guarded {
 public:
     enum EMode {
         ANSWER_AT_ONCE,  // from inside ResolveAddressAsync, on the caller's thread
@@ -22,32 +25,103 @@ public:
         ANSWER_EMPTY     // at once, with an empty address (a failed resolution)
     };
 
-    FakeResolver();
-    ~FakeResolver() override;
+    ~FakeResolver() override { JoinPending(); }
 
     // "host:port" -> numeric address text ("127.0.0.1" or "::1"); port taken from the key.
-    void Script(const std::string& key, const std::string& numericHost);
-    void SetMode(EMode mode) { m_mode = mode; }
-    void SetDelayMs(int delay) { m_delayMs = delay; }
+    void Script(const std::string& key, const std::string& numericHost)
+    {
+        Locked([&] { m_script[key] = numericHost; });
+    }
+    void SetMode(EMode mode) { Locked([&] { m_mode = mode; }); }
+    void SetDelayMs(int delay) { Locked([&] { m_delayMs = delay; }); }
     // Keys without a script resolve numeric hosts (and "localhost") on their own when set.
-    void SetResolveNumeric(bool enable) { m_resolveNumeric = enable; }
+    void SetResolveNumeric(bool enable) { Locked([&] { m_resolveNumeric = enable; }); }
 
-    int ResolveAddressAsync(const std::string& address) override;
-    int CancelRequest(const std::string& address) override;
-    int AddNotification(IResolveAddressCompletedNotification* notification) override;
-    int RemoveNotification(IResolveAddressCompletedNotification* notification) override;
+    int ResolveAddressAsync(const std::string& address) override
+    {
+        EMode mode = ANSWER_AT_ONCE;
+        Locked([&] {
+            ++m_requests[address];
+            mode = m_mode;
+            if (mode == ANSWER_LATER) {
+                m_pending.emplace_back([this, address, delay = m_delayMs] {
+                    std::this_thread::sleep_for(std::chrono::milliseconds(delay));
+                    Answer(address, Lookup(address));
+                });
+            }
+        });
+        if (mode == ANSWER_AT_ONCE || mode == ANSWER_EMPTY)
+            Answer(address, mode == ANSWER_AT_ONCE ? Lookup(address) : QOX::CRefCountPtr<IZRTConnectionAddress>());
+        return 0;
+    }
+    int CancelRequest(const std::string& /*address*/) override { return 0; }
+    int AddNotification(IResolveAddressCompletedNotification* notification) override
+    {
+        Locked([&] { m_notifications.insert(notification); });
+        return 0;
+    }
+    int RemoveNotification(IResolveAddressCompletedNotification* notification) override
+    {
+        Locked([&] { m_notifications.erase(notification); });
+        return 0;
+    }
 
     // Delivers an answer now, on the calling thread.
-    void Answer(const std::string& key, QOX::CRefCountPtr<IZRTConnectionAddress> result);
-    QOX::CRefCountPtr<IZRTConnectionAddress> Lookup(const std::string& key);
+    void Answer(const std::string& key, QOX::CRefCountPtr<IZRTConnectionAddress> result)
+    {
+        for (auto* target : Locked([&] { return m_notifications; }))
+            target->OnResolveAddressCompleted(0, key, result);
+    }
+    QOX::CRefCountPtr<IZRTConnectionAddress> Lookup(const std::string& key)
+    {
+        const size_t colon = key.rfind(':');
+        if (colon == std::string::npos)
+            return {};
+        std::string host = key.substr(0, colon);
+        const unsigned int port = static_cast<unsigned int>(std::atoi(key.c_str() + colon + 1));
+        bool numeric = false;
+        const std::string scripted = Locked([&] {
+            const auto found = m_script.find(key);
+            numeric = m_resolveNumeric;
+            return found == m_script.end() ? std::string() : found->second;
+        });
+        if (!scripted.empty())
+            return CTCPIPAddress::FromText(scripted.c_str(), port);
+        if (!numeric)
+            return {};
+        if (host == "localhost")
+            host = "127.0.0.1";
+        if (host.size() > 2 && host.front() == '[' && host.back() == ']')
+            host = host.substr(1, host.size() - 2);
+        return CTCPIPAddress::FromText(host.c_str(), port);
+    }
 
-    int GetRequestCount(const std::string& key);
-    int GetTotalRequests();
-    int GetNotificationCount();
-    void JoinPending();
+    int GetRequestCount(const std::string& key)
+    {
+        return Locked([&] {
+            const auto found = m_requests.find(key);
+            return found == m_requests.end() ? 0 : found->second;
+        });
+    }
+    int GetTotalRequests()
+    {
+        return Locked([&] {
+            int total = 0;
+            for (const auto& entry : m_requests)
+                total += entry.second;
+            return total;
+        });
+    }
+    int GetNotificationCount() { return Locked([&] { return static_cast<int>(m_notifications.size()); }); }
+    void JoinPending()
+    {
+        std::vector<std::thread> pending;
+        Locked([&] { pending.swap(m_pending); });
+        for (auto& thread : pending)
+            thread.join();
+    }
 
 private:
-    std::mutex m_mutex;
     std::map<std::string, std::string> m_script;
     std::map<std::string, int> m_requests;
     std::set<IResolveAddressCompletedNotification*> m_notifications;
