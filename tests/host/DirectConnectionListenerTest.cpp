@@ -1,7 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <condition_variable>
-#include <mutex>
 #include <thread>
 
 #include "RecordingSink.h"
@@ -12,36 +10,28 @@
 
 using namespace ZRT;
 using namespace ZRT::Host;
+using ZRT::Testing::Guarded;
 using ZRT::Testing::RecordingSink;
 using ZRT::Testing::TestSockets;
 
 namespace {
 
 // Takes the accepted stream the way the engine does: a reference, then a sink on it.
-class AcceptingReceiver : public IConnectionReceiver {
+class AcceptingReceiver : public IConnectionReceiver, public Guarded {
 public:
     void OnConnectionEstablished(const IZRTConnectionAddress& peer, const IZRTConnectionAddress& local,
                                  IZRTDataLayer& stream) override
     {
         stream.AddNotification(&sink);
-        std::lock_guard<std::mutex> lock(mutex);
-        peers.push_back(peer.ToString());
-        locals.push_back(local.ToString());
-        streams.emplace_back(&stream);
-        changed.notify_all();
+        Change([&] {
+            peers.push_back(peer.ToString());
+            locals.push_back(local.ToString());
+            streams.emplace_back(&stream);
+        });
     }
 
-    bool WaitForCount(size_t count)
-    {
-        std::unique_lock<std::mutex> lock(mutex);
-        return changed.wait_for(lock, std::chrono::seconds(10), [&] { return streams.size() >= count; });
-    }
-
-    size_t Count()
-    {
-        std::lock_guard<std::mutex> lock(mutex);
-        return streams.size();
-    }
+    bool WaitForCount(size_t count) { return WaitFor([&] { return streams.size() >= count; }); }
+    size_t Count() const { return Locked([&] { return streams.size(); }); }
 
     void CloseAll()
     {
@@ -52,8 +42,6 @@ public:
     }
 
     RecordingSink sink;
-    std::mutex mutex;
-    std::condition_variable changed;
     std::vector<std::string> peers;
     std::vector<std::string> locals;
     std::vector<QOX::CRefCountPtr<IZRTDataLayer>> streams;

@@ -2,23 +2,23 @@
 #include <sys/socket.h>
 
 #include <atomic>
-#include <condition_variable>
 #include <future>
-#include <mutex>
 #include <thread>
 
 #include "TestSockets.h"
+#include "fakes/Guarded.h"
 #include "host/CDirectDatagramHandler.h"
 #include "host/CEventLoopPool.h"
 #include "transport/CTCPIPAddress.h"
 
 using namespace ZRT;
 using namespace ZRT::Host;
+using ZRT::Testing::Guarded;
 using ZRT::Testing::TestSockets;
 
 namespace {
 
-class RecordingReceiver : public IDatagramReceiver {
+class RecordingReceiver : public IDatagramReceiver, public Guarded {
 public:
     std::function<void()> onDatagram;
 
@@ -27,27 +27,15 @@ public:
     {
         if (onDatagram)
             onDatagram();
-        std::lock_guard<std::mutex> lock(mutex);
-        handles.push_back(handle);
-        sources.push_back(source.ToString());
-        payloads.emplace_back(reinterpret_cast<const char*>(data), static_cast<size_t>(length));
-        changed.notify_all();
+        Change([&] {
+            handles.push_back(handle);
+            sources.push_back(source.ToString());
+            payloads.emplace_back(reinterpret_cast<const char*>(data), static_cast<size_t>(length));
+        });
     }
 
-    bool WaitForCount(size_t count)
-    {
-        std::unique_lock<std::mutex> lock(mutex);
-        return changed.wait_for(lock, std::chrono::seconds(10), [&] { return payloads.size() >= count; });
-    }
+    bool WaitForCount(size_t count) { return WaitFor([&] { return payloads.size() >= count; }); }
 
-    size_t Count()
-    {
-        std::lock_guard<std::mutex> lock(mutex);
-        return payloads.size();
-    }
-
-    std::mutex mutex;
-    std::condition_variable changed;
     std::vector<int> handles;
     std::vector<std::string> sources;
     std::vector<std::string> payloads;
@@ -95,10 +83,11 @@ TEST_F(DirectDatagramHandlerTest, RoundTripWithIPv4AndIPv6Peers)
         ASSERT_EQ(sendto(peer, reply.data(), reply.size(), 0, reinterpret_cast<sockaddr*>(&sender), length),
                   static_cast<ssize_t>(reply.size()));
         ASSERT_TRUE(receiver.WaitForCount(++expected));
-        std::lock_guard<std::mutex> lock(receiver.mutex);
-        EXPECT_EQ(receiver.payloads.back(), reply);
-        EXPECT_EQ(receiver.sources.back(), TestSockets::Address(ip, port)->ToString());
-        EXPECT_EQ(receiver.handles.back(), handle);
+        receiver.Locked([&] {
+            EXPECT_EQ(receiver.payloads.back(), reply);
+            EXPECT_EQ(receiver.sources.back(), TestSockets::Address(ip, port)->ToString());
+            EXPECT_EQ(receiver.handles.back(), handle);
+        });
         TestSockets::Close(peer);
     }
     m_handler.UnregisterReceiver(handle);

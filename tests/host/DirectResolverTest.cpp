@@ -1,11 +1,11 @@
 #include <gtest/gtest.h>
 
-#include <condition_variable>
 #include <map>
 #include <mutex>
 #include <thread>
 #include <vector>
 
+#include "fakes/Guarded.h"
 #include "host/CDirectResolver.h"
 
 using namespace ZRT;
@@ -13,37 +13,21 @@ using namespace ZRT::Host;
 
 namespace {
 
-class RecordingNotification : public IResolveAddressCompletedNotification {
+class RecordingNotification : public IResolveAddressCompletedNotification, public ZRT::Testing::Guarded {
 public:
     void OnResolveAddressCompleted(int /*status*/, const std::string& address,
                                    QOX::CRefCountPtr<IZRTConnectionAddress> result) override
     {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        m_answers.emplace_back(address, result ? result->ToString() : std::string("-"));
-        m_changed.notify_all();
+        Change([&] { m_answers.emplace_back(address, result ? result->ToString() : std::string("-")); });
     }
 
-    bool WaitForCount(size_t count)
+    bool WaitForCount(size_t count) { return WaitFor([&] { return m_answers.size() >= count; }, 20000); }
+    std::multimap<std::string, std::string> Answers() const
     {
-        std::unique_lock<std::mutex> lock(m_mutex);
-        return m_changed.wait_for(lock, std::chrono::seconds(20), [&] { return m_answers.size() >= count; });
-    }
-
-    std::multimap<std::string, std::string> Answers()
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        return std::multimap<std::string, std::string>(m_answers.begin(), m_answers.end());
-    }
-
-    size_t Count()
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        return m_answers.size();
+        return Locked([&] { return std::multimap<std::string, std::string>(m_answers.begin(), m_answers.end()); });
     }
 
 private:
-    std::mutex m_mutex;
-    std::condition_variable m_changed;
     std::vector<std::pair<std::string, std::string>> m_answers;
 };
 
@@ -85,23 +69,15 @@ TEST(DirectResolverTest, AnswersEveryRequestOnceToEveryNotificationUnderItsOwnTe
 // OnResolveAddressCompleted takes the same lock: removing must not wait for that delivery.
 TEST(DirectResolverTest, RemoveNotificationDoesNotWaitForADeliveryInProgress)
 {
-    class LockingNotification : public IResolveAddressCompletedNotification {
+    class LockingNotification : public IResolveAddressCompletedNotification, public ZRT::Testing::Guarded {
     public:
         void OnResolveAddressCompleted(int, const std::string&, QOX::CRefCountPtr<IZRTConnectionAddress>) override
         {
-            {
-                std::lock_guard<std::mutex> hold(state);
-                ++entered;
-                changed.notify_all();
-            }
+            Change([&] { ++entered; });
             std::lock_guard<std::mutex> manager(managerLock);
-            std::lock_guard<std::mutex> hold(state);
-            ++finished;
-            changed.notify_all();
+            Change([&] { ++finished; });
         }
         std::mutex managerLock;
-        std::mutex state;
-        std::condition_variable changed;
         int entered = 0;
         int finished = 0;
     } notification;
@@ -111,26 +87,17 @@ TEST(DirectResolverTest, RemoveNotificationDoesNotWaitForADeliveryInProgress)
     {
         std::unique_lock<std::mutex> manager(notification.managerLock);
         resolver.ResolveAddressAsync("127.0.0.1:1");
-        {
-            std::unique_lock<std::mutex> hold(notification.state);
-            ASSERT_TRUE(notification.changed.wait_for(hold, std::chrono::seconds(10),
-                                                      [&] { return notification.entered == 1; }));
-        }
+        ASSERT_TRUE(notification.WaitFor([&] { return notification.entered == 1; }));
         EXPECT_EQ(resolver.RemoveNotification(&notification), 0);  // would hang if it waited
     }
-    {
-        std::unique_lock<std::mutex> hold(notification.state);
-        ASSERT_TRUE(notification.changed.wait_for(hold, std::chrono::seconds(10),
-                                                  [&] { return notification.finished == 1; }));
-    }
+    ASSERT_TRUE(notification.WaitFor([&] { return notification.finished == 1; }));
 
     // Nothing starts towards it after the removal.
     RecordingNotification witness;
     resolver.AddNotification(&witness);
     resolver.ResolveAddressAsync("127.0.0.1:2");
     ASSERT_TRUE(witness.WaitForCount(1));
-    std::lock_guard<std::mutex> hold(notification.state);
-    EXPECT_EQ(notification.entered, 1);
+    EXPECT_EQ(notification.Locked([&] { return notification.entered; }), 1);
 }
 
 TEST(DirectResolverTest, ConcurrentRequestsAreAllAnswered)

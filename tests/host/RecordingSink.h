@@ -1,11 +1,9 @@
 #pragma once
 
-#include <chrono>
-#include <condition_variable>
 #include <functional>
-#include <mutex>
 #include <string>
 
+#include "fakes/Guarded.h"
 #include "transport/IZRTDataLayer.h"
 #include "transport/IZRTDataLayerNotification.h"
 
@@ -13,7 +11,8 @@ namespace ZRT {
 namespace Testing {
 
 // A data-layer sink that records what it hears; by default it drains the link in OnDataReceived.
-class RecordingSink : public IZRTDataLayerNotification {
+// Its counters are read under the lock, through the getters or in a WaitFor condition.
+class RecordingSink : public IZRTDataLayerNotification, public Guarded {
 public:
     bool drain = true;
     std::function<void(IZRTDataLayer&)> onData;
@@ -27,57 +26,20 @@ public:
         int count = 0;
         while (drain && (count = layer.ReceiveData(buffer, sizeof(buffer))) > 0)
             bytes.append(reinterpret_cast<char*>(buffer), static_cast<size_t>(count));
-        std::lock_guard<std::mutex> lock(mutex);
-        received += bytes;
-        ++dataCalls;
-        dataAfterClose = dataAfterClose || closeCalls > 0;
-        changed.notify_all();
+        Change([&] {
+            received += bytes;
+            ++dataCalls;
+            dataAfterClose = dataAfterClose || closeCalls > 0;
+        });
     }
+    void OnConnectionClosed(IZRTDataLayer& /*layer*/) override { Change([&] { ++closeCalls; }); }
+    void OnSendDrained(IZRTDataLayer& /*layer*/) override { Change([&] { ++drainedCalls; }); }
 
-    void OnConnectionClosed(IZRTDataLayer& /*layer*/) override
-    {
-        std::lock_guard<std::mutex> lock(mutex);
-        ++closeCalls;
-        changed.notify_all();
-    }
+    int Closes() const { return Locked([&] { return closeCalls; }); }
+    int DataCalls() const { return Locked([&] { return dataCalls; }); }
+    int Drained() const { return Locked([&] { return drainedCalls; }); }
+    std::string Received() const { return Locked([&] { return received; }); }
 
-    void OnSendDrained(IZRTDataLayer& /*layer*/) override
-    {
-        std::lock_guard<std::mutex> lock(mutex);
-        ++drainedCalls;
-        changed.notify_all();
-    }
-
-    template <class Predicate>
-    bool WaitFor(Predicate predicate, int timeoutMs = 10000)
-    {
-        std::unique_lock<std::mutex> lock(mutex);
-        return changed.wait_for(lock, std::chrono::milliseconds(timeoutMs), predicate);
-    }
-
-    int Closes()
-    {
-        std::lock_guard<std::mutex> lock(mutex);
-        return closeCalls;
-    }
-    int DataCalls()
-    {
-        std::lock_guard<std::mutex> lock(mutex);
-        return dataCalls;
-    }
-    int Drained()
-    {
-        std::lock_guard<std::mutex> lock(mutex);
-        return drainedCalls;
-    }
-    std::string Received()
-    {
-        std::lock_guard<std::mutex> lock(mutex);
-        return received;
-    }
-
-    std::mutex mutex;
-    std::condition_variable changed;
     std::string received;
     int dataCalls = 0;
     int closeCalls = 0;

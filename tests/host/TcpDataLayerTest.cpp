@@ -1,8 +1,11 @@
 #include <gtest/gtest.h>
+#include <sys/socket.h>
 
+#include <algorithm>
 #include <atomic>
 #include <future>
 #include <thread>
+#include <utility>
 
 #include "RecordingSink.h"
 #include "TestSockets.h"
@@ -25,27 +28,46 @@ void Settle()
 
 class TcpDataLayerTest : public ::testing::Test {
 protected:
-    // Connects a link to a fresh listener on ip; m_peer is the accepted remote end.
-    QOX::CRefCountPtr<IZRTDataLayer> Open(const char* ip = "127.0.0.1")
+    // Connects m_link to a fresh listener on ip, with m_sink registered unless told otherwise
+    // (set its options first); m_peer is the accepted remote end.
+    bool Open(const char* ip = "127.0.0.1", bool withSink = true)
     {
         unsigned int port = 0;
         m_listening = TestSockets::Listen(ip, port);
-        EXPECT_GE(m_listening, 0);
-        QOX::CRefCountPtr<IZRTDataLayer> link =
-            m_layer.Connect(*TestSockets::Address(ip, port), *TestSockets::Address("127.0.0.1", 1));
+        m_link = m_layer.Connect(*TestSockets::Address(ip, port), *TestSockets::Address("127.0.0.1", 1));
         m_peer = TestSockets::Accept(m_listening);
-        EXPECT_GE(m_peer, 0);
-        return link;
+        if (m_link && withSink)
+            m_link->AddNotification(&m_sink);
+        return m_listening >= 0 && m_link && m_peer >= 0;
+    }
+
+    void ClosePeer()
+    {
+        TestSockets::Close(m_peer);
+        m_peer = -1;
     }
 
     void TearDown() override
     {
-        TestSockets::Close(m_peer);
+        if (m_link) {
+            m_link->DetachReader();
+            m_link->RemoveNotification(&m_sink);
+            m_link->Disconnect();
+            m_link.Reset();
+        }
+        ClosePeer();
         TestSockets::Close(m_listening);
+    }
+
+    int Send(const std::string& bytes)
+    {
+        return m_link->SendData(reinterpret_cast<const unsigned char*>(bytes.data()), static_cast<int>(bytes.size()));
     }
 
     CEventLoopPool m_loops{1};
     CDirectMultiPointLayer m_layer{m_loops};
+    QOX::CRefCountPtr<IZRTDataLayer> m_link;
+    RecordingSink m_sink;
     int m_listening = -1;
     int m_peer = -1;
 };
@@ -54,26 +76,26 @@ TEST_F(TcpDataLayerTest, ConnectsOverIPv4AndIPv6AndCarriesBytesBothWays)
 {
     for (const char* ip : {"127.0.0.1", "::1"}) {
         SCOPED_TRACE(ip);
-        QOX::CRefCountPtr<IZRTDataLayer> link = Open(ip);
-        ASSERT_TRUE(link);
-        EXPECT_TRUE(link->IsConnected());
+        ASSERT_TRUE(Open(ip));
+        EXPECT_TRUE(m_link->IsConnected());
         sockaddr_storage remote{};
         int length = sizeof(remote);
-        ASSERT_TRUE(link->GetRemoteAddress(reinterpret_cast<sockaddr*>(&remote), &length));
+        ASSERT_TRUE(m_link->GetRemoteAddress(reinterpret_cast<sockaddr*>(&remote), &length));
         EXPECT_EQ(remote.ss_family, TestSockets::Address(ip, 1)->GetFamily());
 
-        RecordingSink sink;
-        link->AddNotification(&sink);
-        EXPECT_EQ(link->SendData(reinterpret_cast<const unsigned char*>("ping"), 4), 4);
+        EXPECT_EQ(Send("ping"), 4);
         EXPECT_EQ(TestSockets::Read(m_peer, 4), "ping");
         ASSERT_TRUE(TestSockets::WriteAll(m_peer, "pong"));
-        EXPECT_TRUE(sink.WaitFor([&] { return sink.received == "pong"; }));
+        EXPECT_TRUE(m_sink.WaitFor([&] { return m_sink.received == "pong"; }));
 
-        link->Disconnect();
-        EXPECT_TRUE(sink.WaitFor([&] { return sink.closeCalls == 1; }));
-        EXPECT_FALSE(link->IsConnected());
-        link->RemoveNotification(&sink);
+        m_link->Disconnect();
+        EXPECT_TRUE(m_sink.WaitFor([&] { return m_sink.closeCalls == 1; }));
+        EXPECT_FALSE(m_link->IsConnected());
         TearDown();
+        m_sink.Change([&] {
+            m_sink.received.clear();
+            m_sink.closeCalls = 0;
+        });
     }
 }
 
@@ -87,12 +109,8 @@ TEST_F(TcpDataLayerTest, ConnectToPortWithoutListenerFails)
 
 TEST_F(TcpDataLayerTest, StopsReadingWhileReceiveBufferIsFullAndLosesNothing)
 {
-    QOX::CRefCountPtr<IZRTDataLayer> link = Open();
-    ASSERT_TRUE(link);
-    RecordingSink sink;
-    sink.drain = false;
-    link->AddNotification(&sink);
-
+    m_sink.drain = false;
+    ASSERT_TRUE(Open());
     // More than the receive buffer plus whatever the kernel buffers on loopback.
     const std::string data = TestSockets::Pattern(32 * 1024 * 1024);
     std::atomic<bool> written{false};
@@ -101,162 +119,123 @@ TEST_F(TcpDataLayerTest, StopsReadingWhileReceiveBufferIsFullAndLosesNothing)
         written = true;
     });
 
-    ASSERT_TRUE(sink.WaitFor([&] { return link->GetReceiveBacklog() >= CTcpDataLayer::RECEIVE_LIMIT; }));
+    ASSERT_TRUE(m_sink.WaitFor([&] { return m_link->GetReceiveBacklog() >= CTcpDataLayer::RECEIVE_LIMIT; }));
     Settle();
-    EXPECT_EQ(link->GetReceiveBacklog(), CTcpDataLayer::RECEIVE_LIMIT);
+    EXPECT_EQ(m_link->GetReceiveBacklog(), CTcpDataLayer::RECEIVE_LIMIT);
     EXPECT_FALSE(written);
 
     // Drained from this thread, not from a callback.
     std::string received;
     std::vector<unsigned char> buffer(100000);
     while (received.size() < data.size()) {
-        const int count = link->ReceiveData(buffer.data(), static_cast<int>(buffer.size()));
-        ASSERT_LE(link->GetReceiveBacklog(), CTcpDataLayer::RECEIVE_LIMIT);
+        const int count = m_link->ReceiveData(buffer.data(), static_cast<int>(buffer.size()));
+        ASSERT_LE(m_link->GetReceiveBacklog(), CTcpDataLayer::RECEIVE_LIMIT);
         if (count > 0) {
             received.append(reinterpret_cast<char*>(buffer.data()), static_cast<size_t>(count));
             continue;
         }
-        const int calls = sink.DataCalls();
-        ASSERT_TRUE(sink.WaitFor([&] { return sink.dataCalls > calls || link->GetReceiveBacklog() > 0; }));
+        const int calls = m_sink.DataCalls();
+        ASSERT_TRUE(m_sink.WaitFor([&] { return m_sink.dataCalls > calls || m_link->GetReceiveBacklog() > 0; }));
     }
     writer.join();
     EXPECT_TRUE(received == data);
-    link->RemoveNotification(&sink);
-    link->Disconnect();
 }
 
 TEST_F(TcpDataLayerTest, SendDataQueuesWhatTheSocketRefusesAndReportsTheDrain)
 {
-    QOX::CRefCountPtr<IZRTDataLayer> link = Open();
-    ASSERT_TRUE(link);
-    RecordingSink sink;
-    link->AddNotification(&sink);
-
+    ASSERT_TRUE(Open());
     const std::string data = TestSockets::Pattern(16 * 1024 * 1024, 7);
     const size_t chunk = 1024 * 1024;
     for (size_t offset = 0; offset < data.size(); offset += chunk)
-        ASSERT_EQ(link->SendData(reinterpret_cast<const unsigned char*>(data.data() + offset), chunk),
-                  static_cast<int>(chunk));
+        ASSERT_EQ(Send(data.substr(offset, chunk)), static_cast<int>(chunk));
     // Nobody reads the peer yet, so most of it must still be queued.
-    EXPECT_GT(link->GetSendBacklog(), CTcpDataLayer::SEND_HIGH_WATER);
-    EXPECT_EQ(sink.Drained(), 0);
+    EXPECT_GT(m_link->GetSendBacklog(), CTcpDataLayer::SEND_HIGH_WATER);
+    EXPECT_EQ(m_sink.Drained(), 0);
 
-    const std::string arrived = TestSockets::Read(m_peer, data.size());
-    EXPECT_TRUE(arrived == data);
-    EXPECT_TRUE(sink.WaitFor([&] { return sink.drainedCalls >= 1; }));
-    EXPECT_EQ(link->GetSendBacklog(), 0u);
-    link->RemoveNotification(&sink);
-    link->Disconnect();
+    EXPECT_TRUE(TestSockets::Read(m_peer, data.size()) == data);
+    EXPECT_TRUE(m_sink.WaitFor([&] { return m_sink.drainedCalls >= 1; }));
+    EXPECT_EQ(m_link->GetSendBacklog(), 0u);
 }
 
 TEST_F(TcpDataLayerTest, RemoteCloseComesOnceAfterEveryByte)
 {
-    QOX::CRefCountPtr<IZRTDataLayer> link = Open();
-    ASSERT_TRUE(link);
-    RecordingSink sink;
-    link->AddNotification(&sink);
-
+    ASSERT_TRUE(Open());
     const std::string data = TestSockets::Pattern(3 * 1024 * 1024, 3);
     ASSERT_TRUE(TestSockets::WriteAll(m_peer, data));
-    TestSockets::Close(m_peer);
-    m_peer = -1;
+    ClosePeer();
 
-    ASSERT_TRUE(sink.WaitFor([&] { return sink.closeCalls == 1; }));
-    EXPECT_TRUE(sink.Received() == data);
-    EXPECT_FALSE(sink.dataAfterClose);
-    EXPECT_FALSE(link->IsConnected());
-
-    link->Disconnect();
-    link->Disconnect();
+    ASSERT_TRUE(m_sink.WaitFor([&] { return m_sink.closeCalls == 1; }));
+    EXPECT_TRUE(m_sink.Received() == data);
+    EXPECT_FALSE(m_sink.Locked([&] { return m_sink.dataAfterClose; }));
+    EXPECT_FALSE(m_link->IsConnected());
+    m_link->Disconnect();
+    m_link->Disconnect();
     Settle();
-    EXPECT_EQ(sink.Closes(), 1);
-    link->RemoveNotification(&sink);
+    EXPECT_EQ(m_sink.Closes(), 1);
 }
 
 TEST_F(TcpDataLayerTest, CloseWaitsForBytesTheSinkHasNotTakenYet)
 {
-    QOX::CRefCountPtr<IZRTDataLayer> link = Open();
-    ASSERT_TRUE(link);
-    RecordingSink sink;
-    sink.drain = false;
-    link->AddNotification(&sink);
-
+    m_sink.drain = false;
+    ASSERT_TRUE(Open());
     ASSERT_TRUE(TestSockets::WriteAll(m_peer, "tail"));
-    TestSockets::Close(m_peer);
-    m_peer = -1;
-    ASSERT_TRUE(sink.WaitFor([&] { return sink.dataCalls >= 1; }));
+    ClosePeer();
+    ASSERT_TRUE(m_sink.WaitFor([&] { return m_sink.dataCalls >= 1; }));
     Settle();
-    EXPECT_EQ(sink.Closes(), 0);
+    EXPECT_EQ(m_sink.Closes(), 0);
 
     unsigned char buffer[16];
-    ASSERT_EQ(link->ReceiveData(buffer, sizeof(buffer)), 4);
+    ASSERT_EQ(m_link->ReceiveData(buffer, sizeof(buffer)), 4);
     EXPECT_EQ(std::string(reinterpret_cast<char*>(buffer), 4), "tail");
-    EXPECT_TRUE(sink.WaitFor([&] { return sink.closeCalls == 1; }));
-    link->RemoveNotification(&sink);
+    EXPECT_TRUE(m_sink.WaitFor([&] { return m_sink.closeCalls == 1; }));
 }
 
 TEST_F(TcpDataLayerTest, DisconnectFromInsideCallbackClosesOnce)
 {
-    QOX::CRefCountPtr<IZRTDataLayer> link = Open();
-    ASSERT_TRUE(link);
-    RecordingSink sink;
-    sink.onData = [](IZRTDataLayer& layer) {
+    m_sink.onData = [](IZRTDataLayer& layer) {
         layer.Disconnect();
         layer.Disconnect();
     };
-    link->AddNotification(&sink);
-
+    ASSERT_TRUE(Open());
     ASSERT_TRUE(TestSockets::WriteAll(m_peer, "bye"));
-    ASSERT_TRUE(sink.WaitFor([&] { return sink.closeCalls == 1; }));
+    ASSERT_TRUE(m_sink.WaitFor([&] { return m_sink.closeCalls == 1; }));
     EXPECT_EQ(TestSockets::Read(m_peer, 0), "");  // the peer sees the close
     Settle();
-    EXPECT_EQ(sink.Closes(), 1);
-    link->RemoveNotification(&sink);
+    EXPECT_EQ(m_sink.Closes(), 1);
 }
 
 TEST_F(TcpDataLayerTest, DisconnectStillDeliversQueuedBytes)
 {
-    QOX::CRefCountPtr<IZRTDataLayer> link = Open();
-    ASSERT_TRUE(link);
-    RecordingSink sink;
-    link->AddNotification(&sink);
-
+    ASSERT_TRUE(Open());
     const std::string data = TestSockets::Pattern(8 * 1024 * 1024, 5);
-    ASSERT_EQ(link->SendData(reinterpret_cast<const unsigned char*>(data.data()), static_cast<int>(data.size())),
-              static_cast<int>(data.size()));
-    link->Disconnect();
-    EXPECT_TRUE(sink.WaitFor([&] { return sink.closeCalls == 1; }));
-    EXPECT_EQ(link->SendData(reinterpret_cast<const unsigned char*>("late"), 4), -1);
+    ASSERT_EQ(Send(data), static_cast<int>(data.size()));
+    m_link->Disconnect();
+    EXPECT_TRUE(m_sink.WaitFor([&] { return m_sink.closeCalls == 1; }));
+    EXPECT_EQ(Send("late"), -1);
 
     const std::string arrived = TestSockets::Read(m_peer, 0);
     EXPECT_EQ(arrived.size(), data.size());
     EXPECT_TRUE(arrived == data);
-    link->RemoveNotification(&sink);
 }
 
 TEST_F(TcpDataLayerTest, RemoveNotificationWaitsForACallbackOnAnotherThread)
 {
-    QOX::CRefCountPtr<IZRTDataLayer> link = Open();
-    ASSERT_TRUE(link);
     std::promise<void> entered;
     std::promise<void> release;
     std::shared_future<void> released = release.get_future().share();
-    RecordingSink sink;
     bool first = true;
-    sink.onData = [&](IZRTDataLayer&) {
-        if (!first)
+    m_sink.onData = [&](IZRTDataLayer&) {
+        if (!std::exchange(first, false))
             return;
-        first = false;
         entered.set_value();
         released.wait();
     };
-    link->AddNotification(&sink);
-
+    ASSERT_TRUE(Open());
     ASSERT_TRUE(TestSockets::WriteAll(m_peer, "one"));
     entered.get_future().wait();
     std::atomic<bool> removed{false};
     std::thread remover([&] {
-        link->RemoveNotification(&sink);
+        m_link->RemoveNotification(&m_sink);
         removed = true;
     });
     Settle();
@@ -265,54 +244,210 @@ TEST_F(TcpDataLayerTest, RemoveNotificationWaitsForACallbackOnAnotherThread)
     remover.join();
     EXPECT_TRUE(removed);
 
-    const int calls = sink.DataCalls();
+    const int calls = m_sink.DataCalls();
     ASSERT_TRUE(TestSockets::WriteAll(m_peer, "two"));
-    TestSockets::Close(m_peer);
-    m_peer = -1;
+    ClosePeer();
     Settle();
-    EXPECT_EQ(sink.DataCalls(), calls);
-    EXPECT_EQ(sink.Closes(), 0);
-    link->Disconnect();
+    EXPECT_EQ(m_sink.DataCalls(), calls);
+    EXPECT_EQ(m_sink.Closes(), 0);
 }
 
 TEST_F(TcpDataLayerTest, RemoveNotificationFromInsideItsOwnCallbackReturnsAtOnce)
 {
-    QOX::CRefCountPtr<IZRTDataLayer> link = Open();
-    ASSERT_TRUE(link);
-    RecordingSink sink;
     std::atomic<int> removals{0};
-    sink.onData = [&](IZRTDataLayer& layer) {
-        if (layer.RemoveNotification(&sink))
+    m_sink.onData = [&](IZRTDataLayer& layer) {
+        if (layer.RemoveNotification(&m_sink))
             ++removals;
     };
-    link->AddNotification(&sink);
+    ASSERT_TRUE(Open());
     ASSERT_TRUE(TestSockets::WriteAll(m_peer, "x"));
-    ASSERT_TRUE(sink.WaitFor([&] { return sink.dataCalls == 1; }));
+    ASSERT_TRUE(m_sink.WaitFor([&] { return m_sink.dataCalls == 1; }));
     ASSERT_TRUE(TestSockets::WriteAll(m_peer, "y"));
-    TestSockets::Close(m_peer);
-    m_peer = -1;
+    ClosePeer();
     Settle();
     EXPECT_EQ(removals, 1);
-    EXPECT_EQ(sink.DataCalls(), 1);
-    EXPECT_EQ(sink.Closes(), 0);
-    link->Disconnect();
+    EXPECT_EQ(m_sink.DataCalls(), 1);
+    EXPECT_EQ(m_sink.Closes(), 0);
 }
 
 TEST_F(TcpDataLayerTest, SinkRegisteredLateHearsEarlierBytesAndClose)
 {
-    QOX::CRefCountPtr<IZRTDataLayer> link = Open();
-    ASSERT_TRUE(link);
+    ASSERT_TRUE(Open("127.0.0.1", false));
     ASSERT_TRUE(TestSockets::WriteAll(m_peer, "early"));
-    TestSockets::Close(m_peer);
-    m_peer = -1;
+    ClosePeer();
     // Bytes and FIN are at the link before anybody listens.
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
 
-    RecordingSink sink;
-    link->AddNotification(&sink);
-    EXPECT_TRUE(sink.WaitFor([&] { return sink.closeCalls == 1; }));
-    EXPECT_EQ(sink.Received(), "early");
-    link->RemoveNotification(&sink);
+    m_link->AddNotification(&m_sink);
+    EXPECT_TRUE(m_sink.WaitFor([&] { return m_sink.closeCalls == 1; }));
+    EXPECT_EQ(m_sink.Received(), "early");
+}
+
+// The relay fast paths: a reader polling the link's descriptor on its own thread
+// (AttachReader/ReceiveData), bytes moved straight into another socket (ReceiveInto) and taken
+// straight from one (SendFrom).
+class TcpDataLayerReaderTest : public TcpDataLayerTest {
+protected:
+    void SetUp() override
+    {
+        ASSERT_TRUE(Open("127.0.0.1", false));
+        // The "client" side: m_near is handed to the link, m_far is what the client reads.
+        // Non-blocking, as the connection's client socket: a splice into a blocking socket waits.
+        int pair[2];
+        ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0, pair));
+        m_near = pair[0];
+        m_far = pair[1];
+    }
+
+    void TearDown() override
+    {
+        TcpDataLayerTest::TearDown();
+        TestSockets::Close(m_near);
+        TestSockets::Close(m_far);
+    }
+
+    // What a reader gets until the link's end (or `count` bytes), polling like the connection.
+    std::string ReadAsReader(int descriptor, size_t count, int* last)
+    {
+        std::string got;
+        unsigned char buffer[4096];
+        while (got.size() < count && TestSockets::WaitReadable(descriptor, 5000)) {
+            *last = m_link->ReceiveData(buffer, sizeof(buffer));
+            if (*last < 0)
+                break;
+            got.append(reinterpret_cast<const char*>(buffer), static_cast<size_t>(*last));
+        }
+        return got;
+    }
+
+    int m_near = -1;
+    int m_far = -1;
+};
+
+// The reader takes every byte itself, in order; the sink hears no data, and the closure only
+// once the reader has met the end and left.
+TEST_F(TcpDataLayerReaderTest, ReaderTakesTheBytesAndTheEndIsReportedWhenItLeaves)
+{
+    const int descriptor = m_link->AttachReader();
+    ASSERT_GE(descriptor, 0);
+    EXPECT_EQ(-1, m_link->AttachReader()) << "one reader at a time";
+    m_link->AddNotification(&m_sink);
+
+    const std::string sent = TestSockets::Pattern(300000);
+    ASSERT_TRUE(TestSockets::WriteAll(m_peer, sent));
+    ClosePeer();
+    int last = 0;
+    EXPECT_EQ(sent, ReadAsReader(descriptor, SIZE_MAX, &last));
+    EXPECT_EQ(-1, last);
+    EXPECT_EQ(0, m_sink.DataCalls());
+    EXPECT_EQ(0, m_sink.Closes());
+
+    m_link->DetachReader();
+    EXPECT_EQ(1, m_sink.Closes()) << "reported on the detaching thread";
+    EXPECT_FALSE(m_link->IsConnected());
+}
+
+// Bytes the loop read ahead before the reader came are not overtaken by later ones.
+TEST_F(TcpDataLayerReaderTest, BytesReadAheadBeforeAttachingComeFirst)
+{
+    RecordingSink quiet;
+    quiet.drain = false; // hears, but leaves the bytes in the link
+    m_link->AddNotification(&quiet);
+    ASSERT_TRUE(TestSockets::WriteAll(m_peer, "early "));
+    ASSERT_TRUE(quiet.WaitFor([&] { return quiet.dataCalls > 0; }));
+    m_link->RemoveNotification(&quiet);
+
+    const int descriptor = m_link->AttachReader();
+    ASSERT_GE(descriptor, 0);
+    ASSERT_TRUE(TestSockets::WriteAll(m_peer, "late"));
+    unsigned char buffer[64];
+    EXPECT_EQ(6, m_link->ReceiveData(buffer, sizeof(buffer))) << "held bytes first, without waiting";
+    EXPECT_EQ("early ", std::string(reinterpret_cast<char*>(buffer), 6));
+    int last = 0;
+    EXPECT_EQ("late", ReadAsReader(descriptor, 4, &last));
+}
+
+// ReceiveInto moves the link's bytes into a socket; what that socket will not take stays with
+// the link and comes out of ReceiveData, still in order.
+TEST_F(TcpDataLayerReaderTest, ReceiveIntoHandsBackWhatTheSocketWillNotTake)
+{
+    const int descriptor = m_link->AttachReader();
+    ASSERT_GE(descriptor, 0);
+    int small = 4096;
+    setsockopt(m_near, SOL_SOCKET, SO_SNDBUF, &small, sizeof(small));
+    setsockopt(m_far, SOL_SOCKET, SO_RCVBUF, &small, sizeof(small));
+    const std::string sent = TestSockets::Pattern(1 << 20, 7);
+    ASSERT_TRUE(TestSockets::WriteAll(m_peer, sent));
+    ClosePeer();
+
+    std::string arrived;
+    int handBacks = 0;
+    const auto readFar = [&]() {
+        char chunk[8192];
+        const ssize_t got = recv(m_far, chunk, sizeof(chunk), MSG_DONTWAIT);
+        if (got > 0)
+            arrived.append(chunk, static_cast<size_t>(got));
+        return got > 0;
+    };
+    for (int turn = 0; turn < 1000000; ++turn) {
+        const int moved = m_link->ReceiveInto(m_near, 1 << 20);
+        ASSERT_NE(IZRTDataLayer::RECEIVE_SOCKET_FAILED, moved);
+        if (moved == IZRTDataLayer::RECEIVE_END)
+            break;
+        if (moved == IZRTDataLayer::RECEIVE_NOTHING_NOW)
+            TestSockets::WaitReadable(descriptor, 100);
+        if (moved == IZRTDataLayer::RECEIVE_USE_RECEIVE_DATA) {
+            unsigned char buffer[65536];
+            const int count = m_link->ReceiveData(buffer, sizeof(buffer));
+            if (count < 0)
+                break;
+            // As the connection queues them: behind whatever the socket already holds.
+            while (readFar()) {
+            }
+            arrived.append(reinterpret_cast<char*>(buffer), static_cast<size_t>(std::max(count, 0)));
+            handBacks += count > 0 ? 1 : 0;
+        }
+        readFar(); // the far end reads slowly
+    }
+    while (readFar()) {
+    }
+    EXPECT_GT(handBacks, 0) << "the small socket should have refused part of a chunk";
+    ASSERT_EQ(sent.size(), arrived.size());
+    EXPECT_TRUE(sent == arrived);
+}
+
+// SendFrom takes bytes from a socket into the link's send queue: they reach the peer in order
+// with bytes given to SendData before and after, and the backlog empties once written.
+TEST_F(TcpDataLayerReaderTest, SendFromKeepsOrderWithSendData)
+{
+    EXPECT_EQ(IZRTDataLayer::SEND_NOTHING_NOW, m_link->SendFrom(m_near, 1024));
+    const std::string middle = TestSockets::Pattern(3 << 20, 3);
+    ASSERT_EQ(3, Send("one"));
+    std::future<std::string> peer =
+        std::async(std::launch::async, [&] { return TestSockets::Read(m_peer, 3 + middle.size() + 3); });
+    size_t offered = 0;
+    size_t taken = 0;
+    while (taken < middle.size()) {
+        if (offered < middle.size()) {
+            const ssize_t written = ::send(m_far, middle.data() + offered, middle.size() - offered, MSG_DONTWAIT);
+            offered += written > 0 ? static_cast<size_t>(written) : 0;
+        }
+        const int moved = m_link->SendFrom(m_near, 256 * 1024);
+        ASSERT_NE(IZRTDataLayer::SEND_SOCKET_FAILED, moved);
+        if (moved == IZRTDataLayer::SEND_USE_SEND_DATA) {
+            TestSockets::WaitReadable(m_near, 10); // the link's pipe is full: its loop is flushing
+            continue;
+        }
+        if (moved > 0)
+            taken += static_cast<size_t>(moved);
+    }
+    ASSERT_EQ(3, Send("two"));
+    EXPECT_TRUE(peer.get() == "one" + middle + "two");
+    EXPECT_EQ(0u, m_link->GetSendBacklog());
+
+    TestSockets::Close(m_far);
+    m_far = -1;
+    EXPECT_EQ(IZRTDataLayer::SEND_SOCKET_ENDED, m_link->SendFrom(m_near, 1024));
 }
 
 } // namespace
