@@ -3,61 +3,19 @@ servers on loopback (HTTP file servers, a UDP echo, a TCP sink) run inside the t
 import hashlib
 import http.server
 import os
-import signal
 import socket
 import socketserver
 import struct
-import subprocess
-import tempfile
+import sys
 import threading
 
 import pytest
 
-PROXY_BIN = os.environ.get("ZRT_PROXY_BIN", "build/zrt-proxy")
-# The machine's own name resolves to 127.0.0.1, which the HTTP handler refuses as local.
-DEST_V4 = "127.0.0.2"
-DEST_V6 = "::1"
+sys.path.insert(0, os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
+from proxyharness import (DEST_V4, DEST_V6, PROXY_BIN, Daemon, read_socks5_reply, recv_exact,  # noqa: E402,F401
+                          serve_forever, socks5_address, socks5_request)
+
 BIG_SIZE = 8 * 1024 * 1024
-
-
-class Daemon:
-    def __init__(self, *args):
-        # A file, not a pipe: a sanitizer report must neither block the daemon nor get lost.
-        self.stderr = tempfile.TemporaryFile(mode="w+")
-        self.proc = subprocess.Popen([PROXY_BIN, "--port", "0", *args], stdout=subprocess.PIPE,
-                                     stderr=self.stderr, text=True)
-        line = self.proc.stdout.readline()
-        assert "listening on" in line, line + self.errors()
-        self.host, port = line.split("listening on", 1)[1].strip().rsplit(":", 1)
-        self.host = self.host.strip("[]")
-        self.port = int(port)
-
-    def errors(self):
-        self.stderr.seek(0)
-        return self.stderr.read()
-
-    def sanitized(self):
-        """True when the daemon runs under ASan or TSan, whose memory use says nothing."""
-        with open(f"/proc/{self.proc.pid}/maps") as maps:
-            return any("libasan" in line or "libtsan" in line for line in maps)
-
-    def rss_kib(self):
-        with open(f"/proc/{self.proc.pid}/status") as status:
-            for line in status:
-                if line.startswith("VmRSS:"):
-                    return int(line.split()[1])
-        return 0
-
-    def stop(self, timeout=20):
-        if self.proc.poll() is None:
-            self.proc.send_signal(signal.SIGTERM)
-            try:
-                self.proc.wait(timeout=timeout)
-            except subprocess.TimeoutExpired:
-                self.proc.kill()
-                self.proc.wait()
-                return None
-        return self.proc.returncode
 
 
 @pytest.fixture(scope="module")
@@ -79,12 +37,6 @@ class HTTPServerV4(http.server.ThreadingHTTPServer):
 
 class HTTPServerV6(HTTPServerV4):
     address_family = socket.AF_INET6
-
-
-def serve_forever(server):
-    thread = threading.Thread(target=server.serve_forever, daemon=True)
-    thread.start()
-    return server
 
 
 @pytest.fixture(scope="session")
@@ -144,8 +96,9 @@ class SinkHandler(socketserver.BaseRequestHandler):
 
     def handle(self):
         sock = self.request
-        header = recv_exact(sock, 9)
-        if len(header) < 9:
+        try:
+            header = recv_exact(sock, 9)
+        except ConnectionError:
             return
         mode = header[0:1]
         size = struct.unpack("!Q", header[1:])[0]
@@ -184,51 +137,6 @@ def tcp_sink():
     for server in servers.values():
         server.shutdown()
         server.server_close()
-
-
-def recv_exact(sock, count):
-    data = bytearray()
-    while len(data) < count:
-        chunk = sock.recv(count - len(data))
-        if not chunk:
-            break
-        data += chunk
-    return bytes(data)
-
-
-def socks5_address(host, port):
-    """ATYP, address and port of a SOCKS5 request for a numeric address or a name."""
-    for family, atyp in ((socket.AF_INET, 1), (socket.AF_INET6, 4)):
-        try:
-            return bytes([atyp]) + socket.inet_pton(family, host) + struct.pack("!H", port)
-        except OSError:
-            pass
-    name = host.encode()
-    return bytes([3, len(name)]) + name + struct.pack("!H", port)
-
-
-def read_socks5_reply(sock):
-    """Returns (reply code, address text, port) of one SOCKS5 reply."""
-    head = recv_exact(sock, 4)
-    assert len(head) == 4 and head[0] == 5, head
-    if head[3] == 1:
-        address = socket.inet_ntop(socket.AF_INET, recv_exact(sock, 4))
-    elif head[3] == 4:
-        address = socket.inet_ntop(socket.AF_INET6, recv_exact(sock, 16))
-    else:
-        address = recv_exact(sock, recv_exact(sock, 1)[0]).decode()
-    port = struct.unpack("!H", recv_exact(sock, 2))[0]
-    return head[1], address, port
-
-
-def socks5_request(proxy, command, host, port, timeout=30):
-    """Opens a client connection, negotiates no authentication and sends one request;
-    returns the socket and the first reply."""
-    sock = socket.create_connection((proxy.host, proxy.port), timeout=timeout)
-    sock.sendall(b"\x05\x01\x00")
-    assert recv_exact(sock, 2) == b"\x05\x00"
-    sock.sendall(bytes([5, command, 0]) + socks5_address(host, port))
-    return sock, read_socks5_reply(sock)
 
 
 def http_connect(proxy, host, port, timeout=30):

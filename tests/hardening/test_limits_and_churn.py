@@ -13,7 +13,7 @@ def test_descriptor_exhaustion_does_not_spin_and_recovers():
     echo = EchoServer()
     daemon = Daemon(limit_fds=256)
     try:
-        tunnel = socks5_connect(daemon.port, DEST_HOST, echo.port)
+        tunnel = socks5_connect(daemon, DEST_HOST, echo.port)
         tunnel.sendall(b"before")
         assert recv_exact(tunnel, 6) == b"before"
 
@@ -38,7 +38,7 @@ def test_descriptor_exhaustion_does_not_spin_and_recovers():
         served = False
         while time.time() < deadline and not served:
             try:
-                served = echo_round_trip(daemon.port, echo.port)
+                served = echo_round_trip(daemon, echo.port)
             except (OSError, AssertionError):
                 time.sleep(0.2)
         assert served
@@ -91,13 +91,13 @@ def test_churn_of_short_connections_returns_to_baseline():
     daemon = Daemon()
     try:
         for _ in range(50):
-            assert echo_round_trip(daemon.port, echo.port)
+            assert echo_round_trip(daemon, echo.port)
         time.sleep(0.5)
         fds, threads, rss = daemon.fds(), daemon.threads(), daemon.rss_kib()
 
         def one(i):
             if i % 2:
-                return echo_round_trip(daemon.port, echo.port, b"x")
+                return echo_round_trip(daemon, echo.port, b"x")
             return http_get(daemon.port, web.port).endswith(b"ok")
 
         with ThreadPoolExecutor(max_workers=8) as pool:
