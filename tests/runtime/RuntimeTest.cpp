@@ -1,4 +1,3 @@
-#include <dirent.h>
 #include <gtest/gtest.h>
 #include <poll.h>
 
@@ -8,6 +7,7 @@
 #include <thread>
 #include <vector>
 
+#include "fakes/Polling.h"
 #include "runtime/CEvent.h"
 #include "runtime/CRefCountPtr.h"
 #include "runtime/CRefCount_Base.h"
@@ -16,6 +16,10 @@
 #include "runtime/Clock.h"
 
 namespace {
+
+using ZRT::Testing::ThreadBaseline;
+using ZRT::Testing::ThreadsBackTo;
+using ZRT::Testing::WaitUntil;
 
 std::atomic<int> g_destroyed{0};
 
@@ -171,8 +175,7 @@ TEST(Thread, ObjectMayBeDestroyedOnItsOwnThread)
         auto* object = new SelfReleasing();
         ASSERT_TRUE(object->StartThread(false));
     }
-    for (int wait = 0; wait < 500 && g_destroyed.load() < 20; ++wait)
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    WaitUntil([] { return g_destroyed.load() >= 20; }, 5000);
     EXPECT_EQ(g_destroyed.load(), 20);
 }
 
@@ -209,19 +212,8 @@ TEST(Thread, AFinishedThreadIsReusedAndBelongsOnlyToItsNewObject)
 // Draining ends every idle thread at once, the one whose object was just waited for included.
 TEST(Thread, DrainEndsEveryIdleThreadAtOnce)
 {
-    const auto tasks = [] {
-        int count = 0;
-        if (DIR* dir = opendir("/proc/self/task")) {
-            while (readdir(dir))
-                ++count;
-            closedir(dir);
-        }
-        return count;
-    };
     QOX::CThreadPool::Instance().DrainIdle();
-    // A sanitizer runtime starts a thread of its own with the first thread the process makes.
-    std::thread([] {}).join();
-    const int before = tasks();
+    const int before = ThreadBaseline();
     {
         std::vector<std::unique_ptr<StopAwareThread>> burst;
         for (int i = 0; i < 4; ++i) {
@@ -232,14 +224,10 @@ TEST(Thread, DrainEndsEveryIdleThreadAtOnce)
     EXPECT_EQ(QOX::CThreadPool::Instance().GetIdleCount(), 4u) << "a waited-for thread is back in the pool";
     QOX::CThreadPool::Instance().DrainIdle();
     EXPECT_EQ(QOX::CThreadPool::Instance().GetIdleCount(), 0u);
-    // A joined thread can stay listed for a moment after its join returns, so allow a short
-    // grace, far below the idle lifetime a detached leftover would live for. At most: under
-    // emulation the baseline may include a helper thread of the emulator.
-    const auto deadline = std::chrono::steady_clock::now() +
-                          std::chrono::milliseconds(QOX::CThreadPool::IDLE_LIFETIME_MS / 4);
-    while (tasks() > before && std::chrono::steady_clock::now() < deadline)
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    EXPECT_LE(tasks(), before) << "drained threads are joined, not left to finish later";
+    // The grace for a joined thread to leave the list is far below the idle lifetime a detached
+    // leftover would live for.
+    EXPECT_TRUE(ThreadsBackTo(before, QOX::CThreadPool::IDLE_LIFETIME_MS / 4))
+        << "drained threads are joined, not left to finish later";
 }
 
 // Idle threads leave by themselves, so a burst does not leave the process bigger for good.
@@ -252,11 +240,8 @@ TEST(Thread, SlowIdleThreadsLeaveAfterTheirLifetime)
     }
     burst.clear();
     EXPECT_GE(QOX::CThreadPool::Instance().GetIdleCount(), 1u);
-    const auto deadline = std::chrono::steady_clock::now() +
-                          std::chrono::milliseconds(QOX::CThreadPool::IDLE_LIFETIME_MS * 3);
-    while (QOX::CThreadPool::Instance().GetIdleCount() > 0 && std::chrono::steady_clock::now() < deadline)
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    EXPECT_EQ(QOX::CThreadPool::Instance().GetIdleCount(), 0u);
+    EXPECT_TRUE(WaitUntil([] { return QOX::CThreadPool::Instance().GetIdleCount() == 0; },
+                          QOX::CThreadPool::IDLE_LIFETIME_MS * 3));
 }
 
 // The descriptor is made on first wait: a signal given before it must show on it, and a reset
