@@ -69,12 +69,8 @@ TEST_F(Socks5ConnectTest, BytesSentJustBeforeTheClientClosesReachTheHost)
 {
     for (int round = 0; round < 20; ++round) {
         FakeProxyConnection connection;
-        auto handler = std::make_unique<Handler>(connection);
-        connection.SetProtocol(handler.get());
-        handler->Init();
-        const std::string request = Bytes({5, 1, 0}) + CONNECT_REQUEST;
-        handler->HandleRequest(request.data(), static_cast<int>(request.size()));
-        ASSERT_TRUE(Eventually([&] { return handler->GetState() == Handler::Connected; }));
+        auto handler = StartOn(connection, CONNECT_REQUEST);
+        ASSERT_TRUE(WaitUntil([&] { return handler->GetState() == Handler::Connected; }));
         handler->HandleRequest("last words", 10);
         connection.DisconnectClient();
         EXPECT_EQ("last words", connection.WaitForHostBytes(10));
@@ -83,12 +79,18 @@ TEST_F(Socks5ConnectTest, BytesSentJustBeforeTheClientClosesReachTheHost)
 
 class Socks5BindTest : public Socks5Fixture {
 protected:
+    void RequestBind(IConnectionListener* listener)
+    {
+        m_connection.SetConnectionListener(listener);
+        Negotiate();
+        Send(BIND_REQUEST);
+    }
+    void RequestBind() { RequestBind(&m_listener); }
+
     // Negotiates a BIND and lets the peer connect; returns the accepted stream.
     QOX::CRefCountPtr<FakeDataLayer> Bind()
     {
-        m_connection.SetConnectionListener(&m_listener);
-        Negotiate();
-        Send(BIND_REQUEST);
+        RequestBind();
         EXPECT_EQ(FIRST_BIND_REPLY, WaitForReplies(10));
         QOX::CRefCountPtr<FakeDataLayer> stream = m_listener.ConnectPeer(CTCPIPAddress(10, 1, 2, 3, 5555));
         EXPECT_TRUE(stream);
@@ -102,8 +104,7 @@ protected:
 
 TEST_F(Socks5BindTest, WithoutListenerIsRefusedWithoutAFirstReply)
 {
-    Negotiate();
-    Send(BIND_REQUEST);
+    RequestBind(nullptr);
     ASSERT_TRUE(m_connection.WaitForDisconnect());
     EXPECT_EQ(CommandReply(5), Replies());
 }
@@ -111,9 +112,7 @@ TEST_F(Socks5BindTest, WithoutListenerIsRefusedWithoutAFirstReply)
 TEST_F(Socks5BindTest, ListenerFailureIsRefused)
 {
     m_listener.SetFail(true);
-    m_connection.SetConnectionListener(&m_listener);
-    Negotiate();
-    Send(BIND_REQUEST);
+    RequestBind();
     ASSERT_TRUE(m_connection.WaitForDisconnect());
     EXPECT_EQ(CommandReply(5), Replies());
     EXPECT_EQ("10.0.0.9:1234", m_listener.GetLastRequestAddress());
@@ -138,18 +137,14 @@ TEST_F(Socks5BindTest, Ipv6ListeningAddressGivesA22ByteReply)
 {
     auto address = CTCPIPAddress::FromText("::1", 40000);
     m_listener.SetListenAddress(*static_cast<CTCPIPAddress*>(address.Get()));
-    m_connection.SetConnectionListener(&m_listener);
-    Negotiate();
-    Send(BIND_REQUEST);
+    RequestBind();
     EXPECT_EQ(Bytes({5, 0, 0, 4, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1, 0x9C, 0x40}), WaitForReplies(22));
 }
 
 // The peer may send and close before the handler has registered on the stream.
 TEST_F(Socks5BindTest, PeerThatSendsAndClosesAtOnceIsRelayedThenTheClientDropped)
 {
-    m_connection.SetConnectionListener(&m_listener);
-    Negotiate();
-    Send(BIND_REQUEST);
+    RequestBind();
     ASSERT_EQ(FIRST_BIND_REPLY, WaitForReplies(10));
     QOX::CRefCountPtr<FakeDataLayer> stream = m_listener.ConnectPeer(CTCPIPAddress(10, 1, 2, 3, 5555));
     ASSERT_TRUE(stream);
@@ -162,9 +157,7 @@ TEST_F(Socks5BindTest, PeerThatSendsAndClosesAtOnceIsRelayedThenTheClientDropped
 TEST_F(Socks5BindTest, DroppingTheClientEndsTheWaitAndStopsListening)
 {
     const int threadsBefore = ThreadBaseline();
-    m_connection.SetConnectionListener(&m_listener);
-    Negotiate();
-    Send(BIND_REQUEST);
+    RequestBind();
     ASSERT_EQ(FIRST_BIND_REPLY, WaitForReplies(10));
     m_connection.DisconnectClient();
     EXPECT_EQ(1, m_listener.GetStopCount());
@@ -210,12 +203,8 @@ TEST_F(Socks5BindRaceTest, ConnectionsRacingTerminateLeaveNothingBehind)
         FakeProxyConnection connection;
         FakeConnectionListener listener;
         connection.SetConnectionListener(&listener);
-        auto handler = std::make_unique<Handler>(connection);
-        connection.SetProtocol(handler.get());
-        handler->Init();
-        const std::string request = Bytes({5, 1, 0}) + BIND_REQUEST;
-        handler->HandleRequest(request.data(), static_cast<int>(request.size()));
-        ASSERT_TRUE(Eventually([&] { return listener.IsListening(); }));
+        auto handler = StartOn(connection, BIND_REQUEST);
+        ASSERT_TRUE(WaitUntil([&] { return listener.IsListening(); }));
         std::vector<QOX::CRefCountPtr<FakeDataLayer>> streams;
         std::thread peers([&] {
             for (int i = 0; i < 20; ++i) {

@@ -154,14 +154,10 @@ TEST_F(Socks5NegotiationTest, OnlyANameStillToBeLookedUpStartsTheWorker)
 
     for (const std::string& request : {Bytes({5, 1, 0, 1, 127, 0, 0, 1, 0, 80}), byName}) {
         FakeProxyConnection connection(CLIENT_PORT);
-        Handler handler(connection);
-        connection.SetProtocol(&handler);
-        handler.Init();
-        const std::string exchange = Bytes({5, 1, 0}) + request;
-        handler.HandleRequest(exchange.data(), static_cast<int>(exchange.size()));
+        auto handler = StartOn(connection, request);
         EXPECT_EQ(Bytes({5, 0}) + CommandReply(0), connection.GetToClient());
-        EXPECT_EQ(Handler::Connected, handler.GetState());
-        EXPECT_EQ(QOX::CThread::STATUS_NOT_STARTED, handler.GetThreadStatus());
+        EXPECT_EQ(Handler::Connected, handler->GetState());
+        EXPECT_EQ(QOX::CThread::STATUS_NOT_STARTED, handler->GetThreadStatus());
         connection.DisconnectClient();
     }
     EXPECT_EQ(1, m_resolver.GetRequestCount("example.com:80"));
@@ -178,7 +174,7 @@ TEST_F(Socks5NegotiationTest, BacklogCountsUnprocessedBytesAndWorkerConsumptionW
     EXPECT_EQ(0, m_connection.GetWakeCalls());
     Send(Bytes({0, 3, 11}) + "example.com" + Bytes({0, 80}));
     EXPECT_EQ(CommandReply(0), WaitForReplies(10));
-    EXPECT_TRUE(Eventually([&] { return m_handler->GetRequestBacklog() == 0u && m_connection.GetWakeCalls() > 0; }));
+    EXPECT_TRUE(WaitUntil([&] { return m_handler->GetRequestBacklog() == 0u && m_connection.GetWakeCalls() > 0; }));
 }
 
 } // namespace

@@ -1,19 +1,16 @@
 #pragma once
 
-#include <dirent.h>
 #include <gtest/gtest.h>
 
-#include <chrono>
-#include <functional>
 #include <initializer_list>
 #include <memory>
 #include <string>
-#include <thread>
 
 #include "fakes/FakeConnectionListener.h"
 #include "fakes/FakeDatagramHandler.h"
 #include "fakes/FakeProxyConnection.h"
 #include "fakes/FakeResolver.h"
+#include "fakes/Polling.h"
 #include "proxy/address/CAddressManager.h"
 #include "proxy/socks5/CConnectionProtocol_SOCKS5.h"
 
@@ -28,51 +25,24 @@ inline std::string Bytes(std::initializer_list<int> values)
     return bytes;
 }
 
-// Polls a condition for up to five seconds; waits only as long as it takes.
-inline bool Eventually(const std::function<bool()>& condition)
-{
-    for (int i = 0; i < 5000; ++i) {
-        if (condition())
-            return true;
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    return condition();
-}
-
 // A reply with REP code, 0.0.0.0 and the fixture client's own port 50123.
 inline std::string CommandReply(int code)
 {
     return Bytes({5, code, 0, 1, 0, 0, 0, 0, 0xC3, 0xCB});
 }
 
-inline int CountEntries(const char* directory)
+// A handler of its own on connection, handed the greeting and request in one piece: for cases
+// that need many connections, or one set up unlike the fixture's.
+inline std::unique_ptr<Proxy::CConnectionProtocol_SOCKS5> StartOn(FakeProxyConnection& connection,
+                                                                  const std::string& request)
 {
-    int count = 0;
-    if (DIR* dir = opendir(directory)) {
-        while (readdir(dir))
-            ++count;
-        closedir(dir);
-    }
-    return count;
+    auto handler = std::make_unique<Proxy::CConnectionProtocol_SOCKS5>(connection);
+    connection.SetProtocol(handler.get());
+    handler->Init();
+    const std::string exchange = Bytes({5, 1, 0}) + request;
+    handler->HandleRequest(exchange.data(), static_cast<int>(exchange.size()));
+    return handler;
 }
-
-inline int CountThreads() { return CountEntries("/proc/self/task"); }
-
-// The thread count to come back to. A sanitizer runtime starts a thread of its own with the
-// process's first thread, so one is made and joined before counting.
-inline int ThreadBaseline()
-{
-    std::thread([] {}).join();
-    return CountThreads();
-}
-
-// A joined thread can linger in /proc for a moment after the join returned.
-inline bool ThreadsBackTo(int baseline)
-{
-    // At most: under emulation the baseline may include a helper thread of the emulator.
-    return Eventually([&] { return CountThreads() <= baseline; });
-}
-inline int CountDescriptors() { return CountEntries("/proc/self/fd"); }
 
 // One handler on a fake connection (client port 50123 = C3 CB), with the address manager
 // resolving through a scripted resolver.
@@ -120,7 +90,7 @@ protected:
 
     bool WaitForState(int state)
     {
-        return Eventually([&] { return m_handler->GetState() == state; });
+        return WaitUntil([&] { return m_handler->GetState() == state; });
     }
 
     // The client goes away as the connection would do it; the handler is then destroyed.

@@ -18,26 +18,29 @@ const std::string ASSOCIATE_REQUEST = Bytes({5, 3, 0, 1, 0, 0, 0, 0, 0, 0});
 // RSV RSV FRAG, then 127.0.0.1:53.
 const std::string TO_LOCAL_DNS = Bytes({0, 0, 0, 1, 127, 0, 0, 1, 0, 53});
 
+sockaddr_in Ipv4(uint32_t address, unsigned int port)
+{
+    sockaddr_in result{};
+    result.sin_family = AF_INET;
+    result.sin_addr.s_addr = htonl(address);
+    result.sin_port = htons(static_cast<uint16_t>(port));
+    return result;
+}
+
 // A client's UDP socket on loopback.
 class CUdpClient {
 public:
     CUdpClient()
     {
-        m_socket = socket(AF_INET, SOCK_DGRAM, 0);
-        sockaddr_in local{};
-        local.sin_family = AF_INET;
-        local.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        EXPECT_EQ(0, bind(m_socket, reinterpret_cast<sockaddr*>(&local), sizeof(local)));
+        const sockaddr_in local = Ipv4(INADDR_LOOPBACK, 0);
+        EXPECT_EQ(0, bind(m_socket, reinterpret_cast<const sockaddr*>(&local), sizeof(local)));
     }
     ~CUdpClient() { close(m_socket); }
 
     void SendTo(unsigned int port, const std::string& bytes) const
     {
-        sockaddr_in relay{};
-        relay.sin_family = AF_INET;
-        relay.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        relay.sin_port = htons(static_cast<uint16_t>(port));
-        sendto(m_socket, bytes.data(), bytes.size(), 0, reinterpret_cast<sockaddr*>(&relay), sizeof(relay));
+        const sockaddr_in relay = Ipv4(INADDR_LOOPBACK, port);
+        sendto(m_socket, bytes.data(), bytes.size(), 0, reinterpret_cast<const sockaddr*>(&relay), sizeof(relay));
     }
 
     // One datagram, or empty when none comes within the time given.
@@ -52,16 +55,14 @@ public:
     }
 
 private:
-    int m_socket = -1;
+    int m_socket = socket(AF_INET, SOCK_DGRAM, 0);
 };
 
 bool UdpPortIsFree(unsigned int port)
 {
     const int probe = socket(AF_INET, SOCK_DGRAM, 0);
-    sockaddr_in any{};
-    any.sin_family = AF_INET;
-    any.sin_port = htons(static_cast<uint16_t>(port));
-    const bool free = bind(probe, reinterpret_cast<sockaddr*>(&any), sizeof(any)) == 0;
+    const sockaddr_in any = Ipv4(INADDR_ANY, port);
+    const bool free = bind(probe, reinterpret_cast<const sockaddr*>(&any), sizeof(any)) == 0;
     close(probe);
     return free;
 }
@@ -139,7 +140,7 @@ TEST_F(Socks5UdpTest, AByteOnTheTcpConnectionUndoesEverything)
     Send("x");
     ASSERT_TRUE(m_connection.WaitForDisconnect());
     // The connection reports the disconnection before it terminates the handler.
-    EXPECT_TRUE(Eventually([&] { return UdpPortIsFree(port); }));
+    EXPECT_TRUE(WaitUntil([&] { return UdpPortIsFree(port); }));
     EXPECT_EQ(std::vector<int>{m_handle}, m_datagrams.GetUnregistered());
     EXPECT_EQ(0, m_datagrams.GetActiveRegistrations());
     m_handler->Terminate(); // a second time: nothing more happens
@@ -156,11 +157,7 @@ TEST_F(Socks5UdpTest, RefusedAssociationLeavesNoSocket)
         FakeProxyConnection connection;
         m_datagrams.SetFailRegistration(true);
         connection.SetDatagramHandler(withHandler ? &m_datagrams : nullptr);
-        auto handler = std::make_unique<Handler>(connection);
-        connection.SetProtocol(handler.get());
-        handler->Init();
-        const std::string request = Bytes({5, 1, 0}) + ASSOCIATE_REQUEST;
-        handler->HandleRequest(request.data(), static_cast<int>(request.size()));
+        auto handler = StartOn(connection, ASSOCIATE_REQUEST);
         ASSERT_TRUE(connection.WaitForDisconnect());
         handler.reset();
         EXPECT_EQ(Bytes({5, 0}) + CommandReply(5), connection.GetToClient());
@@ -180,15 +177,11 @@ TEST_F(Socks5UdpRaceTest, TrafficRacingTerminateLeavesNothingBehind)
         FakeProxyConnection connection;
         FakeDatagramHandler datagrams;
         connection.SetDatagramHandler(&datagrams);
-        auto handler = std::make_unique<Handler>(connection);
-        connection.SetProtocol(handler.get());
-        handler->Init();
-        const std::string request = Bytes({5, 1, 0}) + ASSOCIATE_REQUEST;
-        handler->HandleRequest(request.data(), static_cast<int>(request.size()));
+        auto handler = StartOn(connection, ASSOCIATE_REQUEST);
         const std::string reply = connection.WaitForClientBytes(12);
         ASSERT_EQ(12u, reply.size());
         const unsigned int port = static_cast<unsigned char>(reply[10]) * 256u + static_cast<unsigned char>(reply[11]);
-        ASSERT_TRUE(Eventually([&] { return handler->GetState() == Handler::UdpAssociated; }));
+        ASSERT_TRUE(WaitUntil([&] { return handler->GetState() == Handler::UdpAssociated; }));
         const int handle = datagrams.GetLastHandle();
         std::atomic<bool> running{true};
         std::thread host([&] {
