@@ -1,7 +1,6 @@
 #include "CoreTestSupport.h"
 
 #include <arpa/inet.h>
-#include <dirent.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -12,29 +11,6 @@
 
 namespace ZRT {
 namespace Testing {
-
-bool WaitUntil(const std::function<bool()>& pred, int timeoutMs)
-{
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
-    while (!pred()) {
-        if (std::chrono::steady_clock::now() > deadline)
-            return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-    return true;
-}
-
-int CountOpenDescriptors()
-{
-    int count = 0;
-    DIR* dir = opendir("/proc/self/fd");
-    if (!dir)
-        return -1;
-    while (readdir(dir))
-        ++count;
-    closedir(dir);
-    return count;
-}
 
 std::string Pattern(size_t offset, size_t length)
 {
@@ -72,44 +48,27 @@ bool TestClient::Send(const std::string& bytes)
     return true;
 }
 
-std::string TestClient::Read(size_t count, int timeoutMs)
-{
-    std::string bytes;
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
-    char buffer[65536];
-    while (bytes.size() < count) {
-        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
-        pollfd entry{m_socket, POLLIN, 0};
-        if (left.count() <= 0 || poll(&entry, 1, static_cast<int>(left.count())) <= 0)
-            break;
-        const ssize_t got = recv(m_socket, buffer, std::min(sizeof(buffer), count - bytes.size()), 0);
-        if (got <= 0)
-            break;
-        bytes.append(buffer, static_cast<size_t>(got));
-    }
-    return bytes;
-}
-
-std::string TestClient::ReadToEnd(bool* closed, int timeoutMs)
+std::string TestClient::Read(size_t count, int timeoutMs, bool* closed)
 {
     std::string bytes;
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
     char buffer[65536];
     if (closed)
         *closed = false;
-    for (;;) {
+    while (bytes.size() < count) {
         const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
         pollfd entry{m_socket, POLLIN, 0};
         if (left.count() <= 0 || poll(&entry, 1, static_cast<int>(left.count())) <= 0)
-            return bytes;
-        const ssize_t got = recv(m_socket, buffer, sizeof(buffer), 0);
+            break;
+        const ssize_t got = recv(m_socket, buffer, std::min(sizeof(buffer), count - bytes.size()), 0);
         if (got <= 0) {
             if (closed)
                 *closed = true;
-            return bytes;
+            break;
         }
         bytes.append(buffer, static_cast<size_t>(got));
     }
+    return bytes;
 }
 
 bool TestClient::WaitForClose(int timeoutMs)
@@ -131,72 +90,57 @@ void TestClient::Close()
     m_socket = -1;
 }
 
-std::string SHandlerLog::Requests()
+std::string SHandlerLog::Requests() const
 {
-    std::lock_guard<std::mutex> hold(mutex);
-    std::string all;
-    for (const auto& chunk : requests)
-        all += chunk;
-    return all;
-}
-
-std::string SHandlerLog::Responses()
-{
-    std::lock_guard<std::mutex> hold(mutex);
-    std::string all;
-    for (const auto& chunk : responses)
-        all += chunk;
-    return all;
+    return Locked([&] {
+        std::string all;
+        for (const auto& chunk : requests)
+            all += chunk;
+        return all;
+    });
 }
 
 RelayProtocol::RelayProtocol(Proxy::IProxyConnection& connection, std::shared_ptr<SHandlerLog> log, bool connect)
     : m_connection(connection), m_log(std::move(log)), m_connect(connect)
 {
-    std::lock_guard<std::mutex> hold(m_log->mutex);
-    m_log->connection = &connection;
-    m_log->id = connection.GetID();
+    m_log->Locked([&] {
+        m_log->connection = &connection;
+        m_log->id = connection.GetID();
+    });
 }
 
 RelayProtocol::~RelayProtocol()
 {
-    std::lock_guard<std::mutex> hold(m_log->mutex);
-    m_log->destroyed = true;
-    m_log->connection = nullptr;
+    m_log->Locked([&] {
+        m_log->destroyed = true;
+        m_log->connection = nullptr;
+    });
 }
 
 void RelayProtocol::Init()
 {
-    std::lock_guard<std::mutex> hold(m_log->mutex);
-    ++m_log->inits;
+    m_log->Locked([&] { ++m_log->inits; });
 }
 
 void RelayProtocol::Terminate()
 {
-    std::lock_guard<std::mutex> hold(m_log->mutex);
-    ++m_log->terminates;
+    m_log->Locked([&] { ++m_log->terminates; });
 }
 
 void RelayProtocol::HandleRequest(const char* data, int length)
 {
-    {
-        std::lock_guard<std::mutex> hold(m_log->mutex);
-        m_log->requests.emplace_back(data, static_cast<size_t>(length));
-    }
+    m_log->Locked([&] { m_log->requests.emplace_back(data, static_cast<size_t>(length)); });
     if (m_connect && !m_tried) {
         m_tried = true;
         const bool connected = m_connection.ConnectToHost(new CTCPIPAddress(127, 0, 0, 1, 80));
-        std::lock_guard<std::mutex> hold(m_log->mutex);
-        m_log->connectResult = connected;
+        m_log->Locked([&] { m_log->connectResult = connected; });
     }
     m_connection.SendToHost(data, length);
 }
 
 void RelayProtocol::HandleResponse(const char* data, int length)
 {
-    {
-        std::lock_guard<std::mutex> hold(m_log->mutex);
-        m_log->responses.emplace_back(data, static_cast<size_t>(length));
-    }
+    m_log->Locked([&] { m_log->responses.emplace_back(data, static_cast<size_t>(length)); });
     m_connection.SendToClient(data, length);
 }
 

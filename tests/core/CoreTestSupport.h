@@ -1,11 +1,9 @@
 #pragma once
 
-#include <chrono>
-#include <functional>
 #include <memory>
+#include <cstdint>
 #include <mutex>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -14,6 +12,7 @@
 #include "fakes/FakeDatagramHandler.h"
 #include "fakes/FakeMultiPointLayer.h"
 #include "fakes/FakeResolver.h"
+#include "fakes/Polling.h"
 #include "proxy/core/CConnectionProtocolFactory.h"
 #include "proxy/core/CProxy.h"
 #include "proxy/core/CProxyConnection.h"
@@ -21,9 +20,6 @@
 namespace ZRT {
 namespace Testing {
 
-// Polls pred until it holds or the time runs out.
-bool WaitUntil(const std::function<bool()>& pred, int timeoutMs = 10000);
-int CountOpenDescriptors();
 // Deterministic bytes, so a relayed stream can be checked at any offset.
 std::string Pattern(size_t offset, size_t length);
 
@@ -37,10 +33,10 @@ public:
 
     bool Connect(int port, const char* host = "127.0.0.1");
     bool Send(const std::string& bytes);
-    // Exactly count bytes, or fewer if the peer closed or the time ran out.
-    std::string Read(size_t count, int timeoutMs = 10000);
+    // Exactly count bytes, or fewer if the peer closed (closed then tells) or the time ran out.
+    std::string Read(size_t count, int timeoutMs = 10000, bool* closed = nullptr);
     // Everything until the peer closes; closed tells whether it did.
-    std::string ReadToEnd(bool* closed = nullptr, int timeoutMs = 10000);
+    std::string ReadToEnd(bool* closed = nullptr, int timeoutMs = 10000) { return Read(SIZE_MAX, timeoutMs, closed); }
     bool WaitForClose(int timeoutMs = 10000);
     void SetReceiveBuffer(int bytes);
     void Close();
@@ -51,8 +47,7 @@ private:
 };
 
 // Everything one test handler saw; outlives the handler.
-struct SHandlerLog {
-    std::mutex mutex;
+struct SHandlerLog : Guarded {
     Proxy::IProxyConnection* connection = nullptr;
     int id = 0;
     std::vector<std::string> requests;
@@ -62,8 +57,28 @@ struct SHandlerLog {
     bool destroyed = false;
     bool connectResult = false;
 
-    std::string Requests();
-    std::string Responses();
+    std::string Requests() const;
+    Proxy::CProxyConnection* Connection() const
+    {
+        return Locked([&] { return dynamic_cast<Proxy::CProxyConnection*>(connection); });
+    }
+};
+
+// Makes Link objects and keeps the newest, for tests that need a link unlike FakeDataLayer.
+template <class Link>
+class SingleLinkLayer : public IZRTMultiPointLayer, public Guarded {
+public:
+    QOX::CRefCountPtr<IZRTDataLayer> Connect(const IZRTConnectionAddress&, const IZRTConnectionAddress&) override
+    {
+        return Locked([&] {
+            m_last = new Link();
+            return QOX::CRefCountPtr<IZRTDataLayer>(m_last.GetRawPointer());
+        });
+    }
+    QOX::CRefCountPtr<Link> Last() const { return Locked([&] { return m_last; }); }
+
+private:
+    QOX::CRefCountPtr<Link> m_last;
 };
 
 // Relays like a handler after its negotiation: the first request opens a link to 127.0.0.1:80,

@@ -40,23 +40,6 @@ public:
     std::atomic<size_t> consumed{0};
 };
 
-class BackloggedLayer : public IZRTMultiPointLayer {
-public:
-    QOX::CRefCountPtr<IZRTDataLayer> Connect(const IZRTConnectionAddress&, const IZRTConnectionAddress&) override
-    {
-        std::lock_guard<std::mutex> hold(mutex);
-        last = new BackloggedLink();
-        return QOX::CRefCountPtr<IZRTDataLayer>(last.GetRawPointer());
-    }
-    QOX::CRefCountPtr<BackloggedLink> Last()
-    {
-        std::lock_guard<std::mutex> hold(mutex);
-        return last;
-    }
-    std::mutex mutex;
-    QOX::CRefCountPtr<BackloggedLink> last;
-};
-
 // Plays a host that sends total bytes as fast as the link lets it: the link holds at most
 // LINK_WINDOW unread bytes, like a transport that stops reading its peer.
 constexpr unsigned int LINK_WINDOW = 512 * 1024;
@@ -81,11 +64,7 @@ TEST_F(ProxyTest, SlowClientGetsEveryByteWhileTheConnectionBuffersOnlyItsBound)
     auto log = Handler(0);
     auto link = WaitForListenedLink();
     ASSERT_TRUE(link);
-    CProxyConnection* connection = nullptr;
-    {
-        std::lock_guard<std::mutex> hold(log->mutex);
-        connection = dynamic_cast<CProxyConnection*>(log->connection);
-    }
+    CProxyConnection* connection = log->Connection();
     ASSERT_NE(connection, nullptr);
 
     std::atomic<bool> abort{false};
@@ -141,7 +120,7 @@ TEST_F(ProxyTest, HostThatWritesItsWholeResponseBeforeReadingTheRequestDoesNotDe
 {
     constexpr size_t REQUEST = 4 * 1024 * 1024;
     constexpr size_t RESPONSE = 4 * 1024 * 1024;
-    BackloggedLayer layer;
+    SingleLinkLayer<BackloggedLink> layer;
     ASSERT_TRUE(m_proxy.StartProxy("127.0.0.1", 0, &m_resolver, &layer, &m_datagramHandler, &m_connectionListener));
     TestClient client;
     ASSERT_TRUE(client.Connect(m_proxy.GetListenPort()));

@@ -8,34 +8,11 @@ namespace ZRT {
 namespace Testing {
 namespace {
 
-Proxy::CProxyConnection* AsConnection(const std::shared_ptr<SHandlerLog>& log)
-{
-    std::lock_guard<std::mutex> hold(log->mutex);
-    return dynamic_cast<Proxy::CProxyConnection*>(log->connection);
-}
-
 // A link whose Disconnect only records the request: its closure report comes when the test says.
 class DeferredCloseLink : public FakeDataLayer {
 public:
     void Disconnect() override { ++disconnects; }
     std::atomic<int> disconnects{0};
-};
-
-class DeferredCloseLayer : public IZRTMultiPointLayer {
-public:
-    QOX::CRefCountPtr<IZRTDataLayer> Connect(const IZRTConnectionAddress&, const IZRTConnectionAddress&) override
-    {
-        std::lock_guard<std::mutex> hold(mutex);
-        last = new DeferredCloseLink();
-        return QOX::CRefCountPtr<IZRTDataLayer>(last.GetRawPointer());
-    }
-    QOX::CRefCountPtr<DeferredCloseLink> Last()
-    {
-        std::lock_guard<std::mutex> hold(mutex);
-        return last;
-    }
-    std::mutex mutex;
-    QOX::CRefCountPtr<DeferredCloseLink> last;
 };
 
 TEST_F(ProxyTest, RelaysBothWaysOneLinkPerConnectionAndNumbersConnections)
@@ -57,7 +34,7 @@ TEST_F(ProxyTest, RelaysBothWaysOneLinkPerConnectionAndNumbersConnections)
     EXPECT_EQ(first->requests.front(), "hello");
     EXPECT_TRUE(first->connectResult);
 
-    Proxy::CProxyConnection* connection = AsConnection(first);
+    Proxy::CProxyConnection* connection = first->Connection();
     ASSERT_NE(connection, nullptr);
     EXPECT_TRUE(connection->IsConnectedToHost());
     EXPECT_TRUE(connection->IsConnectedToClient());
@@ -93,8 +70,8 @@ TEST_F(ProxyTest, FailedHostConnectLeavesNoLinkAndClientBytesAreNotSent)
     auto log = Handler(0);
     ASSERT_TRUE(WaitUntil([&] { return !log->Requests().empty(); }));
     EXPECT_FALSE(log->connectResult);
-    EXPECT_FALSE(AsConnection(log)->IsConnectedToHost());
-    EXPECT_FALSE(AsConnection(log)->SendToHost("y", 1));
+    EXPECT_FALSE(log->Connection()->IsConnectedToHost());
+    EXPECT_FALSE(log->Connection()->SendToHost("y", 1));
 }
 
 TEST_F(ProxyTest, QueuedHostBytesAreDeliveredInOrderAfterTheLinkClosedThenTheClientIsClosed)
@@ -128,7 +105,7 @@ TEST_F(ProxyTest, StaleClosureIsIgnoredAndTwoDisconnectsTerminateOnce)
     ASSERT_TRUE(client.Send("one"));
     EXPECT_EQ(client.Read(3), "one");
     auto log = Handler(0);
-    QOX::CRefCountPtr<Proxy::CProxyConnection> connection(AsConnection(log));
+    QOX::CRefCountPtr<Proxy::CProxyConnection> connection(log->Connection());
     ASSERT_TRUE(connection);
 
     QOX::CRefCountPtr<FakeDataLayer> stranger(new FakeDataLayer());
@@ -153,7 +130,7 @@ TEST_F(ProxyTest, StaleClosureIsIgnoredAndTwoDisconnectsTerminateOnce)
 
 TEST_F(ProxyTest, LinkThatReportsClosureLateKeepsTheConnectionAliveUntilThen)
 {
-    DeferredCloseLayer layer;
+    SingleLinkLayer<DeferredCloseLink> layer;
     ASSERT_TRUE(m_proxy.StartProxy("127.0.0.1", 0, &m_resolver, &layer, &m_datagramHandler, &m_connectionListener));
     const int port = m_proxy.GetListenPort();
     TestClient client;

@@ -48,9 +48,10 @@ TEST_F(ProxyTest, ListensOnIPv6AndSeesTheClientAddress)
     ASSERT_TRUE(client.Send("six"));
     EXPECT_EQ(client.Read(3), "six");
     auto log = Handler(0);
-    std::lock_guard<std::mutex> hold(log->mutex);
-    ASSERT_NE(log->connection, nullptr);
-    EXPECT_NE(log->connection->GetClientAddress().ToString().find("::1"), std::string::npos);
+    log->Locked([&] {
+        ASSERT_NE(log->connection, nullptr);
+        EXPECT_NE(log->connection->GetClientAddress().ToString().find("::1"), std::string::npos);
+    });
 }
 
 TEST_F(ProxyTest, ManyShortConnectionsLeaveNoConnectionOrDescriptorBehind)
@@ -64,7 +65,7 @@ TEST_F(ProxyTest, ManyShortConnectionsLeaveNoConnectionOrDescriptorBehind)
     }
     ASSERT_TRUE(WaitForConnections(0));
     m_multiPointLayer.ForgetLinks();
-    const int baseline = CountOpenDescriptors();
+    const int baseline = CountDescriptors();
 
     constexpr int ROUNDS = 300;
     for (int round = 0; round < ROUNDS; ++round) {
@@ -79,7 +80,7 @@ TEST_F(ProxyTest, ManyShortConnectionsLeaveNoConnectionOrDescriptorBehind)
     }
     EXPECT_TRUE(WaitForConnections(0));
     m_multiPointLayer.ForgetLinks();
-    EXPECT_TRUE(WaitUntil([&] { return CountOpenDescriptors() == baseline; })) << CountOpenDescriptors();
+    EXPECT_TRUE(WaitUntil([&] { return CountDescriptors() == baseline; })) << CountDescriptors();
 }
 
 TEST_F(ProxyTest, ParallelClientsAndStopWhileTheyRun)
@@ -107,13 +108,6 @@ TEST_F(ProxyTest, ParallelClientsAndStopWhileTheyRun)
     EXPECT_EQ(m_proxy.GetConnectionCount(), 0u);
 }
 
-} // namespace
-} // namespace Testing
-} // namespace ZRT
-
-namespace ZRT {
-namespace Testing {
-
 TEST_F(ProxyTest, AThreadThatCannotStartFailsOnlyThatClient)
 {
     EchoLinks();
@@ -140,5 +134,6 @@ TEST_F(ProxyTest, AThreadThatCannotStartFailsOnlyThatClient)
     EXPECT_EQ(after.Read(1), "c");
 }
 
+} // namespace
 } // namespace Testing
 } // namespace ZRT
