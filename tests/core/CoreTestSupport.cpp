@@ -1,11 +1,5 @@
 #include "CoreTestSupport.h"
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <poll.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
 #include "proxy/address/CAddressManager.h"
 #include "transport/CTCPIPAddress.h"
 
@@ -18,76 +12,6 @@ std::string Pattern(size_t offset, size_t length)
     for (size_t i = 0; i < length; ++i)
         bytes[i] = static_cast<char>(((offset + i) * 7 + (offset + i) / 251) & 0xff);
     return bytes;
-}
-
-TestClient::~TestClient()
-{
-    Close();
-}
-
-bool TestClient::Connect(int port, const char* host)
-{
-    const QOX::CRefCountPtr<IZRTConnectionAddress> address = CTCPIPAddress::FromText(host, port);
-    sockaddr_storage target{};
-    int length = sizeof(target);
-    if (!address || !address->GetSockAddr(reinterpret_cast<sockaddr*>(&target), &length))
-        return false;
-    m_socket = socket(target.ss_family, SOCK_STREAM, 0);
-    return m_socket >= 0 && connect(m_socket, reinterpret_cast<sockaddr*>(&target), length) == 0;
-}
-
-bool TestClient::Send(const std::string& bytes)
-{
-    size_t offset = 0;
-    while (offset < bytes.size()) {
-        const ssize_t sent = send(m_socket, bytes.data() + offset, bytes.size() - offset, MSG_NOSIGNAL);
-        if (sent <= 0)
-            return false;
-        offset += static_cast<size_t>(sent);
-    }
-    return true;
-}
-
-std::string TestClient::Read(size_t count, int timeoutMs, bool* closed)
-{
-    std::string bytes;
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
-    char buffer[65536];
-    if (closed)
-        *closed = false;
-    while (bytes.size() < count) {
-        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
-        pollfd entry{m_socket, POLLIN, 0};
-        if (left.count() <= 0 || poll(&entry, 1, static_cast<int>(left.count())) <= 0)
-            break;
-        const ssize_t got = recv(m_socket, buffer, std::min(sizeof(buffer), count - bytes.size()), 0);
-        if (got <= 0) {
-            if (closed)
-                *closed = true;
-            break;
-        }
-        bytes.append(buffer, static_cast<size_t>(got));
-    }
-    return bytes;
-}
-
-bool TestClient::WaitForClose(int timeoutMs)
-{
-    bool closed = false;
-    ReadToEnd(&closed, timeoutMs);
-    return closed;
-}
-
-void TestClient::SetReceiveBuffer(int bytes)
-{
-    setsockopt(m_socket, SOL_SOCKET, SO_RCVBUF, &bytes, sizeof(bytes));
-}
-
-void TestClient::Close()
-{
-    if (m_socket >= 0)
-        close(m_socket);
-    m_socket = -1;
 }
 
 std::string SHandlerLog::Requests() const

@@ -1,9 +1,9 @@
 #pragma once
 
 #include <memory>
-#include <cstdint>
 #include <mutex>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -13,6 +13,7 @@
 #include "fakes/FakeMultiPointLayer.h"
 #include "fakes/FakeResolver.h"
 #include "fakes/Polling.h"
+#include "fakes/TestSockets.h"
 #include "proxy/core/CConnectionProtocolFactory.h"
 #include "proxy/core/CProxy.h"
 #include "proxy/core/CProxyConnection.h"
@@ -27,19 +28,31 @@ std::string Pattern(size_t offset, size_t length);
 class TestClient {
 public:
     TestClient() = default;
-    ~TestClient();
+    ~TestClient() { Close(); }
     TestClient(const TestClient&) = delete;
     TestClient& operator=(const TestClient&) = delete;
 
-    bool Connect(int port, const char* host = "127.0.0.1");
-    bool Send(const std::string& bytes);
-    // Exactly count bytes, or fewer if the peer closed (closed then tells) or the time ran out.
-    std::string Read(size_t count, int timeoutMs = 10000, bool* closed = nullptr);
+    bool Connect(int port, const char* host = "127.0.0.1")
+    {
+        m_socket = TestSockets::Connect(host, static_cast<unsigned int>(port));
+        return m_socket >= 0;
+    }
+    bool Send(const std::string& bytes) { return TestSockets::WriteAll(m_socket, bytes); }
+    // Exactly count bytes, or fewer if the peer closed or the time ran out.
+    std::string Read(size_t count, int timeoutMs = 10000) { return TestSockets::Read(m_socket, count, timeoutMs); }
     // Everything until the peer closes; closed tells whether it did.
-    std::string ReadToEnd(bool* closed = nullptr, int timeoutMs = 10000) { return Read(SIZE_MAX, timeoutMs, closed); }
-    bool WaitForClose(int timeoutMs = 10000);
-    void SetReceiveBuffer(int bytes);
-    void Close();
+    std::string ReadToEnd(bool* closed = nullptr, int timeoutMs = 10000)
+    {
+        return TestSockets::Read(m_socket, 0, timeoutMs, closed);
+    }
+    bool WaitForClose(int timeoutMs = 10000)
+    {
+        bool closed = false;
+        ReadToEnd(&closed, timeoutMs);
+        return closed;
+    }
+    void SetReceiveBuffer(int bytes) { setsockopt(m_socket, SOL_SOCKET, SO_RCVBUF, &bytes, sizeof(bytes)); }
+    void Close() { TestSockets::Close(std::exchange(m_socket, -1)); }
     int Socket() const { return m_socket; }
 
 private:

@@ -1,8 +1,3 @@
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <poll.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include "CoreTestSupport.h"
 #include "transport/CTCPIPAddress.h"
@@ -19,9 +14,9 @@ std::string Bytes(std::initializer_list<int> values)
     return bytes;
 }
 
-int ReplyPort(const std::string& reply)
+unsigned int ReplyPort(const std::string& reply)
 {
-    return (static_cast<unsigned char>(reply[8]) << 8) | static_cast<unsigned char>(reply[9]);
+    return static_cast<unsigned int>((static_cast<unsigned char>(reply[8]) << 8) | static_cast<unsigned char>(reply[9]));
 }
 
 class EndToEndTest : public ProxyTest {
@@ -88,18 +83,13 @@ TEST_F(EndToEndTest, Socks5UdpAssociateRelaysDatagramsBothWays)
     const std::string reply = Socks5Request(client, Bytes({5, 3, 0, 1, 0, 0, 0, 0, 0, 0}));
     ASSERT_EQ(reply.size(), 10u);
     ASSERT_EQ(reply.substr(0, 2), Bytes({5, 0}));
-    const int relayPort = ReplyPort(reply);
-    ASSERT_NE(relayPort, 0);
+    const unsigned int relayPort = ReplyPort(reply);
+    ASSERT_NE(relayPort, 0u);
 
-    const int udp = socket(AF_INET, SOCK_DGRAM, 0);
+    unsigned int localPort = 0;
+    const int udp = TestSockets::BindUdp("127.0.0.1", localPort);
     ASSERT_GE(udp, 0);
-    sockaddr_in relay{};
-    relay.sin_family = AF_INET;
-    relay.sin_port = htons(static_cast<uint16_t>(relayPort));
-    relay.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    const std::string datagram = Bytes({0, 0, 0, 1, 127, 0, 0, 1, 0, 53}) + "query";
-    ASSERT_EQ(sendto(udp, datagram.data(), datagram.size(), 0, reinterpret_cast<sockaddr*>(&relay), sizeof(relay)),
-              static_cast<ssize_t>(datagram.size()));
+    ASSERT_TRUE(TestSockets::SendTo(udp, "127.0.0.1", relayPort, Bytes({0, 0, 0, 1, 127, 0, 0, 1, 0, 53}) + "query"));
     const auto sent = m_datagramHandler.WaitForSent(1);
     ASSERT_EQ(sent.size(), 1u);
     EXPECT_EQ(sent[0].payload, "query");
@@ -110,15 +100,11 @@ TEST_F(EndToEndTest, Socks5UdpAssociateRelaysDatagramsBothWays)
     bool arrived = false;
     for (int attempt = 0; attempt < 50 && !arrived; ++attempt) {
         ASSERT_TRUE(m_datagramHandler.Deliver(sent[0].handle, CTCPIPAddress(127, 0, 0, 1, 53), "answer"));
-        pollfd entry{udp, POLLIN, 0};
-        arrived = poll(&entry, 1, 200) == 1;
+        arrived = TestSockets::WaitReadable(udp, 200);
     }
     ASSERT_TRUE(arrived);
-    char buffer[512];
-    const ssize_t got = recv(udp, buffer, sizeof(buffer), 0);
-    EXPECT_EQ(std::string(buffer, static_cast<size_t>(std::max<ssize_t>(got, 0))),
-              Bytes({0, 0, 0, 1, 127, 0, 0, 1, 0, 53}) + "answer");
-    close(udp);
+    EXPECT_EQ(TestSockets::ReceiveDatagram(udp), Bytes({0, 0, 0, 1, 127, 0, 0, 1, 0, 53}) + "answer");
+    TestSockets::Close(udp);
 
     client.Close();
     EXPECT_TRUE(WaitForConnections(0));

@@ -3,7 +3,7 @@
 #include <thread>
 
 #include "RecordingSink.h"
-#include "TestSockets.h"
+#include "fakes/TestSockets.h"
 #include "host/CDirectConnectionListener.h"
 #include "host/CEventLoopPool.h"
 #include "transport/CTCPIPAddress.h"
@@ -47,16 +47,6 @@ public:
     std::vector<QOX::CRefCountPtr<IZRTDataLayer>> streams;
 };
 
-std::string LocalAddressOf(int socket)
-{
-    sockaddr_storage storage{};
-    socklen_t length = sizeof(storage);
-    getsockname(socket, reinterpret_cast<sockaddr*>(&storage), &length);
-    CTCPIPAddress address;
-    address.SetAddress(*reinterpret_cast<sockaddr*>(&storage), length);
-    return address.ToString();
-}
-
 class DirectConnectionListenerTest : public ::testing::Test {
 protected:
     CEventLoopPool m_loops{1};
@@ -81,7 +71,7 @@ TEST_F(DirectConnectionListenerTest, AcceptedStreamReportsItsPeerAndCarriesBytes
         const int client = TestSockets::Connect(test.listenIp, listening->GetPortNumber());
         ASSERT_GE(client, 0);
         ASSERT_TRUE(receiver.WaitForCount(1));
-        EXPECT_EQ(receiver.peers[0], LocalAddressOf(client));
+        EXPECT_EQ(receiver.peers[0], TestSockets::LocalAddress(client).ToString());
         EXPECT_EQ(receiver.locals[0], listening->ToString());
 
         ASSERT_TRUE(TestSockets::WriteAll(client, "hello"));

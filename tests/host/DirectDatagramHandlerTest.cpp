@@ -5,7 +5,7 @@
 #include <future>
 #include <thread>
 
-#include "TestSockets.h"
+#include "fakes/TestSockets.h"
 #include "fakes/Guarded.h"
 #include "host/CDirectDatagramHandler.h"
 #include "host/CEventLoopPool.h"
@@ -108,15 +108,9 @@ TEST_F(DirectDatagramHandlerTest, UnregisterWaitsForADeliveryAndStopsAllOthers)
     };
     const int handle = m_handler.RegisterReceiver(m_any, &receiver);
     ASSERT_NE(handle, -1);
-    CTCPIPAddress target(127, 0, 0, 1, m_handler.GetLocalPort(handle));
-    sockaddr_storage address{};
-    int length = sizeof(address);
-    target.GetSockAddr(reinterpret_cast<sockaddr*>(&address), &length);
     unsigned int peerPort = 0;
     const int peer = TestSockets::BindUdp("127.0.0.1", peerPort);
-    auto send = [&] {
-        sendto(peer, "d", 1, 0, reinterpret_cast<sockaddr*>(&address), static_cast<socklen_t>(length));
-    };
+    auto send = [&] { TestSockets::SendTo(peer, "127.0.0.1", m_handler.GetLocalPort(handle), "d"); };
 
     send();
     entered.get_future().wait();

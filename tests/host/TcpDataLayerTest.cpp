@@ -8,7 +8,7 @@
 #include <utility>
 
 #include "RecordingSink.h"
-#include "TestSockets.h"
+#include "fakes/TestSockets.h"
 #include "host/CDirectMultiPointLayer.h"
 #include "host/CEventLoopPool.h"
 #include "host/CTcpDataLayer.h"

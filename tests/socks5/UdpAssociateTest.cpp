@@ -1,12 +1,8 @@
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <poll.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include <atomic>
 
 #include "Socks5Fixture.h"
+#include "fakes/TestSockets.h"
 
 namespace ZRT {
 namespace Testing {
@@ -18,53 +14,27 @@ const std::string ASSOCIATE_REQUEST = Bytes({5, 3, 0, 1, 0, 0, 0, 0, 0, 0});
 // RSV RSV FRAG, then 127.0.0.1:53.
 const std::string TO_LOCAL_DNS = Bytes({0, 0, 0, 1, 127, 0, 0, 1, 0, 53});
 
-sockaddr_in Ipv4(uint32_t address, unsigned int port)
-{
-    sockaddr_in result{};
-    result.sin_family = AF_INET;
-    result.sin_addr.s_addr = htonl(address);
-    result.sin_port = htons(static_cast<uint16_t>(port));
-    return result;
-}
-
 // A client's UDP socket on loopback.
 class CUdpClient {
 public:
-    CUdpClient()
-    {
-        const sockaddr_in local = Ipv4(INADDR_LOOPBACK, 0);
-        EXPECT_EQ(0, bind(m_socket, reinterpret_cast<const sockaddr*>(&local), sizeof(local)));
-    }
-    ~CUdpClient() { close(m_socket); }
-
+    ~CUdpClient() { TestSockets::Close(m_socket); }
     void SendTo(unsigned int port, const std::string& bytes) const
     {
-        const sockaddr_in relay = Ipv4(INADDR_LOOPBACK, port);
-        sendto(m_socket, bytes.data(), bytes.size(), 0, reinterpret_cast<const sockaddr*>(&relay), sizeof(relay));
+        TestSockets::SendTo(m_socket, "127.0.0.1", port, bytes);
     }
-
     // One datagram, or empty when none comes within the time given.
-    std::string Receive(int timeoutMs = 5000) const
-    {
-        pollfd entry{m_socket, POLLIN, 0};
-        if (poll(&entry, 1, timeoutMs) != 1)
-            return std::string();
-        char buffer[2048];
-        const ssize_t received = recv(m_socket, buffer, sizeof(buffer), 0);
-        return received > 0 ? std::string(buffer, static_cast<size_t>(received)) : std::string();
-    }
+    std::string Receive(int timeoutMs = 5000) const { return TestSockets::ReceiveDatagram(m_socket, timeoutMs); }
 
 private:
-    int m_socket = socket(AF_INET, SOCK_DGRAM, 0);
+    unsigned int m_port = 0;
+    int m_socket = TestSockets::BindUdp("127.0.0.1", m_port);
 };
 
 bool UdpPortIsFree(unsigned int port)
 {
-    const int probe = socket(AF_INET, SOCK_DGRAM, 0);
-    const sockaddr_in any = Ipv4(INADDR_ANY, port);
-    const bool free = bind(probe, reinterpret_cast<const sockaddr*>(&any), sizeof(any)) == 0;
-    close(probe);
-    return free;
+    const int probe = TestSockets::BindUdp("0.0.0.0", port);
+    TestSockets::Close(probe);
+    return probe >= 0;
 }
 
 class Socks5UdpTest : public Socks5Fixture {
