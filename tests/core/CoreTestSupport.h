@@ -38,6 +38,8 @@ public:
         return m_socket >= 0;
     }
     bool Send(const std::string& bytes) { return TestSockets::WriteAll(m_socket, bytes); }
+    // Sends bytes and reads the same back, through an echoing link.
+    bool Echoes(const std::string& bytes) { return Send(bytes) && Read(bytes.size()) == bytes; }
     // Exactly count bytes, or fewer if the peer closed or the time ran out.
     std::string Read(size_t count, int timeoutMs = 10000) { return TestSockets::Read(m_socket, count, timeoutMs); }
     // Everything until the peer closes; closed tells whether it did.

@@ -21,11 +21,9 @@ TEST_F(ProxyTest, RelaysBothWaysOneLinkPerConnectionAndNumbersConnections)
     TestClient a;
     TestClient b;
     ASSERT_TRUE(a.Connect(m_port));
-    ASSERT_TRUE(a.Send("hello"));
-    EXPECT_EQ(a.Read(5), "hello");
+    ASSERT_TRUE(a.Echoes("hello"));
     ASSERT_TRUE(b.Connect(m_port));
-    ASSERT_TRUE(b.Send("x"));
-    EXPECT_EQ(b.Read(1), "x");
+    ASSERT_TRUE(b.Echoes("x"));
 
     auto first = Handler(0);
     auto second = Handler(1);
@@ -55,8 +53,7 @@ TEST_F(ProxyTest, ClientThatClosesSilentlyGetsNoHandlerAndLeavesTheSet)
     EchoLinks();
     TestClient active;
     ASSERT_TRUE(active.Connect(m_port));
-    ASSERT_TRUE(active.Send("x"));
-    EXPECT_EQ(active.Read(1), "x");
+    ASSERT_TRUE(active.Echoes("x"));
     EXPECT_TRUE(WaitForConnections(1));
     EXPECT_EQ(HandlerCount(), 1u);
 }
@@ -102,8 +99,7 @@ TEST_F(ProxyTest, StaleClosureIsIgnoredAndTwoDisconnectsTerminateOnce)
     EchoLinks();
     TestClient client;
     ASSERT_TRUE(client.Connect(m_port));
-    ASSERT_TRUE(client.Send("one"));
-    EXPECT_EQ(client.Read(3), "one");
+    ASSERT_TRUE(client.Echoes("one"));
     auto log = Handler(0);
     QOX::CRefCountPtr<Proxy::CProxyConnection> connection(log->Connection());
     ASSERT_TRUE(connection);
@@ -111,8 +107,7 @@ TEST_F(ProxyTest, StaleClosureIsIgnoredAndTwoDisconnectsTerminateOnce)
     QOX::CRefCountPtr<FakeDataLayer> stranger(new FakeDataLayer());
     connection->OnConnectionClosed(*stranger);
     EXPECT_TRUE(connection->IsConnectedToHost());
-    ASSERT_TRUE(client.Send("two"));
-    EXPECT_EQ(client.Read(3), "two");
+    ASSERT_TRUE(client.Echoes("two"));
 
     std::thread other([&] { connection->DisconnectClient(); });
     connection->DisconnectClient();
@@ -159,8 +154,7 @@ TEST_F(ProxyTest, StopProxyEndsIdleConnectionsAndTheServerRestarts)
     TestClient withoutHandler;
     ASSERT_TRUE(withHandler.Connect(m_port));
     ASSERT_TRUE(withoutHandler.Connect(m_port));
-    ASSERT_TRUE(withHandler.Send("x"));
-    EXPECT_EQ(withHandler.Read(1), "x");
+    ASSERT_TRUE(withHandler.Echoes("x"));
     ASSERT_TRUE(WaitForConnections(2));
     auto log = Handler(0);
 
@@ -177,8 +171,7 @@ TEST_F(ProxyTest, StopProxyEndsIdleConnectionsAndTheServerRestarts)
                                    &m_connectionListener));
     TestClient again;
     ASSERT_TRUE(again.Connect(m_proxy.GetListenPort()));
-    ASSERT_TRUE(again.Send("y"));
-    EXPECT_EQ(again.Read(1), "y");
+    ASSERT_TRUE(again.Echoes("y"));
 }
 
 } // namespace

@@ -1,6 +1,11 @@
+#include <memory>
+#include <string>
 #include <thread>
 
 #include "CoreTestSupport.h"
+#include "fakes/FakeProxyConnection.h"
+#include "proxy/httpproxy/CConnectionProtocol_HTTP.h"
+#include "proxy/socks5/CConnectionProtocol_SOCKS5.h"
 #include "runtime/CThread.h"
 
 namespace ZRT {
@@ -45,8 +50,7 @@ TEST_F(ProxyTest, ListensOnIPv6AndSeesTheClientAddress)
     EchoLinks();
     TestClient client;
     ASSERT_TRUE(client.Connect(m_proxy.GetListenPort(), "::1"));
-    ASSERT_TRUE(client.Send("six"));
-    EXPECT_EQ(client.Read(3), "six");
+    ASSERT_TRUE(client.Echoes("six"));
     auto log = Handler(0);
     log->Locked([&] {
         ASSERT_NE(log->connection, nullptr);
@@ -60,8 +64,7 @@ TEST_F(ProxyTest, ManyShortConnectionsLeaveNoConnectionOrDescriptorBehind)
     {
         TestClient warm;
         ASSERT_TRUE(warm.Connect(m_port));
-        ASSERT_TRUE(warm.Send("w"));
-        ASSERT_EQ(warm.Read(1), "w");
+        ASSERT_TRUE(warm.Echoes("w"));
     }
     ASSERT_TRUE(WaitForConnections(0));
     m_multiPointLayer.ForgetLinks();
@@ -73,8 +76,7 @@ TEST_F(ProxyTest, ManyShortConnectionsLeaveNoConnectionOrDescriptorBehind)
         ASSERT_TRUE(client.Connect(m_port));
         if (round % 3 == 0)
             continue; // closes without a byte
-        ASSERT_TRUE(client.Send("ping"));
-        ASSERT_EQ(client.Read(4), "ping");
+        ASSERT_TRUE(client.Echoes("ping"));
         if (round % 3 == 2)
             m_multiPointLayer.GetLastLink()->CloseFromRemote();
     }
@@ -113,8 +115,7 @@ TEST_F(ProxyTest, AThreadThatCannotStartFailsOnlyThatClient)
     EchoLinks();
     TestClient before;
     ASSERT_TRUE(before.Connect(m_port));
-    ASSERT_TRUE(before.Send("a"));
-    ASSERT_EQ(before.Read(1), "a");
+    ASSERT_TRUE(before.Echoes("a"));
 
     // A stack no address space can hold makes every new thread fail to start.
     const size_t normal = QOX::CThread::GetDefaultStackSize();
@@ -126,12 +127,56 @@ TEST_F(ProxyTest, AThreadThatCannotStartFailsOnlyThatClient)
     EXPECT_TRUE(closed);
     EXPECT_TRUE(WaitUntil([&] { return m_proxy.GetConnectionCount() == 1; }));
 
-    ASSERT_TRUE(before.Send("b"));
-    EXPECT_EQ(before.Read(1), "b");
+    ASSERT_TRUE(before.Echoes("b"));
     TestClient after;
     ASSERT_TRUE(after.Connect(m_port));
-    ASSERT_TRUE(after.Send("c"));
-    EXPECT_EQ(after.Read(1), "c");
+    ASSERT_TRUE(after.Echoes("c"));
+}
+
+// Which handler a connection's first chunk gets.
+TEST(ConnectionProtocolFactory, EmptyFirstChunkYieldsNoHandlerEvenWithATestCreator)
+{
+    FakeProxyConnection connection;
+    auto* factory = Proxy::CConnectionProtocolFactory::GetInstance();
+    int calls = 0;
+    factory->SetCreatorForTesting([&](Proxy::IProxyConnection&, const char*, int) -> Proxy::IConnectionProtocol* {
+        ++calls;
+        return nullptr;
+    });
+    EXPECT_EQ(factory->CreateProtocol(connection, nullptr, 3), nullptr);
+    EXPECT_EQ(factory->CreateProtocol(connection, "\x05", 0), nullptr);
+    EXPECT_EQ(factory->CreateProtocol(connection, "\x05", -1), nullptr);
+    EXPECT_EQ(calls, 0);
+    factory->SetCreatorForTesting({});
+}
+
+TEST(ConnectionProtocolFactory, FirstByteFiveMeansSocks5AndAnythingElseHttp)
+{
+    FakeProxyConnection connection;
+    auto* factory = Proxy::CConnectionProtocolFactory::GetInstance();
+    const struct {
+        std::string chunk;
+        bool socks5;
+    } cases[] = {{"\x05", true}, {std::string("\x05\x01\x00", 3), true}, {"\x04\x01", false},
+                 {std::string(1, '\0'), false}, {"GET / HTTP/1.1\r\n", false}, {"\x06", false}};
+    for (const auto& each : cases) {
+        std::unique_ptr<Proxy::IConnectionProtocol> handler(
+            factory->CreateProtocol(connection, each.chunk.data(), static_cast<int>(each.chunk.size())));
+        ASSERT_NE(handler, nullptr);
+        EXPECT_EQ(dynamic_cast<Proxy::CConnectionProtocol_SOCKS5*>(handler.get()) != nullptr, each.socks5);
+        EXPECT_EQ(dynamic_cast<Proxy::CConnectionProtocol_HTTP*>(handler.get()) != nullptr, !each.socks5);
+    }
+}
+
+TEST(ConnectionProtocolFactory, OneInstanceForAllThreads)
+{
+    Proxy::CConnectionProtocolFactory* seen[2] = {nullptr, nullptr};
+    std::thread a([&] { seen[0] = Proxy::CConnectionProtocolFactory::GetInstance(); });
+    std::thread b([&] { seen[1] = Proxy::CConnectionProtocolFactory::GetInstance(); });
+    a.join();
+    b.join();
+    EXPECT_EQ(seen[0], seen[1]);
+    EXPECT_EQ(seen[0], Proxy::CConnectionProtocolFactory::GetInstance());
 }
 
 } // namespace
