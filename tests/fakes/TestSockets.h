@@ -22,7 +22,7 @@ public:
     // A listening TCP socket on ip (port chosen by the system); port receives it.
     static int Listen(const char* ip, unsigned int& port)
     {
-        const int fd = Bound(ip, SOCK_STREAM, 0);
+        const int fd = Open(ip, 0, SOCK_STREAM, bind);
         if (fd < 0 || listen(fd, 16) != 0) {
             Close(fd);
             return -1;
@@ -38,24 +38,12 @@ public:
     }
 
     // A blocking TCP connection to ip:port, or -1.
-    static int Connect(const char* ip, unsigned int port)
-    {
-        sockaddr_storage storage{};
-        socklen_t length = 0;
-        if (!SockAddr(ip, port, storage, length))
-            return -1;
-        const int fd = socket(storage.ss_family, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        if (fd >= 0 && connect(fd, reinterpret_cast<sockaddr*>(&storage), length) != 0) {
-            close(fd);
-            return -1;
-        }
-        return fd;
-    }
+    static int Connect(const char* ip, unsigned int port) { return Open(ip, port, SOCK_STREAM, connect); }
 
     // A UDP socket bound to ip and port (0: chosen by the system, and port receives it).
     static int BindUdp(const char* ip, unsigned int& port)
     {
-        const int fd = Bound(ip, SOCK_DGRAM, port);
+        const int fd = Open(ip, port, SOCK_DGRAM, bind);
         if (fd >= 0)
             port = LocalPort(fd);
         return fd;
@@ -64,7 +52,7 @@ public:
     // A port on ip that nothing listens on (bound, then released).
     static unsigned int UnusedPort(const char* ip)
     {
-        const int fd = Bound(ip, SOCK_STREAM, 0);
+        const int fd = Open(ip, 0, SOCK_STREAM, bind);
         const unsigned int port = fd >= 0 ? LocalPort(fd) : 0;
         Close(fd);
         return port;
@@ -185,14 +173,15 @@ private:
         return true;
     }
 
-    static int Bound(const char* ip, int type, unsigned int port)
+    // A socket for ip:port's family, bound or connected to it (by step); -1 on failure.
+    static int Open(const char* ip, unsigned int port, int type, int (*step)(int, const sockaddr*, socklen_t))
     {
         sockaddr_storage storage{};
         socklen_t length = 0;
         if (!SockAddr(ip, port, storage, length))
             return -1;
         const int fd = socket(storage.ss_family, type | SOCK_CLOEXEC, 0);
-        if (fd >= 0 && bind(fd, reinterpret_cast<sockaddr*>(&storage), length) != 0) {
+        if (fd >= 0 && step(fd, reinterpret_cast<sockaddr*>(&storage), length) != 0) {
             close(fd);
             return -1;
         }
