@@ -136,6 +136,17 @@ def recv_exact(sock, count):
     return bytes(data)
 
 
+def recv_until(sock, done=lambda data: False, size=65536):
+    """Reads until done(what came so far) holds or the peer closes."""
+    data = b""
+    while not done(data):
+        chunk = sock.recv(size)
+        if not chunk:
+            break
+        data += chunk
+    return data
+
+
 def socks5_address(host, port):
     """ATYP, address and port of a SOCKS5 request for a numeric address or a name."""
     for family, atyp in ((socket.AF_INET, 1), (socket.AF_INET6, 4)):

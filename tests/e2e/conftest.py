@@ -13,7 +13,7 @@ import pytest
 
 sys.path.insert(0, os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
 from proxyharness import (DEST_V4, DEST_V6, PROXY_BIN, Daemon, read_socks5_reply, recv_exact,  # noqa: E402,F401
-                          serve_forever, socks5_address, socks5_request)
+                          recv_until, serve_forever, socks5_address, socks5_request)
 
 BIG_SIZE = 8 * 1024 * 1024
 
@@ -144,10 +144,5 @@ def http_connect(proxy, host, port, timeout=30):
     sock = socket.create_connection((proxy.host, proxy.port), timeout=timeout)
     target = f"[{host}]:{port}" if ":" in host else f"{host}:{port}"
     sock.sendall(f"CONNECT {target} HTTP/1.1\r\nHost: {target}\r\n\r\n".encode())
-    head = b""
-    while b"\r\n\r\n" not in head:
-        byte = sock.recv(1)
-        if not byte:
-            break
-        head += byte
+    head = recv_until(sock, lambda data: b"\r\n\r\n" in data, 1)
     return sock, head.split(b"\r\n", 1)[0].decode()

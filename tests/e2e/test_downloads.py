@@ -24,33 +24,30 @@ def proxy_options(kind, daemon):
     }[kind]
 
 
-@pytest.mark.parametrize("kind", ["socks5", "socks5-hostname", "http", "http-connect"])
-def test_download_through_each_protocol(daemon, http_servers, files, kind):
-    url = f"http://{DEST_V4}:{http_servers[DEST_V4]}/{files[1]}"
-    code, digest, error = curl(*proxy_options(kind, daemon), url)
+KINDS = ["socks5", "socks5-hostname", "http", "http-connect"]
+
+
+def fetch(daemon, kind, host, port, files):
+    code, digest, error = curl("-g", *proxy_options(kind, daemon), f"http://{host}:{port}/{files[1]}")
     assert code == 0, error
     assert digest == files[2]
+
+
+@pytest.mark.parametrize("kind", KINDS)
+@pytest.mark.parametrize("destination", [DEST_V4, DEST_V6])
+def test_download_through_each_protocol(daemon, http_servers, files, kind, destination):
+    host = f"[{destination}]" if ":" in destination else destination
+    fetch(daemon, kind, host, http_servers[destination], files)
 
 
 def test_proxy_resolves_host_names(daemon, http_servers, files):
     # "localhost" is resolved by the daemon's resolver, not by curl.
-    url = f"http://localhost:{http_servers['127.0.0.1']}/{files[1]}"
-    code, digest, error = curl(*proxy_options("socks5-hostname", daemon), url)
-    assert code == 0, error
-    assert digest == files[2]
-
-
-@pytest.mark.parametrize("kind", ["socks5", "socks5-hostname", "http", "http-connect"])
-def test_ipv6_destination(daemon, http_servers, files, kind):
-    url = f"http://[{DEST_V6}]:{http_servers[DEST_V6]}/{files[1]}"
-    code, digest, error = curl("-g", *proxy_options(kind, daemon), url)
-    assert code == 0, error
-    assert digest == files[2]
+    fetch(daemon, "socks5-hostname", "localhost", http_servers["127.0.0.1"], files)
 
 
 def test_thirty_two_downloads_in_parallel(daemon, http_servers, files):
     url = f"http://{DEST_V4}:{http_servers[DEST_V4]}/{files[1]}"
-    kinds = ["socks5", "socks5-hostname", "http", "http-connect"] * 8
+    kinds = KINDS * 8
     with concurrent.futures.ThreadPoolExecutor(max_workers=len(kinds)) as pool:
         results = list(pool.map(lambda kind: curl(*proxy_options(kind, daemon), url), kinds))
     for kind, (code, digest, error) in zip(kinds, results):

@@ -7,7 +7,7 @@ import pytest
 
 sys.path.insert(0, os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
 import proxyharness  # noqa: E402
-from proxyharness import EchoServer, echo_round_trip, recv_exact, socks5_connect  # noqa: E402,F401
+from proxyharness import EchoServer, echo_round_trip, recv_exact, recv_until, socks5_connect  # noqa: E402,F401
 
 DEST_HOST = proxyharness.DEST_V4
 

@@ -7,7 +7,7 @@ import struct
 import time
 from concurrent.futures import ThreadPoolExecutor
 
-from conftest import DEST_HOST, echo_round_trip, recv_exact, socks5_connect
+from conftest import DEST_HOST, echo_round_trip, recv_exact, recv_until, socks5_connect
 
 BAD_REQUEST = b"HTTP/1.0 400 Bad Request\r\nKeep-Alive: timeout=5, max=100\r\n\r\n"
 
@@ -70,12 +70,7 @@ def test_header_block_past_the_bound_gets_the_400_reply(daemon, echo):
                 s.sendall(filler)
         except OSError:
             pass  # the daemon may already have answered and closed
-        reply = b""
-        while True:
-            chunk = s.recv(4096)
-            if not chunk:
-                break
-            reply += chunk
+        reply = recv_until(s)
     assert reply == BAD_REQUEST
     assert echo_round_trip(daemon, echo.port)
 

@@ -6,7 +6,7 @@ from concurrent.futures import ThreadPoolExecutor
 
 import pytest
 
-from conftest import DEST_HOST, Daemon, EchoServer, echo_round_trip, recv_exact, socks5_connect
+from conftest import DEST_HOST, Daemon, EchoServer, echo_round_trip, recv_exact, recv_until, socks5_connect
 
 
 def test_descriptor_exhaustion_does_not_spin_and_recovers():
@@ -53,13 +53,7 @@ def http_get(proxy_port, port):
     client for a short linger, which would otherwise dominate a churn run."""
     with socket.create_connection(("127.0.0.1", proxy_port), timeout=10) as s:
         s.sendall(f"GET http://{DEST_HOST}:{port}/ HTTP/1.1\r\nHost: {DEST_HOST}:{port}\r\n\r\n".encode())
-        reply = b""
-        while not reply.endswith(b"\r\n\r\nok"):
-            chunk = s.recv(65536)
-            if not chunk:
-                break
-            reply += chunk
-        return reply
+        return recv_until(s, lambda reply: reply.endswith(b"\r\n\r\nok"))
 
 
 class TinyHttpServer(EchoServer):
@@ -69,13 +63,8 @@ class TinyHttpServer(EchoServer):
     def _serve(conn):
         with conn:
             try:
-                data = b""
-                while b"\r\n\r\n" not in data:
-                    chunk = conn.recv(4096)
-                    if not chunk:
-                        return
-                    data += chunk
-                conn.sendall(b"HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\nok")
+                if b"\r\n\r\n" in recv_until(conn, lambda data: b"\r\n\r\n" in data, 4096):
+                    conn.sendall(b"HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\nok")
             except OSError:
                 return
 
