@@ -168,17 +168,6 @@ TEST(ConnectionProtocolFactory, FirstByteFiveMeansSocks5AndAnythingElseHttp)
     }
 }
 
-TEST(ConnectionProtocolFactory, OneInstanceForAllThreads)
-{
-    Proxy::CConnectionProtocolFactory* seen[2] = {nullptr, nullptr};
-    std::thread a([&] { seen[0] = Proxy::CConnectionProtocolFactory::GetInstance(); });
-    std::thread b([&] { seen[1] = Proxy::CConnectionProtocolFactory::GetInstance(); });
-    a.join();
-    b.join();
-    EXPECT_EQ(seen[0], seen[1]);
-    EXPECT_EQ(seen[0], Proxy::CConnectionProtocolFactory::GetInstance());
-}
-
 } // namespace
 } // namespace Testing
 } // namespace ZRT

@@ -69,11 +69,7 @@ public:
     {
         return Locked([&] { return static_cast<unsigned int>(m_incoming.size()); });
     }
-    void Disconnect() override
-    {
-        Locked([&] { ++m_disconnects; });
-        NotifyClosed();
-    }
+    void Disconnect() override { NotifyClosed(); }
     unsigned int GetSendBacklog() const override { return Locked([&] { return m_reportedBacklog; }); }
 
     // Remote end.
@@ -102,7 +98,6 @@ public:
             sink->OnSendDrained(*this);
     }
 
-    int GetDisconnectCount() const { return Locked([&] { return m_disconnects; }); }
     int GetSinkCount() const { return Locked([&] { return static_cast<int>(m_sinks.size()); }); }
     bool WasClosed() const { return Locked([&] { return m_closed; }); }
 
@@ -122,7 +117,6 @@ private:
     std::string m_sent;
     SendHook m_onSend;
     unsigned int m_reportedBacklog = 0;
-    int m_disconnects = 0;
     bool m_closed = false;
 };
 
