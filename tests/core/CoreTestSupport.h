@@ -14,15 +14,23 @@
 #include "fakes/FakeResolver.h"
 #include "fakes/Polling.h"
 #include "fakes/TestSockets.h"
+#include "proxy/address/CAddressManager.h"
 #include "proxy/core/CConnectionProtocolFactory.h"
 #include "proxy/core/CProxy.h"
 #include "proxy/core/CProxyConnection.h"
+#include "transport/CTCPIPAddress.h"
 
 namespace ZRT {
 namespace Testing {
 
 // Deterministic bytes, so a relayed stream can be checked at any offset.
-std::string Pattern(size_t offset, size_t length);
+inline std::string Pattern(size_t offset, size_t length)
+{
+    std::string bytes(length, '\0');
+    for (size_t i = 0; i < length; ++i)
+        bytes[i] = static_cast<char>(((offset + i) * 7 + (offset + i) / 251) & 0xff);
+    return bytes;
+}
 
 // A blocking loopback client with receive time-outs.
 class TestClient {
@@ -72,7 +80,15 @@ struct SHandlerLog : Guarded {
     bool destroyed = false;
     bool connectResult = false;
 
-    std::string Requests() const;
+    std::string Requests() const
+    {
+        return Locked([&] {
+            std::string all;
+            for (const auto& chunk : requests)
+                all += chunk;
+            return all;
+        });
+    }
     Proxy::CProxyConnection* Connection() const
     {
         return Locked([&] { return dynamic_cast<Proxy::CProxyConnection*>(connection); });
@@ -100,12 +116,38 @@ private:
 // requests go to the host, host bytes go back to the client.
 class RelayProtocol : public Proxy::IConnectionProtocol {
 public:
-    RelayProtocol(Proxy::IProxyConnection& connection, std::shared_ptr<SHandlerLog> log, bool connect);
-    ~RelayProtocol() override;
-    void Init() override;
-    void Terminate() override;
-    void HandleRequest(const char* data, int length) override;
-    void HandleResponse(const char* data, int length) override;
+    RelayProtocol(Proxy::IProxyConnection& connection, std::shared_ptr<SHandlerLog> log, bool connect)
+        : m_connection(connection), m_log(std::move(log)), m_connect(connect)
+    {
+        m_log->Locked([&] {
+            m_log->connection = &connection;
+            m_log->id = connection.GetID();
+        });
+    }
+    ~RelayProtocol() override
+    {
+        m_log->Locked([&] {
+            m_log->destroyed = true;
+            m_log->connection = nullptr;
+        });
+    }
+    void Init() override { m_log->Locked([&] { ++m_log->inits; }); }
+    void Terminate() override { m_log->Locked([&] { ++m_log->terminates; }); }
+    void HandleRequest(const char* data, int length) override
+    {
+        m_log->Locked([&] { m_log->requests.emplace_back(data, static_cast<size_t>(length)); });
+        if (m_connect && !m_tried) {
+            m_tried = true;
+            const bool connected = m_connection.ConnectToHost(new CTCPIPAddress(127, 0, 0, 1, 80));
+            m_log->Locked([&] { m_log->connectResult = connected; });
+        }
+        m_connection.SendToHost(data, length);
+    }
+    void HandleResponse(const char* data, int length) override
+    {
+        m_log->Locked([&] { m_log->responses.emplace_back(data, static_cast<size_t>(length)); });
+        m_connection.SendToClient(data, length);
+    }
 
 private:
     Proxy::IProxyConnection& m_connection;
@@ -118,17 +160,65 @@ private:
 // handlers (or the real ones when UseRealHandlers is called).
 class ProxyTest : public ::testing::Test {
 protected:
-    void SetUp() override;
-    void TearDown() override;
+    void SetUp() override
+    {
+        Proxy::CConnectionProtocolFactory::GetInstance()->SetCreatorForTesting(
+            [this](Proxy::IProxyConnection& connection, const char*, int) -> Proxy::IConnectionProtocol* {
+                auto log = std::make_shared<SHandlerLog>();
+                {
+                    std::lock_guard<std::mutex> hold(m_handlersMutex);
+                    m_handlers.push_back(log);
+                }
+                return new RelayProtocol(connection, log, m_connectOnFirstRequest);
+            });
+        Proxy::CAddressManager::GetInstance()->SetLocalAddressesForTesting({"localhost", "127.0.0.1"});
+        ASSERT_TRUE(m_proxy.StartProxy("127.0.0.1", 0, &m_resolver, &m_multiPointLayer, &m_datagramHandler,
+                                       &m_connectionListener));
+        m_port = m_proxy.GetListenPort();
+        ASSERT_NE(m_port, 0);
+    }
 
-    void UseRealHandlers();
+    void TearDown() override
+    {
+        m_proxy.StopProxy();
+        EXPECT_EQ(m_proxy.GetConnectionCount(), 0u);
+        UseRealHandlers();
+        m_multiPointLayer.ForgetLinks();
+    }
+
+    void UseRealHandlers() { Proxy::CConnectionProtocolFactory::GetInstance()->SetCreatorForTesting({}); }
     // Makes every new link answer each send with the same bytes.
-    void EchoLinks();
-    std::shared_ptr<SHandlerLog> Handler(size_t index);
-    size_t HandlerCount();
-    bool WaitForConnections(size_t count);
+    void EchoLinks()
+    {
+        m_multiPointLayer.SetOnConnect([](FakeDataLayer& link, const IZRTConnectionAddress&) {
+            link.SetOnSend([](FakeDataLayer& self, const std::string& bytes) { self.PushFromRemote(bytes); });
+        });
+    }
+    std::shared_ptr<SHandlerLog> Handler(size_t index)
+    {
+        WaitUntil([&] { return HandlerCount() > index; });
+        std::lock_guard<std::mutex> hold(m_handlersMutex);
+        return index < m_handlers.size() ? m_handlers[index] : std::make_shared<SHandlerLog>();
+    }
+    size_t HandlerCount()
+    {
+        std::lock_guard<std::mutex> hold(m_handlersMutex);
+        return m_handlers.size();
+    }
+    bool WaitForConnections(size_t count)
+    {
+        return WaitUntil([&] { return m_proxy.GetConnectionCount() == count; });
+    }
     // The newest link once its connection listens to it: bytes pushed earlier would reach no one.
-    QOX::CRefCountPtr<FakeDataLayer> WaitForListenedLink();
+    QOX::CRefCountPtr<FakeDataLayer> WaitForListenedLink()
+    {
+        QOX::CRefCountPtr<FakeDataLayer> link;
+        WaitUntil([&] {
+            link = m_multiPointLayer.GetLastLink();
+            return link && link->GetSinkCount() > 0;
+        });
+        return link;
+    }
 
     FakeResolver m_resolver;
     FakeMultiPointLayer m_multiPointLayer;
