@@ -90,6 +90,8 @@ protected:
         ASSERT_EQ(Bytes({5, 0}), m_connection.WaitForClientBytes(2));
     }
 
+    // What the client got after the greeting reply, once the handler dropped it.
+    std::string RepliesOnceDropped() { return m_connection.WaitForDisconnect() ? Replies() : "(not dropped)"; }
     // What the client receives after the greeting reply.
     std::string Replies() { return m_connection.GetToClient().substr(2); }
     std::string WaitForReplies(size_t count) { return m_connection.WaitForClientBytes(2 + count).substr(2); }
@@ -193,8 +195,7 @@ TEST_P(Socks5RefusalTest, RepliesExactlyAndCloses)
 {
     Negotiate();
     Send(GetParam().clientBytes);
-    ASSERT_TRUE(m_connection.WaitForDisconnect());
-    EXPECT_EQ(GetParam().expectedReply, Replies());
+    EXPECT_EQ(GetParam().expectedReply, RepliesOnceDropped());
     EXPECT_EQ(0, m_connection.GetConnectCalls());
 }
 
@@ -309,8 +310,7 @@ TEST_F(Socks5ConnectTest, UnreachableDestinationGetsOneRefusal)
     m_connection.GetMultiPointLayer().SetFail(true);
     Negotiate();
     Send(CONNECT_REQUEST + "payload");
-    ASSERT_TRUE(m_connection.WaitForDisconnect());
-    EXPECT_EQ(CommandReply(5), Replies());
+    EXPECT_EQ(CommandReply(5), RepliesOnceDropped());
     EXPECT_EQ("", m_connection.GetToHost());
 }
 
@@ -378,16 +378,14 @@ protected:
 TEST_F(Socks5BindTest, WithoutListenerIsRefusedWithoutAFirstReply)
 {
     RequestBind(nullptr);
-    ASSERT_TRUE(m_connection.WaitForDisconnect());
-    EXPECT_EQ(CommandReply(5), Replies());
+    EXPECT_EQ(CommandReply(5), RepliesOnceDropped());
 }
 
 TEST_F(Socks5BindTest, ListenerFailureIsRefused)
 {
     m_listener.SetFail(true);
     RequestBind();
-    ASSERT_TRUE(m_connection.WaitForDisconnect());
-    EXPECT_EQ(CommandReply(5), Replies());
+    EXPECT_EQ(CommandReply(5), RepliesOnceDropped());
     EXPECT_EQ("10.0.0.9:1234", m_listener.GetLastRequestAddress());
     EXPECT_EQ(1, m_listener.GetLastCount());
 }
@@ -423,8 +421,7 @@ TEST_F(Socks5BindTest, PeerThatSendsAndClosesAtOnceIsRelayedThenTheClientDropped
     ASSERT_TRUE(stream);
     stream->PushFromRemote("early");
     stream->CloseFromRemote();
-    ASSERT_TRUE(m_connection.WaitForDisconnect());
-    EXPECT_EQ(FIRST_BIND_REPLY + SECOND_BIND_REPLY + "early", Replies());
+    EXPECT_EQ(FIRST_BIND_REPLY + SECOND_BIND_REPLY + "early", RepliesOnceDropped());
 }
 
 TEST_F(Socks5BindTest, DroppingTheClientEndsTheWaitAndStopsListening)
