@@ -42,7 +42,7 @@ TEST_F(AddressManagerTest, InitRegistersOnceAndIgnoresALaterResolver)
     EXPECT_EQ(m_resolver.GetNotificationCount(), 0);
     EXPECT_FALSE(m_manager->Init(nullptr));
     EXPECT_FALSE(m_manager->ResolveAddress("10.0.0.1:80"));
-    EXPECT_EQ(m_resolver.GetTotalRequests(), 0);
+    EXPECT_EQ(m_resolver.GetRequestCount("10.0.0.1:80"), 0);
 }
 
 TEST_F(AddressManagerTest, LocalTestLooksAtTheTextBeforeTheFirstColonOnly)

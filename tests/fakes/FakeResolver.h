@@ -103,15 +103,6 @@ public:
             return found == m_requests.end() ? 0 : found->second;
         });
     }
-    int GetTotalRequests()
-    {
-        return Locked([&] {
-            int total = 0;
-            for (const auto& entry : m_requests)
-                total += entry.second;
-            return total;
-        });
-    }
     int GetNotificationCount() { return Locked([&] { return static_cast<int>(m_notifications.size()); }); }
     void JoinPending()
     {
