@@ -19,14 +19,13 @@ public:
         return f();
     }
 
-    // Runs f under the lock, then wakes the waiters.
+    // Runs f under the lock and wakes the waiters before letting go of it: a waiter may destroy
+    // the object as soon as its wait returns, which it cannot do before the lock is free.
     template <class F>
     void Change(F&& f)
     {
-        {
-            std::lock_guard<std::mutex> hold(m_mutex);
-            f();
-        }
+        std::lock_guard<std::mutex> hold(m_mutex);
+        f();
         m_changed.notify_all();
     }
 
