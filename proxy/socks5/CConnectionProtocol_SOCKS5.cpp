@@ -233,6 +233,8 @@ CConnectionProtocol_SOCKS5::~CConnectionProtocol_SOCKS5()
 {
     // The connection has normally terminated us already; then this does nothing.
     CConnectionProtocol_SOCKS5::Terminate(); // no dynamic dispatch from a destructor
+    // Terminate returns at once when it already ran, or still runs, on a host service's thread.
+    m_callbacks.WaitForOthers();
     const int status = GetThreadStatus();
     if ((status == STATUS_RUNNING || status == STATUS_STOPPING) && !IsCurrentThread(*this)) {
         m_stopEvent.SignalEvent();
@@ -797,6 +799,7 @@ void CConnectionProtocol_SOCKS5::OnConnectionEstablished(const IZRTConnectionAdd
                                                         const IZRTConnectionAddress& /*local*/,
                                                         IZRTDataLayer& stream)
 {
+    QOX::CCallGate::CScope inside(m_callbacks);
     AddressPtr peerCopy(peer.Clone());
     QOX::CRefCountPtr<IZRTDataLayer> accepted(&stream);
     QOX::CRefCountPtr<IZRTDataLayer> replaced;
@@ -821,11 +824,13 @@ void CConnectionProtocol_SOCKS5::OnConnectionEstablished(const IZRTConnectionAdd
 
 void CConnectionProtocol_SOCKS5::OnDataReceived(IZRTDataLayer& dataLayer)
 {
+    QOX::CCallGate::CScope inside(m_callbacks);
     DrainBindStream(dataLayer);
 }
 
 void CConnectionProtocol_SOCKS5::OnConnectionClosed(IZRTDataLayer& dataLayer)
 {
+    QOX::CCallGate::CScope inside(m_callbacks);
     // What the peer sent before closing still goes to the client, past the backlog bound;
     // the thread that forwards the last of it drops the client.
     m_bindFinalDrain.store(true);
@@ -834,6 +839,7 @@ void CConnectionProtocol_SOCKS5::OnConnectionClosed(IZRTDataLayer& dataLayer)
 
 void CConnectionProtocol_SOCKS5::OnSendDrained(IZRTDataLayer& /*dataLayer*/)
 {
+    QOX::CCallGate::CScope inside(m_callbacks);
     m_connection.WakeConnection();
 }
 
@@ -959,6 +965,7 @@ bool CConnectionProtocol_SOCKS5::PublishUdpRelay(int udpSocket, int handle)
 void CConnectionProtocol_SOCKS5::OnDatagramReceived(int /*handle*/, const IZRTConnectionAddress& source,
                                                    const unsigned char* data, int length)
 {
+    QOX::CCallGate::CScope inside(m_callbacks);
     if (m_state.Get() != UdpAssociated || length < 0 || (length > 0 && !data))
         return;
     const int udpSocket = m_udpSocket.load();

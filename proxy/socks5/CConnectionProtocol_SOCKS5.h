@@ -9,6 +9,7 @@
 #include "proxy/core/IConnectionProtocol.h"
 #include "proxy/core/IProxyConnection.h"
 #include "runtime/CAtomicInt.h"
+#include "runtime/CCallGate.h"
 #include "runtime/CEvent.h"
 #include "runtime/CRecursiveMutex.h"
 #include "runtime/CRefCountPtr.h"
@@ -211,6 +212,10 @@ private:
     // Signalled by OnConnectionEstablished, so the BIND wait sleeps instead of polling.
     QOX::CEvent m_bindEvent;
     std::atomic<bool> m_terminated{false};
+    // The host services' threads inside our callbacks. One of them may be the thread that tears
+    // us down (a BIND peer closing drops the client from its own callback), so the destructor
+    // waits for them to leave rather than trusting that Terminate has returned everywhere.
+    QOX::CCallGate m_callbacks;
     // Drains of the BIND stream requested and not yet served; the thread that raises it from 0
     // drains until it falls back, so bytes are forwarded by one thread at a time, in order.
     std::atomic<int> m_bindDrainRequests{0};

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <string>
 
 #include "fakes/FakeDataLayer.h"
@@ -28,11 +29,17 @@ public:
     // ConnectPeer holds the lock through the callback, so none runs once this returns.
     void StopListening(const IZRTConnectionAddress& /*address*/) override
     {
-        Locked([&] {
+        std::function<void()> hook;
+        Change([&] {
             m_receiver = nullptr;
             ++m_stops;
+            hook = m_onStop;
         });
+        if (hook)
+            hook();
     }
+    // Runs on the stopping thread, after the listener stopped: lets a test hold that thread there.
+    void SetOnStop(std::function<void()> hook) { Locked([&] { m_onStop = std::move(hook); }); }
 
     void SetFail(bool fail) { Locked([&] { m_fail = fail; }); }
     void SetListenAddress(const CTCPIPAddress& address) { Locked([&] { m_listenAddress = address; }); }
@@ -59,6 +66,7 @@ private:
     std::string m_lastRequest;
     int m_lastCount = 0;
     int m_stops = 0;
+    std::function<void()> m_onStop;
     bool m_fail = false;
 };
 

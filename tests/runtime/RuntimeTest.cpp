@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "fakes/Polling.h"
+#include "runtime/CCallGate.h"
 #include "runtime/CEvent.h"
 #include "runtime/CRefCountPtr.h"
 #include "runtime/CRefCount_Base.h"
@@ -265,6 +266,35 @@ TEST(Event, DescriptorMadeLateMirrorsTheState)
     }
     pollfd quiet{flipped.GetWaitHandle(), POLLIN, 0};
     EXPECT_EQ(poll(&quiet, 1, 0), 0);
+}
+
+// The owner's wait ends only once another thread left its callback, and never waits for the
+// owner's own callback (teardown may start from inside one).
+TEST(CallGate, WaitsForOtherThreadsInsideButNotForItself)
+{
+    QOX::CCallGate gate;
+    std::atomic<bool> inside{false};
+    std::atomic<bool> release{false};
+    std::atomic<bool> left{false};
+    std::thread callback([&] {
+        {
+            QOX::CCallGate::CScope scope(gate);
+            inside = true;
+            while (!release)
+                std::this_thread::sleep_for(std::chrono::milliseconds(1));
+            std::this_thread::sleep_for(std::chrono::milliseconds(50));
+            left = true;
+        }
+    });
+    ASSERT_TRUE(WaitUntil([&] { return inside.load(); }));
+    {
+        QOX::CCallGate::CScope own(gate);
+        release = true;
+        gate.WaitForOthers();
+        EXPECT_TRUE(left.load());
+    }
+    callback.join();
+    gate.WaitForOthers(); // nobody inside: returns at once
 }
 
 TEST(Clock, DifferencesSurviveTheWrap)

@@ -1,11 +1,13 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <chrono>
 #include <cstring>
 #include <future>
 #include <initializer_list>
 #include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "fakes/FakeConnectionListener.h"
@@ -461,6 +463,27 @@ TEST_F(Socks5BindTest, StreamSendBacklogCountsAsRequestBacklogAndItsDrainWakesTh
     const int wakes = m_connection.GetWakeCalls();
     stream->SignalSendDrained();
     EXPECT_EQ(wakes + 1, m_connection.GetWakeCalls());
+}
+
+// A peer's close drops the client from the stream's own thread, which is then still inside the
+// handler's teardown: destroying the handler meanwhile must wait until that thread has left.
+TEST_F(Socks5BindTest, DestructionWaitsForAPeersCloseStillTearingDown)
+{
+    QOX::CRefCountPtr<FakeDataLayer> stream = Bind();
+    std::atomic<bool> stopping{false};
+    std::atomic<bool> leftTeardown{false};
+    m_listener.SetOnStop([&] {
+        stopping = true;
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        leftTeardown = true;
+    });
+    std::thread host([&] { stream->CloseFromRemote(); });
+    ASSERT_TRUE(WaitUntil([&] { return stopping.load(); }));
+    m_handler.reset();
+    EXPECT_TRUE(leftTeardown.load()) << "the handler went away under the stream's thread";
+    host.join();
+    EXPECT_TRUE(m_connection.WaitForDisconnect());
+    EXPECT_EQ(0, stream->GetSinkCount());
 }
 
 // Peers keep connecting while the client goes away: whatever was accepted ends up closed and
