@@ -89,6 +89,13 @@ struct SHandlerLog : Guarded {
     bool destroyed = false;
     bool connectResult = false;
 
+    // A copy taken under the lock: the handler writes on the connection's thread.
+    template <class T>
+    T Get(const T& field) const
+    {
+        return Locked([&] { return field; });
+    }
+
     std::string Requests() const
     {
         return Locked([&] {
@@ -261,10 +268,10 @@ TEST_F(ProxyTest, RelaysBothWaysOneLinkPerConnectionAndNumbersConnections)
 
     auto first = Handler(0);
     auto second = Handler(1);
-    EXPECT_EQ(second->id, first->id + 1);
-    EXPECT_EQ(first->inits, 1);
-    EXPECT_EQ(first->requests.front(), "hello");
-    EXPECT_TRUE(first->connectResult);
+    EXPECT_EQ(second->Get(second->id), first->Get(first->id) + 1);
+    EXPECT_EQ(first->Get(first->inits), 1);
+    EXPECT_EQ(first->Get(first->requests).front(), "hello");
+    EXPECT_TRUE(first->Get(first->connectResult));
 
     Proxy::CProxyConnection* connection = first->Connection();
     ASSERT_NE(connection, nullptr);
@@ -300,7 +307,7 @@ TEST_F(ProxyTest, FailedHostConnectLeavesNoLinkAndClientBytesAreNotSent)
     ASSERT_TRUE(client.Send("x"));
     auto log = Handler(0);
     ASSERT_TRUE(WaitUntil([&] { return !log->Requests().empty(); }));
-    EXPECT_FALSE(log->connectResult);
+    EXPECT_FALSE(log->Get(log->connectResult));
     EXPECT_FALSE(log->Connection()->IsConnectedToHost());
     EXPECT_FALSE(log->Connection()->SendToHost("y", 1));
 }
@@ -322,10 +329,10 @@ TEST_F(ProxyTest, QueuedHostBytesAreDeliveredInOrderAfterTheLinkClosedThenTheCli
     EXPECT_EQ(client.ReadToEnd(&closed), "abbccc");
     EXPECT_TRUE(closed);
     EXPECT_TRUE(WaitForConnections(0));
-    EXPECT_EQ(log->responses, (std::vector<std::string>{"a", "bb", "ccc"}));
+    EXPECT_EQ(log->Get(log->responses), (std::vector<std::string>{"a", "bb", "ccc"}));
     EXPECT_EQ(log->Requests(), "go");
-    EXPECT_EQ(log->terminates, 1);
-    EXPECT_TRUE(WaitUntil([&] { return log->destroyed; }));
+    EXPECT_EQ(log->Get(log->terminates), 1);
+    EXPECT_TRUE(WaitUntil([&] { return log->Get(log->destroyed); }));
 }
 
 TEST_F(ProxyTest, StaleClosureIsIgnoredAndTwoDisconnectsTerminateOnce)
@@ -346,15 +353,15 @@ TEST_F(ProxyTest, StaleClosureIsIgnoredAndTwoDisconnectsTerminateOnce)
     std::thread other([&] { connection->DisconnectClient(); });
     connection->DisconnectClient();
     other.join();
-    EXPECT_EQ(log->terminates, 1);
+    EXPECT_EQ(log->Get(log->terminates), 1);
     EXPECT_FALSE(connection->IsConnectedToClient());
     EXPECT_FALSE(connection->SendToClient("x", 1));
     EXPECT_TRUE(client.WaitForClose());
     EXPECT_TRUE(WaitUntil([&] { return !connection->IsRunning(); }));
     EXPECT_FALSE(connection->IsConnectedToHost());
-    EXPECT_FALSE(log->destroyed);
+    EXPECT_FALSE(log->Get(log->destroyed));
     connection.Reset();
-    EXPECT_TRUE(log->destroyed);
+    EXPECT_TRUE(log->Get(log->destroyed));
 }
 
 TEST_F(ProxyTest, LinkThatReportsClosureLateKeepsTheConnectionAliveUntilThen)
@@ -371,12 +378,12 @@ TEST_F(ProxyTest, LinkThatReportsClosureLateKeepsTheConnectionAliveUntilThen)
     client.Close();
     ASSERT_TRUE(WaitUntil([&] { return link->disconnects == 1; }));
     EXPECT_TRUE(WaitForConnections(0));
-    EXPECT_EQ(log->terminates, 1);
-    EXPECT_FALSE(log->destroyed);
+    EXPECT_EQ(log->Get(log->terminates), 1);
+    EXPECT_FALSE(log->Get(log->destroyed));
     link->PushFromRemote("nobody reads this");
-    EXPECT_FALSE(log->destroyed);
+    EXPECT_FALSE(log->Get(log->destroyed));
     link->CloseFromRemote(); // last reference goes here, on this thread
-    EXPECT_TRUE(log->destroyed);
+    EXPECT_TRUE(log->Get(log->destroyed));
     EXPECT_EQ(link->GetSinkCount(), 0);
     m_proxy.StopProxy();
 }
@@ -395,8 +402,8 @@ TEST_F(ProxyTest, StopProxyEndsIdleConnectionsAndTheServerRestarts)
     m_proxy.StopProxy(); // both threads sit in poll() without a time-out
     EXPECT_FALSE(m_proxy.IsConnected());
     EXPECT_EQ(m_proxy.GetConnectionCount(), 0u);
-    EXPECT_EQ(log->terminates, 1);
-    EXPECT_TRUE(log->destroyed);
+    EXPECT_EQ(log->Get(log->terminates), 1);
+    EXPECT_TRUE(log->Get(log->destroyed));
     EXPECT_TRUE(withHandler.WaitForClose());
     EXPECT_TRUE(withoutHandler.WaitForClose());
     m_proxy.StopProxy();
