@@ -9,22 +9,35 @@ import pytest
 from conftest import DEST_HOST, Daemon, EchoServer, echo_round_trip, recv_exact, recv_until, socks5_connect
 
 
+def settle(daemon, limit=20):
+    """Waits until the daemon has taken in what it can: its threads stop changing. A slow build
+    (sanitizers) may still be starting connection threads well after the clients connected."""
+    deadline = time.time() + limit
+    last = None
+    while time.time() < deadline:
+        now = (daemon.threads(), daemon.fds())
+        if now == last:
+            return
+        last = now
+        time.sleep(0.5)
+
+
 def test_descriptor_exhaustion_does_not_spin_and_recovers():
     echo = EchoServer()
     daemon = Daemon(limit_fds=256)
+    idle = []
     try:
         tunnel = socks5_connect(daemon, DEST_HOST, echo.port)
         tunnel.sendall(b"before")
         assert recv_exact(tunnel, 6) == b"before"
 
         # Far more idle clients than descriptors: each takes one (or more) in the daemon.
-        idle = []
         for _ in range(400):
             try:
                 idle.append(socket.create_connection(("127.0.0.1", daemon.port), timeout=2))
             except OSError:
                 break
-        time.sleep(0.5)
+        settle(daemon)
         cpu = daemon.cpu_seconds()
         time.sleep(3)
         assert daemon.cpu_seconds() - cpu < 0.5, "the accept loop spins while descriptors are exhausted"
@@ -44,6 +57,8 @@ def test_descriptor_exhaustion_does_not_spin_and_recovers():
         assert served
         tunnel.close()
     finally:
+        for s in idle:
+            s.close()
         assert daemon.stop() == 0
         echo.close()
 
