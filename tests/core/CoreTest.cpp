@@ -236,6 +236,19 @@ protected:
         return link;
     }
 
+    // Connects the client and sends "go", which opens its link; null when either failed. A small
+    // receive buffer makes the client slow to take what the host sends.
+    QOX::CRefCountPtr<FakeDataLayer> OpenLink(TestClient& client, int receiveBuffer = 0)
+    {
+        if (!client.Connect(m_port))
+            return {};
+        if (receiveBuffer > 0)
+            client.SetReceiveBuffer(receiveBuffer);
+        if (!client.Send("go"))
+            return {};
+        return WaitForListenedLink();
+    }
+
     FakeResolver m_resolver;
     FakeMultiPointLayer m_multiPointLayer;
     FakeDatagramHandler m_datagramHandler;
@@ -315,11 +328,9 @@ TEST_F(ProxyTest, FailedHostConnectLeavesNoLinkAndClientBytesAreNotSent)
 TEST_F(ProxyTest, QueuedHostBytesAreDeliveredInOrderAfterTheLinkClosedThenTheClientIsClosed)
 {
     TestClient client;
-    ASSERT_TRUE(client.Connect(m_port));
-    ASSERT_TRUE(client.Send("go"));
-    auto log = Handler(0);
-    auto link = WaitForListenedLink();
+    auto link = OpenLink(client);
     ASSERT_TRUE(link);
+    auto log = Handler(0);
     link->PushFromRemote("a");
     link->PushFromRemote("bb");
     link->PushFromRemote("ccc");
@@ -463,12 +474,9 @@ TEST_F(ProxyTest, SlowClientGetsEveryByteWhileTheConnectionBuffersOnlyItsBound)
 {
     constexpr size_t TOTAL = 16 * 1024 * 1024;
     TestClient client;
-    ASSERT_TRUE(client.Connect(m_port));
-    client.SetReceiveBuffer(64 * 1024);
-    ASSERT_TRUE(client.Send("go"));
-    auto log = Handler(0);
-    auto link = WaitForListenedLink();
+    auto link = OpenLink(client, 64 * 1024);
     ASSERT_TRUE(link);
+    auto log = Handler(0);
     Proxy::CProxyConnection* connection = log->Connection();
     ASSERT_NE(connection, nullptr);
 
@@ -502,10 +510,7 @@ TEST_F(ProxyTest, ClientThatStopsSendingStillGetsWhatTheConnectionTookFromTheHos
 {
     constexpr size_t TOTAL = 12 * 1024 * 1024;
     TestClient client;
-    ASSERT_TRUE(client.Connect(m_port));
-    client.SetReceiveBuffer(64 * 1024);
-    ASSERT_TRUE(client.Send("go"));
-    auto link = WaitForListenedLink();
+    auto link = OpenLink(client, 64 * 1024);
     ASSERT_TRUE(link);
     link->PushFromRemote(Pattern(0, TOTAL));
     // Stalled: the client reads nothing, so the connection has stopped draining the link.
