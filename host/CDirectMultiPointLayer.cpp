@@ -56,5 +56,24 @@ QOX::CRefCountPtr<IZRTDataLayer> CDirectMultiPointLayer::Connect(const IZRTConne
     return QOX::CRefCountPtr<IZRTDataLayer>(layer.Get());
 }
 
+QOX::CRefCountPtr<IZRTDataLayer> CDirectMultiPointLayer::BeginConnect(const IZRTConnectionAddress& destination,
+                                                                      const IZRTConnectionAddress& /*source*/)
+{
+    sockaddr_storage address{};
+    int length = sizeof(address);
+    if (!destination.GetSockAddr(reinterpret_cast<sockaddr*>(&address), &length))
+        return {};
+    CSocketHandle socket(::socket(address.ss_family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, IPPROTO_TCP));
+    if (!socket.IsValid())
+        return {};
+    const bool done = connect(socket.Get(), reinterpret_cast<sockaddr*>(&address), static_cast<socklen_t>(length)) == 0;
+    if (!done && errno != EINPROGRESS && errno != EINTR)
+        return {};
+    // Even a connect that finished at once is reported through the loop, like every other.
+    QOX::CRefCountPtr<CTcpDataLayer> layer =
+        CTcpDataLayer::CreateConnecting(socket.Release(), m_loops.Next(), CONNECT_TIMEOUT_MS);
+    return QOX::CRefCountPtr<IZRTDataLayer>(layer.Get());
+}
+
 } // namespace Host
 } // namespace ZRT

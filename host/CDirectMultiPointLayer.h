@@ -6,8 +6,9 @@
 namespace ZRT {
 namespace Host {
 
-// Opens host links as plain TCP connections from this machine. Connect blocks its caller (up to
-// CONNECT_TIMEOUT_MS); the link it returns is then driven by one of the pool's loops.
+// Opens host links as plain TCP connections from this machine, each driven by one of the pool's
+// loops. Connect blocks its caller (up to CONNECT_TIMEOUT_MS); BeginConnect returns at once with
+// a link that reports the outcome, within the same time limit.
 class CDirectMultiPointLayer : public IZRTMultiPointLayer {
 public:
     static constexpr int CONNECT_TIMEOUT_MS = 10000;
@@ -17,6 +18,8 @@ public:
     // The source (the engine's client) plays no part in a direct connection.
     QOX::CRefCountPtr<IZRTDataLayer> Connect(const IZRTConnectionAddress& destination,
                                              const IZRTConnectionAddress& source) override;
+    QOX::CRefCountPtr<IZRTDataLayer> BeginConnect(const IZRTConnectionAddress& destination,
+                                                  const IZRTConnectionAddress& source) override;
 
 private:
     CEventLoopPool& m_loops;

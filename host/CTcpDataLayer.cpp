@@ -2,7 +2,6 @@
 
 #include <netinet/in.h>
 #include <netinet/tcp.h>
-#include <fcntl.h>
 #include <sys/epoll.h>
 #include <unistd.h>
 
@@ -29,16 +28,43 @@ bool CopyAddress(const sockaddr_storage& stored, socklen_t storedLength, sockadd
     *length = static_cast<int>(storedLength);
     return true;
 }
+
+bool WouldBlock(int error)
+{
+    return error == EAGAIN || error == EWOULDBLOCK;
+}
 } // namespace
 
 QOX::CRefCountPtr<CTcpDataLayer> CTcpDataLayer::Create(int socket, CEventLoop& loop)
 {
     // The loop starts watching the socket once somebody listens (AddNotification) or bytes wait
     // to be sent; a link that a reader takes over may never need the loop at all.
-    return QOX::CRefCountPtr<CTcpDataLayer>(new CTcpDataLayer(socket, loop));
+    return QOX::CRefCountPtr<CTcpDataLayer>(new CTcpDataLayer(socket, loop, EPhase::Open));
 }
 
-CTcpDataLayer::CTcpDataLayer(int socket, CEventLoop& loop) : m_loop(loop), m_socket(socket)
+QOX::CRefCountPtr<CTcpDataLayer> CTcpDataLayer::CreateConnecting(int socket, CEventLoop& loop, int timeoutMs)
+{
+    QOX::CRefCountPtr<CTcpDataLayer> link(new CTcpDataLayer(socket, loop, EPhase::Connecting));
+    std::lock_guard<std::mutex> lock(link->m_mutex);
+    link->m_beganConnecting = true;
+    link->UpdateInterestLocked();
+    if (link->m_token == 0)
+        return {};
+    CTcpDataLayer* raw = link.Get();
+    QOX::CRefCountPtr<CTcpDataLayer> self(raw);
+    link->m_timer = loop.PostDelayed(timeoutMs, [self] {
+        {
+            std::lock_guard<std::mutex> held(self->m_mutex);
+            self->m_timer = 0;
+            if (self->m_phase == EPhase::Connecting)
+                self->FailLocked();
+        }
+        self->Advance();
+    });
+    return link;
+}
+
+CTcpDataLayer::CTcpDataLayer(int socket, CEventLoop& loop, EPhase phase) : m_loop(loop), m_socket(socket), m_phase(phase)
 {
     CSocketUtils::SetSocketBlocking(socket, false);
     const int on = 1;
@@ -48,287 +74,162 @@ CTcpDataLayer::CTcpDataLayer(int socket, CEventLoop& loop) : m_loop(loop), m_soc
 CTcpDataLayer::~CTcpDataLayer()
 {
     CSocketUtils::CloseSocket(m_socket);
-    CSocketUtils::CloseSocket(m_pipe[0]);
-    CSocketUtils::CloseSocket(m_pipe[1]);
-    CSocketUtils::CloseSocket(m_sendPipe[0]);
-    CSocketUtils::CloseSocket(m_sendPipe[1]);
 }
+
+// ---- reading ----
 
 int CTcpDataLayer::ReceiveData(unsigned char* buffer, int size)
 {
     if (!buffer || size <= 0)
         return 0;
-    bool postClose = false;
+    bool advance = false;
     int count = 0;
     {
         std::lock_guard<std::mutex> lock(m_mutex);
         count = static_cast<int>(m_received.Take(buffer, static_cast<size_t>(size)));
-        if (count == 0 && m_readerAttached)
+        if (count == 0 && m_reader == EReader::Attached)
             count = ReadForReaderLocked(buffer, size);
         if (m_readPaused && m_received.Size() <= RECEIVE_RESUME) {
             m_readPaused = false;
             UpdateInterestLocked();
         }
-        // An attached reader reports the end by detaching (see DetachReader).
-        if (m_received.Empty() && (m_eofSeen || m_failed) && !m_closeReported && !m_closePosted &&
-            !m_readerAttached) {
-            m_closePosted = true;
-            postClose = true;
-        }
+        const bool ended = m_received.Empty() && (m_inputEnded || m_failed);
+        if (count == 0 && ended && (m_halfClose || m_reader == EReader::Attached))
+            count = -1;
+        advance = m_phase == EPhase::Open && CloseDueLocked();
     }
-    if (postClose)
-        PostAdvanceClose();
+    if (advance)
+        PostAdvance();
     return count;
 }
 
 int CTcpDataLayer::ReadForReaderLocked(unsigned char* buffer, int size)
 {
-    if (m_eofSeen || m_failed || m_closeReported || m_socket < 0)
+    if (m_inputEnded || m_failed || m_socket < 0)
         return -1;
-    // The loop's bytes are stored first (and announced with OnDataReceived); until then
-    // reading on would overtake them.
-    if (m_loopReading)
-        return 0;
     for (;;) {
         const ssize_t count = recv(m_socket, buffer, static_cast<size_t>(size), MSG_DONTWAIT);
         if (count > 0)
             return static_cast<int>(count);
         if (count == 0) {
-            m_eofSeen = true;
+            m_inputEnded = true;
             return -1;
         }
         if (errno == EINTR)
             continue;
-        if (errno == EAGAIN || errno == EWOULDBLOCK)
+        if (WouldBlock(errno))
             return 0;
-        m_failed = true;
+        FailLocked();
         return -1;
     }
 }
 
-size_t CTcpDataLayer::MovePipeInto(int pipe, size_t count, CByteQueue& queue)
+void CTcpDataLayer::ReadSocket(bool& gotData)
 {
-    unsigned char chunk[16 * 1024];
-    size_t moved = 0;
-    while (moved < count) {
-        const ssize_t got = read(pipe, chunk, std::min(count - moved, sizeof(chunk)));
-        if (got < 0 && errno == EINTR)
-            continue;
-        if (got <= 0)
-            break; // cannot happen: the pipe holds at least `count` bytes
-        queue.Append(chunk, static_cast<size_t>(got));
-        moved += static_cast<size_t>(got);
-    }
-    return moved;
-}
-
-bool CTcpDataLayer::OpenPipe(int (&fds)[2])
-{
-#if defined(__linux__)
-    if (fds[0] >= 0)
-        return true;
-    if (pipe2(fds, O_NONBLOCK | O_CLOEXEC) != 0) {
-        fds[0] = fds[1] = -1;
-        return false;
-    }
-    // Larger than the default 64 KiB: fewer calls per megabyte. The size is a wish, not a need.
-    fcntl(fds[1], F_SETPIPE_SZ, SPLICE_PIPE_SIZE);
-    return true;
-#else
-    (void)fds;
-    return false;
-#endif
-}
-
-bool CTcpDataLayer::OpenPipeLocked()
-{
-    return OpenPipe(m_pipe);
-}
-
-void CTcpDataLayer::DropUnsentLocked()
-{
-    m_unsent.Clear();
-    if (m_piped == 0)
-        return;
-    // Bytes for a peer that is gone: the pipe is dropped with them.
-    CSocketUtils::CloseSocket(m_sendPipe[0]);
-    CSocketUtils::CloseSocket(m_sendPipe[1]);
-    m_sendPipe[0] = m_sendPipe[1] = -1;
-    m_piped = 0;
-}
-
-void CTcpDataLayer::UnpipeLocked()
-{
-    m_piped -= MovePipeInto(m_sendPipe[0], m_piped, m_unsent);
-}
-
-void CTcpDataLayer::FlushPipeLocked()
-{
-#if defined(__linux__)
-    while (m_piped > 0 && m_unsent.Empty() && m_socket >= 0 && !m_failed) {
-        const ssize_t moved = splice(m_sendPipe[0], nullptr, m_socket, nullptr, m_piped,
-                                     SPLICE_F_MOVE | SPLICE_F_NONBLOCK);
-        if (moved > 0) {
-            m_piped -= static_cast<size_t>(moved);
-            continue;
-        }
-        if (moved < 0 && errno == EINTR)
-            continue;
-        if (moved < 0 && (errno == EAGAIN || errno == EWOULDBLOCK))
+    thread_local std::vector<unsigned char> scratch(READ_CHUNK);
+    for (int turn = 0; turn < MAX_READS_PER_EVENT; ++turn) {
+        if (m_socket < 0 || m_phase != EPhase::Open || m_inputEnded || m_failed || m_reader != EReader::Loop)
             return;
-        m_failed = true;
-        DropUnsentLocked();
-    }
-#endif
-}
-
-int CTcpDataLayer::SendFrom(int socket, int size)
-{
-#if defined(__linux__)
-    bool failed = false;
-    int taken = 0;
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        if (m_socket < 0 || m_failed || m_disconnectRequested || m_closeReported || m_writeShut || size <= 0)
-            return SEND_USE_SEND_DATA;
-        const size_t room = static_cast<size_t>(SPLICE_PIPE_SIZE) - std::min(m_piped, static_cast<size_t>(SPLICE_PIPE_SIZE));
-        if (room == 0 || !OpenPipe(m_sendPipe))
-            return SEND_USE_SEND_DATA;
-        ssize_t in = 0;
-        do {
-            in = splice(socket, nullptr, m_sendPipe[1], nullptr, std::min(static_cast<size_t>(size), room),
-                        SPLICE_F_MOVE | SPLICE_F_NONBLOCK);
-        } while (in < 0 && errno == EINTR);
-        if (in == 0)
-            return SEND_SOCKET_ENDED;
-        if (in < 0) {
-            if (errno == EAGAIN || errno == EWOULDBLOCK)
-                return SEND_NOTHING_NOW;
-            if (errno == EINVAL || errno == ENOSYS)
-                return SEND_USE_SEND_DATA;
-            return SEND_SOCKET_FAILED;
+        const size_t room = RECEIVE_LIMIT - std::min(m_received.Size(), RECEIVE_LIMIT);
+        if (room == 0) {
+            m_readPaused = true;
+            return;
         }
-        m_piped += static_cast<size_t>(in);
-        taken = static_cast<int>(in);
-        FlushPipeLocked();
-        if (UnsentLocked() > SEND_HIGH_WATER)
-            m_sendOverHigh = true;
-        UpdateInterestLocked();
-        failed = m_failed;
+        const ssize_t count = recv(m_socket, scratch.data(), std::min(room, READ_CHUNK), MSG_DONTWAIT);
+        if (count > 0) {
+            m_received.Append(scratch.data(), static_cast<size_t>(count));
+            gotData = true;
+            continue;
+        }
+        if (count == 0) {
+            m_inputEnded = true;
+            // A half-closing sink meets the end in ReceiveData, so it is told as for bytes.
+            gotData = gotData || m_halfClose;
+            return;
+        }
+        if (errno == EINTR)
+            continue;
+        if (!WouldBlock(errno))
+            FailLocked();
+        return;
     }
-    // As SendData: the socket itself is only ever closed on the loop's thread.
-    if (failed)
-        PostAdvanceClose();
-    return taken;
-#else
-    (void)socket;
-    (void)size;
-    return SEND_USE_SEND_DATA;
-#endif
-}
-
-void CTcpDataLayer::ReclaimPipedLocked(size_t count)
-{
-    MovePipeInto(m_pipe[0], count, m_received);
 }
 
 int CTcpDataLayer::ReceiveInto(int socket, int size)
 {
-#if defined(__linux__)
-    std::lock_guard<std::mutex> lock(m_mutex);
-    if (!m_readerAttached || !m_received.Empty() || m_loopReading || size <= 0)
-        return RECEIVE_USE_RECEIVE_DATA;
-    if (m_eofSeen || m_failed || m_closeReported || m_socket < 0)
-        return RECEIVE_END;
-    if (!OpenPipeLocked())
-        return RECEIVE_USE_RECEIVE_DATA;
-    ssize_t in = 0;
-    do {
-        in = splice(m_socket, nullptr, m_pipe[1], nullptr, std::min(size, SPLICE_PIPE_SIZE),
-                    SPLICE_F_MOVE | SPLICE_F_NONBLOCK);
-    } while (in < 0 && errno == EINTR);
-    if (in == 0) {
-        m_eofSeen = true;
-        return RECEIVE_END;
-    }
-    if (in < 0) {
-        if (errno == EAGAIN || errno == EWOULDBLOCK)
+    bool advance = false;
+    int result = RECEIVE_USE_RECEIVE_DATA;
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        if (m_reader != EReader::Attached || !m_received.Empty() || size <= 0)
+            return RECEIVE_USE_RECEIVE_DATA;
+        if (m_inputEnded || m_failed || m_socket < 0)
+            return RECEIVE_END;
+        size_t in = 0;
+        const CSplicePipe::EResult filled = m_receivePipe.FillFrom(m_socket, static_cast<size_t>(size), in);
+        if (filled == CSplicePipe::EResult::NothingNow)
             return RECEIVE_NOTHING_NOW;
-        // Not a socket splice can read (or a real failure): ReceiveData's recv tells which.
-        return RECEIVE_USE_RECEIVE_DATA;
-    }
-    size_t out = 0;
-    int outError = 0;
-    while (out < static_cast<size_t>(in)) {
-        const ssize_t moved = splice(m_pipe[0], nullptr, socket, nullptr, static_cast<size_t>(in) - out,
-                                     SPLICE_F_MOVE | SPLICE_F_NONBLOCK);
-        if (moved > 0) {
-            out += static_cast<size_t>(moved);
-            continue;
+        if (filled == CSplicePipe::EResult::End) {
+            m_inputEnded = true;
+            result = RECEIVE_END;
+        } else if (filled != CSplicePipe::EResult::Moved) {
+            // Not a socket splice can read, or a failure: ReceiveData's recv tells which.
+            return RECEIVE_USE_RECEIVE_DATA;
+        } else {
+            size_t out = 0;
+            const CSplicePipe::EResult drained = m_receivePipe.DrainTo(socket, out);
+            // What the destination would not take stays with the link, as ordinary bytes.
+            m_receivePipe.DrainInto(m_received);
+            if (drained == CSplicePipe::EResult::Failed)
+                result = RECEIVE_SOCKET_FAILED;
+            else
+                result = out > 0 ? static_cast<int>(out) : RECEIVE_USE_RECEIVE_DATA;
         }
-        if (moved < 0 && errno == EINTR)
-            continue;
-        outError = moved < 0 ? errno : EPIPE;
-        break;
+        advance = m_phase == EPhase::Open && CloseDueLocked();
     }
-    if (out < static_cast<size_t>(in))
-        ReclaimPipedLocked(static_cast<size_t>(in) - out);
-    if (outError != 0 && outError != EAGAIN && outError != EWOULDBLOCK)
-        return RECEIVE_SOCKET_FAILED;
-    return out > 0 ? static_cast<int>(out) : RECEIVE_USE_RECEIVE_DATA;
-#else
-    (void)socket;
-    (void)size;
-    return RECEIVE_USE_RECEIVE_DATA;
-#endif
+    if (advance)
+        PostAdvance();
+    return result;
 }
 
 int CTcpDataLayer::AttachReader()
 {
     std::lock_guard<std::mutex> lock(m_mutex);
-    if (m_readerAttached || m_socket < 0 || m_closeReported)
+    if (m_reader == EReader::Attached || m_socket < 0 || m_phase == EPhase::Draining || m_phase == EPhase::Closed)
         return -1;
-    m_readerAttached = true;
+    m_reader = EReader::Attached;
     UpdateInterestLocked();
     return m_socket;
 }
 
 void CTcpDataLayer::DetachReader()
 {
-    bool ended = false;
+    bool advance = false;
     {
         std::lock_guard<std::mutex> lock(m_mutex);
-        if (!m_readerAttached)
+        if (m_reader != EReader::Attached)
             return;
-        m_readerAttached = false;
-        if (!m_releaseDeferred) {
-            ended = (m_eofSeen || m_failed) && m_received.Empty() && !m_closeReported && !m_closePosted;
-            if (!ended)
-                UpdateInterestLocked();
-        }
+        m_reader = EReader::Loop;
+        // A release that waited for the reader happens now, on its thread: the loop no longer
+        // watches the socket once it is due to be released.
+        if (m_phase == EPhase::Closed)
+            ReleaseSocketLocked();
+        else
+            UpdateInterestLocked();
+        advance = m_phase == EPhase::Open && CloseDueLocked();
     }
-    // The reader met the link's end: the closure is reported (and the socket closed) from here,
-    // without a hop through the loop. The loop cannot be reading this socket: it never reads
-    // after the end was seen.
-    if (ended) {
-        AdvanceClose();
-        return;
-    }
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        if (!m_releaseDeferred)
-            return;
-    }
-    // Closed on the loop's thread, like every other release.
-    QOX::CRefCountPtr<CTcpDataLayer> self(this);
-    m_loop.Post([self] {
-        std::lock_guard<std::mutex> lock(self->m_mutex);
-        if (!self->m_releaseDeferred)
-            return;
-        self->m_releaseDeferred = false;
-        self->ReleaseSocketLocked();
-    });
+    if (advance)
+        PostAdvance();
 }
+
+bool CTcpDataLayer::EnableHalfClose()
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_halfClose = true;
+    return true;
+}
+
+// ---- writing ----
 
 int CTcpDataLayer::SendData(const unsigned char* data, int size)
 {
@@ -336,11 +237,13 @@ int CTcpDataLayer::SendData(const unsigned char* data, int size)
         return 0;
     {
         std::lock_guard<std::mutex> lock(m_mutex);
-        if (m_socket < 0 || m_failed || m_disconnectRequested || m_closeReported || m_writeShut)
+        const bool usable = m_phase == EPhase::Connecting || m_phase == EPhase::Open;
+        if (!usable || m_failed || m_output != EOutput::Open)
             return -1;
-        UnpipeLocked();
+        // Bytes in the send pipe came first: they join the queue before these.
+        m_sendPipe.DrainInto(m_unsent);
         size_t offset = 0;
-        while (m_unsent.Empty() && offset < static_cast<size_t>(size)) {
+        while (m_phase == EPhase::Open && m_unsent.Empty() && offset < static_cast<size_t>(size)) {
             const ssize_t sent = send(m_socket, data + offset, static_cast<size_t>(size) - offset,
                                       MSG_NOSIGNAL | MSG_DONTWAIT);
             if (sent > 0) {
@@ -349,8 +252,8 @@ int CTcpDataLayer::SendData(const unsigned char* data, int size)
             }
             if (sent < 0 && errno == EINTR)
                 continue;
-            if (sent < 0 && errno != EAGAIN && errno != EWOULDBLOCK)
-                m_failed = true;
+            if (sent < 0 && !WouldBlock(errno))
+                FailLocked();
             break;
         }
         if (!m_failed) {
@@ -361,37 +264,337 @@ int CTcpDataLayer::SendData(const unsigned char* data, int size)
             return size;
         }
     }
-    // The socket itself is only ever closed on the loop's thread.
-    PostAdvanceClose();
+    PostAdvance();
     return -1;
 }
 
-// Asked for rarely, so looked up on first use rather than for every link.
-void CTcpDataLayer::LearnAddressesLocked() const
+int CTcpDataLayer::SendFrom(int socket, int size)
 {
-    if (m_addressesKnown || m_socket < 0)
-        return;
-    m_addressesKnown = true;
-    m_localLength = sizeof(m_local);
-    if (getsockname(m_socket, reinterpret_cast<sockaddr*>(&m_local), &m_localLength) != 0)
-        m_localLength = 0;
-    m_remoteLength = sizeof(m_remote);
-    if (getpeername(m_socket, reinterpret_cast<sockaddr*>(&m_remote), &m_remoteLength) != 0)
-        m_remoteLength = 0;
+    bool failed = false;
+    int taken = 0;
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        if (m_phase != EPhase::Open || m_failed || m_output != EOutput::Open || size <= 0)
+            return SEND_USE_SEND_DATA;
+        size_t in = 0;
+        switch (m_sendPipe.FillFrom(socket, static_cast<size_t>(size), in)) {
+        case CSplicePipe::EResult::Moved:
+            break;
+        case CSplicePipe::EResult::NothingNow:
+            // A full pipe has no room: the caller reads the socket itself.
+            return m_sendPipe.Room() == 0 ? SEND_USE_SEND_DATA : SEND_NOTHING_NOW;
+        case CSplicePipe::EResult::End:
+            return SEND_SOCKET_ENDED;
+        case CSplicePipe::EResult::Failed:
+            return SEND_SOCKET_FAILED;
+        case CSplicePipe::EResult::Unsupported:
+            return SEND_USE_SEND_DATA;
+        }
+        taken = static_cast<int>(in);
+        if (m_unsent.Empty()) {
+            size_t out = 0;
+            if (m_sendPipe.DrainTo(m_socket, out) == CSplicePipe::EResult::Failed)
+                FailLocked();
+        }
+        if (UnsentLocked() > SEND_HIGH_WATER)
+            m_sendOverHigh = true;
+        UpdateInterestLocked();
+        failed = m_failed;
+    }
+    if (failed)
+        PostAdvance();
+    return taken;
 }
+
+bool CTcpDataLayer::ShutdownSend()
+{
+    bool advance = false;
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        if (m_failed || (m_phase != EPhase::Connecting && m_phase != EPhase::Open))
+            return false;
+        if (m_output == EOutput::Open)
+            m_output = EOutput::Ending;
+        EndOutputIfDueLocked();
+        advance = m_phase == EPhase::Open && CloseDueLocked();
+    }
+    if (advance)
+        PostAdvance();
+    return true;
+}
+
+bool CTcpDataLayer::FlushLocked()
+{
+    if (m_socket < 0 || m_failed || m_phase == EPhase::Connecting)
+        return false;
+    while (!m_unsent.Empty()) {
+        const ssize_t sent = send(m_socket, m_unsent.Front(), m_unsent.Size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+        if (sent > 0) {
+            m_unsent.Consume(static_cast<size_t>(sent));
+            continue;
+        }
+        if (sent < 0 && errno == EINTR)
+            continue;
+        if (sent < 0 && WouldBlock(errno))
+            break;
+        FailLocked();
+        return false;
+    }
+    if (m_unsent.Empty() && m_sendPipe.Held() > 0) {
+        size_t out = 0;
+        if (m_sendPipe.DrainTo(m_socket, out) == CSplicePipe::EResult::Failed) {
+            FailLocked();
+            return false;
+        }
+    }
+    EndOutputIfDueLocked();
+    if (!m_sendOverHigh || UnsentLocked() > SEND_LOW_WATER)
+        return false;
+    m_sendOverHigh = false;
+    return true;
+}
+
+void CTcpDataLayer::EndOutputIfDueLocked()
+{
+    if (m_output != EOutput::Ending || m_phase != EPhase::Open || m_socket < 0 || UnsentLocked() > 0)
+        return;
+    shutdown(m_socket, SHUT_WR);
+    m_output = EOutput::Ended;
+}
+
+// ---- state ----
+
+void CTcpDataLayer::FailLocked()
+{
+    m_failed = true;
+    m_unsent.Clear();
+    m_sendPipe.Close();
+    // Bytes received before the failure stay readable; nothing more can be written.
+    m_phase = EPhase::Closed;
+}
+
+bool CTcpDataLayer::CloseDueLocked() const
+{
+    if (m_failed)
+        return true;
+    if (!m_inputEnded || !m_received.Empty())
+        return false;
+    return !m_halfClose || m_output == EOutput::Ended;
+}
+
+void CTcpDataLayer::Advance()
+{
+    bool report = false;
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        if (m_phase == EPhase::Open && CloseDueLocked())
+            m_phase = EPhase::Draining;
+        if (m_phase == EPhase::Draining) {
+            if (UnsentLocked() == 0) {
+                // Every byte is out: FIN, and the socket goes (what the peer still sends is
+                // refused with a reset; nobody will read it).
+                if (m_output != EOutput::Ended && m_socket >= 0)
+                    shutdown(m_socket, SHUT_WR);
+                m_output = EOutput::Ended;
+                m_phase = EPhase::Closed;
+            } else if (m_timer == 0) {
+                StartLingerTimerLocked();
+            }
+        }
+        if (m_phase == EPhase::Closed)
+            ReleaseSocketLocked();
+        else
+            UpdateInterestLocked();
+        report = m_phase == EPhase::Draining || m_phase == EPhase::Closed;
+    }
+    if (report)
+        NotifyClosed();
+}
+
+void CTcpDataLayer::StartLingerTimerLocked()
+{
+    QOX::CRefCountPtr<CTcpDataLayer> self(this);
+    m_timer = m_loop.PostDelayed(LINGER_MS, [self] {
+        {
+            std::lock_guard<std::mutex> lock(self->m_mutex);
+            self->m_timer = 0;
+            if (self->m_phase == EPhase::Draining)
+                self->FailLocked();
+        }
+        self->Advance();
+    });
+}
+
+void CTcpDataLayer::CancelTimersLocked()
+{
+    if (m_timer != 0)
+        m_loop.CancelDelayed(m_timer);
+    m_timer = 0;
+}
+
+void CTcpDataLayer::ReleaseSocketLocked()
+{
+    CancelTimersLocked();
+    // Callers hold their own reference, so the loop's may go here.
+    if (m_token != 0) {
+        m_loop.Remove(m_token, m_socket);
+        m_token = 0;
+        m_interest = 0;
+    }
+    // A reader may be polling the descriptor: it must not be closed (and its number reused)
+    // under it. DetachReader finishes the release.
+    if (m_reader == EReader::Attached || m_socket < 0)
+        return;
+    CSocketUtils::CloseSocket(m_socket);
+    m_socket = -1;
+    m_receivePipe.Close();
+    m_sendPipe.Close();
+}
+
+void CTcpDataLayer::UpdateInterestLocked()
+{
+    if (m_socket < 0 || m_phase == EPhase::Closed)
+        return;
+    uint32_t wanted = 0;
+    if (m_phase == EPhase::Connecting) {
+        wanted = EPOLLOUT;
+    } else {
+        if (m_phase == EPhase::Open && m_reader == EReader::Loop && m_sinkAdded && !m_inputEnded && !m_failed &&
+            !m_readPaused)
+            wanted |= EPOLLIN;
+        if (UnsentLocked() > 0 && !m_failed)
+            wanted |= EPOLLOUT;
+    }
+    if (wanted == m_interest)
+        return;
+    // A socket with nothing wanted leaves the loop altogether: epoll would report a hang-up
+    // again and again even without interest.
+    if (wanted == 0) {
+        m_loop.Remove(m_token, m_socket);
+        m_token = 0;
+        m_interest = 0;
+        return;
+    }
+    if (m_token == 0) {
+        m_token = m_loop.Add(m_socket, wanted, QOX::CRefCountPtr<IEventHandler>(this));
+        if (m_token == 0) {
+            // Without the loop nothing could be read or flushed: the link is broken.
+            FailLocked();
+            return;
+        }
+    } else {
+        m_loop.Modify(m_token, m_socket, wanted);
+    }
+    m_interest = wanted;
+}
+
+void CTcpDataLayer::FinishConnectLocked()
+{
+    int error = 0;
+    socklen_t length = sizeof(error);
+    if (getsockopt(m_socket, SOL_SOCKET, SO_ERROR, &error, &length) != 0 || error != 0) {
+        FailLocked();
+        return;
+    }
+    CancelTimersLocked();
+    m_phase = EPhase::Open;
+}
+
+void CTcpDataLayer::OnEvents(uint32_t events)
+{
+    bool connected = false;
+    bool gotData = false;
+    bool drained = false;
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        if (m_phase == EPhase::Connecting) {
+            FinishConnectLocked();
+            connected = m_phase == EPhase::Open;
+        }
+        const bool trouble = (events & (EPOLLERR | EPOLLHUP)) != 0;
+        if ((m_phase == EPhase::Open || m_phase == EPhase::Draining) && (connected || trouble || (events & EPOLLOUT)))
+            drained = FlushLocked();
+        if (m_phase == EPhase::Open && (events & (EPOLLIN | EPOLLERR | EPOLLHUP)))
+            ReadSocket(gotData);
+        UpdateInterestLocked();
+    }
+    if (connected)
+        NotifyConnected();
+    if (gotData)
+        NotifyData();
+    if (drained)
+        NotifyDrained();
+    Advance();
+}
+
+void CTcpDataLayer::PostAdvance()
+{
+    QOX::CRefCountPtr<CTcpDataLayer> self(this);
+    m_loop.Post([self] { self->Advance(); });
+}
+
+void CTcpDataLayer::Disconnect()
+{
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        if (m_phase == EPhase::Connecting)
+            FailLocked();
+        else if (m_phase == EPhase::Open)
+            m_phase = EPhase::Draining;
+        else
+            return;
+    }
+    PostAdvance();
+}
+
+// ---- queries and sinks ----
 
 bool CTcpDataLayer::GetLocalAddress(sockaddr* address, int* length) const
 {
     std::lock_guard<std::mutex> lock(m_mutex);
-    LearnAddressesLocked();
+    if (!m_addressesKnown && m_socket >= 0) {
+        m_addressesKnown = true;
+        m_localLength = sizeof(m_local);
+        if (getsockname(m_socket, reinterpret_cast<sockaddr*>(&m_local), &m_localLength) != 0)
+            m_localLength = 0;
+        m_remoteLength = sizeof(m_remote);
+        if (getpeername(m_socket, reinterpret_cast<sockaddr*>(&m_remote), &m_remoteLength) != 0)
+            m_remoteLength = 0;
+    }
     return CopyAddress(m_local, m_localLength, address, length);
 }
 
 bool CTcpDataLayer::GetRemoteAddress(sockaddr* address, int* length) const
 {
+    sockaddr_storage ignored{};
+    int ignoredLength = sizeof(ignored);
+    GetLocalAddress(reinterpret_cast<sockaddr*>(&ignored), &ignoredLength); // learns both once
     std::lock_guard<std::mutex> lock(m_mutex);
-    LearnAddressesLocked();
     return CopyAddress(m_remote, m_remoteLength, address, length);
+}
+
+bool CTcpDataLayer::IsConnected() const
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return m_phase == EPhase::Open && !m_failed && !m_inputEnded;
+}
+
+bool CTcpDataLayer::IsConnecting() const
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return m_phase == EPhase::Connecting;
+}
+
+unsigned int CTcpDataLayer::GetReceiveBacklog() const
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return static_cast<unsigned int>(m_received.Size());
+}
+
+unsigned int CTcpDataLayer::GetSendBacklog() const
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return static_cast<unsigned int>(UnsentLocked());
 }
 
 bool CTcpDataLayer::AddNotification(IZRTDataLayerNotification* sink)
@@ -403,279 +606,34 @@ bool CTcpDataLayer::AddNotification(IZRTDataLayerNotification* sink)
         std::lock_guard<std::mutex> lock(m_mutex);
         m_sinkAdded = true;
         UpdateInterestLocked();
-        catchUp = !m_received.Empty() || m_closeReported || m_eofSeen || m_failed;
+        catchUp = (m_beganConnecting && m_phase != EPhase::Connecting) || !m_received.Empty() || m_inputEnded ||
+                  m_failed || m_phase == EPhase::Draining || m_phase == EPhase::Closed;
     }
-    if (catchUp) {
-        // Bytes or a close that came before the sink registered: tell it too, from the loop.
-        QOX::CRefCountPtr<CTcpDataLayer> self(this);
-        m_loop.Post([self] {
-            bool data = false;
-            bool closed = false;
-            {
-                std::lock_guard<std::mutex> lock(self->m_mutex);
-                data = !self->m_received.Empty();
-                closed = self->m_closeReported;
-            }
-            if (data)
-                self->NotifyData();
-            if (closed)
-                self->NotifyClosed();
-            else
-                self->AdvanceClose();
-        });
-    }
+    if (!catchUp)
+        return true;
+    // What happened before the sink registered is told from the loop, like everything else;
+    // sinks that heard it already take a repeat as nothing new.
+    QOX::CRefCountPtr<CTcpDataLayer> self(this);
+    m_loop.Post([self] {
+        bool connected = false;
+        bool data = false;
+        {
+            std::lock_guard<std::mutex> lock(self->m_mutex);
+            connected = self->m_beganConnecting && self->m_phase == EPhase::Open;
+            data = !self->m_received.Empty() || (self->m_inputEnded && self->m_halfClose);
+        }
+        if (connected)
+            self->NotifyConnected();
+        if (data)
+            self->NotifyData();
+        self->Advance();
+    });
     return true;
 }
 
 bool CTcpDataLayer::RemoveNotification(IZRTDataLayerNotification* sink)
 {
     return sink && m_sinks.Remove(sink);
-}
-
-bool CTcpDataLayer::IsConnected() const
-{
-    std::lock_guard<std::mutex> lock(m_mutex);
-    return m_socket >= 0 && !m_failed && !m_eofSeen && !m_disconnectRequested && !m_closeReported;
-}
-
-unsigned int CTcpDataLayer::GetReceiveBacklog() const
-{
-    std::lock_guard<std::mutex> lock(m_mutex);
-    return static_cast<unsigned int>(m_received.Size());
-}
-
-void CTcpDataLayer::Disconnect()
-{
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        if (m_disconnectRequested || m_closeReported)
-            return;
-        m_disconnectRequested = true;
-    }
-    PostAdvanceClose();
-}
-
-unsigned int CTcpDataLayer::GetSendBacklog() const
-{
-    std::lock_guard<std::mutex> lock(m_mutex);
-    return static_cast<unsigned int>(UnsentLocked());
-}
-
-void CTcpDataLayer::OnEvents(uint32_t events)
-{
-    const bool trouble = (events & (EPOLLERR | EPOLLHUP)) != 0;
-    bool gotData = false;
-    if (events & (EPOLLIN | EPOLLERR | EPOLLHUP))
-        gotData = ReadSocket();
-    bool drained = false;
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        if (events & (EPOLLOUT | EPOLLERR | EPOLLHUP))
-            drained = FlushLocked();
-        if (trouble && m_readerAttached) {
-            // The reader meets the end on its own descriptor, after the bytes before it; the
-            // loop only stops hearing the level-triggered hang-up again and again.
-            m_hangUp = true;
-            if (m_token != 0) {
-                m_loop.Remove(m_token, m_socket);
-                m_token = 0;
-            }
-        } else if (trouble && !(m_interest & EPOLLIN)) {
-            // A hang-up while not reading would be reported again and again: the peer is gone.
-            m_failed = true;
-        }
-        if (m_failed) {
-            DropUnsentLocked();
-            ReleaseSocketLocked();
-        } else {
-            UpdateInterestLocked();
-        }
-    }
-    if (gotData)
-        NotifyData();
-    if (drained)
-        NotifyDrained();
-    AdvanceClose();
-}
-
-bool CTcpDataLayer::ReadSocket()
-{
-    thread_local std::vector<unsigned char> scratch(READ_CHUNK);
-    bool gotData = false;
-    for (int turn = 0; turn < MAX_READS_PER_EVENT; ++turn) {
-        int socket = -1;
-        size_t room = 0;
-        {
-            std::lock_guard<std::mutex> lock(m_mutex);
-            if (m_socket < 0 || m_eofSeen || m_failed || m_readerAttached)
-                return gotData;
-            // After the close was reported, reading only drains the socket for a clean FIN.
-            room = m_closeReported ? READ_CHUNK : RECEIVE_LIMIT - std::min(m_received.Size(), RECEIVE_LIMIT);
-            if (room == 0) {
-                m_readPaused = true;
-                return gotData;
-            }
-            socket = m_socket;
-            m_loopReading = true;
-        }
-        // Only this thread closes the socket, so it is safe to read it without the lock.
-        const ssize_t count = recv(socket, scratch.data(), std::min(room, READ_CHUNK), 0);
-        const int error = errno;
-        std::lock_guard<std::mutex> lock(m_mutex);
-        m_loopReading = false;
-        if (count > 0) {
-            if (!m_closeReported) {
-                m_received.Append(scratch.data(), static_cast<size_t>(count));
-                gotData = true;
-            }
-            continue;
-        }
-        if (count == 0) {
-            m_eofSeen = true;
-            return gotData;
-        }
-        if (error == EINTR)
-            continue;
-        if (error != EAGAIN && error != EWOULDBLOCK)
-            m_failed = true;
-        return gotData;
-    }
-    return gotData;
-}
-
-bool CTcpDataLayer::FlushLocked()
-{
-    while (!m_unsent.Empty() && m_socket >= 0 && !m_failed) {
-        const ssize_t sent = send(m_socket, m_unsent.Front(), m_unsent.Size(), MSG_NOSIGNAL | MSG_DONTWAIT);
-        if (sent > 0) {
-            m_unsent.Consume(static_cast<size_t>(sent));
-            continue;
-        }
-        if (sent < 0 && errno == EINTR)
-            continue;
-        if (sent < 0 && (errno == EAGAIN || errno == EWOULDBLOCK))
-            break;
-        m_failed = true;
-        DropUnsentLocked();
-    }
-    FlushPipeLocked();
-    if (m_failed || !m_sendOverHigh || UnsentLocked() > SEND_LOW_WATER)
-        return false;
-    m_sendOverHigh = false;
-    return true;
-}
-
-void CTcpDataLayer::UpdateInterestLocked()
-{
-    if (m_socket < 0 || m_releaseDeferred || (m_hangUp && m_token == 0))
-        return;
-    uint32_t wanted = 0;
-    const bool listened = m_sinkAdded || m_closeReported;
-    if (listened && !m_eofSeen && !m_failed && !m_readerAttached && (m_closeReported || !m_readPaused))
-        wanted |= EPOLLIN;
-    if (UnsentLocked() > 0 && !m_failed)
-        wanted |= EPOLLOUT;
-    if (m_token == 0) {
-        if (wanted == 0)
-            return;
-        m_interest = wanted;
-        m_token = m_loop.Add(m_socket, wanted, QOX::CRefCountPtr<IEventHandler>(this));
-        if (m_token == 0) {
-            // Without the loop nothing could be read or flushed: the link is broken.
-            m_interest = 0;
-            m_failed = true;
-        }
-        return;
-    }
-    if (wanted == m_interest)
-        return;
-    m_interest = wanted;
-    m_loop.Modify(m_token, m_socket, wanted);
-}
-
-void CTcpDataLayer::AdvanceClose()
-{
-    bool report = false;
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        m_closePosted = false;
-        if (m_failed && m_socket >= 0) {
-            DropUnsentLocked();
-            ReleaseSocketLocked();
-        }
-        const bool peerDone = (m_eofSeen || m_failed) && m_received.Empty();
-        if (!m_closeReported && (m_disconnectRequested || peerDone)) {
-            m_closeReported = true;
-            m_received.Clear();
-            m_readPaused = false;
-            report = true;
-        }
-    }
-    if (report)
-        NotifyClosed();
-    std::lock_guard<std::mutex> lock(m_mutex);
-    if (m_closeReported)
-        LingerLocked();
-}
-
-void CTcpDataLayer::LingerLocked()
-{
-    if (m_socket < 0)
-        return;
-    if (m_failed) {
-        ReleaseSocketLocked();
-        return;
-    }
-    if (UnsentLocked() == 0) {
-        if (!m_writeShut) {
-            shutdown(m_socket, SHUT_WR);
-            m_writeShut = true;
-        }
-        if (m_eofSeen) {
-            ReleaseSocketLocked();
-            return;
-        }
-    }
-    UpdateInterestLocked();
-    if (m_lingerTimer != 0)
-        return;
-    QOX::CRefCountPtr<CTcpDataLayer> self(this);
-    m_lingerTimer = m_loop.PostDelayed(LINGER_MS, [self] {
-        std::lock_guard<std::mutex> lock(self->m_mutex);
-        self->m_lingerTimer = 0;
-        self->m_failed = true;
-        self->DropUnsentLocked();
-        self->ReleaseSocketLocked();
-    });
-}
-
-void CTcpDataLayer::ReleaseSocketLocked()
-{
-    // A link that closed early must not stay alive in the loop's timer for the whole linger.
-    if (m_lingerTimer != 0) {
-        m_loop.CancelDelayed(m_lingerTimer);
-        m_lingerTimer = 0;
-    }
-    // Callers on the loop's thread hold their own reference, so the loop's may go here.
-    if (m_token != 0) {
-        m_loop.Remove(m_token, m_socket);
-        m_token = 0;
-    }
-    // A reader may be polling the descriptor: it must not be closed (and its number reused)
-    // under it.
-    if (m_readerAttached) {
-        m_releaseDeferred = true;
-        return;
-    }
-    CSocketUtils::CloseSocket(m_socket);
-    m_socket = -1;
-    m_interest = 0;
-}
-
-void CTcpDataLayer::PostAdvanceClose()
-{
-    QOX::CRefCountPtr<CTcpDataLayer> self(this);
-    m_loop.Post([self] { self->AdvanceClose(); });
 }
 
 void CTcpDataLayer::NotifyData()
@@ -686,6 +644,11 @@ void CTcpDataLayer::NotifyData()
 void CTcpDataLayer::NotifyDrained()
 {
     m_sinks.CallAll([this](IZRTDataLayerNotification* sink) { sink->OnSendDrained(*this); });
+}
+
+void CTcpDataLayer::NotifyConnected()
+{
+    m_sinks.CallAll([this](IZRTDataLayerNotification* sink) { sink->OnLinkConnected(*this); });
 }
 
 void CTcpDataLayer::NotifyClosed()

@@ -9,6 +9,7 @@
 #include "host/CByteQueue.h"
 #include "host/CEventLoop.h"
 #include "host/CSinkRegistry.h"
+#include "host/CSplicePipe.h"
 #include "host/IEventHandler.h"
 #include "runtime/CRefCountImpl.h"
 #include "runtime/CRefCountPtr.h"
@@ -18,22 +19,24 @@
 namespace ZRT {
 namespace Host {
 
-// A stream link on a connected non-blocking TCP socket, watched by one CEventLoop. Every
-// notification is made on that loop's thread, with no lock of the link held.
+// A stream link on a non-blocking TCP socket, watched by one CEventLoop.
 //
-// Flow control: the socket is read into a bounded buffer; while it is full the link stops reading
-// (TCP then slows the peer) until ReceiveData has drained it to half. SendData never blocks: it
-// writes what the socket takes and queues the rest, which the loop flushes; sinks hear
-// OnSendDrained when a backlog that passed SEND_HIGH_WATER falls to SEND_LOW_WATER.
+// Life: Connecting (a non-blocking connect in progress; SendData queues) -> Open -> Draining
+// (the closure was reported; bytes still queued are written, for at most LINGER_MS, then FIN and
+// the socket is released) or straight to Closed (released). The closure is reported once to
+// each sink: after Disconnect; after a failure, reset or connect failure; at the peer's end once
+// its bytes were taken (unless a sink enabled half-close); with half-close, once both directions
+// have ended. Notifications are made on the loop's thread, never with the link's lock held.
 //
-// Reader mode (AttachReader): the loop stops reading the socket and the reader's ReceiveData
-// reads it directly, on the reader's thread; the socket is not closed while the reader may still
-// poll it (a release is deferred to DetachReader).
+// Reading: the loop reads the socket into a bounded buffer and announces it with OnDataReceived;
+// while the buffer is full it stops reading (TCP then slows the peer). With a reader attached
+// (AttachReader) the loop does not read: the reader's ReceiveData and ReceiveInto read the
+// socket on the reader's thread, and the socket is not closed while the reader may still poll
+// it (its release waits for DetachReader).
 //
-// Closing: OnConnectionClosed reaches each sink once, after Disconnect() or after the peer closed
-// and every byte it sent has been taken with ReceiveData. After a Disconnect the socket lingers
-// (up to LINGER_MS) to flush what was queued, then sends FIN and waits for the peer's, so that the
-// last bytes are not lost to a reset.
+// Writing: SendData writes what the socket takes and queues the rest, which the loop flushes;
+// sinks hear OnSendDrained when a backlog that passed SEND_HIGH_WATER falls to SEND_LOW_WATER.
+// SendFrom moves client bytes through a splice pipe that holds the tail of the queue.
 class CTcpDataLayer : public QOX::CRefCountImpl<IZRTDataLayer>, public IEventHandler {
 public:
     static constexpr size_t RECEIVE_LIMIT = 256 * 1024;
@@ -41,11 +44,12 @@ public:
     static constexpr unsigned int SEND_HIGH_WATER = 64 * 1024;
     static constexpr unsigned int SEND_LOW_WATER = 16 * 1024;
     static constexpr int LINGER_MS = 10000;
-    static constexpr int SPLICE_PIPE_SIZE = 1024 * 1024;
 
-    // Takes over a connected socket (made non-blocking here) and starts watching it; empty on
-    // failure, in which case the socket is closed.
+    // Takes over a connected socket (made non-blocking here). Never empty.
     static QOX::CRefCountPtr<CTcpDataLayer> Create(int socket, CEventLoop& loop);
+    // Takes over a non-blocking socket whose connect() is in progress; the attempt fails after
+    // timeoutMs. Empty (and the socket closed) when the loop cannot watch it.
+    static QOX::CRefCountPtr<CTcpDataLayer> CreateConnecting(int socket, CEventLoop& loop, int timeoutMs);
 
     long AddRef() override { return QOX::CRefCountImpl<IZRTDataLayer>::AddRef(); }
     long ReleaseRef() override { return QOX::CRefCountImpl<IZRTDataLayer>::ReleaseRef(); }
@@ -65,77 +69,80 @@ public:
     void DetachReader() override;
     int ReceiveInto(int socket, int size) override;
     int SendFrom(int socket, int size) override;
+    bool EnableHalfClose() override;
+    bool ShutdownSend() override;
+    bool IsConnecting() const override;
 
     void OnEvents(uint32_t events) override;
 
 private:
-    CTcpDataLayer(int socket, CEventLoop& loop);
+    enum class EPhase { Connecting, Open, Draining, Closed };
+    // The sending direction: open, FIN due once the queue is written, FIN sent.
+    enum class EOutput { Open, Ending, Ended };
+    enum class EReader { Loop, Attached };
+
+    CTcpDataLayer(int socket, CEventLoop& loop, EPhase phase);
     ~CTcpDataLayer() override;
 
-    void LearnAddressesLocked() const;
-    bool ReadSocket();
-    // Reader mode, with m_received empty: one read into the reader's buffer; -1 at the end.
+    void FinishConnectLocked();
+    void ReadSocket(bool& gotData);
+    // Reader mode, with nothing buffered: one read into the reader's buffer; -1 at the end.
     int ReadForReaderLocked(unsigned char* buffer, int size);
-    bool OpenPipeLocked();
-    static bool OpenPipe(int (&fds)[2]);
-    // Reads count bytes of a pipe into queue (a copy); the count moved.
-    static size_t MovePipeInto(int pipe, size_t count, CByteQueue& queue);
-    // The send queue: m_unsent, then the bytes in m_sendPipe.
-    size_t UnsentLocked() const { return m_unsent.Size() + m_piped; }
-    void DropUnsentLocked();
-    // Moves the send pipe's bytes into m_unsent, so bytes given to SendData line up behind them.
-    void UnpipeLocked();
-    void FlushPipeLocked();
-    // ReceiveInto's tail: what the destination did not take goes back into m_received.
-    void ReclaimPipedLocked(size_t count);
+    size_t UnsentLocked() const { return m_unsent.Size() + m_sendPipe.Held(); }
+    // Writes the queue; true when a backlog over the high mark fell to the low mark.
     bool FlushLocked();
+    void EndOutputIfDueLocked();
+    void FailLocked();
     void UpdateInterestLocked();
-    void AdvanceClose();
-    void LingerLocked();
+    // The loop's side of every change: reports a due closure, then releases the socket when
+    // nothing more is to be written.
+    void Advance();
+    bool CloseDueLocked() const;
     void ReleaseSocketLocked();
-    void PostAdvanceClose();
+    void PostAdvance();
+    void StartLingerTimerLocked();
+    void CancelTimersLocked();
     void NotifyData();
     void NotifyDrained();
+    void NotifyConnected();
     void NotifyClosed();
 
     CEventLoop& m_loop;
     CSinkRegistry<IZRTDataLayerNotification> m_sinks;
+    // Guards every member below; never held while a sink is called or the loop runs a task.
     mutable std::mutex m_mutex;
     int m_socket;
+    EPhase m_phase;
+    EOutput m_output = EOutput::Open;
+    EReader m_reader = EReader::Loop;
     uint64_t m_token = 0;
     uint32_t m_interest = 0;
     mutable sockaddr_storage m_local{};
     mutable socklen_t m_localLength = 0;
     mutable sockaddr_storage m_remote{};
     mutable socklen_t m_remoteLength = 0;
+    mutable bool m_addressesKnown = false;
     CByteQueue m_received;
     CByteQueue m_unsent;
+    // ReceiveInto's pipe (socket -> pipe -> destination), empty between calls.
+    CSplicePipe m_receivePipe;
+    // SendFrom's pipe: the tail of the send queue, behind m_unsent.
+    CSplicePipe m_sendPipe;
     std::set<IZRTDataLayerNotification*> m_toldClosed;
+    // The peer's end of sending has been read (or a reset: m_failed).
+    bool m_inputEnded = false;
+    bool m_failed = false;
+    bool m_halfClose = false;
+    // The loop stopped reading because m_received is full; it resumes under RECEIVE_RESUME.
     bool m_readPaused = false;
     bool m_sendOverHigh = false;
-    bool m_eofSeen = false;
-    bool m_failed = false;
-    bool m_disconnectRequested = false;
-    bool m_closeReported = false;
-    bool m_closePosted = false;
-    bool m_writeShut = false;
-    bool m_readerAttached = false;
-    // ReceiveInto's pipe (socket -> pipe -> destination, pages moved rather than copied); made
-    // on first use, empty between calls.
-    int m_pipe[2] = {-1, -1};
-    // SendFrom's pipe: the tail of the send queue, behind m_unsent; m_piped bytes in it.
-    int m_sendPipe[2] = {-1, -1};
-    size_t m_piped = 0;
     // A sink listens: from then on the loop reads ahead (unless a reader is attached).
     bool m_sinkAdded = false;
-    // The loop saw a hang-up while a reader was attached and stopped watching the socket.
-    bool m_hangUp = false;
-    mutable bool m_addressesKnown = false;
-    // The socket was due to be closed while a reader was attached.
-    bool m_releaseDeferred = false;
+    // Made by CreateConnecting: late sinks still hear OnLinkConnected.
+    bool m_beganConnecting = false;
     // The loop is between a recv and storing its bytes: a reader must not read past them.
     bool m_loopReading = false;
-    uint64_t m_lingerTimer = 0; // pending give-up of the flush after Disconnect; 0 when none
+    uint64_t m_timer = 0; // the connect time-out or the linger's end; 0 when none
 };
 
 } // namespace Host

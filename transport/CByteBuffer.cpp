@@ -33,4 +33,25 @@ bool CByteBuffer::Assign(const unsigned char* data, unsigned int length)
     return true;
 }
 
+bool CByteBuffer::Append(const unsigned char* data, unsigned int length)
+{
+    if (length == 0 || !data)
+        return true;
+    if (length > ~0u - m_length)
+        return false;
+    const unsigned int needed = m_length + length;
+    if (needed > m_capacity) {
+        const unsigned int doubled = m_capacity > ~0u / 2 ? ~0u : m_capacity * 2;
+        const unsigned int capacity = needed > doubled ? needed : doubled;
+        auto* grown = static_cast<unsigned char*>(std::realloc(m_data, capacity));
+        if (!grown)
+            return false;
+        m_data = grown;
+        m_capacity = capacity;
+    }
+    std::memcpy(m_data + m_length, data, length);
+    m_length = needed;
+    return true;
+}
+
 } // namespace ZRT

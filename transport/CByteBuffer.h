@@ -23,6 +23,9 @@ public:
     void SetOffset(unsigned int offset) { m_offset = offset > m_length ? m_length : offset; }
     // Replaces the contents, growing the storage when needed; false if it cannot grow.
     bool Assign(const unsigned char* data, unsigned int length);
+    // Adds bytes behind the contents, growing the storage by doubling so that many small appends
+    // cost linear time; false if it cannot grow.
+    bool Append(const unsigned char* data, unsigned int length);
 
 private:
     unsigned char* m_data = nullptr;

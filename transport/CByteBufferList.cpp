@@ -74,6 +74,17 @@ void CByteBufferList::AddBuffer(QOX::CRefCountPtr<CByteBuffer> buffer)
     m_buffers.push_back(std::move(buffer));
 }
 
+void CByteBufferList::AppendBytes(const unsigned char* data, unsigned int length)
+{
+    if (length == 0 || !data)
+        return;
+    if (m_buffers.empty() || !m_buffers.back()->Append(data, length)) {
+        AddBuffer(QOX::CRefCountPtr<CByteBuffer>(new CByteBuffer(data, length, false)));
+        return;
+    }
+    m_size += length;
+}
+
 QOX::CRefCountPtr<CByteBuffer> CByteBufferList::PopBuffer()
 {
     if (m_buffers.empty())

@@ -27,6 +27,9 @@ public:
     static unsigned int GetPoolSize();
 
     void AddBuffer(QOX::CRefCountPtr<CByteBuffer> buffer);
+    // Copies bytes to the back, into the last buffer while it can grow: the list's owner must be
+    // that buffer's only user (as for buffers the owner made itself).
+    void AppendBytes(const unsigned char* data, unsigned int length);
     QOX::CRefCountPtr<CByteBuffer> PopBuffer();
     unsigned int GetSize() const { return m_size; }
     bool IsEmpty() const { return m_buffers.empty(); }

@@ -30,7 +30,8 @@ public:
     virtual bool IsConnected() const = 0;
     virtual unsigned int GetReceiveBacklog() const = 0;
 
-    // Closes the link; registered sinks then get OnConnectionClosed.
+    // Closes the link; registered sinks then get OnConnectionClosed. Bytes already given to
+    // SendData are still written, within a bounded time.
     virtual void Disconnect() = 0;
 
     // Added for flow control: bytes accepted by SendData and not yet written to the peer.
@@ -71,6 +72,21 @@ public:
     // SendData (the link cannot do this now, or at all). Bytes taken are the link's, exactly as
     // if given to SendData, and count in GetSendBacklog until written.
     virtual int SendFrom(int /*socket*/, int /*size*/) { return SEND_USE_SEND_DATA; }
+
+    // Added for half-close. A sink that calls this (and gets true) takes the end of the peer's
+    // sending apart from the closure: once every byte before the end was taken, ReceiveData
+    // returns -1 (a sink hears OnDataReceived for it), and the link stays open for SendData.
+    // OnConnectionClosed then comes when both directions have ended (the peer's end was taken and
+    // ShutdownSend's end was written), on a failure or reset, or after Disconnect. False when the
+    // link cannot (the default): the peer's end then closes the link, as before.
+    virtual bool EnableHalfClose() { return false; }
+    // Added for half-close: ends the sending direction (TCP: FIN) once every byte given to
+    // SendData or SendFrom has been written; reading goes on. False when the link cannot; the
+    // caller then ends the whole link instead.
+    virtual bool ShutdownSend() { return false; }
+    // Added for connecting without blocking (IZRTMultiPointLayer::BeginConnect): true while the
+    // link is still being opened. Links that are returned open (the default) never are.
+    virtual bool IsConnecting() const { return false; }
 };
 
 } // namespace ZRT

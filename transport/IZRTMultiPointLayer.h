@@ -14,6 +14,17 @@ public:
     // usable, or empty on failure. May block.
     virtual QOX::CRefCountPtr<IZRTDataLayer> Connect(const IZRTConnectionAddress& destination,
                                                      const IZRTConnectionAddress& source) = 0;
+
+    // Added so that opening a link need not block the caller: returns a link that may still be
+    // connecting (IZRTDataLayer::IsConnecting), or empty when the attempt failed at once. The
+    // outcome reaches the sinks registered on the link, also those that register after it came:
+    // OnLinkConnected once the link is usable, OnConnectionClosed when the attempt failed or ran
+    // out of time. The default opens the link with Connect, blocking the caller as Connect does.
+    virtual QOX::CRefCountPtr<IZRTDataLayer> BeginConnect(const IZRTConnectionAddress& destination,
+                                                          const IZRTConnectionAddress& source)
+    {
+        return Connect(destination, source);
+    }
 };
 
 } // namespace ZRT

@@ -1,16 +1,154 @@
 #include "proxy/address/CAddressManager.h"
 
 #include <arpa/inet.h>
-#include <netdb.h>
+#include <ifaddrs.h>
+#include <netinet/in.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstring>
 
 #include "runtime/Clock.h"
+#include "transport/CTCPIPAddress.h"
 
 namespace ZRT {
 namespace Proxy {
+
+namespace {
+// Entries looked at for expiry, from the least recently used end, per insertion.
+constexpr int SWEEP_PER_INSERT = 8;
+
+// Splits "name:port"; false (the whole text as the name) when there is no decimal port.
+bool SplitKey(const std::string& key, std::string& name, unsigned int& port)
+{
+    const size_t colon = key.rfind(':');
+    name = key;
+    port = 0;
+    if (colon == std::string::npos || colon + 1 == key.size() || key.size() - colon > 6)
+        return false;
+    unsigned long value = 0;
+    for (size_t i = colon + 1; i < key.size(); ++i) {
+        if (key[i] < '0' || key[i] > '9')
+            return false;
+        value = value * 10 + static_cast<unsigned long>(key[i] - '0');
+    }
+    if (value > 65535)
+        return false;
+    name = key.substr(0, colon);
+    port = static_cast<unsigned int>(value);
+    return true;
+}
+
+std::string CacheName(const std::string& key)
+{
+    std::string name;
+    unsigned int port = 0;
+    SplitKey(key, name, port);
+    return name;
+}
+
+// The cached address with the port that the key asks for.
+CAddressManager::AddressPtr WithPort(const CAddressManager::AddressPtr& address, const std::string& key)
+{
+    std::string name;
+    unsigned int port = 0;
+    if (!address || !SplitKey(key, name, port) || address->GetPortNumber() == port)
+        return address;
+    sockaddr_storage storage{};
+    int length = sizeof(storage);
+    if (!address->GetSockAddr(reinterpret_cast<sockaddr*>(&storage), &length))
+        return address;
+    if (storage.ss_family == AF_INET)
+        reinterpret_cast<sockaddr_in*>(&storage)->sin_port = htons(static_cast<uint16_t>(port));
+    else if (storage.ss_family == AF_INET6)
+        reinterpret_cast<sockaddr_in6*>(&storage)->sin6_port = htons(static_cast<uint16_t>(port));
+    auto* copy = new CTCPIPAddress();
+    CAddressManager::AddressPtr held(copy);
+    if (!copy->SetAddress(*reinterpret_cast<sockaddr*>(&storage), static_cast<unsigned int>(length)))
+        return address;
+    return held;
+}
+
+// The 16-byte form of an IPv4 or IPv6 socket address (IPv4 as ::ffff:a.b.c.d); empty otherwise.
+std::string AddressBytes(const sockaddr* address)
+{
+    unsigned char bytes[16] = {0};
+    if (address->sa_family == AF_INET) {
+        bytes[10] = bytes[11] = 0xff;
+        std::memcpy(bytes + 12, &reinterpret_cast<const sockaddr_in*>(address)->sin_addr, 4);
+    } else if (address->sa_family == AF_INET6) {
+        std::memcpy(bytes, &reinterpret_cast<const sockaddr_in6*>(address)->sin6_addr, 16);
+    } else {
+        return {};
+    }
+    return std::string(reinterpret_cast<const char*>(bytes), 16);
+}
+
+bool IsLoopbackOrUnspecified(const std::string& bytes)
+{
+    static const unsigned char zero[16] = {0};
+    static const unsigned char one[16] = {0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1};
+    const auto* b = reinterpret_cast<const unsigned char*>(bytes.data());
+    if (std::memcmp(b, zero, 16) == 0 || std::memcmp(b, one, 16) == 0)
+        return true;
+    const bool mapped = std::memcmp(b, zero, 10) == 0 && b[10] == 0xff && b[11] == 0xff;
+    if (!mapped)
+        return false;
+    // 127.0.0.0/8 and 0.0.0.0 in the mapped form.
+    return b[12] == 127 || (b[12] == 0 && b[13] == 0 && b[14] == 0 && b[15] == 0);
+}
+
+long long NowMilliseconds()
+{
+    return QOX::MonotonicMilliseconds();
+}
+} // namespace
+
+// A synchronous ResolveAddress: waits on its own condition for the answer, a stop or the limit.
+class CAddressManager::CSyncWaiter : public CAddressManager::IWaiter {
+public:
+    void OnLookupDone(const AddressPtr& address) override
+    {
+        std::lock_guard<std::mutex> hold(m_mutex);
+        m_result = address;
+        m_done = true;
+        m_changed.notify_all();
+    }
+    void GiveUp()
+    {
+        std::lock_guard<std::mutex> hold(m_mutex);
+        m_done = true;
+        m_changed.notify_all();
+    }
+    void Poke()
+    {
+        std::lock_guard<std::mutex> hold(m_mutex);
+        m_changed.notify_all();
+    }
+    // Waits until answered or the clock says the limit passed; false on the limit.
+    bool Wait(uint32_t start, AddressPtr& result)
+    {
+        const uint32_t limit = static_cast<uint32_t>(QUERY_TIMEOUT_SECONDS * 1e6);
+        std::unique_lock<std::mutex> hold(m_mutex);
+        for (;;) {
+            if (m_done) {
+                result = m_result;
+                return true;
+            }
+            const uint32_t elapsed = QOX::clock() - start;
+            if (elapsed >= limit)
+                return false;
+            m_changed.wait_for(hold, std::chrono::microseconds(limit - elapsed));
+        }
+    }
+
+private:
+    std::mutex m_mutex;
+    std::condition_variable m_changed;
+    bool m_done = false;
+    AddressPtr m_result;
+};
 
 CAddressManager* CAddressManager::GetInstance()
 {
@@ -20,124 +158,287 @@ CAddressManager* CAddressManager::GetInstance()
 
 CAddressManager::CAddressManager() = default;
 
+// Terminate is the owner's duty (CProxy::StopProxy): at unload the resolver may be gone.
 CAddressManager::~CAddressManager() = default;
 
 bool CAddressManager::Init(IResolveAddress* resolver)
 {
-    QOX::CLock hold(m_mutex);
-    if (!m_initialized && resolver) {
+    {
+        std::lock_guard<std::mutex> hold(m_mutex);
+        if (m_initialized || !resolver)
+            return m_resolver != nullptr;
         m_resolver = resolver;
         m_initialized = true;
-        m_resolver->AddNotification(this);
-        CollectLocalAddresses();
+        CollectLocalAddressesLocked();
     }
-    return m_resolver != nullptr;
-}
-
-void CAddressManager::CollectLocalAddresses()
-{
-    m_localAddresses.clear();
-    char name[256];
-    std::memset(name, 0, sizeof(name));
-    if (gethostname(name, 255) != 0)
-        return;
-    // gethostbyname is not reentrant; m_mutex serialises our own calls and nothing else in the
-    // engine uses it.
-    const hostent* entry = gethostbyname(name);
-    if (!entry)
-        return;
-    if (entry->h_name)
-        m_localAddresses.insert(entry->h_name);
-    for (char** alias = entry->h_aliases; alias && *alias; ++alias)
-        m_localAddresses.insert(*alias);
-    for (char** raw = entry->h_addr_list; raw && *raw; ++raw) {
-        char text[100];
-        if (inet_ntop(entry->h_addrtype, *raw, text, sizeof(text)))
-            m_localAddresses.insert(text);
-    }
+    resolver->AddNotification(this);
+    return true;
 }
 
 void CAddressManager::Terminate()
 {
-    QOX::CLock hold(m_mutex);
-    if (!m_initialized)
+    IResolveAddress* resolver = nullptr;
+    std::vector<SWaiting> failed;
+    std::set<CSyncWaiter*> syncWaiters;
+    {
+        std::lock_guard<std::mutex> hold(m_mutex);
+        if (!m_initialized)
+            return;
+        resolver = m_resolver;
+        m_resolver = nullptr;
+        m_initialized = false;
+        m_cache.clear();
+        m_recency.clear();
+        for (auto& entry : m_pending) {
+            for (SWaiting& waiting : entry.second.waiters)
+                failed.push_back(waiting);
+        }
+        m_pending.clear();
+        m_waiterNames.clear();
+        syncWaiters = m_syncWaiters;
+        for (const SWaiting& waiting : failed)
+            m_deliveries.push_back({waiting.waiter, std::this_thread::get_id()});
+    }
+    // Not under our lock: a resolver's answer in progress may be waiting for it.
+    resolver->RemoveNotification(this);
+    for (CSyncWaiter* waiter : syncWaiters)
+        waiter->GiveUp();
+    Deliver(std::move(failed), AddressPtr());
+    std::unique_lock<std::mutex> hold(m_mutex);
+    m_changed.wait(hold, [&] { return m_resolverCalls == 0; });
+}
+
+void CAddressManager::CollectLocalAddressesLocked()
+{
+    m_localAddresses.clear();
+    char name[256];
+    std::memset(name, 0, sizeof(name));
+    if (gethostname(name, 255) == 0 && name[0] != '\0')
+        m_localAddresses.insert(name);
+    // The interface list, never the system resolver: the host decides how names are looked up.
+    ifaddrs* interfaces = nullptr;
+    if (getifaddrs(&interfaces) != 0)
         return;
-    m_resolver->RemoveNotification(this);
-    m_cache.clear();
-    m_resolver = nullptr;
-    m_initialized = false;
-    ++m_stopGeneration;
-    m_changed.notify_all();
+    for (const ifaddrs* entry = interfaces; entry; entry = entry->ifa_next) {
+        if (!entry->ifa_addr)
+            continue;
+        const int family = entry->ifa_addr->sa_family;
+        char text[INET6_ADDRSTRLEN];
+        const void* raw = family == AF_INET
+                              ? static_cast<const void*>(&reinterpret_cast<const sockaddr_in*>(entry->ifa_addr)->sin_addr)
+                              : static_cast<const void*>(&reinterpret_cast<const sockaddr_in6*>(entry->ifa_addr)->sin6_addr);
+        if ((family == AF_INET || family == AF_INET6) && inet_ntop(family, raw, text, sizeof(text)))
+            m_localAddresses.insert(text);
+    }
+    freeifaddrs(interfaces);
 }
 
 bool CAddressManager::IsLocalAddress(const std::string& address)
 {
     const std::string host = address.substr(0, address.find(':'));
-    QOX::CLock hold(m_mutex);
+    std::lock_guard<std::mutex> hold(m_mutex);
     return m_localAddresses.count(host) != 0;
 }
 
 void CAddressManager::StopRequest()
 {
-    QOX::CLock hold(m_mutex);
-    ++m_stopGeneration;
-    m_changed.notify_all();
+    std::set<CSyncWaiter*> waiters;
+    {
+        std::lock_guard<std::mutex> hold(m_mutex);
+        waiters = m_syncWaiters;
+    }
+    for (CSyncWaiter* waiter : waiters)
+        waiter->GiveUp();
 }
 
-bool CAddressManager::FindAddressInCache(const std::string& key, QOX::CRefCountPtr<IZRTConnectionAddress>& address)
+void CAddressManager::WakeWaitersForTesting()
 {
-    QOX::CLock hold(m_mutex);
-    const auto entry = m_cache.find(key);
+    std::lock_guard<std::mutex> hold(m_mutex);
+    for (CSyncWaiter* waiter : m_syncWaiters)
+        waiter->Poke();
+}
+
+// ---- the cache ----
+
+bool CAddressManager::FindAddressInCache(const std::string& key, AddressPtr& address)
+{
+    std::lock_guard<std::mutex> hold(m_mutex);
+    return FindLocked(key, address);
+}
+
+bool CAddressManager::FindLocked(const std::string& key, AddressPtr& address)
+{
+    const auto entry = m_cache.find(CacheName(key));
     if (entry == m_cache.end())
         return false;
-    const uint32_t age = QOX::clock() - entry->second.m_time; // unsigned: one wrap is harmless
-    const uint32_t lifetime = entry->second.m_address ? CACHE_LIFETIME_RESOLVED : CACHE_LIFETIME_FAILED;
+    const SAddressInfo& info = entry->second.info;
+    const uint32_t age = QOX::clock() - info.m_time; // unsigned: one wrap is harmless
+    const uint32_t lifetime = info.m_address ? CACHE_LIFETIME_RESOLVED : CACHE_LIFETIME_FAILED;
     if (age > lifetime) {
-        m_cache.erase(entry);
+        EraseLocked(entry);
         return false;
     }
-    address = entry->second.m_address;
+    m_recency.splice(m_recency.begin(), m_recency, entry->second.recency);
+    address = WithPort(info.m_address, key);
     return true;
 }
 
-QOX::CRefCountPtr<IZRTConnectionAddress> CAddressManager::ResolveLocally(const std::string& /*key*/)
+void CAddressManager::InsertLocked(const std::string& name, const AddressPtr& address)
+{
+    if (m_cache.count(name) != 0)
+        return; // the first answer for a name stays
+    SweepLocked();
+    while (!m_cache.empty() && m_cache.size() >= m_cacheLimit)
+        EraseLocked(m_cache.find(m_recency.back()));
+    if (m_cacheLimit == 0)
+        return;
+    m_recency.push_front(name);
+    SEntry entry;
+    entry.info.m_time = QOX::clock();
+    entry.info.m_address = address;
+    entry.recency = m_recency.begin();
+    m_cache.emplace(name, std::move(entry));
+}
+
+void CAddressManager::SweepLocked()
+{
+    auto position = m_recency.end();
+    for (int looked = 0; looked < SWEEP_PER_INSERT && position != m_recency.begin(); ++looked) {
+        --position;
+        const auto entry = m_cache.find(*position);
+        const SAddressInfo& info = entry->second.info;
+        const uint32_t lifetime = info.m_address ? CACHE_LIFETIME_RESOLVED : CACHE_LIFETIME_FAILED;
+        if (QOX::clock() - info.m_time <= lifetime)
+            continue;
+        const auto next = std::next(position);
+        EraseLocked(entry);
+        position = next;
+    }
+}
+
+void CAddressManager::EraseLocked(std::unordered_map<std::string, SEntry>::iterator entry)
+{
+    m_recency.erase(entry->second.recency);
+    m_cache.erase(entry);
+}
+
+void CAddressManager::SetCacheLimit(size_t names)
+{
+    std::lock_guard<std::mutex> hold(m_mutex);
+    m_cacheLimit = names;
+    while (m_cache.size() > m_cacheLimit)
+        EraseLocked(m_cache.find(m_recency.back()));
+}
+
+size_t CAddressManager::GetCacheLimit()
+{
+    std::lock_guard<std::mutex> hold(m_mutex);
+    return m_cacheLimit;
+}
+
+size_t CAddressManager::GetCacheSize()
+{
+    std::lock_guard<std::mutex> hold(m_mutex);
+    return m_cache.size();
+}
+
+// ---- lookups ----
+
+CAddressManager::AddressPtr CAddressManager::ResolveLocally(const std::string& /*key*/)
 {
     return {};
 }
 
-QOX::CRefCountPtr<IZRTConnectionAddress> CAddressManager::QueryAddress(const std::string& key)
+bool CAddressManager::Lookup(const std::string& key, IWaiter* waiter, AddressPtr& address)
 {
     IResolveAddress* resolver = nullptr;
-    uint64_t generation = 0;
     {
-        QOX::CLock hold(m_mutex);
-        if (!m_initialized || !m_resolver)
-            return {};
-        resolver = m_resolver;
-        generation = m_stopGeneration;
+        std::lock_guard<std::mutex> hold(m_mutex);
+        address.Reset();
+        if (!m_initialized || !m_resolver || !waiter)
+            return true;
+        if (FindLocked(key, address))
+            return true;
+        const std::string name = CacheName(key);
+        SPending& pending = m_pending[name];
+        if (pending.waiters.empty() && pending.askedKey.empty()) {
+            pending.askedKey = key;
+            resolver = m_resolver;
+        }
+        pending.waiters.push_back({waiter, key});
+        m_waiterNames[waiter] = name;
     }
-    const auto deadline = std::chrono::steady_clock::now()
-                          + std::chrono::duration_cast<std::chrono::steady_clock::duration>(
-                              std::chrono::duration<double>(QUERY_TIMEOUT_SECONDS));
-
-    // Without our lock, so a resolver that answers on this thread can store its answer.
-    resolver->ResolveAddressAsync(key);
-
-    QOX::CRefCountPtr<IZRTConnectionAddress> found;
-    std::unique_lock<QOX::CRecursiveMutex> hold(m_mutex);
-    for (;;) {
-        if (FindAddressInCache(key, found))
-            return found;
-        if (std::chrono::steady_clock::now() >= deadline || generation != m_stopGeneration)
-            return {};
-        // Every answer and every stop notifies under m_mutex, so no wake-up is missed.
-        m_changed.wait_until(hold, deadline);
-    }
+    // Without our lock, so a resolver that answers on this thread can deliver its answer.
+    if (resolver)
+        resolver->ResolveAddressAsync(key);
+    return false;
 }
 
-QOX::CRefCountPtr<IZRTConnectionAddress> CAddressManager::ResolveAddress(const std::string& key)
+void CAddressManager::CancelLookup(IWaiter* waiter)
 {
-    QOX::CRefCountPtr<IZRTConnectionAddress> address;
+    IResolveAddress* resolver = nullptr;
+    std::string cancelled;
+    {
+        std::unique_lock<std::mutex> hold(m_mutex);
+        cancelled = WithdrawLocked(waiter);
+        resolver = m_resolver;
+        const std::thread::id self = std::this_thread::get_id();
+        m_changed.wait(hold, [&] {
+            return std::none_of(m_deliveries.begin(), m_deliveries.end(), [&](const SDelivery& delivery) {
+                return delivery.waiter == waiter && delivery.thread != self;
+            });
+        });
+    }
+    if (resolver && !cancelled.empty())
+        resolver->CancelRequest(cancelled);
+}
+
+std::string CAddressManager::WithdrawLocked(IWaiter* waiter)
+{
+    const auto named = m_waiterNames.find(waiter);
+    if (named == m_waiterNames.end())
+        return {};
+    const auto pending = m_pending.find(named->second);
+    m_waiterNames.erase(named);
+    if (pending == m_pending.end())
+        return {};
+    auto& waiters = pending->second.waiters;
+    waiters.erase(std::remove_if(waiters.begin(), waiters.end(),
+                                 [&](const SWaiting& waiting) { return waiting.waiter == waiter; }),
+                  waiters.end());
+    if (!waiters.empty())
+        return {};
+    std::string asked = pending->second.askedKey;
+    m_pending.erase(pending);
+    return asked;
+}
+
+CAddressManager::AddressPtr CAddressManager::QueryAddress(const std::string& key)
+{
+    CSyncWaiter waiter;
+    const uint32_t start = QOX::clock();
+    AddressPtr address;
+    {
+        std::lock_guard<std::mutex> hold(m_mutex);
+        if (!m_initialized)
+            return {};
+        m_syncWaiters.insert(&waiter);
+    }
+    if (Lookup(key, &waiter, address)) {
+        std::lock_guard<std::mutex> hold(m_mutex);
+        m_syncWaiters.erase(&waiter);
+        return address;
+    }
+    waiter.Wait(start, address);
+    CancelLookup(&waiter);
+    std::lock_guard<std::mutex> hold(m_mutex);
+    m_syncWaiters.erase(&waiter);
+    return address;
+}
+
+CAddressManager::AddressPtr CAddressManager::ResolveAddress(const std::string& key)
+{
+    AddressPtr address;
     if (FindAddressInCache(key, address))
         return address;
     address = ResolveLocally(key);
@@ -146,27 +447,110 @@ QOX::CRefCountPtr<IZRTConnectionAddress> CAddressManager::ResolveAddress(const s
     return QueryAddress(key);
 }
 
-void CAddressManager::OnResolveAddressCompleted(int /*status*/, const std::string& address,
-                                                QOX::CRefCountPtr<IZRTConnectionAddress> result)
+void CAddressManager::OnResolveAddressCompleted(int /*status*/, const std::string& address, AddressPtr result)
 {
-    QOX::CLock hold(m_mutex);
-    SAddressInfo info;
-    info.m_time = QOX::clock();
-    info.m_address = result;
-    m_cache.emplace(address, info); // the first answer for a key stays
+    std::vector<SWaiting> waiters;
+    {
+        std::lock_guard<std::mutex> hold(m_mutex);
+        if (!m_initialized)
+            return;
+        ++m_resolverCalls;
+        const std::string name = CacheName(address);
+        InsertLocked(name, result);
+        const auto pending = m_pending.find(name);
+        if (pending != m_pending.end()) {
+            waiters = std::move(pending->second.waiters);
+            m_pending.erase(pending);
+        }
+        for (const SWaiting& waiting : waiters) {
+            m_waiterNames.erase(waiting.waiter);
+            m_deliveries.push_back({waiting.waiter, std::this_thread::get_id()});
+        }
+    }
+    Deliver(std::move(waiters), result);
+    std::lock_guard<std::mutex> hold(m_mutex);
+    --m_resolverCalls;
     m_changed.notify_all();
+}
+
+// The waiters were entered in m_deliveries by the caller; each leaves it once told.
+void CAddressManager::Deliver(std::vector<SWaiting> waiters, const AddressPtr& result)
+{
+    for (const SWaiting& waiting : waiters) {
+        waiting.waiter->OnLookupDone(WithPort(result, waiting.key));
+        std::lock_guard<std::mutex> hold(m_mutex);
+        const std::thread::id self = std::this_thread::get_id();
+        const auto found = std::find_if(m_deliveries.begin(), m_deliveries.end(), [&](const SDelivery& delivery) {
+            return delivery.waiter == waiting.waiter && delivery.thread == self;
+        });
+        if (found != m_deliveries.end())
+            m_deliveries.erase(found);
+        m_changed.notify_all();
+    }
+}
+
+// ---- the machine itself ----
+
+void CAddressManager::SetProxyPort(unsigned int port)
+{
+    std::lock_guard<std::mutex> hold(m_mutex);
+    m_proxyPort = port;
+}
+
+bool CAddressManager::IsProxyItself(const IZRTConnectionAddress& address)
+{
+    sockaddr_storage storage{};
+    int length = sizeof(storage);
+    if (!address.GetSockAddr(reinterpret_cast<sockaddr*>(&storage), &length))
+        return false;
+    const std::string bytes = AddressBytes(reinterpret_cast<const sockaddr*>(&storage));
+    std::lock_guard<std::mutex> hold(m_mutex);
+    if (bytes.empty() || m_proxyPort == 0 || address.GetPortNumber() != m_proxyPort)
+        return false;
+    if (IsLoopbackOrUnspecified(bytes))
+        return true;
+    RefreshOwnAddressesLocked();
+    return m_ownAddresses.count(bytes) != 0;
+}
+
+void CAddressManager::RefreshOwnAddressesLocked()
+{
+    const long long now = NowMilliseconds();
+    if (m_ownAddressesFixed || (m_ownAddressesTime != 0 && now - m_ownAddressesTime < OWN_ADDRESS_REFRESH_MS))
+        return;
+    m_ownAddressesTime = now;
+    m_ownAddresses.clear();
+    ifaddrs* interfaces = nullptr;
+    if (getifaddrs(&interfaces) != 0)
+        return;
+    for (const ifaddrs* entry = interfaces; entry; entry = entry->ifa_next) {
+        if (!entry->ifa_addr)
+            continue;
+        const std::string bytes = AddressBytes(entry->ifa_addr);
+        if (!bytes.empty())
+            m_ownAddresses.insert(bytes);
+    }
+    freeifaddrs(interfaces);
 }
 
 void CAddressManager::SetLocalAddressesForTesting(const std::set<std::string>& addresses)
 {
-    QOX::CLock hold(m_mutex);
+    std::lock_guard<std::mutex> hold(m_mutex);
     m_localAddresses = addresses;
 }
 
-size_t CAddressManager::GetCacheSizeForTesting()
+void CAddressManager::SetOwnAddressesForTesting(const std::set<std::string>& addresses)
 {
-    QOX::CLock hold(m_mutex);
-    return m_cache.size();
+    std::lock_guard<std::mutex> hold(m_mutex);
+    m_ownAddresses.clear();
+    m_ownAddressesFixed = true;
+    for (const std::string& text : addresses) {
+        QOX::CRefCountPtr<IZRTConnectionAddress> parsed = CTCPIPAddress::FromText(text.c_str(), 0);
+        sockaddr_storage storage{};
+        int length = sizeof(storage);
+        if (parsed && parsed->GetSockAddr(reinterpret_cast<sockaddr*>(&storage), &length))
+            m_ownAddresses.insert(AddressBytes(reinterpret_cast<const sockaddr*>(&storage)));
+    }
 }
 
 } // namespace Proxy

@@ -2,11 +2,15 @@
 
 #include <condition_variable>
 #include <cstdint>
+#include <list>
 #include <map>
+#include <mutex>
 #include <set>
 #include <string>
+#include <thread>
+#include <unordered_map>
+#include <vector>
 
-#include "runtime/CRecursiveMutex.h"
 #include "runtime/CRefCountPtr.h"
 #include "runtime/Export.h"
 #include "transport/IResolveAddress.h"
@@ -16,22 +20,45 @@
 namespace ZRT {
 namespace Proxy {
 
-// Process-wide cache in front of the host's asynchronous resolver: turns "host:port" texts into
-// addresses, remembering answers for an hour and failures for a minute, and makes resolution look
-// synchronous to its callers. Also knows this machine's own names and addresses.
+// The name cache in front of the host's asynchronous resolver. Each proxy has one of its own
+// (GetInstance is a process-wide one for callers without a proxy). It turns "host:port" texts
+// into addresses: answers are kept for an hour, failures for a minute, keyed by the name alone
+// (the port of each request is applied to the cached address), at most GetCacheLimit() names,
+// the least recently used leaving first. Expired names are swept as new ones come in; nothing
+// runs on a timer.
+//
+// Lookups: Lookup answers at once from the cache, or registers a waiter that is told the answer
+// on the resolver's thread. Requests for one name share one question to the resolver; a name
+// that nobody waits for any more is cancelled there (IResolveAddress::CancelRequest). The
+// synchronous ResolveAddress waits for at most QUERY_TIMEOUT_SECONDS.
+//
+// It also knows the machine's own names and addresses: IsLocalAddress looks at a text as the
+// HTTP side has always done, IsProxyItself at a parsed address and the proxy's own port.
 class ZRT_EXPORT CAddressManager : public IResolveAddressCompletedNotification {
 public:
+    using AddressPtr = QOX::CRefCountPtr<IZRTConnectionAddress>;
+
     struct SAddressInfo {
         uint32_t m_time = 0;
-        QOX::CRefCountPtr<IZRTConnectionAddress> m_address;
+        AddressPtr m_address;
+    };
+
+    // Told the answer of a lookup that Lookup could not give at once: exactly once, on the
+    // resolver's thread or inside the Lookup call that asked, never with the manager's lock held.
+    class IWaiter {
+    public:
+        virtual void OnLookupDone(const AddressPtr& address) = 0; // empty when it failed
+
+    protected:
+        ~IWaiter() = default;
     };
 
     static constexpr uint32_t CACHE_LIFETIME_RESOLVED = 3600000000u; // one hour of clock() ticks
     static constexpr uint32_t CACHE_LIFETIME_FAILED = 60000000u;     // one minute
     static constexpr double QUERY_TIMEOUT_SECONDS = 30.0;
-    // A waiting query sleeps on a condition that every answer and every stop signals, so it
-    // reacts at once instead of looking every QUERY_POLL_INTERVAL ms.
-    static constexpr int QUERY_POLL_INTERVAL = 10;
+    static constexpr size_t DEFAULT_CACHE_LIMIT = 4096;
+    // The machine's addresses are read again when asked after this long.
+    static constexpr int OWN_ADDRESS_REFRESH_MS = 10000;
 
     static CAddressManager* GetInstance();
 
@@ -40,35 +67,93 @@ public:
     CAddressManager(const CAddressManager&) = delete;
     CAddressManager& operator=(const CAddressManager&) = delete;
 
+    // Registers with the resolver; a second Init while initialised changes nothing.
     bool Init(IResolveAddress* resolver);
+    // Unregisters, empties the cache, and fails every waiting lookup. When it returns, no call of
+    // the resolver is inside the manager any more.
     void Terminate();
     bool IsLocalAddress(const std::string& address);
+    // Makes every waiting ResolveAddress give up.
     void StopRequest();
-    bool FindAddressInCache(const std::string& key, QOX::CRefCountPtr<IZRTConnectionAddress>& address);
-    QOX::CRefCountPtr<IZRTConnectionAddress> ResolveLocally(const std::string& key);
-    QOX::CRefCountPtr<IZRTConnectionAddress> QueryAddress(const std::string& key);
-    QOX::CRefCountPtr<IZRTConnectionAddress> ResolveAddress(const std::string& key);
+    bool FindAddressInCache(const std::string& key, AddressPtr& address);
+    AddressPtr ResolveLocally(const std::string& key);
+    AddressPtr QueryAddress(const std::string& key);
+    AddressPtr ResolveAddress(const std::string& key);
 
-    void OnResolveAddressCompleted(int status, const std::string& address,
-                                   QOX::CRefCountPtr<IZRTConnectionAddress> result) override;
+    // True with the answer (empty for a known failure) when it is known now; false when waiter
+    // will be told.
+    bool Lookup(const std::string& key, IWaiter* waiter, AddressPtr& address);
+    // No OnLookupDone reaches waiter after this returns (it waits for one being made on
+    // another thread).
+    void CancelLookup(IWaiter* waiter);
 
-    // For tests: replaces the set of local names and addresses.
+    // The proxy's own listening port for IsProxyItself; 0 when it has none.
+    void SetProxyPort(unsigned int port);
+    // True for an address of this machine (any loopback or unspecified address, their
+    // IPv4-mapped forms, every interface address) with the proxy's own port: a connection there
+    // would come back into the proxy.
+    bool IsProxyItself(const IZRTConnectionAddress& address);
+
+    void SetCacheLimit(size_t names);
+    size_t GetCacheLimit();
+    size_t GetCacheSize();
+
+    void OnResolveAddressCompleted(int status, const std::string& address, AddressPtr result) override;
+
+    // For tests: replaces the set of local names and addresses, and the machine's own addresses
+    // (numeric texts) that IsProxyItself knows besides loopback and unspecified ones.
     void SetLocalAddressesForTesting(const std::set<std::string>& addresses);
-    size_t GetCacheSizeForTesting();
+    void SetOwnAddressesForTesting(const std::set<std::string>& addresses);
+    // Wakes every waiting ResolveAddress to look at the clock again (after the test moved it).
+    void WakeWaitersForTesting();
 
 private:
-    void CollectLocalAddresses();
+    struct SEntry {
+        SAddressInfo info;
+        std::list<std::string>::iterator recency;
+    };
+    struct SWaiting {
+        IWaiter* waiter;
+        std::string key;
+    };
+    struct SPending {
+        std::string askedKey;
+        std::vector<SWaiting> waiters;
+    };
+    struct SDelivery {
+        IWaiter* waiter;
+        std::thread::id thread;
+    };
+    class CSyncWaiter;
 
-    QOX::CRecursiveMutex m_mutex;
-    // Wakes waiting queries when an answer arrives or a stop is requested, so they do not sleep
-    // out their poll interval.
-    std::condition_variable_any m_changed;
-    // Counts stop requests; a query gives up when it changes while it waits.
-    uint64_t m_stopGeneration = 0;
+    bool FindLocked(const std::string& key, AddressPtr& address);
+    void InsertLocked(const std::string& name, const AddressPtr& address);
+    void SweepLocked();
+    void EraseLocked(std::unordered_map<std::string, SEntry>::iterator entry);
+    // Takes waiter out of the pending lookups; the key asked for its name when it was the last.
+    std::string WithdrawLocked(IWaiter* waiter);
+    void Deliver(std::vector<SWaiting> waiters, const AddressPtr& result);
+    void CollectLocalAddressesLocked();
+    void RefreshOwnAddressesLocked();
+
+    // Guards every member below. Never held while the resolver or a waiter is called.
+    std::mutex m_mutex;
+    std::condition_variable m_changed;
     IResolveAddress* m_resolver = nullptr;
-    std::map<std::string, SAddressInfo> m_cache;
     bool m_initialized = false;
+    size_t m_cacheLimit = DEFAULT_CACHE_LIMIT;
+    std::unordered_map<std::string, SEntry> m_cache;
+    std::list<std::string> m_recency; // names, most recently used first
+    std::map<std::string, SPending> m_pending;
+    std::unordered_map<IWaiter*, std::string> m_waiterNames;
+    std::vector<SDelivery> m_deliveries;
+    std::set<CSyncWaiter*> m_syncWaiters;
+    int m_resolverCalls = 0; // OnResolveAddressCompleted calls in progress
     std::set<std::string> m_localAddresses;
+    std::set<std::string> m_ownAddresses; // 16-byte forms (IPv4 mapped)
+    long long m_ownAddressesTime = 0;
+    bool m_ownAddressesFixed = false;
+    unsigned int m_proxyPort = 0;
 };
 
 } // namespace Proxy

@@ -22,27 +22,9 @@ IConnectionProtocol* CConnectionProtocolFactory::CreateProtocol(IProxyConnection
 {
     if (!data || length <= 0)
         return nullptr;
-    Creator creator;
-    {
-        std::lock_guard<std::mutex> hold(m_testMutex);
-        creator = m_testCreator;
-    }
-    if (creator)
-        return creator(connection, data, length);
-    return CreateBuiltIn(connection, data);
-}
-
-IConnectionProtocol* CConnectionProtocolFactory::CreateBuiltIn(IProxyConnection& connection, const char* data)
-{
     if (static_cast<unsigned char>(data[0]) == SOCKS5_VERSION)
         return new CConnectionProtocol_SOCKS5(connection);
     return new CConnectionProtocol_HTTP(connection);
-}
-
-void CConnectionProtocolFactory::SetCreatorForTesting(Creator creator)
-{
-    std::lock_guard<std::mutex> hold(m_testMutex);
-    m_testCreator = std::move(creator);
 }
 
 } // namespace Proxy

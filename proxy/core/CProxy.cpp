@@ -12,7 +12,7 @@
 #include <cstdio>
 #include <vector>
 
-#include "proxy/address/CAddressManager.h"
+#include "proxy/core/CConnectionProtocolFactory.h"
 #include "proxy/core/CProxyConnection.h"
 #include "runtime/CRefCountPtr.h"
 #include "transport/CSocketUtils.h"
@@ -72,20 +72,25 @@ bool CProxy::StartProxy(const std::string& listenAddress, int port, IResolveAddr
             return true;
         StopProxy();
     }
-    if (!CAddressManager::GetInstance()->Init(resolver))
+    if (!m_addressManager.Init(resolver))
         return false;
     const int socket = OpenListenSocket(listenAddress, port);
-    if (socket < 0)
+    if (socket < 0) {
+        m_addressManager.Terminate();
         return false;
+    }
     m_multiPointLayer = multiPointLayer;
     m_datagramHandler = datagramHandler;
     m_connectionListener = connectionListener;
     m_listenPort = BoundPort(socket);
+    m_addressManager.SetProxyPort(static_cast<unsigned int>(m_listenPort.load()));
     m_listenSocket = socket;
     if (StartThread(false))
         return true;
     m_listenSocket = -1;
     m_listenPort = 0;
+    m_addressManager.SetProxyPort(0);
+    m_addressManager.Terminate();
     CSocketUtils::CloseSocket(socket);
     return false;
 }
@@ -173,7 +178,8 @@ bool CProxy::AcceptOne(int listenSocket)
 
 void CProxy::StopProxy()
 {
-    CAddressManager::GetInstance()->Terminate();
+    // Lookups under way fail at once, so no connection waits for one.
+    m_addressManager.Terminate();
     // The thread is stopped before the socket is closed, so it never polls or accepts on a
     // descriptor number that has been given to someone else.
     const int socket = m_listenSocket.exchange(-1);
@@ -182,6 +188,7 @@ void CProxy::StopProxy()
         StopThread(-1);
     CSocketUtils::CloseSocket(socket);
     m_listenPort = 0;
+    m_addressManager.SetProxyPort(0);
     CloseProxyConnections();
     // Threads kept for reuse would run the engine's code after the host may have unloaded it.
     QOX::CThreadPool::Instance().DrainIdle();
@@ -193,7 +200,7 @@ void CProxy::CloseProxyConnections()
     {
         // Referenced under the mutex: a connection leaves the set (under it) before its count can
         // reach 0.
-        QOX::CLock hold(m_mutex);
+        std::lock_guard<std::mutex> hold(m_mutex);
         for (CProxyConnection* connection : m_connections)
             connections.emplace_back(connection);
         m_connections.clear();
@@ -206,19 +213,37 @@ void CProxy::CloseProxyConnections()
 
 void CProxy::OnConnectionCreated(CProxyConnection* connection)
 {
-    QOX::CLock hold(m_mutex);
+    std::lock_guard<std::mutex> hold(m_mutex);
     m_connections.insert(connection);
 }
 
 void CProxy::OnConnectionDestroyed(CProxyConnection* connection)
 {
-    QOX::CLock hold(m_mutex);
+    std::lock_guard<std::mutex> hold(m_mutex);
     m_connections.erase(connection);
+}
+
+IConnectionProtocol* CProxy::CreateProtocol(IProxyConnection& connection, const char* data, int length)
+{
+    ProtocolCreator creator;
+    {
+        std::lock_guard<std::mutex> hold(m_mutex);
+        creator = m_creator;
+    }
+    if (creator && data && length > 0)
+        return creator(connection, data, length);
+    return CConnectionProtocolFactory::GetInstance()->CreateProtocol(connection, data, length);
+}
+
+void CProxy::SetProtocolCreator(ProtocolCreator creator)
+{
+    std::lock_guard<std::mutex> hold(m_mutex);
+    m_creator = std::move(creator);
 }
 
 bool CProxy::IsConnected()
 {
-    QOX::CLock hold(m_mutex);
+    std::lock_guard<std::mutex> hold(m_mutex);
     return m_listenSocket != -1;
 }
 
@@ -234,7 +259,7 @@ int CProxy::GetListenPort() const
 
 size_t CProxy::GetConnectionCount() const
 {
-    QOX::CLock hold(m_mutex);
+    std::lock_guard<std::mutex> hold(m_mutex);
     return m_connections.size();
 }
 

@@ -4,7 +4,13 @@
 #include <set>
 #include <string>
 
-#include "runtime/CRecursiveMutex.h"
+#include <functional>
+#include <mutex>
+
+#include "proxy/address/CAddressManager.h"
+#include "proxy/core/IConnectionProtocol.h"
+#include "proxy/core/IProxyConnection.h"
+#include "proxy/core/SProxySettings.h"
 #include "runtime/CThread.h"
 #include "runtime/Export.h"
 #include "transport/IConnectionListener.h"
@@ -24,6 +30,9 @@ class CProxyConnection;
 // itself from the set on its own thread before that thread drops its reference, and the set is
 // only read (and referenced) under m_mutex, so a connection found there never has a count that
 // already reached 0.
+//
+// Each proxy has a name cache of its own (GetAddressManager), so two proxies in one process
+// with different resolvers never answer from each other's cache.
 class ZRT_EXPORT CProxy : private QOX::CThread {
 public:
     enum EProxyMode { PROXY_MODE_DEFAULT = 0, PROXY_MODE_LOCAL = 1 };
@@ -58,6 +67,16 @@ public:
     int GetListenPort() const;
     size_t GetConnectionCount() const;
     EProxyMode GetMode() const { return m_mode; }
+    CAddressManager& GetAddressManager() { return m_addressManager; }
+    // Settings for the next start; the connections of a running proxy read them.
+    void SetSettings(const SProxySettings& settings) { m_settings = settings; }
+    const SProxySettings& GetSettings() const { return m_settings; }
+
+    // Makes the handler for a client from its first chunk: the protocol factory's choice, or the
+    // creator given here (tests put handlers of their own behind a real server this way).
+    using ProtocolCreator = std::function<IConnectionProtocol*(IProxyConnection& connection, const char* data, int length)>;
+    IConnectionProtocol* CreateProtocol(IProxyConnection& connection, const char* data, int length);
+    void SetProtocolCreator(ProtocolCreator creator);
 
     void CloseProxyConnections();
     void OnConnectionCreated(CProxyConnection* connection);
@@ -71,7 +90,9 @@ private:
     // False when nothing more is waiting (or descriptors ran out).
     bool AcceptOne(int listenSocket);
 
-    mutable QOX::CRecursiveMutex m_mutex;
+    // Guards m_connections and m_creator. Taken inside a connection's mutex (a connection leaving
+    // the set), never the other way round.
+    mutable std::mutex m_mutex;
     IZRTMultiPointLayer* m_multiPointLayer = nullptr;
     IDatagramHandler* m_datagramHandler = nullptr;
     IConnectionListener* m_connectionListener = nullptr;
@@ -80,6 +101,9 @@ private:
     std::set<CProxyConnection*> m_connections;
     EProxyMode m_mode;
     std::atomic<int> m_listenBacklog{LISTEN_BACKLOG};
+    CAddressManager m_addressManager;
+    SProxySettings m_settings;
+    ProtocolCreator m_creator;
 };
 
 } // namespace Proxy

@@ -8,8 +8,10 @@
 
 #include <algorithm>
 
+#include "proxy/address/CAddressManager.h"
 #include "proxy/core/CConnectionProtocolFactory.h"
 #include "proxy/core/CProxy.h"
+#include "transport/CByteBufferList.h"
 #include "transport/CSocketUtils.h"
 
 namespace ZRT {
@@ -56,11 +58,28 @@ void DiscardPendingInput(int socket)
             return;
     }
 }
+
+bool ReadSocketAddress(int socket, bool peer, CTCPIPAddress& address)
+{
+    sockaddr_storage storage{};
+    socklen_t length = sizeof(storage);
+    const int result = peer ? getpeername(socket, reinterpret_cast<sockaddr*>(&storage), &length)
+                            : getsockname(socket, reinterpret_cast<sockaddr*>(&storage), &length);
+    return result == 0 && address.SetAddress(*reinterpret_cast<sockaddr*>(&storage), length);
+}
+
+int MillisecondsUntil(std::chrono::steady_clock::time_point deadline)
+{
+    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+    // Rounded up, so the thread never wakes a moment early and spins.
+    return left.count() < 0 ? 0 : static_cast<int>(left.count()) + 1;
+}
 } // namespace
 
 QOX::CAtomicInt CProxyConnection::ms_connID(0);
 
-CProxyConnection::CProxyConnection(CProxy* proxy) : CThread(false), m_proxy(proxy), m_id(ms_connID.Increment())
+CProxyConnection::CProxyConnection(CProxy* proxy)
+    : CThread(false), m_proxy(proxy), m_server(proxy), m_id(ms_connID.Increment())
 {
     if (m_proxy)
         m_proxy->OnConnectionCreated(this);
@@ -69,13 +88,16 @@ CProxyConnection::CProxyConnection(CProxy* proxy) : CThread(false), m_proxy(prox
 CProxyConnection::~CProxyConnection()
 {
     {
-        QOX::CLock hold(m_mutex);
         // Only a connection whose thread never ran is still registered here; a running one
         // detached on its own thread.
+        std::lock_guard<std::mutex> hold(m_mutex);
         if (m_proxy)
             m_proxy->OnConnectionDestroyed(this);
         m_proxy = nullptr;
     }
+    TerminateHandler();
+    ReleaseLink();
+    CloseClientSocket();
     delete m_protocol;
     m_protocol = nullptr;
 }
@@ -84,15 +106,14 @@ bool CProxyConnection::Init(int socket, IZRTMultiPointLayer* multiPointLayer, ID
                             IConnectionListener* connectionListener)
 {
     m_initialized = false;
-    sockaddr_storage peer{};
-    socklen_t peerLength = sizeof(peer);
-    if (getpeername(socket, reinterpret_cast<sockaddr*>(&peer), &peerLength) != 0 ||
-        !m_clientAddress.SetAddress(*reinterpret_cast<sockaddr*>(&peer), peerLength)) {
+    // The wake event is made now: a thread that could never be woken could never be stopped.
+    if (!ReadSocketAddress(socket, true, m_clientAddress) || m_wakeEvent.GetWaitHandle() < 0) {
         CSocketUtils::CloseSocket(socket);
         return false;
     }
+    ReadSocketAddress(socket, false, m_localAddress);
     {
-        QOX::CLock hold(m_mutex);
+        std::lock_guard<std::mutex> hold(m_mutex);
         m_clientSocket = socket;
         m_multiPointLayer = multiPointLayer;
         m_datagramHandler = datagramHandler;
@@ -106,7 +127,7 @@ bool CProxyConnection::Init(int socket, IZRTMultiPointLayer* multiPointLayer, ID
     // Last step: once the thread runs it may finish and destroy the object at any moment.
     if (StartThread(false))
         return true;
-    QOX::CLock hold(m_mutex);
+    std::lock_guard<std::mutex> hold(m_mutex);
     m_initialized = false;
     m_clientSocket = -1;
     m_multiPointLayer = nullptr;
@@ -127,7 +148,7 @@ int CProxyConnection::ThreadFunc()
 
 void CProxyConnection::DetachFromProxy()
 {
-    QOX::CLock hold(m_mutex);
+    std::lock_guard<std::mutex> hold(m_mutex);
     if (m_proxy)
         m_proxy->OnConnectionDestroyed(this);
     m_proxy = nullptr;
@@ -137,251 +158,355 @@ int CProxyConnection::Run()
 {
     if (!m_initialized)
         return 0;
-    int idlePolls = 0;
-    for (;;) {
-        if (m_clientDisconnected || m_stopEvent.IsSignalled())
-            break;
-        DetachHostReader(true);
-        const STurn turn = PlanTurn(idlePolls > 0 || m_hostClosed);
-        // The stop event is not polled: every stop (Terminate) disconnects the client first,
-        // which signals the wake event; the flag is looked at above.
-        pollfd fds[3] = {{turn.socket, turn.events, 0},
-                         {m_wakeEvent.GetWaitHandle(), POLLIN, 0},
-                         {turn.hostSocket, POLLIN, 0}};
-        if (poll(fds, 3, turn.timeout) < 0) {
-            if (errno == EINTR)
-                continue;
-            break;
-        }
-        // Reset before looking at the state, so a signal after this point wakes the next poll.
-        if (fds[1].revents != 0)
-            m_wakeEvent.ResetEvent();
-        const short ready = fds[0].revents;
-        if ((turn.events & POLLOUT) && (ready & (POLLOUT | POLLERR | POLLHUP)))
-            FlushClientOutput();
-        if ((turn.events & POLLIN) && (ready & (POLLIN | POLLERR | POLLHUP)))
-            ReadDataFromClient();
-        if (m_clientEnded) {
-            PumpHostData();
-            if (GetClientBacklog() == 0 && GetHostBacklog() == 0)
-                break;
-            continue;
-        }
-        if (!m_protocol)
-            continue;
-        PumpHostData();
-        // A wake-up may stand for bytes the link read before reader mode began, which no
-        // readiness of the descriptor announces.
-        if (turn.hostSocket >= 0 && (fds[2].revents != 0 || fds[1].revents != 0))
-            ReadHostDirect();
-        if (LingerOver(idlePolls))
-            break;
+    while (Turn()) {
     }
-    if (!m_clientDisconnected)
-        DisconnectClient();
-    DetachHostReader(false);
-    DisconnectHostLink();
+    TerminateHandler();
+    ReleaseLink();
+    CloseClientSocket();
     return 0;
 }
 
-void CProxyConnection::DetachHostReader(bool onlyWhenClosed)
-{
-    QOX::CRefCountPtr<IZRTDataLayer> link;
-    {
-        QOX::CLock hold(m_mutex);
-        if (!m_readerLink || (onlyWhenClosed && !m_hostClosed))
-            return;
-        link = std::move(m_readerLink);
-        m_readerFd = -1;
-    }
-    link->DetachReader();
-}
+// ---- the loop ----
 
-void CProxyConnection::ReadHostDirect()
+bool CProxyConnection::Turn()
 {
-    if (!m_hostReadBuffer)
-        m_hostReadBuffer.reset(new unsigned char[HOST_DIRECT_READ_SIZE]);
-    for (int turn = 0; turn < HOST_BUFFERS_PER_TURN; ++turn) {
-        const int moved = SpliceHostToClient();
-        if (moved > 0)
-            continue;
-        if (moved == IZRTDataLayer::RECEIVE_NOTHING_NOW)
-            return;
-        if (moved == IZRTDataLayer::RECEIVE_END) {
-            DetachHostReader(false);
-            return;
-        }
-        if (moved == IZRTDataLayer::RECEIVE_SOCKET_FAILED) {
-            DisconnectClient();
-            return;
-        }
-        if (!CopyHostToHandler())
-            return;
-    }
-}
-
-int CProxyConnection::SpliceHostToClient()
-{
-    if (!m_spliceHost)
-        return IZRTDataLayer::RECEIVE_USE_RECEIVE_DATA;
-    // Held across the move: the client socket must not be closed (and its number reused) under it.
-    QOX::CLock hold(m_mutex);
-    // Queued bytes go first, through the copying road.
-    if (m_clientDisconnected || m_clientEnded || !m_readerLink || m_clientSocket < 0 || !m_hostData.IsEmpty() ||
-        !m_clientOutput.empty())
-        return IZRTDataLayer::RECEIVE_USE_RECEIVE_DATA;
-    const int moved = m_readerLink->ReceiveInto(m_clientSocket, HOST_SPLICE_SIZE);
-    if (moved == IZRTDataLayer::RECEIVE_END)
-        m_hostReadEnded = true;
-    return moved;
-}
-
-bool CProxyConnection::CopyHostToHandler()
-{
-    {
-        QOX::CLock hold(m_mutex);
-        // Bytes the transport queued before reader mode began go first (PumpHostData).
-        if (m_clientDisconnected || m_clientEnded || !m_readerLink || !m_hostData.IsEmpty() ||
-            m_clientOutputSize > CLIENT_OUTPUT_HIGH_WATER)
-            return false;
-    }
-    // Without the lock: in reader mode nobody else takes bytes from the link, and only this
-    // thread changes m_readerLink.
-    const int count = m_readerLink->ReceiveData(m_hostReadBuffer.get(), HOST_DIRECT_READ_SIZE);
-    if (count < 0) {
-        m_hostReadEnded = true;
-        // The link reports its closure as the reader leaves; it comes back on this thread.
-        DetachHostReader(false);
+    const STurn turn = PlanTurn();
+    pollfd fds[4] = {{turn.clientEvents != 0 ? m_clientSocket : -1, turn.clientEvents, 0},
+                     {m_wakeEvent.GetWaitHandle(), POLLIN, 0},
+                     {turn.readHost ? m_readerFd : -1, POLLIN, 0},
+                     {turn.handlerFd, POLLIN, 0}};
+    if (poll(fds, 4, turn.timeout) < 0 && errno != EINTR) {
+        Abort();
         return false;
     }
-    if (count == 0)
+    // Reset before looking at anything, so a signal after this point wakes the next poll.
+    if (fds[1].revents != 0)
+        m_wakeEvent.ResetEvent();
+    if (m_stopEvent.IsSignalled()) {
+        Abort();
         return false;
-    m_protocol->HandleResponse(reinterpret_cast<const char*>(m_hostReadBuffer.get()), count);
-    // A full read means a stream in full flow: once the handler relays unchanged, later bytes
-    // may skip user space altogether.
-    if (count == HOST_DIRECT_READ_SIZE && m_protocol->PassesResponsesThrough())
-        m_spliceHost = true;
-    return true;
+    }
+    TakeNotices(m_notices.exchange(0));
+    const short ready = fds[0].revents;
+    if ((turn.clientEvents & POLLOUT) && (ready & (POLLOUT | POLLERR | POLLHUP)))
+        FlushClientOutput();
+    if ((turn.clientEvents & POLLIN) && (ready & (POLLIN | POLLERR | POLLHUP)))
+        ReadClient();
+    if (m_connectOutcome) {
+        const bool connected = *m_connectOutcome;
+        m_connectOutcome.reset();
+        FinishConnect(connected);
+    }
+    if (fds[2].revents != 0)
+        m_hostPending = true;
+    PumpHost();
+    if (fds[3].revents != 0 && m_protocol && m_client == EClient::Open)
+        m_protocol->OnDescriptorReady();
+    RunHandlerTimer();
+    AdvanceEnds();
+    return m_client != EClient::Closed;
 }
 
-CProxyConnection::STurn CProxyConnection::PlanTurn(bool lingering)
+CProxyConnection::STurn CProxyConnection::PlanTurn()
 {
     STurn turn;
-    bool pumpReady = false;
-    bool idle = false;
-    {
-        QOX::CLock hold(m_mutex);
-        turn.socket = m_clientSocket;
-        if (!m_clientOutput.empty())
-            turn.events |= POLLOUT;
-        const bool clientRoom = m_clientOutputSize <= CLIENT_OUTPUT_HIGH_WATER;
-        const bool linkToPull = m_hostPaused && !m_clientEnded && m_hostData.GetSize() < HOST_DATA_LOW_WATER;
-        pumpReady = m_protocol && clientRoom && (!m_hostData.IsEmpty() || linkToPull);
-        idle = m_hostData.IsEmpty() && m_clientOutput.empty();
-        if (m_readerFd >= 0 && m_protocol && clientRoom && !m_hostClosed && !m_hostReadEnded && !m_clientEnded)
-            turn.hostSocket = m_readerFd;
-    }
+    const unsigned int backlog = GetClientBacklog();
+    if (m_client != EClient::Closed && backlog > 0)
+        turn.clientEvents |= POLLOUT;
     if (MayReadClient())
-        turn.events |= POLLIN;
-    if (turn.events == 0)
-        turn.socket = -1;
-    if (pumpReady)
+        turn.clientEvents |= POLLIN;
+    const bool relaying = m_protocol && m_client == EClient::Open && m_toClient == EFlow::Open;
+    const bool roomForHost = relaying && backlog <= CLIENT_OUTPUT_HIGH_WATER;
+    turn.readHost = roomForHost && m_readerFd >= 0 && m_linkState == ELink::Open;
+    if (m_protocol && m_client == EClient::Open)
+        turn.handlerFd = m_protocol->GetWatchedDescriptor();
+    const bool linkHeld = m_linkState == ELink::Open || m_linkState == ELink::Closed;
+    if ((roomForHost && m_hostPending && linkHeld) || m_connectOutcome)
         turn.timeout = 0;
-    else if (lingering && idle)
-        turn.timeout = HOST_LINGER_POLL_MS;
+    else if (m_handlerTimerSet)
+        turn.timeout = MillisecondsUntil(m_handlerDeadline);
     return turn;
 }
 
 bool CProxyConnection::MayReadClient()
 {
-    if (m_clientEnded)
+    if (m_client != EClient::Open || m_toHost != EFlow::Open)
         return false;
     if (!m_protocol)
         return true;
-    QOX::CRefCountPtr<IZRTDataLayer> link;
-    {
-        QOX::CLock hold(m_mutex);
-        link = m_hostDataLayer;
-    }
     unsigned long long backlog = m_protocol->GetRequestBacklog();
+    const QOX::CRefCountPtr<IZRTDataLayer> link = CurrentLink();
     if (link)
         backlog += link->GetSendBacklog();
     return backlog <= REQUEST_BACKLOG_LIMIT;
 }
 
-// Relay fast path for client bytes: the link takes them from the client socket itself. True
-// when that was done (or nothing was waiting); false leaves the turn to the ordinary read, which
-// also meets the client's end or failure.
-bool CProxyConnection::SpliceClientToHost()
+void CProxyConnection::TakeNotices(unsigned notices)
 {
-    if (!m_spliceClient || m_hostClosed || !m_protocol->PassesRequestsThrough())
-        return false;
-    // Held across the move, as in SpliceHostToClient.
-    QOX::CLock hold(m_mutex);
-    if (m_clientDisconnected || m_clientSocket < 0 || !m_hostDataLayer)
-        return false;
-    const int taken = m_hostDataLayer->SendFrom(m_clientSocket, CLIENT_SPLICE_SIZE);
-    return taken > 0 || taken == IZRTDataLayer::SEND_NOTHING_NOW;
+    if (notices & NOTICE_CLIENT_FAILED) {
+        Abort();
+        return;
+    }
+    if (notices & NOTICE_DISCONNECT)
+        BeginClosing();
+    if (notices & NOTICE_HOST_DATA)
+        m_hostPending = true;
+    if ((notices & NOTICE_LINK_CONNECTED) && m_linkState == ELink::Connecting)
+        FinishConnect(true);
+    if (notices & NOTICE_LINK_CLOSED) {
+        if (m_linkState == ELink::Connecting) {
+            FinishConnect(false);
+        } else if (m_linkState == ELink::Open) {
+            // What the link still holds is delivered before the end is acted on.
+            m_linkState = ELink::Closed;
+            m_hostPending = true;
+        }
+    }
+    if ((notices & NOTICE_HANDLER) && m_protocol && m_client == EClient::Open)
+        m_protocol->Resume();
 }
 
-void CProxyConnection::ReadDataFromClient()
+// ---- client to host ----
+
+void CProxyConnection::ReadClient()
 {
+    if (m_client != EClient::Open || m_toHost != EFlow::Open)
+        return;
     if (SpliceClientToHost())
         return;
     char buffer[CLIENT_READ_SIZE];
-    ssize_t count = 0;
-    int error = 0;
-    {
-        QOX::CLock hold(m_mutex);
-        if (m_clientDisconnected || m_clientSocket < 0)
-            return;
-        count = recv(m_clientSocket, buffer, sizeof(buffer), 0);
-        error = errno;
-    }
-    if (count < 0 && WouldBlock(error))
-        return;
-    if (count == 0 && EndClientInput())
-        return;
-    if (count <= 0) {
-        DisconnectClient();
+    const ssize_t count = recv(m_clientSocket, buffer, sizeof(buffer), 0);
+    if (count < 0) {
+        if (!WouldBlock(errno))
+            Abort(); // a reset: nothing more can be said to this client
         return;
     }
-    if (m_hostClosed)
+    if (count == 0) {
+        ClientEnded();
+        return;
+    }
+    // Bytes that come after the link closed have nowhere to go; a closure reported while they
+    // came counts as before them.
+    if (m_notices.load() & NOTICE_LINK_CLOSED)
+        TakeNotices(m_notices.fetch_and(~static_cast<unsigned>(NOTICE_LINK_CLOSED)) & NOTICE_LINK_CLOSED);
+    if (m_linkState == ELink::Closed)
         return;
     const int length = static_cast<int>(count);
     if (!m_protocol) {
-        IConnectionProtocol* protocol = CConnectionProtocolFactory::GetInstance()->CreateProtocol(*this, buffer, length);
-        if (!protocol) {
-            DisconnectClient();
+        m_protocol = m_server ? m_server->CreateProtocol(*this, buffer, length)
+                             : CConnectionProtocolFactory::GetInstance()->CreateProtocol(*this, buffer, length);
+        if (!m_protocol) {
+            BeginClosing();
             return;
         }
-        {
-            QOX::CLock hold(m_mutex);
-            m_protocol = protocol;
-            // Disconnected before the handler existed: it is never started, only deleted.
-            if (m_clientDisconnected)
-                return;
-        }
-        protocol->Init();
+        m_protocol->Init();
+        if (m_client != EClient::Open)
+            return;
     }
     m_protocol->HandleRequest(buffer, length);
-    // A full read means a stream in full flow: while the handler relays unchanged, later
-    // bytes may skip user space altogether.
+    // A full read means a stream in full flow: while the handler relays unchanged, later bytes
+    // may skip user space altogether.
     if (length == CLIENT_READ_SIZE && m_protocol->PassesRequestsThrough())
         m_spliceClient = true;
 }
 
-bool CProxyConnection::EndClientInput()
+// Relay fast path for client bytes: the link takes them from the client socket itself. True
+// when that was done; false leaves the turn to the ordinary read.
+bool CProxyConnection::SpliceClientToHost()
 {
-    QOX::CLock hold(m_mutex);
-    if (m_clientOutput.empty() && m_hostData.IsEmpty())
+    if (!m_spliceClient || m_linkState != ELink::Open || !m_protocol->PassesRequestsThrough())
         return false;
-    // What the connection already took from the host still reaches the client; the link is not
-    // drained any further.
-    m_clientEnded = true;
-    m_hostPaused = true;
-    return true;
+    const QOX::CRefCountPtr<IZRTDataLayer> link = CurrentLink();
+    if (!link)
+        return false;
+    const int taken = link->SendFrom(m_clientSocket, CLIENT_SPLICE_SIZE);
+    if (taken > 0 || taken == IZRTDataLayer::SEND_NOTHING_NOW)
+        return true;
+    if (taken == IZRTDataLayer::SEND_SOCKET_ENDED) {
+        ClientEnded();
+        return true;
+    }
+    if (taken == IZRTDataLayer::SEND_SOCKET_FAILED) {
+        Abort();
+        return true;
+    }
+    return false;
 }
+
+void CProxyConnection::ClientEnded()
+{
+    // Before a tunnel exists, or when the handler cannot pass the end on, the client's end is
+    // the end of the exchange.
+    if (m_protocol && m_linkState == ELink::Open && m_protocol->HandleClientEnd()) {
+        m_toHost = EFlow::Ended;
+        return;
+    }
+    BeginClosing();
+}
+
+// ---- host to client ----
+
+void CProxyConnection::PumpHost()
+{
+    if (!m_hostPending || !m_protocol || m_client != EClient::Open || m_toClient != EFlow::Open)
+        return;
+    if (m_linkState != ELink::Open && m_linkState != ELink::Closed) {
+        m_hostPending = false;
+        return;
+    }
+    for (int read = 0; read < HOST_READS_PER_TURN; ++read) {
+        if (!MoveHostBytes())
+            return;
+    }
+}
+
+bool CProxyConnection::MoveHostBytes()
+{
+    if (GetClientBacklog() > CLIENT_OUTPUT_HIGH_WATER)
+        return false; // m_hostPending stays: the pump goes on once the client took some
+    const QOX::CRefCountPtr<IZRTDataLayer> link = CurrentLink();
+    if (!link) {
+        m_hostPending = false;
+        return false;
+    }
+    if (m_spliceHost && m_readerFd >= 0 && GetClientBacklog() == 0) {
+        const int moved = link->ReceiveInto(m_clientSocket, HOST_SPLICE_SIZE);
+        if (moved > 0)
+            return true;
+        if (moved == IZRTDataLayer::RECEIVE_NOTHING_NOW) {
+            m_hostPending = false;
+            return false;
+        }
+        if (moved == IZRTDataLayer::RECEIVE_END) {
+            HostEnded();
+            return false;
+        }
+        if (moved == IZRTDataLayer::RECEIVE_SOCKET_FAILED) {
+            Abort();
+            return false;
+        }
+    }
+    const int count = link->ReceiveData(HostBuffer(), HOST_READ_SIZE);
+    if (count > 0) {
+        m_protocol->HandleResponse(reinterpret_cast<const char*>(HostBuffer()), count);
+        // A full read means a stream in full flow: once the handler relays unchanged, later
+        // bytes may skip user space altogether.
+        if (count == HOST_READ_SIZE && m_protocol && m_protocol->PassesResponsesThrough())
+            m_spliceHost = true;
+        return m_client == EClient::Open && m_toClient == EFlow::Open;
+    }
+    m_hostPending = false;
+    // -1 means the end only from a link that said so (half-close, or a reader attached).
+    const bool ended = count < 0 && (m_linkHalfCloses || m_readerFd >= 0);
+    if (ended || m_linkState == ELink::Closed)
+        HostEnded();
+    return false;
+}
+
+void CProxyConnection::HostEnded()
+{
+    if (m_toClient != EFlow::Open || m_client != EClient::Open)
+        return;
+    m_hostPending = false;
+    // A link that closed takes no more client bytes either: the exchange is over.
+    if (m_linkState == ELink::Closed || !m_protocol->HandleHostEnd()) {
+        BeginClosing();
+        return;
+    }
+    m_toClient = EFlow::Ending;
+}
+
+void CProxyConnection::FinishConnect(bool connected)
+{
+    if (connected) {
+        m_linkState = ELink::Open;
+    } else {
+        ReleaseLink();
+        m_linkState = ELink::None;
+    }
+    if (m_protocol && m_client == EClient::Open)
+        m_protocol->OnHostConnected(connected);
+}
+
+// ---- ends ----
+
+void CProxyConnection::AdvanceEnds()
+{
+    if (m_client == EClient::Open && m_toClient == EFlow::Ending && GetClientBacklog() == 0) {
+        // Everything the host sent is with the client: pass its end on.
+        shutdown(m_clientSocket, SHUT_WR);
+        m_toClient = EFlow::Ended;
+    }
+    if (m_client == EClient::Open && m_toClient == EFlow::Ended &&
+        (m_toHost == EFlow::Ended || m_linkState == ELink::Closed))
+        BeginClosing();
+    if (m_client == EClient::Closing && GetClientBacklog() == 0)
+        m_client = EClient::Closed;
+}
+
+void CProxyConnection::BeginClosing()
+{
+    if (m_client != EClient::Open)
+        return;
+    m_client = EClient::Closing;
+    TerminateHandler();
+    ReleaseLink();
+}
+
+void CProxyConnection::Abort()
+{
+    {
+        std::lock_guard<std::mutex> hold(m_mutex);
+        m_clientOutput.clear();
+        m_clientOutputSize = 0;
+    }
+    BeginClosing();
+    m_client = EClient::Closed;
+}
+
+void CProxyConnection::TerminateHandler()
+{
+    m_handlerTimerSet = false;
+    if (!m_protocol || m_handlerTerminated)
+        return;
+    m_handlerTerminated = true;
+    m_protocol->Terminate();
+}
+
+void CProxyConnection::CloseClientSocket()
+{
+    std::lock_guard<std::mutex> hold(m_mutex);
+    m_clientOutput.clear();
+    m_clientOutputSize = 0;
+    if (m_clientSocket < 0)
+        return;
+    DiscardPendingInput(m_clientSocket);
+    CSocketUtils::CloseSocket(m_clientSocket);
+    m_clientSocket = -1;
+}
+
+void CProxyConnection::ReleaseLink()
+{
+    QOX::CRefCountPtr<IZRTDataLayer> link;
+    {
+        std::lock_guard<std::mutex> hold(m_mutex);
+        link = std::move(m_link);
+    }
+    if (m_linkState != ELink::None)
+        m_linkState = ELink::Closed;
+    if (!link)
+        return;
+    // After RemoveNotification no callback of the link reaches us, so nothing outlives the thread.
+    link->RemoveNotification(this);
+    if (m_readerFd >= 0)
+        link->DetachReader();
+    m_readerFd = -1;
+    m_hostPending = false;
+    // What the client sent is still written to the host, within the link's bound.
+    link->Disconnect();
+}
+
+// ---- the client's output queue ----
 
 void CProxyConnection::FlushClientOutput()
 {
@@ -389,18 +514,18 @@ void CProxyConnection::FlushClientOutput()
     unsigned int after = 0;
     bool failed = false;
     {
-        QOX::CLock hold(m_mutex);
+        std::lock_guard<std::mutex> hold(m_mutex);
         before = m_clientOutputSize;
         failed = !WriteQueuedLocked();
         after = m_clientOutputSize;
     }
     if (failed) {
-        DisconnectClient();
+        Abort();
         return;
     }
     const bool crossedLow = before >= CLIENT_OUTPUT_LOW_WATER && after < CLIENT_OUTPUT_LOW_WATER;
-    if (crossedLow || (before > 0 && after == 0))
-        NotifyClientDrained();
+    if ((crossedLow || (before > 0 && after == 0)) && m_protocol && m_client == EClient::Open)
+        m_protocol->OnClientDrained();
 }
 
 bool CProxyConnection::WriteQueuedLocked()
@@ -437,88 +562,17 @@ void CProxyConnection::QueueOutputLocked(const char* data, int length)
     }
 }
 
-void CProxyConnection::DropOutputLocked()
-{
-    m_clientOutput.clear();
-    m_clientOutputSize = 0;
-}
-
-void CProxyConnection::NotifyClientDrained()
-{
-    if (m_protocol)
-        m_protocol->OnClientDrained();
-}
-
-void CProxyConnection::PumpHostData()
-{
-    for (int turn = 0; turn < HOST_BUFFERS_PER_TURN; ++turn) {
-        QOX::CRefCountPtr<CByteBuffer> buffer;
-        {
-            QOX::CLock hold(m_mutex);
-            if (m_clientDisconnected || m_clientOutputSize > CLIENT_OUTPUT_HIGH_WATER)
-                break;
-            buffer = m_hostData.PopBuffer();
-        }
-        if (!buffer)
-            break;
-        m_protocol->HandleResponse(reinterpret_cast<const char*>(buffer->GetData() + buffer->GetOffset()),
-                                   static_cast<int>(buffer->GetUnread()));
-        CByteBufferList::ReclaimBuffer(buffer);
-    }
-    ResumeHostLink();
-}
-
-void CProxyConnection::ResumeHostLink()
-{
-    {
-        QOX::CLock hold(m_mutex);
-        if (!m_hostPaused || m_clientEnded || m_hostData.GetSize() >= HOST_DATA_LOW_WATER)
-            return;
-        m_hostPaused = false;
-        QOX::CRefCountPtr<IZRTDataLayer> link = m_hostDataLayer;
-        if (link)
-            DrainLinkLocked(*link, true);
-    }
-    NotifyClientDrained();
-}
-
-bool CProxyConnection::LingerOver(int& idlePolls)
-{
-    if (!m_hostClosed) {
-        idlePolls = 0;
-        return false;
-    }
-    QOX::CLock hold(m_mutex);
-    if (!m_hostData.IsEmpty() || !m_clientOutput.empty()) {
-        idlePolls = 0;
-        return false;
-    }
-    return ++idlePolls > HOST_LINGER_POLLS;
-}
-
-void CProxyConnection::DisconnectHostLink()
-{
-    QOX::CRefCountPtr<IZRTDataLayer> link;
-    {
-        QOX::CLock hold(m_mutex);
-        link = m_hostDataLayer;
-    }
-    // The pointer stays until the link reports its closure (which releases the link's reference).
-    if (link)
-        link->Disconnect();
-}
+// ---- operations for the handler and the server ----
 
 void CProxyConnection::Terminate()
 {
-    DisconnectClient();
     const int status = GetThreadStatus();
     const bool started = status == STATUS_RUNNING || status == STATUS_STOPPING;
-    if (started && !IsCurrentThread(*this)) {
-        // The thread sleeps on the wake event, not on the stop event.
-        m_wakeEvent.SignalEvent();
+    m_stopEvent.SignalEvent();
+    m_wakeEvent.SignalEvent();
+    if (started && !IsCurrentThread(*this))
         StopThread(-1);
-    }
-    QOX::CLock hold(m_mutex);
+    std::lock_guard<std::mutex> hold(m_mutex);
     m_proxy = nullptr;
 }
 
@@ -530,39 +584,32 @@ bool CProxyConnection::IsRunning() const
 
 bool CProxyConnection::IsConnectedToClient() const
 {
-    QOX::CLock hold(m_mutex);
-    return !m_clientDisconnected && m_clientSocket != -1;
+    return m_client == EClient::Open && !m_disconnectRequested;
+}
+
+bool CProxyConnection::IsConnectedToHost() const
+{
+    return m_linkState == ELink::Open;
 }
 
 void CProxyConnection::DisconnectClient()
 {
-    IConnectionProtocol* protocol = nullptr;
-    {
-        QOX::CLock hold(m_mutex);
-        if (m_clientDisconnected)
-            return;
-        m_clientDisconnected = true;
-        protocol = m_protocol;
+    if (IsCurrentThread(*this)) {
+        BeginClosing();
+        return;
     }
-    if (!IsCurrentThread(*this))
-        m_wakeEvent.SignalEvent();
-    if (protocol)
-        protocol->Terminate();
-    QOX::CLock hold(m_mutex);
-    DropOutputLocked();
-    if (m_clientSocket >= 0) {
-        DiscardPendingInput(m_clientSocket);
-        CSocketUtils::CloseSocket(m_clientSocket);
-        m_clientSocket = -1;
-    }
+    if (m_disconnectRequested.exchange(true))
+        return;
+    m_notices |= NOTICE_DISCONNECT;
+    m_wakeEvent.SignalEvent();
 }
 
 bool CProxyConnection::SendToClient(const char* data, int length)
 {
     bool failed = false;
     {
-        QOX::CLock hold(m_mutex);
-        if (m_clientDisconnected || m_clientSocket < 0)
+        std::lock_guard<std::mutex> hold(m_mutex);
+        if (!IsConnectedToClient() || m_toClient == EFlow::Ended || m_clientSocket < 0)
             return false;
         if (!data || length <= 0)
             return true;
@@ -575,7 +622,10 @@ bool CProxyConnection::SendToClient(const char* data, int length)
             QueueOutputLocked(data + sent, length - sent);
     }
     if (failed) {
-        DisconnectClient();
+        // The client is gone; the thread ends everything at its next turn.
+        m_disconnectRequested = true;
+        m_notices |= NOTICE_CLIENT_FAILED;
+        m_wakeEvent.SignalEvent();
         return false;
     }
     if (!IsCurrentThread(*this))
@@ -585,14 +635,8 @@ bool CProxyConnection::SendToClient(const char* data, int length)
 
 unsigned int CProxyConnection::GetClientBacklog() const
 {
-    QOX::CLock hold(m_mutex);
+    std::lock_guard<std::mutex> hold(m_mutex);
     return m_clientOutputSize;
-}
-
-unsigned int CProxyConnection::GetHostBacklog() const
-{
-    QOX::CLock hold(m_mutex);
-    return m_hostData.GetSize();
 }
 
 void CProxyConnection::WakeConnection()
@@ -600,114 +644,155 @@ void CProxyConnection::WakeConnection()
     m_wakeEvent.SignalEvent();
 }
 
+void CProxyConnection::WakeHandler()
+{
+    m_notices |= NOTICE_HANDLER;
+    m_wakeEvent.SignalEvent();
+}
+
+void CProxyConnection::SetHandlerTimer(int milliseconds)
+{
+    m_handlerTimerSet = milliseconds >= 0;
+    if (m_handlerTimerSet)
+        m_handlerDeadline = Clock::now() + std::chrono::milliseconds(milliseconds);
+}
+
+void CProxyConnection::RunHandlerTimer()
+{
+    if (!m_handlerTimerSet || Clock::now() < m_handlerDeadline)
+        return;
+    m_handlerTimerSet = false;
+    if (m_protocol && m_client == EClient::Open)
+        m_protocol->OnTimer();
+}
+
+CAddressManager& CProxyConnection::GetAddressManager()
+{
+    return m_server ? m_server->GetAddressManager() : *CAddressManager::GetInstance();
+}
+
+const SProxySettings& CProxyConnection::GetSettings() const
+{
+    static const SProxySettings defaults;
+    return m_server ? m_server->GetSettings() : defaults;
+}
+
 // ---- host link ----
+
+QOX::CRefCountPtr<IZRTDataLayer> CProxyConnection::CurrentLink() const
+{
+    std::lock_guard<std::mutex> hold(m_mutex);
+    return m_link;
+}
+
+unsigned char* CProxyConnection::HostBuffer()
+{
+    if (!m_hostBuffer)
+        m_hostBuffer.reset(new unsigned char[HOST_READ_SIZE]);
+    return m_hostBuffer.get();
+}
+
+bool CProxyConnection::InstallLink(QOX::CRefCountPtr<IZRTDataLayer> link, ELink state)
+{
+    {
+        std::lock_guard<std::mutex> hold(m_mutex);
+        if (m_link)
+            return false;
+        m_link = link;
+    }
+    m_linkState = state;
+    // Before registering, so the link never starts reading ahead on its own thread.
+    m_readerFd = link->AttachReader();
+    link->AddNotification(this);
+    m_linkHalfCloses = link->EnableHalfClose();
+    m_hostPending = true;
+    m_spliceHost = false;
+    m_spliceClient = false;
+    return true;
+}
 
 bool CProxyConnection::ConnectToHost(QOX::CRefCountPtr<IZRTConnectionAddress> destination)
 {
-    // Held while the multipoint layer connects, so host callbacks and the pump wait for the link.
-    QOX::CLock hold(m_mutex);
-    if (m_hostDataLayer || !destination || !m_multiPointLayer)
+    if (!destination || !m_multiPointLayer || m_linkState == ELink::Connecting || m_linkState == ELink::Open)
         return false;
-    m_hostDataLayer = m_multiPointLayer->Connect(*destination, m_clientAddress);
-    if (!m_hostDataLayer)
+    QOX::CRefCountPtr<IZRTDataLayer> link = m_multiPointLayer->Connect(*destination, m_clientAddress);
+    if (!link)
         return false;
-    m_hostPaused = false;
-    // Before registering, so the link never starts reading ahead on its own thread.
-    const int readerFd = m_hostDataLayer->AttachReader();
-    if (readerFd >= 0) {
-        m_readerLink = m_hostDataLayer;
-        m_readerFd = readerFd;
+    if (!InstallLink(link, ELink::Open)) {
+        link->Disconnect();
+        return false;
     }
-    AddRef();
-    m_hostDataLayer->AddNotification(this);
-    // A handler's own thread connected: the connection's poll must take the descriptor in.
-    if (readerFd >= 0 && !IsCurrentThread(*this))
-        m_wakeEvent.SignalEvent();
     return true;
+}
+
+bool CProxyConnection::BeginConnectToHost(QOX::CRefCountPtr<IZRTConnectionAddress> destination)
+{
+    if (!destination || !m_multiPointLayer || m_linkState == ELink::Connecting || m_linkState == ELink::Open)
+        return false;
+    QOX::CRefCountPtr<IZRTDataLayer> link = m_multiPointLayer->BeginConnect(*destination, m_clientAddress);
+    if (!link) {
+        m_connectOutcome = false;
+        return true;
+    }
+    const bool connecting = link->IsConnecting();
+    if (!InstallLink(link, connecting ? ELink::Connecting : ELink::Open)) {
+        link->Disconnect();
+        return false;
+    }
+    // A link that came open (a host without non-blocking connects) is reported next turn.
+    if (!connecting)
+        m_connectOutcome = true;
+    return true;
+}
+
+bool CProxyConnection::AdoptHostLink(QOX::CRefCountPtr<IZRTDataLayer> link)
+{
+    if (!link || m_linkState == ELink::Connecting || m_linkState == ELink::Open)
+        return false;
+    return InstallLink(link, ELink::Open);
+}
+
+bool CProxyConnection::EndHostOutput()
+{
+    const QOX::CRefCountPtr<IZRTDataLayer> link = CurrentLink();
+    return link && m_linkState == ELink::Open && link->ShutdownSend();
 }
 
 bool CProxyConnection::SendToHost(const char* data, int length)
 {
-    QOX::CRefCountPtr<IZRTDataLayer> link;
-    {
-        QOX::CLock hold(m_mutex);
-        link = m_hostDataLayer;
-    }
-    if (!link)
+    const QOX::CRefCountPtr<IZRTDataLayer> link = CurrentLink();
+    if (!link || m_linkState != ELink::Open)
         return false;
     link->SendData(reinterpret_cast<const unsigned char*>(data), length);
     return true;
 }
 
-bool CProxyConnection::IsConnectedToHost() const
+void CProxyConnection::OnDataReceived(IZRTDataLayer& /*dataLayer*/)
 {
-    if (m_hostClosed)
-        return false;
-    QOX::CLock hold(m_mutex);
-    return static_cast<bool>(m_hostDataLayer);
-}
-
-void CProxyConnection::DrainLinkLocked(IZRTDataLayer& link, bool bounded)
-{
-    unsigned char buffer[HOST_READ_SIZE];
-    for (;;) {
-        if (bounded && m_hostData.GetSize() >= HOST_DATA_HIGH_WATER) {
-            m_hostPaused = true;
-            return;
-        }
-        const int count = link.ReceiveData(buffer, sizeof(buffer));
-        if (count <= 0)
-            return;
-        m_hostData.AddBuffer(CByteBufferList::GetBuffer(buffer, static_cast<unsigned int>(count)));
-    }
-}
-
-void CProxyConnection::OnDataReceived(IZRTDataLayer& dataLayer)
-{
-    AddRef();
-    {
-        // Reading and queueing under one hold keeps chunks in order when the connection's thread
-        // pulls the same link.
-        QOX::CLock hold(m_mutex);
-        // In reader mode this thread only wakes the reader, which takes the bytes itself.
-        if (!m_hostPaused && !m_readerLink)
-            DrainLinkLocked(dataLayer, true);
-    }
+    m_notices |= NOTICE_HOST_DATA;
     m_wakeEvent.SignalEvent();
-    ReleaseRef();
 }
 
 void CProxyConnection::OnConnectionClosed(IZRTDataLayer& dataLayer)
 {
-    AddRef();
-    bool current = false;
     {
-        QOX::CLock hold(m_mutex);
-        QOX::CRefCountPtr<IZRTDataLayer> link = m_hostDataLayer;
-        if (link && link.Get() == &dataLayer) {
-            current = true;
-            // What the link still holds is delivered too (it can no longer grow), unless the
-            // client has stopped taking more from the host.
-            if (!m_clientEnded) {
-                DrainLinkLocked(*link, false);
-                m_hostPaused = false;
-            }
-            m_hostDataLayer.Reset();
-            m_hostClosed = true;
-            link->RemoveNotification(this);
-            ReleaseRef(); // the link's reference from ConnectToHost; ours still holds
-        }
+        std::lock_guard<std::mutex> hold(m_mutex);
+        if (m_link.Get() != &dataLayer)
+            return; // a stale report
     }
-    if (current)
-        m_wakeEvent.SignalEvent();
-    ReleaseRef();
+    m_notices |= NOTICE_LINK_CLOSED;
+    m_wakeEvent.SignalEvent();
 }
 
 void CProxyConnection::OnSendDrained(IZRTDataLayer& /*dataLayer*/)
 {
-    AddRef();
     m_wakeEvent.SignalEvent();
-    ReleaseRef();
+}
+
+void CProxyConnection::OnLinkConnected(IZRTDataLayer& /*dataLayer*/)
+{
+    m_notices |= NOTICE_LINK_CONNECTED;
+    m_wakeEvent.SignalEvent();
 }
 
 } // namespace Proxy

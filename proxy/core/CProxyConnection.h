@@ -1,20 +1,21 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <deque>
 #include <memory>
+#include <mutex>
+#include <optional>
 
 #include "proxy/core/IConnectionProtocol.h"
 #include "proxy/core/IProxyConnection.h"
 #include "runtime/CAtomicInt.h"
 #include "runtime/CEvent.h"
-#include "runtime/CRecursiveMutex.h"
 #include "runtime/CRefCountPtr.h"
 #include "runtime/CRefCount_Base.h"
 #include "runtime/CThread.h"
 #include "runtime/Export.h"
 #include "transport/CByteBuffer.h"
-#include "transport/CByteBufferList.h"
 #include "transport/CTCPIPAddress.h"
 #include "transport/IZRTDataLayer.h"
 #include "transport/IZRTDataLayerNotification.h"
@@ -26,54 +27,52 @@ namespace Proxy {
 class CProxy;
 
 // Serves one accepted client: owns the client socket, a thread and the link to the destination
-// host, and feeds its protocol handler from both sides.
+// host, and runs its protocol handler, whose every operation is called on this thread.
 //
-// Waiting: the thread sleeps in one poll() on the client socket (POLLIN while it may read, POLLOUT
-// while output is queued), a wake event and the stop event; it never wakes periodically except
-// during the short linger after the host link closed.
+// The thread sleeps in one poll() on the client socket, a wake event, the host link's reader
+// descriptor (when the link offers one) and the handler's own descriptor, with no time limit
+// unless a handler timer is set. Other threads never act on the connection themselves: link
+// callbacks, DisconnectClient from elsewhere and stop requests leave a notice and signal the
+// wake event, and this thread does the rest.
 //
-// Host bytes take one of two roads. With a link that offers a reader descriptor (AttachReader),
-// this thread polls that descriptor beside the client socket and reads the link itself straight
-// into the handler: no transport-thread hop, no copy into m_hostData. Otherwise the link's
-// thread reports OnDataReceived, the bytes are copied into m_hostData and this thread pumps them.
+// Lifecycles (see ARCHITECTURE.md):
+//  - the client socket: Open -> Closing (nothing more is read or relayed; what is queued for the
+//    client is written) -> Closed;
+//  - the host link: None -> Connecting -> Open -> Closed;
+//  - each direction: Open -> (Ending ->) Ended. Client to host ends when the client finished
+//    sending and the handler passed that on; host to client when the host finished, every byte
+//    it sent reached the client and the client's sending side was shut down. When both have
+//    ended, or either peer fails, or the handler or a stop ends the exchange, the client goes.
 //
-// Flow control, per direction, by not reading the faster side:
-//  - host to client: SendToClient writes what the socket takes and queues the rest; while that
-//    queue is over CLIENT_OUTPUT_HIGH_WATER the thread stops handing host buffers to the handler,
-//    and while m_hostData is over HOST_DATA_HIGH_WATER OnDataReceived leaves the bytes in the link
-//    (which then stops reading its peer); the thread pulls the link again under the low marks.
-//  - client to host: while the handler's request backlog plus the link's send backlog exceed
-//    REQUEST_BACKLOG_LIMIT, the thread stops reading the client; WakeConnection and
-//    OnSendDrained wake it to look again.
+// Host bytes are pulled from the link on this thread, as the client takes them: through the
+// handler (ReceiveData, HandleResponse), or spliced straight into the client socket
+// (ReceiveInto) once the handler passes them through unchanged. Client bytes go through the
+// handler (recv, HandleRequest) or are spliced into the link (SendFrom) likewise.
 //
-// Lifetime: reference counted. The thread holds a reference for its run, the host link one from a
-// successful ConnectToHost until it reports its closure, each transport callback one for its
-// duration. The connection leaves its server's set on its own thread, before the thread drops its
-// reference, so the server never finds an object whose count already reached 0 there.
+// Flow control, per direction, by not reading the faster side: no host bytes are pulled while
+// the queue towards the client is over CLIENT_OUTPUT_HIGH_WATER (the link then stops reading its
+// peer); the client is not read while the handler's backlog plus the link's send backlog exceed
+// REQUEST_BACKLOG_LIMIT.
+//
+// Lifetime: reference counted; the thread holds a reference for its run, callers from outside
+// (CProxy) briefly. The thread unregisters from the link and lets it go before it ends, so no
+// host callback outlives it. It leaves the server's set on its own thread before dropping its
+// reference, and the destructor tells the server last of all.
 class ZRT_EXPORT CProxyConnection : public QOX::CRefCount_Base,
                                     public IZRTDataLayerNotification,
                                     public IProxyConnection,
                                     private QOX::CThread {
 public:
     static constexpr int CLIENT_READ_SIZE = 32768;
-    static constexpr int HOST_READ_SIZE = 32768;
     static constexpr unsigned int CLIENT_OUTPUT_HIGH_WATER = 256 * 1024;
     static constexpr unsigned int CLIENT_OUTPUT_LOW_WATER = 64 * 1024;
-    static constexpr unsigned int HOST_DATA_HIGH_WATER = 256 * 1024;
-    static constexpr unsigned int HOST_DATA_LOW_WATER = 64 * 1024;
     static constexpr unsigned int REQUEST_BACKLOG_LIMIT = 256 * 1024;
-    // After the host link closed, the connection ends once this many polls of HOST_LINGER_POLL_MS
-    // found nothing left to deliver either way.
-    static constexpr int HOST_LINGER_POLLS = 20;
-    static constexpr int HOST_LINGER_POLL_MS = 10;
-    // Host buffers handed to the handler per turn, so client reads interleave with a host burst.
-    static constexpr int HOST_BUFFERS_PER_TURN = 8;
-    // Read size when this thread reads the link itself; the buffer is allocated on first use,
-    // so an idle connection does not pay for it.
-    static constexpr int HOST_DIRECT_READ_SIZE = 64 * 1024;
-    // Most bytes moved per ReceiveInto once host bytes bypass the handler. What a slow client
-    // does not take of it comes back as ordinary queued bytes, so it is no more than the bound
-    // of the client queue.
+    // Host reads per turn, so client reads interleave with a host burst.
+    static constexpr int HOST_READS_PER_TURN = 8;
+    // Read size when host bytes go through the handler; the buffer is made on first use, so an
+    // idle connection does not pay for it.
+    static constexpr int HOST_READ_SIZE = 64 * 1024;
+    // Most bytes moved per splice. What a slow client does not take of it goes back to the link.
     static constexpr int HOST_SPLICE_SIZE = static_cast<int>(CLIENT_OUTPUT_HIGH_WATER);
     static constexpr int CLIENT_SPLICE_SIZE = 256 * 1024;
 
@@ -86,13 +85,15 @@ public:
     // caller deletes the object (its count is still 0).
     bool Init(int socket, IZRTMultiPointLayer* multiPointLayer, IDatagramHandler* datagramHandler,
               IConnectionListener* connectionListener);
-    // Disconnects the client, waits for the thread (unless called on it) and detaches from the server.
+    // Ends the connection at once (queued bytes for the client are dropped) and waits for the
+    // thread, unless called on it.
     void Terminate();
 
-    // IZRTDataLayerNotification
+    // IZRTDataLayerNotification: each leaves a notice and wakes the thread.
     void OnDataReceived(IZRTDataLayer& dataLayer) override;
     void OnConnectionClosed(IZRTDataLayer& dataLayer) override;
     void OnSendDrained(IZRTDataLayer& dataLayer) override;
+    void OnLinkConnected(IZRTDataLayer& dataLayer) override;
 
     // IProxyConnection
     const IZRTConnectionAddress& GetClientAddress() const override { return m_clientAddress; }
@@ -108,9 +109,15 @@ public:
     IConnectionListener* GetConnectionListener() override { return m_connectionListener; }
     unsigned int GetClientBacklog() const override;
     void WakeConnection() override;
+    bool BeginConnectToHost(QOX::CRefCountPtr<IZRTConnectionAddress> destination) override;
+    bool AdoptHostLink(QOX::CRefCountPtr<IZRTDataLayer> link) override;
+    bool EndHostOutput() override;
+    void WakeHandler() override;
+    void SetHandlerTimer(int milliseconds) override;
+    CAddressManager& GetAddressManager() override;
+    const IZRTConnectionAddress& GetLocalAddress() const override { return m_localAddress; }
+    const SProxySettings& GetSettings() const override;
 
-    // Bytes from the host not yet handed to the handler (tests watch the bound).
-    unsigned int GetHostBacklog() const;
     // The thread has been started and has not ended yet.
     bool IsRunning() const;
 
@@ -119,81 +126,107 @@ protected:
     int ThreadFunc() override;
 
 private:
+    enum class EClient { Open, Closing, Closed };
+    enum class ELink { None, Connecting, Open, Closed };
+    enum class EFlow { Open, Ending, Ended };
+    // Notices left by other threads for this one (bits of m_notices).
+    enum ENotice : unsigned {
+        NOTICE_DISCONNECT = 1u << 0,     // DisconnectClient from another thread
+        NOTICE_CLIENT_FAILED = 1u << 1,  // a send to the client failed
+        NOTICE_HOST_DATA = 1u << 2,      // the link has bytes (links without a reader descriptor)
+        NOTICE_LINK_CONNECTED = 1u << 3,
+        NOTICE_LINK_CLOSED = 1u << 4,
+        NOTICE_HANDLER = 1u << 5         // WakeHandler
+    };
+    using Clock = std::chrono::steady_clock;
+
     struct STurn {
-        int socket = -1;
-        short events = 0;
-        int hostSocket = -1; // the link's reader descriptor, when this turn may read it
+        short clientEvents = 0;
+        bool readHost = false;
+        int handlerFd = -1;
         int timeout = -1;
     };
 
-    void ReadDataFromClient();
-    bool SpliceClientToHost();
-    // The client sent its last byte; false when nothing is left for it and it can go at once.
-    bool EndClientInput();
-    STurn PlanTurn(bool lingering);
+    // One wait and what it found; false once the connection is over.
+    bool Turn();
+    STurn PlanTurn();
     bool MayReadClient();
+    void TakeNotices(unsigned notices);
+    void ReadClient();
+    bool SpliceClientToHost();
+    void ClientEnded();
+    void PumpHost();
+    // One move of host bytes towards the client; false when nothing more is to be done now.
+    bool MoveHostBytes();
+    void HostEnded();
+    void FinishConnect(bool connected);
+    void RunHandlerTimer();
+    void AdvanceEnds();
+    bool InstallLink(QOX::CRefCountPtr<IZRTDataLayer> link, ELink state);
     void FlushClientOutput();
-    void PumpHostData();
-    // Reader mode: reads the link on this thread and hands the bytes to the handler.
-    void ReadHostDirect();
-    // One ReceiveInto from the link straight into the client socket, when allowed now.
-    int SpliceHostToClient();
-    // One ReceiveData handed to the handler; false when there is nothing more to do this turn.
-    bool CopyHostToHandler();
-    // Reader mode ends once the link reported its closure, and when the loop ends.
-    void DetachHostReader(bool onlyWhenClosed);
-    void ResumeHostLink();
-    bool LingerOver(int& idlePolls);
-    void DisconnectHostLink();
-    void DetachFromProxy();
-    // Under m_mutex: moves what the link holds into m_hostData, stopping at the high mark if bounded.
-    void DrainLinkLocked(IZRTDataLayer& link, bool bounded);
     // Under m_mutex: writes queued output; false on a socket error.
     bool WriteQueuedLocked();
     void QueueOutputLocked(const char* data, int length);
-    void DropOutputLocked();
-    void NotifyClientDrained();
+    void BeginClosing();
+    // The client failed or a stop came: everything ends now, queued output is dropped.
+    void Abort();
+    void TerminateHandler();
+    void CloseClientSocket();
+    void ReleaseLink();
+    void DetachFromProxy();
+    QOX::CRefCountPtr<IZRTDataLayer> CurrentLink() const;
+    unsigned char* HostBuffer();
 
     static QOX::CAtomicInt ms_connID;
 
-    mutable QOX::CRecursiveMutex m_mutex;
+    // Guards the client socket number and its output queue (SendToClient may come from any
+    // thread), the host link pointer and m_proxy. Never held across a call into the handler, the
+    // link or the server, except CProxy::OnConnectionDestroyed in DetachFromProxy (server's
+    // mutex inside this one).
+    mutable std::mutex m_mutex;
+    // The server's set holds this connection while m_proxy is set (cleared on leaving it).
     CProxy* m_proxy;
+    // The server for its name cache, settings and handler choice: it outlives its connections.
+    CProxy* const m_server;
     IZRTMultiPointLayer* m_multiPointLayer = nullptr;
     IDatagramHandler* m_datagramHandler = nullptr;
     IConnectionListener* m_connectionListener = nullptr;
     int m_clientSocket = -1;
-    QOX::CRefCountPtr<IZRTDataLayer> m_hostDataLayer;
+    QOX::CRefCountPtr<IZRTDataLayer> m_link;
     CTCPIPAddress m_clientAddress;
+    CTCPIPAddress m_localAddress;
     int m_id;
-    std::atomic<bool> m_clientDisconnected{false};
-    std::atomic<bool> m_hostClosed{false};
-    // Set on the connection's thread only; other threads read it under m_mutex.
-    IConnectionProtocol* m_protocol = nullptr;
-    CByteBufferList m_hostData;
-
-    // Bytes for the client that the socket has not taken yet, oldest first.
-    std::deque<QOX::CRefCountPtr<CByteBuffer>> m_clientOutput;
-    unsigned int m_clientOutputSize = 0;
-    // OnDataReceived left bytes in the link because m_hostData was full.
-    bool m_hostPaused = false;
     bool m_initialized = false;
-    // The client closed its sending side while host bytes were still queued for it: the
-    // connection stops reading the client and the link, delivers what it holds, then disconnects.
-    // Written under m_mutex on the connection's thread.
-    bool m_clientEnded = false;
+
+    // Written on the connection's thread only; atomic because other threads ask.
+    std::atomic<EClient> m_client{EClient::Open};
+    std::atomic<ELink> m_linkState{ELink::None};
+    EFlow m_toHost = EFlow::Open;
+    EFlow m_toClient = EFlow::Open;
+    std::atomic<unsigned> m_notices{0};
+    // DisconnectClient came from another thread (or a send failed); never cleared.
+    std::atomic<bool> m_disconnectRequested{false};
     QOX::CEvent m_wakeEvent{true};
 
-    // Reader mode: the link this thread reads itself, and its descriptor. Set under m_mutex by
-    // ConnectToHost, cleared by this thread only.
-    QOX::CRefCountPtr<IZRTDataLayer> m_readerLink;
-    int m_readerFd = -1;
-    // The link said it has nothing more to read; its closure report follows.
-    bool m_hostReadEnded = false;
-    std::unique_ptr<unsigned char[]> m_hostReadBuffer;
-    // Host bytes bypass the handler (it relays them unchanged) and go by ReceiveInto.
+    // Created on the connection's thread from the first client chunk; deleted by the destructor.
+    IConnectionProtocol* m_protocol = nullptr;
+    bool m_handlerTerminated = false;
+    Clock::time_point m_handlerDeadline{};
+    bool m_handlerTimerSet = false;
+
+    // Bytes for the client that the socket has not taken yet, oldest first (under m_mutex).
+    std::deque<QOX::CRefCountPtr<CByteBuffer>> m_clientOutput;
+    unsigned int m_clientOutputSize = 0;
+
+    // Connection's thread only: how the link is read and written.
+    int m_readerFd = -1;        // the link's reader descriptor, or -1 (notifications then)
+    bool m_linkHalfCloses = false;
+    bool m_hostPending = false; // the last pump stopped with bytes maybe left in the link
     bool m_spliceHost = false;
-    // Client bytes bypass the handler likewise (SendFrom), while it relays them unchanged.
     bool m_spliceClient = false;
+    // A BeginConnectToHost that settled without the link's help; told to the handler next turn.
+    std::optional<bool> m_connectOutcome;
+    std::unique_ptr<unsigned char[]> m_hostBuffer;
 };
 
 } // namespace Proxy

@@ -4,12 +4,17 @@
 #include "transport/IConnectionListener.h"
 #include "transport/IDatagramHandler.h"
 #include "transport/IZRTConnectionAddress.h"
+#include "transport/IZRTDataLayer.h"
 
 namespace ZRT {
 namespace Proxy {
 
-// What a protocol handler may ask of the client connection that owns it.
-// May be called from any thread; the connection guards its own state.
+class CAddressManager;
+struct SProxySettings;
+
+// What a protocol handler may ask of the client connection that owns it. Any thread may call it;
+// the connection guards its own state. The handler itself is only ever called on the
+// connection's thread.
 class IProxyConnection {
 public:
     virtual ~IProxyConnection() = default;
@@ -18,10 +23,13 @@ public:
     virtual int GetID() const = 0;
     virtual bool IsConnectedToHost() const = 0;
     virtual bool IsConnectedToClient() const = 0;
-    // At most one host link: false without doing anything when one exists.
+    // Opens the host link and returns once it is usable or failed (it may block for as long as
+    // the host's multipoint layer takes). At most one host link: false without doing anything
+    // when one exists or is being opened.
     virtual bool ConnectToHost(QOX::CRefCountPtr<IZRTConnectionAddress> destination) = 0;
-    // Only the first call has an effect: marks the client gone, calls the handler's Terminate once
-    // and closes the client socket.
+    // Ends the exchange with the client: only the first call has an effect. The handler's
+    // Terminate follows once (on the connection's thread), what was already given to
+    // SendToClient is still written, then the client socket is closed.
     virtual void DisconnectClient() = 0;
     virtual bool SendToHost(const char* data, int length) = 0;
     // Never drops bytes: what the socket does not take now is queued and written in order by the
@@ -30,13 +38,34 @@ public:
     virtual IDatagramHandler* GetDatagramHandler() = 0;
     virtual IConnectionListener* GetConnectionListener() = 0;
 
-    // Added for flow control. Bytes given to SendToClient that the client has not taken yet;
-    // a producer on another thread stops reading its source while this is high and resumes on
-    // the handler's OnClientDrained.
+    // Added for flow control. Bytes given to SendToClient that the client has not taken yet.
     virtual unsigned int GetClientBacklog() const = 0;
     // The handler's own buffers drained (its GetRequestBacklog fell): the connection re-evaluates
-    // whether it may read the client again.
+    // whether it may read the client again. Any thread.
     virtual void WakeConnection() = 0;
+
+    // Added so that nothing blocks the connection's thread. Starts opening the host link and
+    // returns at once; the outcome reaches the handler's OnHostConnected on the connection's
+    // thread (never inside this call). False, with no call later, when a link exists or is being
+    // opened, or the destination is empty.
+    virtual bool BeginConnectToHost(QOX::CRefCountPtr<IZRTConnectionAddress> destination) = 0;
+    // Makes an accepted stream (the peer of a SOCKS5 BIND) the host link, as if it had been
+    // opened for this connection. False when a host link exists already.
+    virtual bool AdoptHostLink(QOX::CRefCountPtr<IZRTDataLayer> link) = 0;
+    // Passes the client's end of sending on to the host, after every byte given to SendToHost.
+    // False when the host link cannot end one direction alone.
+    virtual bool EndHostOutput() = 0;
+    // Asks for the handler's Resume on the connection's thread, soon; any thread. Helpers that
+    // complete on other threads (name lookups, listeners) call it.
+    virtual void WakeHandler() = 0;
+    // The handler's OnTimer is called once, on the connection's thread, after this many
+    // milliseconds; -1 cancels. Setting it again replaces the earlier time.
+    virtual void SetHandlerTimer(int milliseconds) = 0;
+    // The name cache of the proxy this connection belongs to.
+    virtual CAddressManager& GetAddressManager() = 0;
+    // The proxy's own address as the client reached it (the accepted socket's local address).
+    virtual const IZRTConnectionAddress& GetLocalAddress() const = 0;
+    virtual const SProxySettings& GetSettings() const = 0;
 };
 
 } // namespace Proxy

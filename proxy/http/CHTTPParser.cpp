@@ -19,6 +19,8 @@ void CHTTPParser::Reset()
     m_pendingData.Clear();
     m_state = PARSE_STATE_START;
     m_headerBytes = 0;
+    m_pendingScanned = 0;
+    m_bytesExamined = 0;
 }
 
 bool CHTTPParser::ReadLine(const unsigned char* data, unsigned int len, unsigned int& pos, std::string& line)
@@ -41,66 +43,80 @@ CHTTPParser::EParseResult CHTTPParser::Parse(const unsigned char* data, unsigned
 {
     if (m_state == PARSE_STATE_COMPLETE || !data || m_headerBytes > MAX_HEADER_BLOCK_SIZE)
         return PARSE_ERROR;
-
-    // Pending bytes and the new chunk are joined on the heap: together they can be far larger
-    // than a thread's stack. Without pending bytes the chunk is read in place.
-    const unsigned int pending = m_pendingData.GetSize();
-    if (pending > 0 && len > ~0u - pending)
-        return PARSE_ERROR;
-    std::unique_ptr<unsigned char[]> joined;
-    const unsigned char* work = data;
-    const unsigned int workLen = pending + len;
-    if (pending > 0) {
-        joined.reset(new unsigned char[workLen]);
-        m_pendingData.PeekBytes(0, joined.get(), pending);
-        if (len > 0)
-            std::memcpy(joined.get() + pending, data, len);
-        work = joined.get();
-    }
-
     if (m_state == PARSE_STATE_START) {
         Reset();
         m_packet = CreatePacket();
         m_state = PARSE_STATE_HEADERS;
     }
+    const unsigned int pending = m_pendingData.GetSize();
+    if (pending == 0 && len == 0)
+        return PARSE_ERROR;
+    if (m_pendingScanned >= pending)
+        return ParseChunk(data, len);
+    // Bytes behind a rejected line (the owner went on without Reset): joined once and read anew.
+    if (len > ~0u - pending)
+        return PARSE_ERROR;
+    std::unique_ptr<unsigned char[]> joined(new unsigned char[pending + len]);
+    m_pendingData.PeekBytes(0, joined.get(), pending);
+    if (len > 0)
+        std::memcpy(joined.get() + pending, data, len);
+    m_pendingData.Clear();
+    m_pendingScanned = 0;
+    return ParseChunk(joined.get(), pending + len);
+}
 
-    EParseResult result = PARSE_ERROR;
-    bool overflow = false;
+CHTTPParser::EParseResult CHTTPParser::ParseChunk(const unsigned char* data, unsigned int len)
+{
     unsigned int pos = 0;
     std::string line;
-    while (pos < workLen) {
-        const unsigned int lineStart = pos;
-        if (!ReadLine(work, workLen, pos, line)) {
-            result = PARSE_NEED_MORE;
-            break;
+    while (pos < len) {
+        const unsigned int pending = m_pendingData.GetSize();
+        const void* found = std::memchr(data + pos, '\n', len - pos);
+        if (!found) {
+            // The line goes on in the next chunk; it counts against the bound already.
+            const unsigned int rest = len - pos;
+            if (!FitsInBlock(pending + rest))
+                return Overflow();
+            m_pendingData.AppendBytes(data + pos, rest);
+            m_pendingScanned = pending + rest;
+            m_bytesExamined += 2ull * rest;
+            return PARSE_NEED_MORE;
         }
-        if (!CountHeaderBytes(pos - lineStart)) {
-            overflow = true;
-            break;
+        const unsigned int lf = static_cast<unsigned int>(static_cast<const unsigned char*>(found) - data);
+        line.assign(pending, '\0');
+        if (pending > 0) {
+            m_pendingData.PeekBytes(0, reinterpret_cast<unsigned char*>(&line[0]), pending);
+            m_pendingData.Clear();
+            m_pendingScanned = 0;
         }
+        line.append(reinterpret_cast<const char*>(data + pos), lf - pos);
+        m_bytesExamined += 2ull * (lf + 1 - pos) + pending;
+        pos = lf + 1;
+        if (!CountHeaderBytes(static_cast<unsigned int>(line.size()) + 1))
+            return Overflow();
+        if (!line.empty() && line.back() == '\r')
+            line.pop_back();
         if (line.empty()) {
             m_state = PARSE_STATE_COMPLETE;
-            result = PARSE_COMPLETE;
-            break;
+            // Bytes behind a complete block belong to the body.
+            KeepPending(data + pos, len - pos);
+            return PARSE_COMPLETE;
         }
         CHTTPPacket* packet = m_packet.Get();
         if (!packet || !packet->AddLine(line)) {
-            result = PARSE_ERROR;
-            break;
+            KeepPending(data + pos, len - pos);
+            return PARSE_ERROR;
         }
-        result = PARSE_NEED_MORE;
     }
-    // Bytes behind a complete block belong to the body; anything else still counts against it.
-    if (result != PARSE_COMPLETE && !FitsInBlock(workLen - pos))
-        overflow = true;
+    return PARSE_NEED_MORE;
+}
 
-    if (overflow) {
-        m_headerBytes = MAX_HEADER_BLOCK_SIZE + 1;
-        m_pendingData.Clear();
-        return PARSE_ERROR;
-    }
-    KeepPending(work + pos, workLen - pos);
-    return result;
+CHTTPParser::EParseResult CHTTPParser::Overflow()
+{
+    m_headerBytes = MAX_HEADER_BLOCK_SIZE + 1;
+    m_pendingData.Clear();
+    m_pendingScanned = 0;
+    return PARSE_ERROR;
 }
 
 bool CHTTPParser::CountHeaderBytes(unsigned int count)

@@ -14,6 +14,10 @@ namespace Proxy {
 // Cuts received bytes, in chunks of any size, into lines and feeds them to one message until the
 // blank line that ends the header block. It never reads a body: whatever follows the blank line
 // is left in m_pendingData for the owner. The derived class picks the message type.
+//
+// Each byte is looked at once, however the block is split: a line still open at the end of a
+// chunk waits in m_pendingData (known to hold no line end), and the next chunk is searched from
+// its own start.
 class ZRT_EXPORT CHTTPParser {
 public:
     enum EParseState : int32_t {
@@ -47,6 +51,8 @@ public:
     bool ReadLine(const unsigned char* data, unsigned int len, unsigned int& pos, std::string& line);
     // Feeds the next chunk. The caller's bytes are copied where kept, so it may reuse them.
     EParseResult Parse(const unsigned char* data, unsigned int len);
+    // Bytes searched or copied by Parse since the last Reset: the work a header block cost.
+    unsigned long long GetBytesExamined() const { return m_bytesExamined; }
 
     // Read directly by the owner after PARSE_COMPLETE.
     QOX::CRefCountPtr<CHTTPPacket> m_packet;
@@ -58,6 +64,13 @@ private:
     bool CountHeaderBytes(unsigned int count);
     bool FitsInBlock(unsigned int count) const;
     void KeepPending(const unsigned char* data, unsigned int len);
+    EParseResult Overflow();
+    // Parses a chunk while m_pendingData holds at most the start of a line.
+    EParseResult ParseChunk(const unsigned char* data, unsigned int len);
+
+    // Bytes at the front of m_pendingData known to hold no LF.
+    unsigned int m_pendingScanned = 0;
+    unsigned long long m_bytesExamined = 0;
 
     // Bytes of the current header block consumed so far; past the bound once it overflowed.
     unsigned int m_headerBytes = 0;

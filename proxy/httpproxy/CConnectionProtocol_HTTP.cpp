@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "proxy/address/CAddressManager.h"
+#include "proxy/core/SProxySettings.h"
 
 namespace ZRT {
 namespace Proxy {
@@ -124,20 +125,32 @@ CHTTPPacket* CConnectionProtocol_HTTP::CProxyHTTPResponseParser::CreatePacket() 
     return new CProxyHTTPResponse();
 }
 
-CConnectionProtocol_HTTP::CConnectionProtocol_HTTP(IProxyConnection& connection) : m_connection(connection) {}
+CConnectionProtocol_HTTP::CConnectionProtocol_HTTP(IProxyConnection& connection)
+    : m_connection(connection), m_lookup([&connection] { connection.WakeHandler(); })
+{
+}
 
 CConnectionProtocol_HTTP::~CConnectionProtocol_HTTP() = default;
 
 void CConnectionProtocol_HTTP::Init() {}
 
-// Nothing of ours runs on another thread, so there is nothing to stop.
-void CConnectionProtocol_HTTP::Terminate() {}
+// A lookup under way is all there is to stop.
+void CConnectionProtocol_HTTP::Terminate()
+{
+    m_lookup.Cancel();
+    m_wait = EWait::None;
+    m_held.clear();
+}
 
 void CConnectionProtocol_HTTP::HandleRequest(const char* data, int length)
 {
     // The connection never hands over an empty chunk; a negative length would wrap in the parser.
     if (!data || length <= 0)
         return;
+    if (m_wait != EWait::None) {
+        m_held.append(data, static_cast<size_t>(length));
+        return;
+    }
     if (!m_requestPassThrough) {
         ProcessHTTPRequest(data, length);
         return;
@@ -171,23 +184,88 @@ void CConnectionProtocol_HTTP::ProcessHTTPRequest(const char* data, int length)
     if (result != CHTTPParser::PARSE_COMPLETE)
         return;
 
-    QOX::CRefCountPtr<CHTTPRequest> request = QOX::StaticCast<CHTTPRequest>(m_requestParser.m_packet);
-    const QOX::CRefCountPtr<IZRTConnectionAddress> destination = GetDestination(request);
-    if (!destination || !m_connection.ConnectToHost(destination)) {
-        SendErrorToClient(REPLY_NOT_FOUND);
-        m_requestParser.Reset();
+    m_request = QOX::StaticCast<CHTTPRequest>(m_requestParser.m_packet);
+    if (!GetDestination(m_request))
+        Refuse();
+}
+
+void CConnectionProtocol_HTTP::Refuse()
+{
+    m_wait = EWait::None;
+    m_held.clear();
+    m_request.Reset();
+    SendErrorToClient(REPLY_NOT_FOUND);
+    m_requestParser.Reset();
+}
+
+void CConnectionProtocol_HTTP::Resume()
+{
+    QOX::CRefCountPtr<IZRTConnectionAddress> destination;
+    if (m_wait != EWait::Lookup || !m_lookup.TakeAnswer(destination))
+        return;
+    m_connection.SetHandlerTimer(-1);
+    UseDestination(destination);
+}
+
+void CConnectionProtocol_HTTP::OnTimer()
+{
+    if (m_wait != EWait::Lookup)
+        return;
+    // A name that is not answered in time does not resolve.
+    m_lookup.Cancel();
+    Refuse();
+}
+
+void CConnectionProtocol_HTTP::UseDestination(const QOX::CRefCountPtr<IZRTConnectionAddress>& destination)
+{
+    // A destination that is the proxy itself, in whatever form it was named, would loop back in.
+    if (!destination || m_connection.GetAddressManager().IsProxyItself(*destination) ||
+        !m_connection.BeginConnectToHost(destination)) {
+        Refuse();
         return;
     }
+    m_wait = EWait::Connect;
+}
+
+void CConnectionProtocol_HTTP::OnHostConnected(bool connected)
+{
+    if (m_wait != EWait::Connect || !m_request)
+        return;
+    if (!connected) {
+        Refuse();
+        return;
+    }
+    m_wait = EWait::None;
+    const QOX::CRefCountPtr<CHTTPRequest> request = std::move(m_request);
+    m_request.Reset();
     if (strcasecmp(request->m_method.c_str(), TUNNEL_METHOD) == 0) {
         // The parser keeps whatever came behind the CONNECT header block; it is never relayed.
         m_connection.SendToClient(REPLY_CONNECTION_ESTABLISHED, REPLY_CONNECTION_ESTABLISHED_LENGTH);
         m_requestPassThrough = true;
         m_responsePassThrough = true;
-        return;
+    } else {
+        ForwardRequest(*request);
+        m_requestPassThrough = true;
+        m_requestParser.Reset();
     }
-    ForwardRequest(*request);
-    m_requestPassThrough = true;
-    m_requestParser.Reset();
+    // What the client sent while we waited follows, as if it had come now.
+    std::string held;
+    held.swap(m_held);
+    if (!held.empty())
+        HandleRequest(held.data(), static_cast<int>(held.size()));
+}
+
+bool CConnectionProtocol_HTTP::HandleClientEnd()
+{
+    // Once the request went out (or a tunnel stands), the client's end is passed on: a client
+    // that half-closes after its request still gets the whole answer.
+    return m_requestPassThrough && m_connection.EndHostOutput();
+}
+
+bool CConnectionProtocol_HTTP::HandleHostEnd()
+{
+    // A response whose header block never ended is not passed on as if it were complete.
+    return m_responsePassThrough;
 }
 
 // Sends the rewritten header block and the body bytes that arrived with it in one piece.
@@ -247,16 +325,23 @@ void CConnectionProtocol_HTTP::SendErrorToClient(const char* reply)
     m_connection.DisconnectClient();
 }
 
-QOX::CRefCountPtr<IZRTConnectionAddress>
-CConnectionProtocol_HTTP::GetDestination(const QOX::CRefCountPtr<CHTTPRequest>& request)
+bool CConnectionProtocol_HTTP::GetDestination(const QOX::CRefCountPtr<CHTTPRequest>& request)
 {
     std::string address;
     if (!ExtractAddress(request, address))
-        return {};
-    CAddressManager* addresses = CAddressManager::GetInstance();
-    if (addresses->IsLocalAddress(address))
-        return {};
-    return addresses->ResolveAddress(address);
+        return false;
+    CAddressManager& addresses = m_connection.GetAddressManager();
+    if (addresses.IsLocalAddress(address))
+        return false;
+    if (m_lookup.Start(addresses, address)) {
+        QOX::CRefCountPtr<IZRTConnectionAddress> destination;
+        m_lookup.TakeAnswer(destination);
+        UseDestination(destination);
+        return true;
+    }
+    m_wait = EWait::Lookup;
+    m_connection.SetHandlerTimer(m_connection.GetSettings().lookupLimitMs);
+    return true;
 }
 
 bool CConnectionProtocol_HTTP::ExtractAddress(const QOX::CRefCountPtr<CHTTPRequest>& request, std::string& address)

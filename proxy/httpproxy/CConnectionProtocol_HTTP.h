@@ -2,6 +2,7 @@
 
 #include <string>
 
+#include "proxy/address/CNameLookup.h"
 #include "proxy/core/IConnectionProtocol.h"
 #include "proxy/core/IProxyConnection.h"
 #include "proxy/http/CHTTPRequest.h"
@@ -20,8 +21,13 @@ namespace Proxy {
 // dropped, and goes to the host with the body bytes that came with it. Only the first request and
 // the first response of a connection are parsed; everything after them is relayed unchanged.
 //
-// Runs on the connection's thread only and has no buffer of its own beyond the request parser,
-// whose header block is bounded, so it reports no request backlog.
+// Runs on the connection's thread. The destination is looked up and connected without waiting
+// on the thread: the steps continue in Resume (the lookup answered), OnHostConnected and OnTimer
+// (the lookup's limit). Client bytes that arrive meanwhile are held, as the request backlog, and
+// handled once the request is (they travel behind it, or are dropped with a refusal).
+//
+// A destination that is this machine's name or address (by its text), or that resolves to the
+// proxy's own listening address (by its value), is refused: it would loop through the proxy.
 class ZRT_EXPORT CConnectionProtocol_HTTP : public IConnectionProtocol {
 public:
     // Drops the hop-by-hop headers "proxy-connection", "connection" and "keep-alive", so the host
@@ -68,21 +74,32 @@ public:
     void Terminate() override;
     void HandleRequest(const char* data, int length) override;
     void HandleResponse(const char* data, int length) override;
-    unsigned int GetRequestBacklog() const override { return 0; }
+    unsigned int GetRequestBacklog() const override { return static_cast<unsigned int>(m_held.size()); }
     bool PassesResponsesThrough() const override { return m_responsePassThrough; }
     bool PassesRequestsThrough() const override { return m_requestPassThrough && m_connection.IsConnectedToHost(); }
+    bool HandleClientEnd() override;
+    bool HandleHostEnd() override;
+    void OnHostConnected(bool connected) override;
+    void Resume() override;
+    void OnTimer() override;
 
 protected:
     void ProcessHTTPRequest(const char* data, int length);
     void ProcessHTTPResponse(const char* data, int length);
     // Sends the reply (the 400 reply when null) and drops the client, unless it is gone already.
     void SendErrorToClient(const char* reply);
-    // Empty when the request names no host, names this machine, or the name does not resolve.
-    QOX::CRefCountPtr<IZRTConnectionAddress> GetDestination(const QOX::CRefCountPtr<CHTTPRequest>& request);
+    // Starts finding the request's destination; false when it has none (no host, or this
+    // machine). The answer comes to UseDestination, at once or from Resume.
+    bool GetDestination(const QOX::CRefCountPtr<CHTTPRequest>& request);
     // "host:port" from the Host header, else the target; the port defaults to 80.
     bool ExtractAddress(const QOX::CRefCountPtr<CHTTPRequest>& request, std::string& address);
 
 private:
+    // Where the first request stands while its destination is found and connected.
+    enum class EWait { None, Lookup, Connect };
+
+    void UseDestination(const QOX::CRefCountPtr<IZRTConnectionAddress>& destination);
+    void Refuse();
     void ForwardRequest(CHTTPRequest& request);
 
     CProxyHTTPRequestParser m_requestParser;
@@ -90,6 +107,11 @@ private:
     IProxyConnection& m_connection;
     bool m_requestPassThrough = false;
     bool m_responsePassThrough = false;
+    EWait m_wait = EWait::None;
+    QOX::CRefCountPtr<CHTTPRequest> m_request;
+    CNameLookup m_lookup;
+    // Client bytes that came while the request waited.
+    std::string m_held;
 };
 
 } // namespace Proxy

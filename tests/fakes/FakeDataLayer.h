@@ -19,6 +19,7 @@ namespace Testing {
 // An in-memory link. The test plays the remote end: PushFromRemote makes bytes available and
 // notifies the sinks on the calling thread; what the engine sends is collected (and optionally
 // handed to an OnSend hook that can answer). Disconnect reports OnConnectionClosed synchronously.
+// It half-closes like a TCP link unless told it cannot (as an older host's link).
 class FakeDataLayer : public QOX::CRefCountImpl<IZRTDataLayer>, public Guarded {
 public:
     using SendHook = std::function<void(FakeDataLayer&, const std::string&)>;
@@ -28,7 +29,7 @@ public:
         return Locked([&] {
             const int count = std::min(size, static_cast<int>(m_incoming.size()));
             if (count <= 0)
-                return 0;
+                return m_remoteEnded && m_halfClose ? -1 : 0;
             std::memcpy(buffer, m_incoming.data(), static_cast<size_t>(count));
             m_incoming.erase(0, static_cast<size_t>(count));
             return count;
@@ -69,7 +70,27 @@ public:
     {
         return Locked([&] { return static_cast<unsigned int>(m_incoming.size()); });
     }
-    void Disconnect() override { NotifyClosed(); }
+    void Disconnect() override
+    {
+        Change([&] { ++m_disconnects; });
+        NotifyClosed();
+    }
+    bool EnableHalfClose() override
+    {
+        return Locked([&] {
+            m_halfClose = m_canHalfClose;
+            return m_halfClose;
+        });
+    }
+    bool ShutdownSend() override
+    {
+        bool done = false;
+        Change([&] {
+            done = m_canHalfClose && !m_closed;
+            m_sendShut = m_sendShut || done;
+        });
+        return done;
+    }
     unsigned int GetSendBacklog() const override { return Locked([&] { return m_reportedBacklog; }); }
 
     // Remote end.
@@ -81,6 +102,26 @@ public:
             sink->OnDataReceived(*this);
     }
     void CloseFromRemote() { NotifyClosed(); }
+    // The remote end finished sending: a half-closing sink reads the end, any other hears the
+    // link close.
+    void EndFromRemote()
+    {
+        QOX::CRefCountPtr<IZRTDataLayer> keepAlive(this);
+        const bool halfClose = Locked([&] {
+            m_remoteEnded = true;
+            return m_halfClose;
+        });
+        if (!halfClose) {
+            NotifyClosed();
+            return;
+        }
+        for (auto* sink : Sinks())
+            sink->OnDataReceived(*this);
+    }
+    void SetCanHalfClose(bool can) { Locked([&] { m_canHalfClose = can; }); }
+    bool WasSendShut() const { return Locked([&] { return m_sendShut; }); }
+    bool WaitForSendShut(int timeoutMs = 5000) { return WaitFor([&] { return m_sendShut; }, timeoutMs); }
+    int GetDisconnects() const { return Locked([&] { return m_disconnects; }); }
     std::string GetSent() const { return Locked([&] { return m_sent; }); }
     // Waits until at least count bytes were sent (or the time runs out); returns what was sent.
     std::string WaitForSent(size_t count, int timeoutMs = 5000)
@@ -118,6 +159,11 @@ private:
     SendHook m_onSend;
     unsigned int m_reportedBacklog = 0;
     bool m_closed = false;
+    bool m_canHalfClose = true;
+    bool m_halfClose = false;
+    bool m_remoteEnded = false;
+    bool m_sendShut = false;
+    int m_disconnects = 0;
 };
 
 } // namespace Testing

@@ -1,26 +1,36 @@
 #pragma once
 
+#include <optional>
 #include <string>
 #include <utility>
 
 #include "fakes/FakeMultiPointLayer.h"
+#include "proxy/address/CAddressManager.h"
 #include "proxy/core/IConnectionProtocol.h"
 #include "proxy/core/IProxyConnection.h"
+#include "proxy/core/SProxySettings.h"
 #include "transport/CTCPIPAddress.h"
 
 namespace ZRT {
 namespace Testing {
 
 // Stands in for a client connection when a handler is tested alone: records what the handler
-// sends each way, opens host links through a FakeMultiPointLayer, and calls the handler's
-// Terminate once on the first DisconnectClient, as the real connection does.
+// sends each way and opens host links through a FakeMultiPointLayer. The test's thread plays the
+// connection's thread: what the real connection would run there later (the outcome of
+// BeginConnectToHost, Resume after WakeHandler, OnTimer) waits until the test calls RunPending
+// (or FireTimer), so a handler is never called inside its own call.
 class FakeProxyConnection : public Proxy::IProxyConnection, public Guarded {
 public:
-    explicit FakeProxyConnection(unsigned int clientPort = 50123) : m_clientAddress(127, 0, 0, 1, clientPort) {}
+    explicit FakeProxyConnection(unsigned int clientPort = 50123)
+        : m_clientAddress(127, 0, 0, 1, clientPort), m_localAddress(127, 0, 0, 1, 1080)
+    {
+    }
 
     void SetProtocol(Proxy::IConnectionProtocol* protocol) { Locked([&] { m_protocol = protocol; }); }
     void SetDatagramHandler(IDatagramHandler* handler) { m_datagramHandler = handler; }
     void SetConnectionListener(IConnectionListener* listener) { m_listener = listener; }
+    void SetAddressManager(Proxy::CAddressManager* manager) { m_addressManager = manager; }
+    Proxy::SProxySettings& Settings() { return m_settings; }
     FakeMultiPointLayer& GetMultiPointLayer() { return m_multiPointLayer; }
 
     const IZRTConnectionAddress& GetClientAddress() const override { return m_clientAddress; }
@@ -36,6 +46,36 @@ public:
                 return false;
             m_link = m_multiPointLayer.Connect(*destination, m_clientAddress);
             return static_cast<bool>(m_link);
+        });
+    }
+    bool BeginConnectToHost(QOX::CRefCountPtr<IZRTConnectionAddress> destination) override
+    {
+        return Locked([&] {
+            ++m_connects;
+            if (m_link || !destination || m_outcome)
+                return false;
+            m_link = m_multiPointLayer.Connect(*destination, m_clientAddress);
+            m_outcome = static_cast<bool>(m_link);
+            return true;
+        });
+    }
+    bool AdoptHostLink(QOX::CRefCountPtr<IZRTDataLayer> link) override
+    {
+        return Locked([&] {
+            if (m_link || !link)
+                return false;
+            m_link = link;
+            ++m_adopted;
+            return true;
+        });
+    }
+    bool EndHostOutput() override
+    {
+        return Locked([&] {
+            if (!m_link || m_hostClosed)
+                return false;
+            ++m_hostOutputEnds;
+            return true;
         });
     }
     void DisconnectClient() override
@@ -80,7 +120,63 @@ public:
     IDatagramHandler* GetDatagramHandler() override { return m_datagramHandler; }
     IConnectionListener* GetConnectionListener() override { return m_listener; }
     unsigned int GetClientBacklog() const override { return Locked([&] { return m_clientBacklog; }); }
-    void WakeConnection() override { Locked([&] { ++m_wakes; }); }
+    void WakeConnection() override { Change([&] { ++m_wakes; }); }
+    void WakeHandler() override
+    {
+        Change([&] {
+            ++m_wakes;
+            m_resumeDue = true;
+        });
+    }
+    void SetHandlerTimer(int milliseconds) override { Locked([&] { m_timerMs = milliseconds; }); }
+    Proxy::CAddressManager& GetAddressManager() override
+    {
+        return m_addressManager ? *m_addressManager : *Proxy::CAddressManager::GetInstance();
+    }
+    const IZRTConnectionAddress& GetLocalAddress() const override { return m_localAddress; }
+    const Proxy::SProxySettings& GetSettings() const override { return m_settings; }
+
+    // Runs what the connection's thread would run next: the connect outcome, then Resume, until
+    // nothing is left.
+    void RunPending()
+    {
+        for (;;) {
+            Proxy::IConnectionProtocol* protocol = nullptr;
+            std::optional<bool> outcome;
+            bool resume = false;
+            Change([&] {
+                protocol = m_disconnected ? nullptr : m_protocol;
+                outcome = std::exchange(m_outcome, std::nullopt);
+                resume = std::exchange(m_resumeDue, false);
+            });
+            if (!protocol || (!outcome && !resume))
+                return;
+            if (outcome)
+                protocol->OnHostConnected(*outcome);
+            if (resume)
+                protocol->Resume();
+        }
+    }
+    // Waits until another thread woke the handler, then runs what is pending.
+    bool RunWhenWoken(int timeoutMs = 5000)
+    {
+        if (!WaitFor([&] { return m_resumeDue || m_disconnected; }, timeoutMs))
+            return false;
+        RunPending();
+        return true;
+    }
+    // The handler's timer came due (the test decides when).
+    void FireTimer()
+    {
+        Proxy::IConnectionProtocol* protocol = nullptr;
+        Locked([&] {
+            protocol = m_disconnected || m_timerMs < 0 ? nullptr : m_protocol;
+            m_timerMs = -1;
+        });
+        if (protocol)
+            protocol->OnTimer();
+    }
+    int GetTimerMs() const { return Locked([&] { return m_timerMs; }); }
 
     std::string GetToClient() const { return Locked([&] { return m_toClient; }); }
     std::string GetToHost() const { return Locked([&] { return m_toHost; }); }
@@ -92,18 +188,15 @@ public:
         WaitFor([&] { return m_toClient.size() >= count; }, timeoutMs);
         return GetToClient();
     }
-    std::string WaitForHostBytes(size_t count, int timeoutMs = 5000)
-    {
-        WaitFor([&] { return m_toHost.size() >= count; }, timeoutMs);
-        return GetToHost();
-    }
     bool WaitForDisconnect(int timeoutMs = 5000)
     {
         return WaitFor([&] { return m_disconnected; }, timeoutMs);
     }
     int GetTerminateCalls() const { return Locked([&] { return m_terminates; }); }
     int GetConnectCalls() const { return Locked([&] { return m_connects; }); }
-    int GetWakeCalls() const { return Locked([&] { return m_wakes; }); }
+    int GetAdoptedLinks() const { return Locked([&] { return m_adopted; }); }
+    int GetHostOutputEnds() const { return Locked([&] { return m_hostOutputEnds; }); }
+    QOX::CRefCountPtr<IZRTDataLayer> GetLink() const { return Locked([&] { return m_link; }); }
     // Pretends the host link reported its closure.
     void SetHostClosed() { Locked([&] { m_hostClosed = true; }); }
     // Makes GetClientBacklog report a fixed value (flow-control tests); 0 by default.
@@ -111,17 +204,25 @@ public:
 
 private:
     CTCPIPAddress m_clientAddress;
+    CTCPIPAddress m_localAddress;
     FakeMultiPointLayer m_multiPointLayer;
+    Proxy::SProxySettings m_settings;
+    Proxy::CAddressManager* m_addressManager = nullptr;
     Proxy::IConnectionProtocol* m_protocol = nullptr;
     IDatagramHandler* m_datagramHandler = nullptr;
     IConnectionListener* m_listener = nullptr;
     QOX::CRefCountPtr<IZRTDataLayer> m_link;
+    std::optional<bool> m_outcome;
+    bool m_resumeDue = false;
+    int m_timerMs = -1;
     std::string m_toClient;
     std::string m_toHost;
     int m_hostSends = 0;
     int m_clientSends = 0;
     int m_terminates = 0;
     int m_connects = 0;
+    int m_adopted = 0;
+    int m_hostOutputEnds = 0;
     int m_wakes = 0;
     unsigned int m_clientBacklog = 0;
     bool m_disconnected = false;

@@ -54,7 +54,18 @@ public:
             Answer(address, mode == ANSWER_AT_ONCE ? Lookup(address) : QOX::CRefCountPtr<IZRTConnectionAddress>());
         return 0;
     }
-    int CancelRequest(const std::string& /*address*/) override { return 0; }
+    int CancelRequest(const std::string& address) override
+    {
+        Locked([&] { ++m_cancels[address]; });
+        return 0;
+    }
+    int GetCancelCount(const std::string& key)
+    {
+        return Locked([&] {
+            const auto found = m_cancels.find(key);
+            return found == m_cancels.end() ? 0 : found->second;
+        });
+    }
     int AddNotification(IResolveAddressCompletedNotification* notification) override
     {
         Locked([&] { m_notifications.insert(notification); });
@@ -115,6 +126,7 @@ public:
 private:
     std::map<std::string, std::string> m_script;
     std::map<std::string, int> m_requests;
+    std::map<std::string, int> m_cancels;
     std::set<IResolveAddressCompletedNotification*> m_notifications;
     std::vector<std::thread> m_pending;
     EMode m_mode = ANSWER_AT_ONCE;

@@ -1,9 +1,8 @@
 // Feeds an arbitrary client stream, in chunks sized by the input, to the SOCKS5 handler over fake
-// host services, then tears it down. The first byte picks which services exist and whether a
+// host services (the fuzzer's thread plays the connection's), then tears it down. The first byte picks which services exist and whether a
 // host answers or a BIND peer connects; crashes, leaks and sanitizer reports are the findings.
 #include <cstddef>
 #include <cstdint>
-#include <thread>
 
 #include "fakes/FakeConnectionListener.h"
 #include "fakes/FakeDatagramHandler.h"
@@ -23,11 +22,10 @@ void StartAddressManager()
     (void)started;
 }
 
-// Lets the worker catch up with what it was given, within a bound.
-void Settle(Proxy::CConnectionProtocol_SOCKS5& handler)
+// Runs what the connection's thread would run next: connect outcomes and wake-ups.
+void Settle(Testing::FakeProxyConnection& connection)
 {
-    for (int i = 0; i < 200 && handler.GetRequestBacklog() != 0 && handler.GetState() != -1; ++i)
-        std::this_thread::yield();
+    connection.RunPending();
 }
 
 } // namespace
@@ -61,14 +59,16 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         handler->HandleRequest(reinterpret_cast<const char*>(data + offset), static_cast<int>(take));
         offset += take;
         if (flags & 32)
-            Settle(*handler);
+            Settle(connection);
     }
-    Settle(*handler);
+    Settle(connection);
+    if (flags & 64)
+        connection.FireTimer();
     if (flags & 8)
         handler->HandleResponse("host says hi", 12);
     if ((flags & 16) && listener.IsListening()) {
         auto peer = listener.ConnectPeer(CTCPIPAddress(127, 0, 0, 3, 5555));
-        Settle(*handler);
+        Settle(connection);
         if (peer)
             peer->PushFromRemote("peer bytes");
     }

@@ -301,6 +301,21 @@ TEST(HTTPParser, LineEnds)
     EXPECT_EQ("rest", Pending(empty));
 }
 
+TEST(HTTPParser, AHeaderBlockCostsLinearTimeHoweverItIsSplit)
+{
+    const std::string block = "GET / HTTP/1.1\r\nX-Long: " + std::string(60000, 'v') + "\r\n\r\n";
+    CHTTPRequestParser whole;
+    ASSERT_EQ(CHTTPParser::PARSE_COMPLETE, Feed(whole, block));
+    CHTTPRequestParser byByte;
+    for (size_t i = 0; i + 1 < block.size(); ++i)
+        ASSERT_EQ(CHTTPParser::PARSE_NEED_MORE, Feed(byByte, block.substr(i, 1))) << i;
+    ASSERT_EQ(CHTTPParser::PARSE_COMPLETE, Feed(byByte, "\n"));
+    EXPECT_EQ(Request(whole).GetHeaders(), Request(byByte).GetHeaders());
+    // Each byte is searched once and copied at most twice, whatever the chunks.
+    EXPECT_LE(byByte.GetBytesExamined(), 4 * block.size());
+    EXPECT_LE(whole.GetBytesExamined(), 4 * block.size());
+}
+
 TEST(HTTPParser, Errors)
 {
     CHTTPRequestParser twoTokens;

@@ -42,6 +42,13 @@ public:
     using CConnectionProtocol_HTTP::ExtractAddress;
 };
 
+// Hands a chunk in as the connection would, then runs what it would run next.
+void Feed(FakeProxyConnection& connection, CConnectionProtocol_HTTP& handler, const std::string& bytes)
+{
+    handler.HandleRequest(bytes.data(), static_cast<int>(bytes.size()));
+    connection.RunPending();
+}
+
 class HTTPProxyTest : public ::testing::Test {
 protected:
     void SetUp() override
@@ -56,7 +63,7 @@ protected:
 
     void TearDown() override { CAddressManager::GetInstance()->Terminate(); }
 
-    void Request(const std::string& bytes) { m_handler.HandleRequest(bytes.data(), static_cast<int>(bytes.size())); }
+    void Request(const std::string& bytes) { Feed(m_connection, m_handler, bytes); }
 
     FakeResolver m_resolver;
     FakeProxyConnection m_connection;
@@ -103,7 +110,8 @@ TEST_F(HTTPProxyTest, RequestRewrites)
     for (const auto& c : cases) {
         FakeProxyConnection connection;
         CConnectionProtocol_HTTP handler(connection);
-        handler.HandleRequest(c.first.data(), static_cast<int>(c.first.size()));
+        connection.SetProtocol(&handler);
+        Feed(connection, handler, c.first);
         EXPECT_EQ(c.second, connection.GetToHost());
         EXPECT_EQ(1, connection.GetSendToHostCalls());
     }
@@ -159,36 +167,91 @@ TEST_F(HTTPProxyTest, Refusals)
         {"CONNECT server1:443 HTTP/1.1\r\n\r\n", NOT_FOUND_404, true},
     };
     m_resolver.SetResolveNumeric(false);
-    const std::string next = "GET / HTTP/1.1\r\nHost: server1\r\n\r\n";
     for (const SCase& c : cases) {
         FakeProxyConnection connection;
         CConnectionProtocol_HTTP handler(connection);
         connection.SetProtocol(&handler);
         connection.GetMultiPointLayer().SetFail(c.connectFails);
-        handler.HandleRequest(c.request.data(), static_cast<int>(c.request.size()));
+        Feed(connection, handler, c.request);
         EXPECT_EQ(c.reply, connection.GetToClient()) << c.request;
         EXPECT_FALSE(connection.IsConnectedToClient()) << c.request;
         EXPECT_EQ(1, connection.GetTerminateCalls());
         EXPECT_EQ(c.connectFails ? 1 : 0, connection.GetMultiPointLayer().GetConnectCount()) << c.request;
-        // The parser was reset: nothing of the refused request is left to spoil a later one.
-        connection.GetMultiPointLayer().SetFail(false);
-        handler.HandleRequest(next.data(), static_cast<int>(next.size()));
-        EXPECT_EQ("GET / HTTP/1.0\r\nHost: server1\r\n\r\n", connection.GetToHost()) << c.request;
     }
     EXPECT_EQ(0, m_resolver.GetRequestCount("myself:8080")) << "a local host is never resolved";
     EXPECT_EQ(1, m_resolver.GetRequestCount("nowhere:80"));
 }
 
-TEST_F(HTTPProxyTest, ErrorWhenClientIsGoneSendsNothingAndStillResets)
+TEST_F(HTTPProxyTest, DestinationThatIsTheProxyItselfIsRefusedInEveryForm)
+{
+    CAddressManager* manager = CAddressManager::GetInstance();
+    manager->SetProxyPort(3128);
+    manager->SetOwnAddressesForTesting({"192.0.2.7"});
+    m_resolver.Script("proxy.example:3128", "192.0.2.7");
+    // What a system resolver makes of these forms (the fake parses only the plain ones).
+    for (const char* form : {"LocalHost:3128", "127.1:3128", "2130706433:3128", "0x7f000001:3128"})
+        m_resolver.Script(form, "127.0.0.1");
+    for (const std::string host : {"LocalHost:3128", "127.1:3128", "0.0.0.0:3128", "2130706433:3128",
+                                   "0x7f000001:3128", "[::1]:3128", "[::ffff:127.0.0.1]:3128", "proxy.example:3128"}) {
+        FakeProxyConnection connection;
+        CConnectionProtocol_HTTP handler(connection);
+        connection.SetProtocol(&handler);
+        Feed(connection, handler, "GET / HTTP/1.1\r\nHost: " + host + "\r\n\r\n");
+        EXPECT_EQ(NOT_FOUND_404, connection.GetToClient()) << host;
+        EXPECT_EQ(0, connection.GetMultiPointLayer().GetConnectCount()) << host;
+    }
+    FakeProxyConnection connection;
+    CConnectionProtocol_HTTP handler(connection);
+    connection.SetProtocol(&handler);
+    Feed(connection, handler, "CONNECT 127.0.0.3:3129 HTTP/1.1\r\n\r\n");
+    EXPECT_EQ(OK_200, connection.GetToClient()) << "another port of this machine is served";
+    manager->SetProxyPort(0);
+}
+
+TEST_F(HTTPProxyTest, LookupIsAwaitedWhileLaterBytesAreHeldAndFollowTheRequest)
+{
+    m_resolver.SetMode(FakeResolver::ANSWER_LATER);
+    Request("POST http://server1/ HTTP/1.1\r\nHost: server1\r\n\r\nfirst");
+    Request("second");
+    EXPECT_EQ(0, m_connection.GetConnectCalls());
+    EXPECT_EQ(6u, m_handler.GetRequestBacklog());
+    EXPECT_EQ(30000, m_connection.GetTimerMs());
+    ASSERT_TRUE(m_connection.RunWhenWoken());
+    EXPECT_EQ("POST / HTTP/1.0\r\nHost: server1\r\n\r\nfirstsecond", m_connection.GetToHost());
+    EXPECT_EQ(0u, m_handler.GetRequestBacklog());
+    EXPECT_EQ(-1, m_connection.GetTimerMs());
+}
+
+TEST_F(HTTPProxyTest, NameNotAnsweredInTimeIsNotFound)
+{
+    m_resolver.SetMode(FakeResolver::NEVER_ANSWER);
+    Request("GET / HTTP/1.1\r\nHost: slow.example\r\n\r\n");
+    m_connection.FireTimer();
+    EXPECT_EQ(NOT_FOUND_404, m_connection.GetToClient());
+    EXPECT_EQ(1, m_resolver.GetCancelCount("slow.example:80"));
+}
+
+TEST_F(HTTPProxyTest, EndsArePassedOnOnceTheRequestWentOut)
+{
+    EXPECT_FALSE(m_handler.HandleClientEnd());
+    Request(BROWSER_REQUEST);
+    EXPECT_TRUE(m_handler.HandleClientEnd());
+    EXPECT_EQ(1, m_connection.GetHostOutputEnds());
+    // The response has not been seen whole: its end is not passed on as a complete one.
+    m_handler.HandleResponse("HTTP/1.1 200 OK\r\n", 17);
+    EXPECT_FALSE(m_handler.HandleHostEnd());
+    m_handler.HandleResponse("\r\n", 2);
+    EXPECT_TRUE(m_handler.HandleHostEnd());
+}
+
+TEST_F(HTTPProxyTest, ErrorWhenClientIsGoneSendsNothing)
 {
     CCountingConnection connection;
     CConnectionProtocol_HTTP handler(connection);
     connection.DisconnectClient();
-    for (const std::string bytes : {"GET /index.html\r\nX: y\r\n", "GET / HTTP/1.1\r\nHost: server1\r\n\r\n"})
-        handler.HandleRequest(bytes.data(), static_cast<int>(bytes.size()));
+    Feed(connection, handler, "GET /index.html\r\nX: y\r\n");
     EXPECT_EQ("", connection.GetToClient());
     EXPECT_EQ(1, connection.m_disconnectCalls) << "only the test's own call";
-    EXPECT_EQ("GET / HTTP/1.0\r\nHost: server1\r\n\r\n", connection.GetToHost());
 }
 
 TEST_F(HTTPProxyTest, ConnectOpensTunnelInEitherCase)
@@ -199,7 +262,7 @@ TEST_F(HTTPProxyTest, ConnectOpensTunnelInEitherCase)
         connection.SetProtocol(&handler);
         // Bytes behind the blank line in the same chunk are not relayed; later ones are.
         const std::string request = method + " server1:443 HTTP/1.1\r\nHost: server1:443\r\n\r\nEARLY";
-        handler.HandleRequest(request.data(), static_cast<int>(request.size()));
+        Feed(connection, handler, request);
         EXPECT_EQ(OK_200, connection.GetToClient()) << method;
         EXPECT_EQ("", connection.GetToHost()) << method;
         EXPECT_EQ((std::vector<std::string>{"127.0.0.1:443"}), connection.GetMultiPointLayer().GetDestinations());

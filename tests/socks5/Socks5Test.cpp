@@ -1,13 +1,13 @@
+// The SOCKS5 handler alone, on a fake connection whose thread the test plays: negotiation and
+// refusals byte for byte, the three commands, and the UDP relay on real loopback sockets.
 #include <gtest/gtest.h>
 
-#include <atomic>
-#include <chrono>
+#include <poll.h>
+
 #include <cstring>
-#include <future>
 #include <initializer_list>
 #include <memory>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "fakes/FakeConnectionListener.h"
@@ -18,12 +18,14 @@
 #include "fakes/TestSockets.h"
 #include "proxy/address/CAddressManager.h"
 #include "proxy/socks5/CConnectionProtocol_SOCKS5.h"
+#include "proxy/socks5/CSocks5UdpRelay.h"
 
 namespace ZRT {
 namespace Testing {
 namespace {
 
 using Handler = Proxy::CConnectionProtocol_SOCKS5;
+using EState = Handler::EState;
 
 std::string Bytes(std::initializer_list<int> values)
 {
@@ -39,71 +41,56 @@ std::string CommandReply(int code)
     return Bytes({5, code, 0, 1, 0, 0, 0, 0, 0xC3, 0xCB});
 }
 
-// A handler of its own on connection, handed the greeting and request in one piece: for cases
-// that need many connections, or one set up unlike the fixture's.
-std::unique_ptr<Handler> StartOn(FakeProxyConnection& connection,
-                                                                  const std::string& request)
+std::string Request(int command, std::initializer_list<int> ipv4, unsigned int port)
 {
-    auto handler = std::make_unique<Handler>(connection);
-    connection.SetProtocol(handler.get());
-    handler->Init();
-    const std::string exchange = Bytes({5, 1, 0}) + request;
-    handler->HandleRequest(exchange.data(), static_cast<int>(exchange.size()));
-    return handler;
+    std::string request = Bytes({5, command, 0, 1});
+    for (int byte : ipv4)
+        request.push_back(static_cast<char>(byte));
+    return request + Bytes({static_cast<int>(port >> 8), static_cast<int>(port & 0xFF)});
 }
 
-// One handler on a fake connection (client port 50123 = C3 CB), with the address manager
-// resolving through a scripted resolver.
+std::string NameRequest(int command, const std::string& name, unsigned int port)
+{
+    return Bytes({5, command, 0, 3, static_cast<int>(name.size())}) + name +
+           Bytes({static_cast<int>(port >> 8), static_cast<int>(port & 0xFF)});
+}
+
+// One handler on a fake connection (client 127.0.0.1:50123, proxy 127.0.0.1:1080), names
+// resolved through a scripted resolver into the fixture's own cache.
 class Socks5Fixture : public ::testing::Test {
 protected:
-    static constexpr unsigned int CLIENT_PORT = 50123;
-
     void SetUp() override
     {
         m_resolver.SetResolveNumeric(false);
-        Proxy::CAddressManager::GetInstance()->Init(&m_resolver);
+        m_resolver.Script("server1:80", "127.0.0.1");
+        ASSERT_TRUE(m_manager.Init(&m_resolver));
+        m_connection.SetAddressManager(&m_manager);
+        m_handler.reset(new Handler(m_connection));
+        m_connection.SetProtocol(m_handler.get());
+        m_handler->Init();
     }
 
     void TearDown() override
     {
         Stop();
-        Proxy::CAddressManager::GetInstance()->Terminate();
+        m_manager.Terminate();
+        m_resolver.JoinPending();
     }
 
-    void Create()
+    // Hands bytes in as the connection would, then runs what it would run next.
+    void Send(const std::string& bytes)
     {
-        m_handler.reset(new Proxy::CConnectionProtocol_SOCKS5(m_connection));
-        m_connection.SetProtocol(m_handler.get());
+        m_handler->HandleRequest(bytes.data(), static_cast<int>(bytes.size()));
+        m_connection.RunPending();
     }
-
-    void Start()
-    {
-        Create();
-        m_handler->Init();
-    }
-
-    void Send(const std::string& bytes) { m_handler->HandleRequest(bytes.data(), static_cast<int>(bytes.size())); }
-
-    // Greeting and method selection; the handler then awaits a request.
     void Negotiate()
     {
-        Start();
         Send(Bytes({5, 1, 0}));
-        ASSERT_EQ(Bytes({5, 0}), m_connection.WaitForClientBytes(2));
+        ASSERT_EQ(Bytes({5, 0}), m_connection.GetToClient());
     }
-
-    // What the client got after the greeting reply, once the handler dropped it.
-    std::string RepliesOnceDropped() { return m_connection.WaitForDisconnect() ? Replies() : "(not dropped)"; }
-    // What the client receives after the greeting reply.
+    // What the client got after the greeting reply.
     std::string Replies() { return m_connection.GetToClient().substr(2); }
-    std::string WaitForReplies(size_t count) { return m_connection.WaitForClientBytes(2 + count).substr(2); }
-
-    bool WaitForState(int state)
-    {
-        return WaitUntil([&] { return m_handler->GetState() == state; });
-    }
-
-    // The client goes away as the connection would do it; the handler is then destroyed.
+    bool Dropped() { return !m_connection.IsConnectedToClient(); }
     void Stop()
     {
         if (!m_handler)
@@ -113,575 +100,449 @@ protected:
     }
 
     FakeResolver m_resolver;
-    FakeProxyConnection m_connection{CLIENT_PORT};
+    Proxy::CAddressManager m_manager;
+    FakeProxyConnection m_connection;
     std::unique_ptr<Handler> m_handler;
 };
 
-TEST(Socks5BufferTest, AppendConsumeAndClearKeepTheRemainderAtTheFront)
-{
-    Handler::CBuffer buffer;
-    EXPECT_FALSE(buffer.AppendData(nullptr, 3));
-    EXPECT_FALSE(buffer.AddData("abc", 0));
-    ASSERT_TRUE(buffer.AppendData("abc", 3));
-    ASSERT_TRUE(buffer.AddData("defg", 4));
-    buffer.Consume(2);
-    ASSERT_EQ(5u, buffer.GetSize());
-    EXPECT_EQ(0, std::memcmp(buffer.GetData(), "cdefg", 5));
-    buffer.Consume(9);
-    EXPECT_EQ(0u, buffer.GetSize());
-    ASSERT_TRUE(buffer.AppendData("xy", 2));
-    buffer.Clear();
-    EXPECT_EQ(0u, buffer.GetSize());
-}
+// ---- negotiation ----
 
 class Socks5NegotiationTest : public Socks5Fixture {};
 
 TEST_F(Socks5NegotiationTest, GreetingByteByByteIsAnsweredOnceAfterItsLastByte)
 {
-    Start();
-    Send(Bytes({5}));
-    Send(Bytes({1}));
-    ASSERT_TRUE(WaitForState(Handler::GreetingIncomplete));
-    EXPECT_EQ("", m_connection.GetToClient());
-    Send(Bytes({0}));
-    EXPECT_EQ(Bytes({5, 0}), m_connection.WaitForClientBytes(2));
-    ASSERT_TRUE(WaitForState(Handler::AwaitingRequest));
-    EXPECT_EQ(1, m_connection.GetSendToClientCalls());
+    const std::string greeting = Bytes({5, 2, 1, 0});
+    for (size_t i = 0; i + 1 < greeting.size(); ++i) {
+        Send(greeting.substr(i, 1));
+        EXPECT_EQ("", m_connection.GetToClient()) << "after byte " << i;
+        EXPECT_EQ(EState::Greeting, m_handler->GetState());
+    }
+    Send(greeting.substr(3));
+    EXPECT_EQ(Bytes({5, 0}), m_connection.GetToClient());
+    EXPECT_EQ(EState::Request, m_handler->GetState());
 }
 
-TEST_F(Socks5NegotiationTest, GreetingWithoutMethodsIsRefusedOnlyOnceAThirdByteArrives)
-{
-    Start();
-    Send(Bytes({5, 0}));
-    ASSERT_TRUE(WaitForState(Handler::GreetingIncomplete));
-    EXPECT_EQ("", m_connection.GetToClient());
-    Send(Bytes({1}));
-    ASSERT_TRUE(m_connection.WaitForDisconnect());
-    EXPECT_EQ(Bytes({5, 0xFF}), m_connection.GetToClient());
-}
-
-struct SExchange {
-    const char* name;
-    std::string clientBytes;
-    std::string expectedReply;
-    bool closes;
+struct SGreetingCase {
+    std::string greeting;
+    std::string reply;
+    bool accepted;
 };
 
-class Socks5GreetingTest : public Socks5Fixture, public ::testing::WithParamInterface<SExchange> {};
+class Socks5GreetingTest : public Socks5Fixture, public ::testing::WithParamInterface<SGreetingCase> {};
 
 TEST_P(Socks5GreetingTest, AnswersExactly)
 {
-    Start();
-    Send(GetParam().clientBytes);
-    if (GetParam().closes) {
-        ASSERT_TRUE(m_connection.WaitForDisconnect());
-        EXPECT_EQ(GetParam().expectedReply, m_connection.GetToClient());
-    } else {
-        EXPECT_EQ(GetParam().expectedReply, m_connection.WaitForClientBytes(2));
-        EXPECT_TRUE(WaitForState(Handler::AwaitingRequest));
-        EXPECT_TRUE(m_connection.IsConnectedToClient());
-    }
+    Send(GetParam().greeting);
+    EXPECT_EQ(GetParam().reply, m_connection.GetToClient());
+    EXPECT_EQ(!GetParam().accepted, Dropped());
 }
 
 INSTANTIATE_TEST_SUITE_P(
     Greetings, Socks5GreetingTest,
-    ::testing::Values(SExchange{"NoAuthLast", Bytes({5, 3, 2, 1, 0}), Bytes({5, 0}), false},
-                      SExchange{"OnlyUserPassword", Bytes({5, 1, 2}), Bytes({5, 0xFF}), true},
-                      SExchange{"VersionFour", Bytes({4, 1, 0}), "", true}),
-    [](const ::testing::TestParamInfo<SExchange>& info) { return std::string(info.param.name); });
+    ::testing::Values(SGreetingCase{Bytes({5, 1, 0}), Bytes({5, 0}), true},
+                      SGreetingCase{Bytes({5, 3, 2, 1, 0}), Bytes({5, 0}), true},
+                      SGreetingCase{Bytes({5, 1, 2}), Bytes({5, 0xFF}), false},
+                      // No method at all is answered at once, not waited on.
+                      SGreetingCase{Bytes({5, 0}), Bytes({5, 0xFF}), false}));
 
-// Requests the handler refuses: exact wire bytes, then the connection closes.
-class Socks5RefusalTest : public Socks5Fixture, public ::testing::WithParamInterface<SExchange> {};
+struct SRefusalCase {
+    const char* name;
+    std::string request;
+    std::string reply;
+};
+
+class Socks5RefusalTest : public Socks5Fixture, public ::testing::WithParamInterface<SRefusalCase> {};
 
 TEST_P(Socks5RefusalTest, RepliesExactlyAndCloses)
 {
     Negotiate();
-    Send(GetParam().clientBytes);
-    EXPECT_EQ(GetParam().expectedReply, RepliesOnceDropped());
+    Send(GetParam().request);
+    EXPECT_EQ(GetParam().reply, Replies());
+    EXPECT_TRUE(Dropped());
+    EXPECT_EQ(EState::Closed, m_handler->GetState());
     EXPECT_EQ(0, m_connection.GetConnectCalls());
 }
 
 INSTANTIATE_TEST_SUITE_P(
-    Requests, Socks5RefusalTest,
-    ::testing::Values(
-        SExchange{"VersionFour", Bytes({4, 1, 0, 1, 127, 0, 0, 1, 0, 80}), "", true},
-        SExchange{"AddressTypeTwo", Bytes({5, 1, 0, 2, 1, 2, 3, 4, 0, 80}), CommandReply(8), true},
-        SExchange{"CommandNine", Bytes({5, 9, 0, 1, 127, 0, 0, 1, 0, 80}), CommandReply(7), true},
-        SExchange{"UnresolvableName", Bytes({5, 1, 0, 3, 4, 'n', 'o', 'n', 'e', 0, 80}),
-                  CommandReply(8), true}),
-    [](const ::testing::TestParamInfo<SExchange>& info) { return std::string(info.param.name); });
+    Refusals, Socks5RefusalTest,
+    ::testing::Values(SRefusalCase{"WrongVersion", Bytes({4, 1, 0, 1, 127, 0, 0, 1, 0, 80}), ""},
+                      SRefusalCase{"UnknownAddressType", Bytes({5, 1, 0, 2, 1, 2, 3, 4}), CommandReply(8)},
+                      SRefusalCase{"UnknownCommand", Request(9, {127, 0, 0, 1}, 80), CommandReply(7)},
+                      SRefusalCase{"NameThatDoesNotResolve", NameRequest(1, "nowhere", 80), CommandReply(8)}),
+    [](const ::testing::TestParamInfo<SRefusalCase>& info) { return std::string(info.param.name); });
 
 TEST_F(Socks5NegotiationTest, GreetingRequestAndPayloadInOnePieceAreAllServed)
 {
-    Start();
-    Send(Bytes({5, 1, 0}) + Bytes({5, 1, 0, 1, 127, 0, 0, 1, 0x1F, 0x90}) + "hello");
-    EXPECT_EQ("hello", m_connection.WaitForHostBytes(5));
+    Send(Bytes({5, 1, 0}) + Request(1, {127, 0, 0, 1}, 80) + "payload");
     EXPECT_EQ(Bytes({5, 0}) + CommandReply(0), m_connection.GetToClient());
-    EXPECT_EQ(std::vector<std::string>{"127.0.0.1:8080"}, m_connection.GetMultiPointLayer().GetDestinations());
+    EXPECT_EQ("payload", m_connection.GetToHost());
+    EXPECT_EQ(EState::Relay, m_handler->GetState());
 }
 
 TEST_F(Socks5NegotiationTest, RequestSplitInsideTheAddressIsExecutedOnce)
 {
     Negotiate();
-    Send(Bytes({5, 1, 0, 1, 127, 0}));
-    Send(Bytes({0, 1, 0, 80}));
-    EXPECT_EQ(CommandReply(0), WaitForReplies(10));
+    const std::string request = NameRequest(1, "server1", 80);
+    Send(request.substr(0, 6));
+    Send(request.substr(6, 3));
+    EXPECT_EQ(0, m_connection.GetConnectCalls());
+    Send(request.substr(9));
     EXPECT_EQ(1, m_connection.GetConnectCalls());
-    EXPECT_TRUE(WaitForState(Handler::Connected));
+    EXPECT_EQ(CommandReply(0), Replies());
+    EXPECT_EQ((std::vector<std::string>{"127.0.0.1:80"}), m_connection.GetMultiPointLayer().GetDestinations());
 }
 
-TEST_F(Socks5NegotiationTest, DomainNameIsResolvedWithNameColonPort)
+TEST_F(Socks5NegotiationTest, NameIsLookedUpWithoutWaitingAndClientBytesWaitWithIt)
 {
-    m_resolver.Script("example.com:443", "127.0.0.2");
+    m_resolver.SetMode(FakeResolver::ANSWER_LATER);
     Negotiate();
-    Send(Bytes({5, 1, 0, 3, 11}) + "example.com" + Bytes({1, 0xBB}));
-    EXPECT_EQ(CommandReply(0), WaitForReplies(10));
-    EXPECT_EQ(1, m_resolver.GetRequestCount("example.com:443"));
-    EXPECT_EQ(std::vector<std::string>{"127.0.0.2:443"}, m_connection.GetMultiPointLayer().GetDestinations());
+    Send(NameRequest(1, "server1", 80) + "early");
+    EXPECT_EQ(EState::Resolve, m_handler->GetState());
+    EXPECT_EQ(m_connection.Settings().lookupLimitMs, m_connection.GetTimerMs());
+    EXPECT_EQ(5u, m_handler->GetRequestBacklog());
+    ASSERT_TRUE(m_connection.RunWhenWoken());
+    EXPECT_EQ(1, m_resolver.GetRequestCount("server1:80"));
+    EXPECT_EQ(CommandReply(0), Replies());
+    EXPECT_EQ("early", m_connection.GetToHost());
+    EXPECT_EQ(0u, m_handler->GetRequestBacklog());
+    EXPECT_EQ(-1, m_connection.GetTimerMs());
+}
+
+TEST_F(Socks5NegotiationTest, NameNotAnsweredInTimeIsRefusedAndItsLookupCancelled)
+{
+    m_resolver.SetMode(FakeResolver::NEVER_ANSWER);
+    Negotiate();
+    Send(NameRequest(1, "slow.example", 443));
+    EXPECT_EQ(EState::Resolve, m_handler->GetState());
+    m_connection.FireTimer();
+    EXPECT_EQ(CommandReply(8), Replies());
+    EXPECT_TRUE(Dropped());
+    EXPECT_EQ(1, m_resolver.GetCancelCount("slow.example:443"));
 }
 
 TEST_F(Socks5NegotiationTest, Ipv6DestinationIsDecoded)
 {
     Negotiate();
-    Send(Bytes({5, 1, 0, 4, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1, 0x1F, 0x90}));
-    EXPECT_EQ(CommandReply(0), WaitForReplies(10));
-    EXPECT_EQ(std::vector<std::string>{"[::1]:8080"}, m_connection.GetMultiPointLayer().GetDestinations());
+    std::string request = Bytes({5, 1, 0, 4});
+    request += std::string(15, '\0') + Bytes({1, 0x1F, 0x90});
+    Send(request);
+    EXPECT_EQ((std::vector<std::string>{"[::1]:8080"}), m_connection.GetMultiPointLayer().GetDestinations());
+    EXPECT_EQ(CommandReply(0), Replies());
 }
 
-// What finishes at once runs on the connection's thread, reply included, before HandleRequest
-// returns; a name the resolver has to look up hands the exchange to the worker, and once the
-// answer is cached the same name is served inline again.
-TEST_F(Socks5NegotiationTest, OnlyANameStillToBeLookedUpStartsTheWorker)
-{
-    m_resolver.Script("example.com:80", "127.0.0.1");
-    const std::string byName = Bytes({5, 1, 0, 3, 11}) + "example.com" + Bytes({0, 80});
-    Negotiate();
-    Send(byName);
-    EXPECT_EQ(CommandReply(0), WaitForReplies(10));
-    EXPECT_NE(QOX::CThread::STATUS_NOT_STARTED, m_handler->GetThreadStatus());
-
-    for (const std::string& request : {Bytes({5, 1, 0, 1, 127, 0, 0, 1, 0, 80}), byName}) {
-        FakeProxyConnection connection(CLIENT_PORT);
-        auto handler = StartOn(connection, request);
-        EXPECT_EQ(Bytes({5, 0}) + CommandReply(0), connection.GetToClient());
-        EXPECT_EQ(Handler::Connected, handler->GetState());
-        EXPECT_EQ(QOX::CThread::STATUS_NOT_STARTED, handler->GetThreadStatus());
-        connection.DisconnectClient();
-    }
-    EXPECT_EQ(1, m_resolver.GetRequestCount("example.com:80"));
-}
-
-// A partial request is held and counted as backlog; once the worker (which a name lookup
-// needs) consumes it, the connection is woken to look at the backlog again.
-TEST_F(Socks5NegotiationTest, BacklogCountsUnprocessedBytesAndWorkerConsumptionWakesTheConnection)
-{
-    m_resolver.Script("example.com:80", "127.0.0.1");
-    Negotiate();
-    Send(Bytes({5, 1}));
-    EXPECT_EQ(2u, m_handler->GetRequestBacklog());
-    EXPECT_EQ(0, m_connection.GetWakeCalls());
-    Send(Bytes({0, 3, 11}) + "example.com" + Bytes({0, 80}));
-    EXPECT_EQ(CommandReply(0), WaitForReplies(10));
-    EXPECT_TRUE(WaitUntil([&] { return m_handler->GetRequestBacklog() == 0u && m_connection.GetWakeCalls() > 0; }));
-}
-
-const std::string CONNECT_REQUEST = Bytes({5, 1, 0, 1, 127, 0, 0, 1, 0, 80});
-const std::string BIND_REQUEST = Bytes({5, 2, 0, 1, 10, 0, 0, 9, 0x04, 0xD2});
-// Where the fake listener listens by default: 127.0.0.1:40000.
-const std::string FIRST_BIND_REPLY = Bytes({5, 0, 0, 1, 127, 0, 0, 1, 0x9C, 0x40});
-// The peer that connects in these tests: 10.1.2.3:5555.
-const std::string SECOND_BIND_REPLY = Bytes({5, 0, 0, 1, 10, 1, 2, 3, 0x15, 0xB3});
+// ---- CONNECT ----
 
 class Socks5ConnectTest : public Socks5Fixture {};
 
 TEST_F(Socks5ConnectTest, RelaysBothWaysAfterAReplyWithTheClientsOwnPort)
 {
     Negotiate();
-    m_handler->HandleResponse("early", 5); // no host link yet: dropped
-    Send(CONNECT_REQUEST + "GET");
-    EXPECT_EQ("GET", m_connection.WaitForHostBytes(3));
-    ASSERT_TRUE(WaitForState(Handler::Connected));
-    Send(" /");
-    EXPECT_EQ("GET /", m_connection.WaitForHostBytes(5));
-    m_handler->HandleResponse("200", 3);
-    EXPECT_EQ(CommandReply(0) + "200", Replies());
+    Send(Request(1, {10, 1, 2, 3}, 443));
+    ASSERT_EQ(CommandReply(0), Replies());
+    EXPECT_TRUE(m_handler->PassesRequestsThrough());
+    EXPECT_TRUE(m_handler->PassesResponsesThrough());
+    Send("to host");
+    m_handler->HandleResponse("to client", 9);
+    EXPECT_EQ("to host", m_connection.GetToHost());
+    EXPECT_EQ(CommandReply(0) + "to client", Replies());
 }
 
 TEST_F(Socks5ConnectTest, UnreachableDestinationGetsOneRefusal)
 {
     m_connection.GetMultiPointLayer().SetFail(true);
     Negotiate();
-    Send(CONNECT_REQUEST + "payload");
-    EXPECT_EQ(CommandReply(5), RepliesOnceDropped());
-    EXPECT_EQ("", m_connection.GetToHost());
+    Send(Request(1, {10, 1, 2, 3}, 443));
+    EXPECT_EQ(CommandReply(5), Replies());
+    EXPECT_TRUE(Dropped());
 }
 
-// Only the worker (here: for a name to look up) connects while the connection's thread can
-// still hand in host bytes.
-TEST_F(Socks5ConnectTest, HostBytesArrivingWhileTheLinkOpensFollowTheReply)
+TEST_F(Socks5ConnectTest, TheProxyItselfIsNotAllowedInAnyForm)
 {
-    m_resolver.Script("example.com:80", "127.0.0.1");
-    std::promise<void> connecting;
-    std::promise<void> delivered;
-    std::shared_future<void> deliveredFuture = delivered.get_future().share();
-    m_connection.GetMultiPointLayer().SetOnConnect([&](FakeDataLayer&, const IZRTConnectionAddress&) {
-        connecting.set_value();
-        deliveredFuture.wait();
-    });
-    Negotiate();
-    Send(Bytes({5, 1, 0, 3, 11}) + "example.com" + Bytes({0, 80}));
-    connecting.get_future().wait();
-    m_handler->HandleResponse("banner", 6); // the link is up, the reply not yet sent
-    delivered.set_value();
-    EXPECT_EQ(CommandReply(0) + "banner", WaitForReplies(16));
-    ASSERT_TRUE(WaitForState(Handler::Connected));
-    m_handler->HandleResponse("!", 1);
-    EXPECT_EQ(CommandReply(0) + "banner!", Replies());
-}
-
-// A client that sends and closes at once: what it sent still reaches the host.
-TEST_F(Socks5ConnectTest, BytesSentJustBeforeTheClientClosesReachTheHost)
-{
-    for (int round = 0; round < 20; ++round) {
+    m_manager.SetProxyPort(1080);
+    m_manager.SetOwnAddressesForTesting({"192.0.2.7"});
+    for (const auto& destination : {Request(1, {127, 0, 0, 1}, 1080), Request(1, {127, 9, 9, 9}, 1080),
+                                    Request(1, {0, 0, 0, 0}, 1080), Request(1, {192, 0, 2, 7}, 1080)}) {
         FakeProxyConnection connection;
-        auto handler = StartOn(connection, CONNECT_REQUEST);
-        ASSERT_TRUE(WaitUntil([&] { return handler->GetState() == Handler::Connected; }));
-        handler->HandleRequest("last words", 10);
-        connection.DisconnectClient();
-        EXPECT_EQ("last words", connection.WaitForHostBytes(10));
+        connection.SetAddressManager(&m_manager);
+        Handler handler(connection);
+        connection.SetProtocol(&handler);
+        const std::string exchange = Bytes({5, 1, 0}) + destination;
+        handler.HandleRequest(exchange.data(), static_cast<int>(exchange.size()));
+        connection.RunPending();
+        EXPECT_EQ(Bytes({5, 0}) + CommandReply(2), connection.GetToClient());
+        EXPECT_EQ(0, connection.GetConnectCalls());
     }
+    Negotiate();
+    Send(Request(1, {127, 0, 0, 1}, 1081));
+    EXPECT_EQ(CommandReply(0), Replies());
 }
+
+TEST_F(Socks5ConnectTest, EndsArePassedOnOnlyWhileRelaying)
+{
+    Negotiate();
+    EXPECT_FALSE(m_handler->HandleClientEnd());
+    EXPECT_FALSE(m_handler->HandleHostEnd());
+    Send(Request(1, {10, 1, 2, 3}, 443));
+    EXPECT_TRUE(m_handler->HandleHostEnd());
+    EXPECT_TRUE(m_handler->HandleClientEnd());
+    EXPECT_EQ(1, m_connection.GetHostOutputEnds());
+}
+
+// ---- BIND ----
 
 class Socks5BindTest : public Socks5Fixture {
 protected:
-    void RequestBind(IConnectionListener* listener)
+    void SetUp() override
     {
-        m_connection.SetConnectionListener(listener);
-        Negotiate();
-        Send(BIND_REQUEST);
+        Socks5Fixture::SetUp();
+        m_connection.SetConnectionListener(&m_listener);
     }
-    void RequestBind() { RequestBind(&m_listener); }
-
-    // Negotiates a BIND and lets the peer connect; returns the accepted stream.
-    QOX::CRefCountPtr<FakeDataLayer> Bind()
-    {
-        RequestBind();
-        EXPECT_EQ(FIRST_BIND_REPLY, WaitForReplies(10));
-        QOX::CRefCountPtr<FakeDataLayer> stream = m_listener.ConnectPeer(CTCPIPAddress(10, 1, 2, 3, 5555));
-        EXPECT_TRUE(stream);
-        EXPECT_EQ(FIRST_BIND_REPLY + SECOND_BIND_REPLY, WaitForReplies(20));
-        EXPECT_TRUE(WaitForState(Handler::Bound));
-        return stream;
-    }
-
     FakeConnectionListener m_listener;
 };
 
 TEST_F(Socks5BindTest, WithoutListenerIsRefusedWithoutAFirstReply)
 {
-    RequestBind(nullptr);
-    EXPECT_EQ(CommandReply(5), RepliesOnceDropped());
+    m_connection.SetConnectionListener(nullptr);
+    Negotiate();
+    Send(Request(2, {127, 0, 0, 5}, 0));
+    EXPECT_EQ(CommandReply(5), Replies());
+    EXPECT_TRUE(Dropped());
 }
 
 TEST_F(Socks5BindTest, ListenerFailureIsRefused)
 {
     m_listener.SetFail(true);
-    RequestBind();
-    EXPECT_EQ(CommandReply(5), RepliesOnceDropped());
-    EXPECT_EQ("10.0.0.9:1234", m_listener.GetLastRequestAddress());
-    EXPECT_EQ(1, m_listener.GetLastCount());
+    Negotiate();
+    Send(Request(2, {127, 0, 0, 5}, 0));
+    EXPECT_EQ(CommandReply(5), Replies());
 }
 
-TEST_F(Socks5BindTest, RelaysBothWaysAndDropsTheClientWhenThePeerCloses)
+TEST_F(Socks5BindTest, ExpectedPeerBecomesTheHostLinkAfterTheSecondReply)
 {
-    QOX::CRefCountPtr<FakeDataLayer> stream = Bind();
-    Send("to peer");
-    EXPECT_EQ("to peer", stream->WaitForSent(7));
-    stream->PushFromRemote("to client");
-    EXPECT_EQ(FIRST_BIND_REPLY + SECOND_BIND_REPLY + "to client", Replies());
-    stream->CloseFromRemote();
-    ASSERT_TRUE(m_connection.WaitForDisconnect());
-    EXPECT_EQ(0, stream->GetSinkCount());
+    Negotiate();
+    Send(Request(2, {127, 0, 0, 5}, 0) + "early");
+    const std::string first = Bytes({5, 0, 0, 1, 127, 0, 0, 1, 0x9C, 0x40}); // 127.0.0.1:40000
+    ASSERT_EQ(first, Replies());
+    EXPECT_EQ(EState::BindAccept, m_handler->GetState());
+    EXPECT_EQ(m_connection.Settings().bindWaitMs, m_connection.GetTimerMs());
+    EXPECT_EQ("127.0.0.5:0", m_listener.GetLastRequestAddress());
+
+    ASSERT_TRUE(m_listener.ConnectPeer(CTCPIPAddress(127, 0, 0, 5, 4321)));
+    m_connection.RunPending();
+    EXPECT_EQ(first + Bytes({5, 0, 0, 1, 127, 0, 0, 5, 0x10, 0xE1}), Replies());
+    EXPECT_EQ(1, m_connection.GetAdoptedLinks());
+    EXPECT_EQ(1, m_listener.GetStopCount());
+    EXPECT_EQ(-1, m_connection.GetTimerMs());
+    EXPECT_EQ("early", m_connection.GetToHost());
+    EXPECT_TRUE(m_handler->HandleHostEnd());
+}
+
+TEST_F(Socks5BindTest, PeerFromAnotherHostIsTurnedAwayAndTheWaitGoesOn)
+{
+    Negotiate();
+    Send(Request(2, {127, 0, 0, 5}, 0));
+    const QOX::CRefCountPtr<FakeDataLayer> stranger = m_listener.ConnectPeer(CTCPIPAddress(127, 0, 0, 9, 4321));
+    ASSERT_TRUE(stranger);
+    m_connection.RunPending();
+    EXPECT_TRUE(stranger->WasClosed());
+    EXPECT_EQ(EState::BindAccept, m_handler->GetState());
+    EXPECT_EQ(10u, Replies().size());
+    EXPECT_TRUE(m_listener.ConnectPeer(CTCPIPAddress(127, 0, 0, 5, 4321)));
+    m_connection.RunPending();
+    EXPECT_EQ(EState::Relay, m_handler->GetState());
+}
+
+TEST_F(Socks5BindTest, UnspecifiedAddressTakesAnyPeer)
+{
+    Negotiate();
+    Send(Request(2, {0, 0, 0, 0}, 0));
+    ASSERT_TRUE(m_listener.ConnectPeer(CTCPIPAddress(127, 0, 0, 9, 4321)));
+    m_connection.RunPending();
+    EXPECT_EQ(EState::Relay, m_handler->GetState());
+}
+
+TEST_F(Socks5BindTest, NoPeerInTimeGivesASecondReplyOfGeneralFailure)
+{
+    Negotiate();
+    Send(Request(2, {127, 0, 0, 5}, 0));
+    m_connection.FireTimer();
+    EXPECT_EQ(CommandReply(1), Replies().substr(10));
+    EXPECT_TRUE(Dropped());
     EXPECT_EQ(1, m_listener.GetStopCount());
     EXPECT_FALSE(m_listener.IsListening());
+}
+
+TEST_F(Socks5BindTest, DroppingTheClientStopsListening)
+{
+    Negotiate();
+    Send(Request(2, {127, 0, 0, 5}, 0));
+    Stop();
+    EXPECT_EQ(1, m_listener.GetStopCount());
+    EXPECT_FALSE(m_listener.ConnectPeer(CTCPIPAddress(127, 0, 0, 5, 4321)));
 }
 
 TEST_F(Socks5BindTest, Ipv6ListeningAddressGivesA22ByteReply)
 {
-    auto address = CTCPIPAddress::FromText("::1", 40000);
-    m_listener.SetListenAddress(*static_cast<CTCPIPAddress*>(address.Get()));
-    RequestBind();
-    EXPECT_EQ(Bytes({5, 0, 0, 4, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1, 0x9C, 0x40}), WaitForReplies(22));
+    CTCPIPAddress v6;
+    sockaddr_in6 any{};
+    any.sin6_family = AF_INET6;
+    any.sin6_addr = in6addr_loopback;
+    any.sin6_port = htons(40001);
+    ASSERT_TRUE(v6.SetAddress(*reinterpret_cast<sockaddr*>(&any), sizeof(any)));
+    m_listener.SetListenAddress(v6);
+    Negotiate();
+    Send(Request(2, {127, 0, 0, 5}, 0));
+    EXPECT_EQ(Bytes({5, 0, 0, 4}) + std::string(15, '\0') + Bytes({1, 0x9C, 0x41}), Replies());
 }
 
-// The peer may send and close before the handler has registered on the stream.
-TEST_F(Socks5BindTest, PeerThatSendsAndClosesAtOnceIsRelayedThenTheClientDropped)
-{
-    RequestBind();
-    ASSERT_EQ(FIRST_BIND_REPLY, WaitForReplies(10));
-    QOX::CRefCountPtr<FakeDataLayer> stream = m_listener.ConnectPeer(CTCPIPAddress(10, 1, 2, 3, 5555));
-    ASSERT_TRUE(stream);
-    stream->PushFromRemote("early");
-    stream->CloseFromRemote();
-    EXPECT_EQ(FIRST_BIND_REPLY + SECOND_BIND_REPLY + "early", RepliesOnceDropped());
-}
-
-TEST_F(Socks5BindTest, DroppingTheClientEndsTheWaitAndStopsListening)
-{
-    const int threadsBefore = ThreadBaseline();
-    RequestBind();
-    ASSERT_EQ(FIRST_BIND_REPLY, WaitForReplies(10));
-    m_connection.DisconnectClient();
-    EXPECT_EQ(1, m_listener.GetStopCount());
-    EXPECT_FALSE(m_listener.IsListening());
-    EXPECT_TRUE(WaitForState(Handler::Closed));
-    m_handler.reset();
-    EXPECT_TRUE(ThreadsBackTo(threadsBefore));
-    EXPECT_EQ(FIRST_BIND_REPLY, Replies());
-}
-
-TEST_F(Socks5BindTest, PeerIsThrottledWhileTheClientLagsAndResumesWhenItDrains)
-{
-    QOX::CRefCountPtr<FakeDataLayer> stream = Bind();
-    const std::string replies = FIRST_BIND_REPLY + SECOND_BIND_REPLY;
-    m_connection.SetClientBacklog(Handler::BIND_CLIENT_BACKLOG_LIMIT + 1);
-    stream->PushFromRemote("held back");
-    EXPECT_EQ(replies, Replies());
-    EXPECT_EQ(9u, stream->GetReceiveBacklog());
-    m_handler->OnClientDrained(); // still lagging: nothing moves
-    EXPECT_EQ(replies, Replies());
-    m_connection.SetClientBacklog(0);
-    m_handler->OnClientDrained();
-    EXPECT_EQ(replies + "held back", Replies());
-}
-
-TEST_F(Socks5BindTest, StreamSendBacklogCountsAsRequestBacklogAndItsDrainWakesTheConnection)
-{
-    QOX::CRefCountPtr<FakeDataLayer> stream = Bind();
-    stream->SetReportedSendBacklog(300000);
-    EXPECT_EQ(300000u, m_handler->GetRequestBacklog());
-    const int wakes = m_connection.GetWakeCalls();
-    stream->SignalSendDrained();
-    EXPECT_EQ(wakes + 1, m_connection.GetWakeCalls());
-}
-
-// A peer's close drops the client from the stream's own thread, which is then still inside the
-// handler's teardown: destroying the handler meanwhile must wait until that thread has left.
-TEST_F(Socks5BindTest, DestructionWaitsForAPeersCloseStillTearingDown)
-{
-    QOX::CRefCountPtr<FakeDataLayer> stream = Bind();
-    std::atomic<bool> stopping{false};
-    std::atomic<bool> leftTeardown{false};
-    m_listener.SetOnStop([&] {
-        stopping = true;
-        std::this_thread::sleep_for(std::chrono::milliseconds(100));
-        leftTeardown = true;
-    });
-    std::thread host([&] { stream->CloseFromRemote(); });
-    ASSERT_TRUE(WaitUntil([&] { return stopping.load(); }));
-    m_handler.reset();
-    EXPECT_TRUE(leftTeardown.load()) << "the handler went away under the stream's thread";
-    host.join();
-    EXPECT_TRUE(m_connection.WaitForDisconnect());
-    EXPECT_EQ(0, stream->GetSinkCount());
-}
-
-// Peers keep connecting while the client goes away: whatever was accepted ends up closed and
-// unregistered, and the listener is stopped once.
-class Socks5BindRaceTest : public Socks5Fixture {};
-
-TEST_F(Socks5BindRaceTest, ConnectionsRacingTerminateLeaveNothingBehind)
-{
-    for (int round = 0; round < 30; ++round) {
-        FakeProxyConnection connection;
-        FakeConnectionListener listener;
-        connection.SetConnectionListener(&listener);
-        auto handler = StartOn(connection, BIND_REQUEST);
-        ASSERT_TRUE(WaitUntil([&] { return listener.IsListening(); }));
-        std::vector<QOX::CRefCountPtr<FakeDataLayer>> streams;
-        std::thread peers([&] {
-            for (int i = 0; i < 20; ++i) {
-                QOX::CRefCountPtr<FakeDataLayer> stream = listener.ConnectPeer(CTCPIPAddress(10, 1, 2, 3, 5555));
-                if (stream)
-                    streams.push_back(stream);
-            }
-        });
-        if (round % 2)
-            std::this_thread::yield();
-        connection.DisconnectClient();
-        peers.join();
-        handler.reset();
-        EXPECT_EQ(1, listener.GetStopCount());
-        for (auto& stream : streams) {
-            EXPECT_TRUE(stream->WasClosed());
-            EXPECT_EQ(0, stream->GetSinkCount());
-        }
-    }
-}
-
-const std::string ASSOCIATE_REQUEST = Bytes({5, 3, 0, 1, 0, 0, 0, 0, 0, 0});
-// RSV RSV FRAG, then 127.0.0.1:53.
-const std::string TO_LOCAL_DNS = Bytes({0, 0, 0, 1, 127, 0, 0, 1, 0, 53});
-
-// A client's UDP socket on loopback.
-class CUdpClient {
-public:
-    ~CUdpClient() { TestSockets::Close(m_socket); }
-    void SendTo(unsigned int port, const std::string& bytes) const
-    {
-        TestSockets::SendTo(m_socket, "127.0.0.1", port, bytes);
-    }
-    // One datagram, or empty when none comes within the time given.
-    std::string Receive(int timeoutMs = 5000) const { return TestSockets::ReceiveDatagram(m_socket, timeoutMs); }
-
-private:
-    unsigned int m_port = 0;
-    int m_socket = TestSockets::BindUdp("127.0.0.1", m_port);
-};
-
-bool UdpPortIsFree(unsigned int port)
-{
-    const int probe = TestSockets::BindUdp("0.0.0.0", port);
-    TestSockets::Close(probe);
-    return probe >= 0;
-}
+// ---- UDP ASSOCIATE ----
 
 class Socks5UdpTest : public Socks5Fixture {
 protected:
-    // Associates and returns the relay port from the reply.
+    void SetUp() override
+    {
+        Socks5Fixture::SetUp();
+        m_connection.SetDatagramHandler(&m_datagrams);
+        unsigned int port = 0;
+        m_client = TestSockets::BindUdp("127.0.0.1", port);
+        ASSERT_GE(m_client, 0);
+    }
+    void TearDown() override
+    {
+        Socks5Fixture::TearDown();
+        TestSockets::Close(m_client);
+    }
+
+    // Associates and returns the relay's port.
     unsigned int Associate()
     {
-        m_connection.SetDatagramHandler(&m_datagrams);
         Negotiate();
-        Send(ASSOCIATE_REQUEST);
-        const std::string reply = WaitForReplies(10);
+        Send(Request(3, {0, 0, 0, 0}, 0));
+        const std::string reply = Replies();
         EXPECT_EQ(10u, reply.size());
         EXPECT_EQ(Bytes({5, 0, 0, 1, 0, 0, 0, 0}), reply.substr(0, 8));
-        EXPECT_TRUE(WaitForState(Handler::UdpAssociated));
-        m_handle = m_datagrams.GetLastHandle();
-        return reply.size() == 10 ? static_cast<unsigned char>(reply[8]) * 256u + static_cast<unsigned char>(reply[9])
-                                  : 0;
+        return static_cast<unsigned int>(static_cast<unsigned char>(reply[8]) << 8 | static_cast<unsigned char>(reply[9]));
+    }
+    // Plays the connection's poll of the handler's descriptor.
+    void Serve(int timeoutMs = 2000)
+    {
+        pollfd entry{m_handler->GetWatchedDescriptor(), POLLIN, 0};
+        if (entry.fd >= 0 && poll(&entry, 1, timeoutMs) > 0)
+            m_handler->OnDescriptorReady();
+    }
+    void SendFrom(int socket, unsigned int relayPort, const std::string& datagram)
+    {
+        ASSERT_TRUE(TestSockets::SendTo(socket, "127.0.0.1", relayPort, datagram));
+        Serve();
     }
 
     FakeDatagramHandler m_datagrams;
-    int m_handle = -1;
+    int m_client = -1;
 };
+
+const std::string TO_ECHO = Bytes({0, 0, 0, 1, 127, 0, 0, 2, 0, 53});
 
 TEST_F(Socks5UdpTest, ClientDatagramsAreCheckedDecodedAndHandedOn)
 {
-    m_resolver.Script("dns.test:53", "127.0.0.1");
-    const unsigned int port = Associate();
-    ASSERT_NE(0u, port);
-    EXPECT_EQ("0.0.0.0:0", m_datagrams.GetLastRequestAddress());
-    CUdpClient client;
-    client.SendTo(port, Bytes({0, 0, 0, 1, 127, 0}));                        // too short
-    client.SendTo(port, Bytes({0, 1, 0, 1, 127, 0, 0, 1, 0, 53}) + "rsv");  // RSV not zero
-    client.SendTo(port, Bytes({0, 0, 0, 9, 127, 0, 0, 1, 0, 53}) + "atyp"); // unknown type
-    client.SendTo(port, Bytes({0, 0, 0, 3, 200}) + std::string(15, 'x'));   // shorter than its name
-    client.SendTo(port, Bytes({0, 0, 5, 1, 127, 0, 0, 1, 0, 53}) + "P");    // FRAG is not examined
-    client.SendTo(port, Bytes({0, 0, 0, 3, 8}) + "dns.test" + Bytes({0, 53}) + "Q");
-    const auto sent = m_datagrams.WaitForSent(2);
+    const unsigned int relay = Associate();
+    ASSERT_NE(0u, relay);
+    EXPECT_EQ(EState::UdpAssociated, m_handler->GetState());
+    for (const std::string& bad : {Bytes({0, 0, 0, 1, 127, 0}), Bytes({0, 1, 0, 1, 127, 0, 0, 2, 0, 53}),
+                                   Bytes({0, 0, 0, 2, 127, 0, 0, 2, 0, 53}), Bytes({0, 0, 0, 3, 200, 'a', 'b', 0, 1})})
+        SendFrom(m_client, relay, bad + "x");
+    EXPECT_TRUE(m_datagrams.GetSent().empty());
+    SendFrom(m_client, relay, TO_ECHO + "query");
+    SendFrom(m_client, relay, Bytes({0, 0, 5, 1, 127, 0, 0, 2, 0, 53}) + "fragment");
+    const auto sent = m_datagrams.GetSent();
     ASSERT_EQ(2u, sent.size());
-    EXPECT_EQ(m_handle, sent[0].handle);
-    EXPECT_EQ("127.0.0.1:53", sent[0].destination);
-    EXPECT_EQ("P", sent[0].payload);
-    EXPECT_EQ("127.0.0.1:53", sent[1].destination);
-    EXPECT_EQ("Q", sent[1].payload);
+    EXPECT_EQ(m_datagrams.GetLastHandle(), sent[0].handle);
+    EXPECT_EQ("127.0.0.2:53", sent[0].destination);
+    EXPECT_EQ("query", sent[0].payload);
+    EXPECT_EQ("fragment", sent[1].payload);
 }
 
-TEST_F(Socks5UdpTest, HostDatagramsGoToTheLastClientSourceWithTheirSendersAddress)
+TEST_F(Socks5UdpTest, OnlyTheClientMayUseTheRelayAndOnlyFromItsFirstPort)
 {
-    const unsigned int port = Associate();
-    m_handler->HandleResponse("tcp", 3); // no host link in an association: dropped
-    CUdpClient first;
-    CUdpClient second;
-    first.SendTo(port, TO_LOCAL_DNS + "1");
-    m_datagrams.WaitForSent(1);
-    ASSERT_TRUE(m_datagrams.Deliver(m_handle, CTCPIPAddress(10, 0, 0, 1, 99), "pong"));
-    EXPECT_EQ(Bytes({0, 0, 0, 1, 10, 0, 0, 1, 0, 99}) + "pong", first.Receive());
-    auto v6 = CTCPIPAddress::FromText("::1", 99);
-    ASSERT_TRUE(m_datagrams.Deliver(m_handle, *v6, "six"));
-    EXPECT_EQ(Bytes({0, 0, 0, 4, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1, 0, 99}) + "six", first.Receive());
+    const unsigned int relay = Associate();
+    unsigned int port = 0;
+    const int stranger = TestSockets::BindUdp("127.0.0.3", port);
+    const int otherPort = TestSockets::BindUdp("127.0.0.1", port);
+    SendFrom(stranger, relay, TO_ECHO + "from a stranger");
+    EXPECT_TRUE(m_datagrams.GetSent().empty());
+    SendFrom(m_client, relay, TO_ECHO + "first");
+    SendFrom(otherPort, relay, TO_ECHO + "second port");
+    SendFrom(m_client, relay, TO_ECHO + "again");
+    const auto sent = m_datagrams.GetSent();
+    ASSERT_EQ(2u, sent.size());
+    EXPECT_EQ("again", sent[1].payload);
+    TestSockets::Close(stranger);
+    TestSockets::Close(otherPort);
+}
 
-    second.SendTo(port, TO_LOCAL_DNS + "2");
-    m_datagrams.WaitForSent(2);
-    ASSERT_TRUE(m_datagrams.Deliver(m_handle, CTCPIPAddress(10, 0, 0, 1, 99), "moved"));
-    EXPECT_EQ(Bytes({0, 0, 0, 1, 10, 0, 0, 1, 0, 99}) + "moved", second.Receive());
-    EXPECT_EQ("", first.Receive(50));
-    EXPECT_EQ(CommandReply(0).size(), Replies().size());
+TEST_F(Socks5UdpTest, HostDatagramsGoOnlyToTheClientAndOnlyFromHostsItSentTo)
+{
+    const unsigned int relay = Associate();
+    const int handle = m_datagrams.GetLastHandle();
+    ASSERT_TRUE(m_datagrams.Deliver(handle, CTCPIPAddress(127, 0, 0, 2, 53), "before the client spoke"));
+    SendFrom(m_client, relay, TO_ECHO + "query");
+    ASSERT_TRUE(m_datagrams.Deliver(handle, CTCPIPAddress(127, 0, 0, 8, 53), "unsolicited"));
+    ASSERT_TRUE(m_datagrams.Deliver(handle, CTCPIPAddress(127, 0, 0, 2, 53), "answer"));
+    EXPECT_EQ(TO_ECHO + "answer", TestSockets::ReceiveDatagram(m_client));
+    EXPECT_EQ("", TestSockets::ReceiveDatagram(m_client, 100));
 }
 
 TEST_F(Socks5UdpTest, AByteOnTheTcpConnectionUndoesEverything)
 {
-    const int threadsBefore = ThreadBaseline();
-    const unsigned int port = Associate();
-    EXPECT_FALSE(UdpPortIsFree(port));
+    Associate();
+    const int handle = m_datagrams.GetLastHandle();
+    const int descriptors = CountDescriptors();
     Send("x");
-    ASSERT_TRUE(m_connection.WaitForDisconnect());
-    // The connection reports the disconnection before it terminates the handler.
-    EXPECT_TRUE(WaitUntil([&] { return UdpPortIsFree(port); }));
-    EXPECT_EQ(std::vector<int>{m_handle}, m_datagrams.GetUnregistered());
-    EXPECT_EQ(0, m_datagrams.GetActiveRegistrations());
-    m_handler->Terminate(); // a second time: nothing more happens
-    EXPECT_EQ(1u, m_datagrams.GetUnregistered().size());
-    m_handler.reset();
-    EXPECT_TRUE(ThreadsBackTo(threadsBefore));
+    EXPECT_TRUE(Dropped());
+    EXPECT_EQ((std::vector<int>{handle}), m_datagrams.GetUnregistered());
+    EXPECT_EQ(descriptors - 1, CountDescriptors());
+    EXPECT_FALSE(m_handler->HandleClientEnd());
 }
 
-// Without a datagram handler, and with one that refuses the registration.
 TEST_F(Socks5UdpTest, RefusedAssociationLeavesNoSocket)
 {
-    for (bool withHandler : {false, true}) {
-        const int descriptorsBefore = CountDescriptors();
-        FakeProxyConnection connection;
-        m_datagrams.SetFailRegistration(true);
-        connection.SetDatagramHandler(withHandler ? &m_datagrams : nullptr);
-        auto handler = StartOn(connection, ASSOCIATE_REQUEST);
-        ASSERT_TRUE(connection.WaitForDisconnect());
-        handler.reset();
-        EXPECT_EQ(Bytes({5, 0}) + CommandReply(5), connection.GetToClient());
-        EXPECT_EQ(descriptorsBefore, CountDescriptors());
-    }
+    const int descriptors = CountDescriptors();
+    m_datagrams.SetFailRegistration(true);
+    Negotiate();
+    Send(Request(3, {0, 0, 0, 0}, 0));
+    EXPECT_EQ(CommandReply(5), Replies());
+    EXPECT_EQ(descriptors, CountDescriptors());
 }
 
-// Datagrams keep flowing both ways while the client goes away; afterwards no registration,
-// thread or socket is left.
-class Socks5UdpRaceTest : public Socks5Fixture {};
-
-TEST_F(Socks5UdpRaceTest, TrafficRacingTerminateLeavesNothingBehind)
+TEST_F(Socks5UdpTest, NamesAreLookedUpWithoutWaitingAndOnlyAFewAtOnce)
 {
-    const int threadsBefore = ThreadBaseline();
-    const int descriptorsBefore = CountDescriptors();
-    for (int round = 0; round < 20; ++round) {
-        FakeProxyConnection connection;
-        FakeDatagramHandler datagrams;
-        connection.SetDatagramHandler(&datagrams);
-        auto handler = StartOn(connection, ASSOCIATE_REQUEST);
-        const std::string reply = connection.WaitForClientBytes(12);
-        ASSERT_EQ(12u, reply.size());
-        const unsigned int port = static_cast<unsigned char>(reply[10]) * 256u + static_cast<unsigned char>(reply[11]);
-        ASSERT_TRUE(WaitUntil([&] { return handler->GetState() == Handler::UdpAssociated; }));
-        const int handle = datagrams.GetLastHandle();
-        std::atomic<bool> running{true};
-        std::thread host([&] {
-            while (running.load())
-                datagrams.Deliver(handle, CTCPIPAddress(10, 0, 0, 1, 99), "pong");
-        });
-        std::thread client([&] {
-            CUdpClient udp;
-            while (running.load())
-                udp.SendTo(port, TO_LOCAL_DNS + "ping");
-        });
-        datagrams.WaitForSent(static_cast<size_t>(round % 3));
-        connection.DisconnectClient();
-        running.store(false);
-        host.join();
-        client.join();
-        EXPECT_EQ(0, datagrams.GetActiveRegistrations());
-        handler.reset();
-    }
-    EXPECT_TRUE(ThreadsBackTo(threadsBefore));
-    EXPECT_EQ(descriptorsBefore, CountDescriptors());
+    m_resolver.SetMode(FakeResolver::NEVER_ANSWER);
+    const unsigned int relay = Associate();
+    const std::string name = Bytes({0, 0, 0, 3, 5}) + "host";
+    for (int i = 0; i < 6; ++i)
+        SendFrom(m_client, relay, name + std::to_string(i) + Bytes({0, 53}) + "payload");
+    EXPECT_EQ(1, m_resolver.GetRequestCount("host3:53"));
+    EXPECT_EQ(0, m_resolver.GetRequestCount("host4:53"));
+    m_resolver.Answer("host1:53", TestSockets::Address("127.0.0.2", 53));
+    m_connection.RunPending();
+    const auto sent = m_datagrams.GetSent();
+    ASSERT_EQ(1u, sent.size());
+    EXPECT_EQ("127.0.0.2:53", sent[0].destination);
+    SendFrom(m_client, relay, name + "4" + Bytes({0, 53}) + "payload");
+    EXPECT_EQ(1, m_resolver.GetRequestCount("host4:53"));
+}
+
+TEST(Socks5UdpHeader, WellFormedHeadersAreMeasuredAndOthersRefused)
+{
+    unsigned int header = 0;
+    const std::string v4 = TO_ECHO + "p";
+    EXPECT_TRUE(Proxy::CSocks5UdpRelay::ParseHeader(reinterpret_cast<const unsigned char*>(v4.data()), v4.size(), header));
+    EXPECT_EQ(10u, header);
+    const std::string name = Bytes({0, 0, 0, 3, 1, 'a', 0, 1});
+    EXPECT_TRUE(Proxy::CSocks5UdpRelay::ParseHeader(reinterpret_cast<const unsigned char*>(name.data()), name.size(), header));
+    EXPECT_EQ(8u, header);
+    const std::string shortName = Bytes({0, 0, 0, 3, 200, 'a', 'b', 0, 1});
+    EXPECT_FALSE(Proxy::CSocks5UdpRelay::ParseHeader(reinterpret_cast<const unsigned char*>(shortName.data()),
+                                                     shortName.size(), header));
 }
 
 } // namespace

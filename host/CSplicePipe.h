@@ -1,0 +1,56 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstddef>
+
+#include "host/CByteQueue.h"
+
+namespace ZRT {
+namespace Host {
+
+// A kernel pipe between two stream sockets: bytes are spliced from one socket into it and from
+// it into the other without being copied through user space (Linux and Android). Both relay
+// directions of a TCP link use one each. Made on first use; it counts what it holds. Not
+// thread-safe: its owner guards it.
+class CSplicePipe {
+public:
+    // A wish, not a need: a larger pipe means fewer calls per megabyte.
+    static constexpr size_t CAPACITY = 1024 * 1024;
+
+    enum class EResult {
+        Moved,       // count bytes moved
+        NothingNow,  // the source had nothing, or the destination took nothing (would block)
+        End,         // the source socket's peer ended its sending
+        Failed,      // the socket failed (errno kept in Error())
+        Unsupported  // splice cannot serve this socket or platform: copy instead
+    };
+
+    CSplicePipe() = default;
+    ~CSplicePipe();
+    CSplicePipe(const CSplicePipe&) = delete;
+    CSplicePipe& operator=(const CSplicePipe&) = delete;
+
+    size_t Held() const { return m_held; }
+    size_t Room() const { return m_held >= CAPACITY ? 0 : CAPACITY - m_held; }
+    int Error() const { return m_error; }
+
+    // Moves up to max bytes from socket into the pipe.
+    EResult FillFrom(int socket, size_t max, size_t& count);
+    // Moves what the pipe holds into socket, until it is empty or the socket would block.
+    EResult DrainTo(int socket, size_t& count);
+    // Copies what the pipe holds to the back of queue (for bytes a socket would not take).
+    void DrainInto(CByteQueue& queue);
+    // Drops what it holds and the pipe with it.
+    void Close();
+
+private:
+    bool Open();
+
+    int m_fds[2] = {-1, -1};
+    size_t m_held = 0;
+    int m_error = 0;
+};
+
+} // namespace Host
+} // namespace ZRT

@@ -1,0 +1,234 @@
+#include "proxy/socks5/CSocks5UdpRelay.h"
+
+#include <netinet/in.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+
+#include "proxy/address/CAddressManager.h"
+#include "proxy/socks5/CSocksAddress.h"
+#include "runtime/Clock.h"
+#include "transport/CSocketUtils.h"
+
+namespace ZRT {
+namespace Proxy {
+
+namespace {
+constexpr size_t MIN_DATAGRAM = 7;
+// Room for a sockaddr_in6, the largest address the relay deals with.
+constexpr int SOCKADDR_AREA_LENGTH = 28;
+} // namespace
+
+CSocks5UdpRelay::CSocks5UdpRelay(IProxyConnection& connection) : m_connection(connection) {}
+
+CSocks5UdpRelay::~CSocks5UdpRelay()
+{
+    Close();
+}
+
+bool CSocks5UdpRelay::Open(IDatagramHandler& handler, const IZRTConnectionAddress& requested)
+{
+    sockaddr_storage local{};
+    int localLength = sizeof(local);
+    if (!m_connection.GetLocalAddress().GetSockAddr(reinterpret_cast<sockaddr*>(&local), &localLength))
+        return false;
+    if (local.ss_family == AF_INET)
+        reinterpret_cast<sockaddr_in&>(local).sin_port = 0;
+    else
+        reinterpret_cast<sockaddr_in6&>(local).sin6_port = 0;
+    const int udpSocket = socket(local.ss_family, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+    if (udpSocket < 0)
+        return false;
+    if (local.ss_family == AF_INET6) {
+        // An IPv4 client of a dual-stack proxy reached it at an IPv4-mapped address.
+        const int off = 0;
+        setsockopt(udpSocket, IPPROTO_IPV6, IPV6_V6ONLY, &off, sizeof(off));
+    }
+    if (bind(udpSocket, reinterpret_cast<const sockaddr*>(&local), static_cast<socklen_t>(localLength)) != 0) {
+        CSocketUtils::CloseSocket(udpSocket);
+        return false;
+    }
+    m_socket = udpSocket;
+    m_clientHost = CSocksAddress::HostKey(m_connection.GetClientAddress());
+    const int handle = handler.RegisterReceiver(requested, this);
+    if (handle == -1) {
+        CSocketUtils::CloseSocket(udpSocket);
+        m_socket = -1;
+        return false;
+    }
+    m_handler = &handler;
+    m_handle = handle;
+    return true;
+}
+
+bool CSocks5UdpRelay::GetLocalAddress(sockaddr_storage& address) const
+{
+    socklen_t length = sizeof(address);
+    return m_socket >= 0 && getsockname(m_socket, reinterpret_cast<sockaddr*>(&address), &length) == 0;
+}
+
+void CSocks5UdpRelay::Close()
+{
+    // Unregistered first: the service's thread may be sending on the socket until it returns.
+    if (m_handle != -1)
+        m_handler->UnregisterReceiver(m_handle);
+    m_handle = -1;
+    m_handler = nullptr;
+    m_lookups.clear();
+    if (m_socket >= 0)
+        CSocketUtils::CloseSocket(m_socket);
+    m_socket = -1;
+}
+
+bool CSocks5UdpRelay::ParseHeader(const unsigned char* datagram, size_t length, unsigned int& headerLength)
+{
+    if (length < MIN_DATAGRAM || datagram[0] != 0 || datagram[1] != 0)
+        return false;
+    const unsigned int block = CSocksAddress::BlockLength(datagram + 3);
+    if (block == 0 || length < 3 + block)
+        return false;
+    headerLength = 3 + block;
+    return true;
+}
+
+void CSocks5UdpRelay::OnReadable()
+{
+    ExpireLookups();
+    for (int turn = 0; turn < DATAGRAMS_PER_TURN && m_socket >= 0; ++turn) {
+        unsigned char datagram[DATAGRAM_SIZE];
+        sockaddr_storage sender{};
+        socklen_t senderLength = sizeof(sender);
+        const ssize_t received = recvfrom(m_socket, datagram, sizeof(datagram), MSG_DONTWAIT,
+                                          reinterpret_cast<sockaddr*>(&sender), &senderLength);
+        if (received < 0 && errno == EINTR)
+            continue;
+        if (received < 0)
+            return;
+        if (AcceptSender(sender, senderLength))
+            Relay(datagram, static_cast<size_t>(received), sender, senderLength);
+    }
+}
+
+// Only the client's own host; once it has sent, only that address and port.
+bool CSocks5UdpRelay::AcceptSender(const sockaddr_storage& sender, socklen_t length)
+{
+    if (!m_clientHost.empty() && CSocksAddress::HostKey(reinterpret_cast<const sockaddr*>(&sender)) != m_clientHost)
+        return false;
+    std::lock_guard<std::mutex> hold(m_mutex);
+    if (m_clientLength == 0)
+        return true;
+    return length == m_clientLength && std::memcmp(&sender, &m_client, length) == 0;
+}
+
+void CSocks5UdpRelay::Relay(const unsigned char* datagram, size_t length, const sockaddr_storage& sender,
+                            socklen_t senderLength)
+{
+    unsigned int header = 0;
+    if (!ParseHeader(datagram, length, header))
+        return;
+    {
+        // The first well-formed datagram fixes the client's UDP address.
+        std::lock_guard<std::mutex> hold(m_mutex);
+        if (m_clientLength == 0) {
+            m_client = sender;
+            m_clientLength = senderLength;
+        }
+    }
+    const unsigned char* block = datagram + 3;
+    const unsigned char* payload = datagram + header;
+    const size_t payloadLength = length - header;
+    if (block[0] != CSocksAddress::ATYP_DOMAIN) {
+        const AddressPtr destination = CSocksAddress::DecodeNumeric(block);
+        if (destination)
+            Forward(destination, payload, payloadLength);
+        return;
+    }
+    if (m_lookups.size() >= MAX_LOOKUPS)
+        return; // a client may not hold more lookups than this at once
+    std::unique_ptr<CNameLookup> lookup(new CNameLookup([this] { m_connection.WakeHandler(); }));
+    AddressPtr destination;
+    if (lookup->Start(m_connection.GetAddressManager(), CSocksAddress::DomainKey(block))) {
+        if (lookup->TakeAnswer(destination) && destination)
+            Forward(destination, payload, payloadLength);
+        return;
+    }
+    m_lookups.push_back({std::move(lookup), std::string(reinterpret_cast<const char*>(payload), payloadLength),
+                         QOX::MonotonicMilliseconds()});
+}
+
+void CSocks5UdpRelay::Resume()
+{
+    for (auto pending = m_lookups.begin(); pending != m_lookups.end();) {
+        AddressPtr destination;
+        if (!pending->lookup->TakeAnswer(destination)) {
+            ++pending;
+            continue;
+        }
+        if (destination)
+            Forward(destination, reinterpret_cast<const unsigned char*>(pending->payload.data()),
+                    pending->payload.size());
+        pending = m_lookups.erase(pending);
+    }
+    ExpireLookups();
+}
+
+void CSocks5UdpRelay::ExpireLookups()
+{
+    const long long now = QOX::MonotonicMilliseconds();
+    m_lookups.erase(std::remove_if(m_lookups.begin(), m_lookups.end(),
+                                   [&](const SLookup& pending) { return now - pending.started > LOOKUP_LIMIT_MS; }),
+                    m_lookups.end());
+}
+
+void CSocks5UdpRelay::Forward(const AddressPtr& destination, const unsigned char* payload, size_t length)
+{
+    if (m_handle == -1)
+        return;
+    const std::string host = CSocksAddress::HostKey(*destination);
+    {
+        std::lock_guard<std::mutex> hold(m_mutex);
+        if (!host.empty() && m_destinations.insert(host).second) {
+            m_destinationOrder.push_back(host);
+            if (m_destinationOrder.size() > MAX_DESTINATIONS) {
+                m_destinations.erase(m_destinationOrder.front());
+                m_destinationOrder.pop_front();
+            }
+        }
+    }
+    m_handler->SendDatagram(m_handle, *destination, payload, static_cast<int>(length));
+}
+
+void CSocks5UdpRelay::OnDatagramReceived(int /*handle*/, const IZRTConnectionAddress& source,
+                                         const unsigned char* data, int length)
+{
+    if (length < 0 || (length > 0 && !data))
+        return;
+    sockaddr_storage area{};
+    int areaLength = SOCKADDR_AREA_LENGTH;
+    if (!source.GetSockAddr(reinterpret_cast<sockaddr*>(&area), &areaLength))
+        return;
+    const std::string host = CSocksAddress::HostKey(reinterpret_cast<const sockaddr*>(&area));
+    sockaddr_storage client{};
+    socklen_t clientLength = 0;
+    {
+        std::lock_guard<std::mutex> hold(m_mutex);
+        // Nobody to send to yet, or a host the client never sent to.
+        if (m_clientLength == 0 || m_destinations.count(host) == 0)
+            return;
+        client = m_client;
+        clientLength = m_clientLength;
+    }
+    std::vector<unsigned char> datagram(3 + 19 + static_cast<size_t>(length));
+    const int block = CSocksAddress::Encode(datagram.data() + 3, reinterpret_cast<const sockaddr*>(&area));
+    if (block < 1)
+        return;
+    if (length > 0)
+        std::memcpy(datagram.data() + 3 + block, data, static_cast<size_t>(length));
+    sendto(m_socket, datagram.data(), 3 + static_cast<size_t>(block) + static_cast<size_t>(length), MSG_NOSIGNAL,
+           reinterpret_cast<const sockaddr*>(&client), clientLength);
+}
+
+} // namespace Proxy
+} // namespace ZRT

@@ -1,0 +1,95 @@
+#pragma once
+
+#include <sys/socket.h>
+
+#include <deque>
+#include <memory>
+#include <mutex>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "proxy/address/CNameLookup.h"
+#include "proxy/core/IProxyConnection.h"
+#include "runtime/CRefCountPtr.h"
+#include "transport/IDatagramHandler.h"
+#include "transport/IDatagramReceiver.h"
+#include "transport/IZRTConnectionAddress.h"
+
+namespace ZRT {
+namespace Proxy {
+
+// The relay of one SOCKS5 UDP association. Its socket listens where the client reached the proxy
+// and serves only that client: datagrams are taken only from the client's own address, and once
+// the first has come only from that address and port. Their payload goes to the host's datagram
+// service; what the service receives comes back to the client only from hosts the client has
+// sent to, with the SOCKS header in front.
+//
+// Threads: the connection's thread polls the socket (GetSocket) and calls OnReadable, Resume
+// and Close; the datagram service calls OnDatagramReceived on its own thread. A destination
+// given by name is looked up without waiting: the datagram waits with its lookup (at most
+// MAX_LOOKUPS at a time, each for at most LOOKUP_LIMIT_MS), and Resume sends it on.
+class CSocks5UdpRelay : public IDatagramReceiver {
+public:
+    using AddressPtr = QOX::CRefCountPtr<IZRTConnectionAddress>;
+
+    // A client datagram longer than this is cut by recvfrom.
+    static constexpr size_t DATAGRAM_SIZE = 8192;
+    static constexpr int DATAGRAMS_PER_TURN = 32;
+    static constexpr size_t MAX_LOOKUPS = 4;
+    static constexpr long long LOOKUP_LIMIT_MS = 30000;
+    // Hosts whose datagrams may come back; the oldest is forgotten beyond this.
+    static constexpr size_t MAX_DESTINATIONS = 256;
+
+    explicit CSocks5UdpRelay(IProxyConnection& connection);
+    ~CSocks5UdpRelay() override;
+    CSocks5UdpRelay(const CSocks5UdpRelay&) = delete;
+    CSocks5UdpRelay& operator=(const CSocks5UdpRelay&) = delete;
+
+    // Opens the socket and registers with the service for the requested address; false (and
+    // nothing left open) when either fails.
+    bool Open(IDatagramHandler& handler, const IZRTConnectionAddress& requested);
+    int GetSocket() const { return m_socket; }
+    // The socket's local address, for the reply.
+    bool GetLocalAddress(sockaddr_storage& address) const;
+    void OnReadable();
+    void Resume();
+    // Unregisters (no callback comes afterwards) and closes the socket.
+    void Close();
+
+    // Checks the SOCKS header of a client datagram (RSV zero, a known ATYP, a complete address
+    // block); false when it is to be dropped, else where the payload starts.
+    static bool ParseHeader(const unsigned char* datagram, size_t length, unsigned int& headerLength);
+
+    void OnDatagramReceived(int handle, const IZRTConnectionAddress& source, const unsigned char* data,
+                            int length) override;
+
+private:
+    struct SLookup {
+        std::unique_ptr<CNameLookup> lookup;
+        std::string payload;
+        long long started;
+    };
+
+    void Relay(const unsigned char* datagram, size_t length, const sockaddr_storage& sender, socklen_t senderLength);
+    bool AcceptSender(const sockaddr_storage& sender, socklen_t length);
+    void Forward(const AddressPtr& destination, const unsigned char* payload, size_t length);
+    void ExpireLookups();
+
+    IProxyConnection& m_connection;
+    IDatagramHandler* m_handler = nullptr;
+    int m_handle = -1;
+    int m_socket = -1;
+    std::string m_clientHost; // the client's TCP address: datagrams come only from there
+    std::vector<SLookup> m_lookups;
+
+    // Guards the client's UDP address and the destinations, which the service's thread reads.
+    mutable std::mutex m_mutex;
+    sockaddr_storage m_client{};
+    socklen_t m_clientLength = 0;
+    std::deque<std::string> m_destinationOrder;
+    std::set<std::string> m_destinations;
+};
+
+} // namespace Proxy
+} // namespace ZRT
