@@ -5,7 +5,7 @@
 //                     [--ours NAME] [--runs N] [--bulk-bytes N] [--small-bytes N]
 //                     [--tx-seconds S] [--concurrency 1,16,64] [--idle-tunnels N]
 //                     [--idle-seconds S] [--udp-seconds S] [--ttfb-samples N]
-//                     [--tests bulk,upload,tx,idle,udp,ttfb] [--strict 1]
+//                     [--tests bulk,upload,tx,txclose,idle,udp,ttfb] [--strict 1]
 // CAPS letters: s SOCKS5 CONNECT, u SOCKS5 UDP ASSOCIATE, h HTTP GET, c HTTP CONNECT.
 // The bench command prints the Markdown table on stdout and its progress on stderr. With --strict 1
 // it exits with 3 when a run of the direct path or of --ours failed (for smoke tests).

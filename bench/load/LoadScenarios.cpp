@@ -69,15 +69,18 @@ void CLoadScenarios::DeclareRows() {
   m_table.AddRow("bulk-connect", "Download " + bulk + ", 1 stream, HTTP CONNECT (MB/s)", true);
   m_table.AddRow("upload-socks", "Upload " + bulk + ", 1 stream, SOCKS5 (MB/s)", true);
   const std::string small = SizeText(m_settings.smallBytes);
-  for (const char* proto : {"socks", "http"}) {
-    const std::string name = std::string(proto) == "socks" ? "SOCKS5" : "HTTP GET";
-    for (int c : m_settings.concurrency) {
-      const std::string key = std::string("tx-") + proto + "-" + std::to_string(c);
-      const std::string what = name + " connect+handshake+GET " + small + "+close, c=" +
-                               std::to_string(c);
-      m_table.AddRow(key + "-rate", what + " (tx/s)", true);
-      m_table.AddRow(key + "-p50", what + ", p50 (ms)", false);
-      m_table.AddRow(key + "-p99", what + ", p99 (ms)", false);
+  for (const char* shape : {"tx", "txc"}) {
+    const bool untilClose = std::string(shape) == "txc";
+    for (const char* proto : {"socks", "http"}) {
+      const std::string name = std::string(proto) == "socks" ? "SOCKS5" : "HTTP GET";
+      for (int c : m_settings.concurrency) {
+        const std::string key = std::string(shape) + "-" + proto + "-" + std::to_string(c);
+        const std::string what = name + " connect+handshake+GET " + small +
+                                 (untilClose ? "+read until close" : "+close") + ", c=" + std::to_string(c);
+        m_table.AddRow(key + "-rate", what + " (tx/s)", true);
+        m_table.AddRow(key + "-p50", what + ", p50 (ms)", false);
+        m_table.AddRow(key + "-p99", what + ", p99 (ms)", false);
+      }
     }
   }
   const std::string idle = std::to_string(m_settings.idleTunnels) + " idle SOCKS5 tunnels";
@@ -149,6 +152,11 @@ void CLoadScenarios::Run() {
     RunTransactions(EPath::Socks5, "tx-socks");
     RunTransactions(EPath::HttpGet, "tx-http");
     CheckAlive("transaction");
+  }
+  if (tests.count("txclose")) {
+    RunTransactions(EPath::Socks5, "txc-socks", true);
+    RunTransactions(EPath::HttpGet, "txc-http", true);
+    CheckAlive("read-until-close transaction");
   }
   if (tests.count("udp")) {
     RunUdp();
@@ -231,8 +239,8 @@ void CLoadScenarios::RunUpload() {
 }
 
 void CLoadScenarios::MeasureTransactions(const SProxyTarget& t, EPath path, int clients,
-                                         double& perSecond, double& p50Ms, double& p99Ms,
-                                         long& errors) const {
+                                         bool untilClose, double& perSecond, double& p50Ms,
+                                         double& p99Ms, long& errors) const {
   std::vector<std::vector<double>> latencies(static_cast<size_t>(clients));
   std::vector<long> failures(static_cast<size_t>(clients), 0);
   std::atomic<bool> go{false};
@@ -247,7 +255,8 @@ void CLoadScenarios::MeasureTransactions(const SProxyTarget& t, EPath path, int 
       while (!go.load()) std::this_thread::yield();
       const Clock::time_point end = start + length;
       for (long n = 0; n < 100000000 && Clock::now() < end; ++n) {
-        const SFetchResult r = client.Fetch(m_settings.smallBytes, Clock::now() + kOpTimeout);
+        const SFetchResult r = client.Fetch(m_settings.smallBytes, Clock::now() + kOpTimeout,
+                                            Clock::time_point::max(), untilClose);
         if (r.ok) {
           latencies[static_cast<size_t>(i)].push_back(Seconds(r.done - r.start) * 1000.0);
         } else {
@@ -271,7 +280,7 @@ void CLoadScenarios::MeasureTransactions(const SProxyTarget& t, EPath path, int 
   p99Ms = Percentile(all, 0.99);
 }
 
-void CLoadScenarios::RunTransactions(EPath path, const std::string& prefix) {
+void CLoadScenarios::RunTransactions(EPath path, const std::string& prefix, bool untilClose) {
   WarmUp(path);
   for (int clients : m_settings.concurrency) {
     const std::string key = prefix + "-" + std::to_string(clients);
@@ -286,7 +295,7 @@ void CLoadScenarios::RunTransactions(EPath path, const std::string& prefix) {
         long errors = 0;
         if (!Skipping(key, *t)) {
           const uint64_t overflowsBefore = CProcessTree::ListenOverflows();
-          MeasureTransactions(*t, path, clients, rate, p50, p99, errors);
+          MeasureTransactions(*t, path, clients, untilClose, rate, p50, p99, errors);
           Record(key, *t, !std::isnan(rate));
           overflows[t->name] += CProcessTree::ListenOverflows() - overflowsBefore;
         }
@@ -295,7 +304,8 @@ void CLoadScenarios::RunTransactions(EPath path, const std::string& prefix) {
         m_table.Add(key + "-p99", t->name, p99);
         if (errors > 0 && failing.find(t->name) == std::string::npos) failing += " " + t->name;
         totalErrors += errors;
-        Progress("[transactions " + std::string(PathName(path)) + " x" + std::to_string(clients) +
+        Progress(std::string(untilClose ? "[read-until-close transactions " : "[transactions ") +
+                 PathName(path) + " x" + std::to_string(clients) +
                  "] run " + std::to_string(run) + " " + t->name + ": " + FormatFigure(rate) +
                  " tx/s, p50 " + FormatFigure(p50) + " ms, p99 " + FormatFigure(p99) + " ms" +
                  (errors ? ", " + std::to_string(errors) + " failed" : ""));

@@ -25,7 +25,7 @@ struct SBenchSettings {
   double idleSeconds = 10.0;
   double udpSeconds = 1.0;
   int ttfbSamples = 200;
-  std::set<std::string> tests{"bulk", "upload", "tx", "idle", "udp", "ttfb"};
+  std::set<std::string> tests{"bulk", "upload", "tx", "txclose", "idle", "udp", "ttfb"};
 };
 
 class CLoadScenarios {
@@ -40,13 +40,14 @@ class CLoadScenarios {
   void DeclareRows();
   void RunBulk(EPath path, const std::string& key);
   void RunUpload();
-  void RunTransactions(EPath path, const std::string& prefix);
+  // untilClose: the client reads each answer until the connection closes instead of closing first.
+  void RunTransactions(EPath path, const std::string& prefix, bool untilClose = false);
   void RunIdle();
   void RunUdp();
   void RunTtfb(EPath path, const std::string& prefix);
 
-  void MeasureTransactions(const SProxyTarget& t, EPath path, int clients, double& perSecond,
-                           double& p50Ms, double& p99Ms, long& errors) const;
+  void MeasureTransactions(const SProxyTarget& t, EPath path, int clients, bool untilClose,
+                           double& perSecond, double& p50Ms, double& p99Ms, long& errors) const;
   bool MeasureIdle(const SProxyTarget& t, double& cpuMs, double& wakeups, double& rssKiB,
                    double& pssKiB);
   double MeasureUdp(const SProxyTarget& t, long& lost) const;

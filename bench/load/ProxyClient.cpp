@@ -176,7 +176,7 @@ std::string CProxyClient::RequestLine(const std::string& method, const std::stri
 }
 
 SFetchResult CProxyClient::Fetch(uint64_t bytes, Clock::time_point deadline,
-                                 Clock::time_point cap) const {
+                                 Clock::time_point cap, bool untilClose) const {
   SFetchResult r;
   r.start = Clock::now();
   CBenchSocket sock;
@@ -206,6 +206,11 @@ SFetchResult CProxyClient::Fetch(uint64_t bytes, Clock::time_point deadline,
     if (n < 0) return r;
     if (n == 0) break;
     got += static_cast<uint64_t>(n);
+  }
+  if (untilClose && !r.cut && got == want) {
+    // The server closes after its answer; the close must come through too.
+    const long n = sock.RecvSome(io, kIoChunk, deadline);
+    if (n != 0) return r;
   }
   r.done = Clock::now();
   r.bodyBytes = got;

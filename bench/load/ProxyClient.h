@@ -46,9 +46,10 @@ class CProxyClient {
   // destination (for HttpGet: a connection to the proxy ready for one request).
   bool Open(CBenchSocket& sock, Clock::time_point deadline) const;
   // GET /bytes/N through the path; reads the whole body, discarding it. At cap the transfer stops
-  // and the result is marked cut; deadline bounds every wait.
+  // and the result is marked cut; deadline bounds every wait. With untilClose the client then
+  // reads on until the connection closes (as an HTTP/1.0 client does), and done is that moment.
   SFetchResult Fetch(uint64_t bytes, Clock::time_point deadline,
-                     Clock::time_point cap = Clock::time_point::max()) const;
+                     Clock::time_point cap = Clock::time_point::max(), bool untilClose = false) const;
   // POST of N bytes to the sink: sent counts the body bytes written and seconds runs from the first
   // of them to the sink's answer. At cap sending stops, and seconds covers what was sent.
   bool Upload(uint64_t bytes, Clock::time_point deadline, Clock::time_point cap, uint64_t& sent,

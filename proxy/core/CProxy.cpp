@@ -125,31 +125,41 @@ int CProxy::OpenListenSocket(const std::string& listenAddress, int port)
 
 int CProxy::Run()
 {
+    // Out of descriptors the listening socket stays readable: the loop then waits on the stop
+    // event alone for a while instead of spinning.
+    bool backOff = false;
+    const int stopHandle = m_stopEvent.GetWaitHandle();
     for (;;) {
         const int listenSocket = m_listenSocket;
-        if (listenSocket == -1)
+        if (listenSocket == -1 || stopHandle < 0)
             break;
-        pollfd fds[2] = {{listenSocket, POLLIN, 0}, {m_stopEvent.GetWaitHandle(), POLLIN, 0}};
-        if (poll(fds, 2, -1) < 0) {
+        pollfd fds[2] = {{backOff ? -1 : listenSocket, POLLIN, 0}, {stopHandle, POLLIN, 0}};
+        if (poll(fds, 2, backOff ? ACCEPT_RETRY_DELAY_MS : -1) < 0) {
             if (errno == EINTR)
                 continue;
             break;
         }
+        backOff = false;
         if (fds[1].revents != 0)
             break;
         if (fds[0].revents & (POLLERR | POLLNVAL))
             break;
-        // Drain a burst in one wake-up: the backlog may be short (16), and every client left in it
-        // while we sleep again risks an overflow and a SYN retry a second later.
-        if (fds[0].revents & POLLIN) {
-            for (int accepted = 0; accepted < ACCEPT_BURST && AcceptOne(listenSocket); ++accepted) {
-            }
+        if (!(fds[0].revents & POLLIN))
+            continue;
+        // Drain a burst in one wake-up: every client left in the backlog while we sleep again
+        // risks an overflow and a SYN retry a second later.
+        for (int accepted = 0; accepted < ACCEPT_BURST; ++accepted) {
+            const EAccept result = AcceptOne(listenSocket);
+            if (result == EAccept::OutOfDescriptors)
+                backOff = true;
+            if (result != EAccept::Accepted)
+                break;
         }
     }
     return 1;
 }
 
-bool CProxy::AcceptOne(int listenSocket)
+CProxy::EAccept CProxy::AcceptOne(int listenSocket)
 {
 #if defined(__linux__)
     // Close-on-exec and non-blocking in the same call (Android's libc has accept4 too).
@@ -157,23 +167,20 @@ bool CProxy::AcceptOne(int listenSocket)
 #else
     const int client = accept(listenSocket, nullptr, nullptr);
 #endif
-    if (client < 0) {
-        if (OutOfDescriptors(errno))
-            QOX::CSynchronizationObject::WaitForObject(m_stopEvent, ACCEPT_RETRY_DELAY_MS);
-        return false;
-    }
+    if (client < 0)
+        return OutOfDescriptors(errno) ? EAccept::OutOfDescriptors : EAccept::NothingWaiting;
 #if !defined(__linux__)
     fcntl(client, F_SETFD, FD_CLOEXEC);
 #endif
     if (m_listenSocket == -1) {
         CSocketUtils::CloseSocket(client);
-        return false;
+        return EAccept::NothingWaiting;
     }
     auto* connection = new CProxyConnection(this);
     // On failure Init closed the socket and nothing else refers to the connection.
     if (!connection->Init(client, m_multiPointLayer, m_datagramHandler, m_connectionListener))
         delete connection;
-    return true;
+    return EAccept::Accepted;
 }
 
 void CProxy::StopProxy()

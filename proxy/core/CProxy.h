@@ -86,9 +86,10 @@ protected:
     int Run() override;
 
 private:
+    enum class EAccept { Accepted, NothingWaiting, OutOfDescriptors };
+
     int OpenListenSocket(const std::string& listenAddress, int port);
-    // False when nothing more is waiting (or descriptors ran out).
-    bool AcceptOne(int listenSocket);
+    EAccept AcceptOne(int listenSocket);
 
     // Guards m_connections and m_creator. Taken inside a connection's mutex (a connection leaving
     // the set), never the other way round.

@@ -335,9 +335,9 @@ bool CProxyConnection::SpliceClientToHost()
 
 void CProxyConnection::ClientEnded()
 {
-    // Before a tunnel exists, or when the handler cannot pass the end on, the client's end is
-    // the end of the exchange.
-    if (m_protocol && m_linkState == ELink::Open && m_protocol->HandleClientEnd()) {
+    // The handler decides: before a request is complete, or when the end cannot be passed on,
+    // the client's end is the end of the exchange.
+    if (m_protocol && m_protocol->HandleClientEnd()) {
         m_toHost = EFlow::Ended;
         return;
     }

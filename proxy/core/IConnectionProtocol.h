@@ -32,8 +32,9 @@ public:
     virtual bool PassesRequestsThrough() const { return false; }
 
     // Added for half-close. The client finished sending. True when the exchange goes on without
-    // it (the handler passed the end on, usually with IProxyConnection::EndHostOutput); false
-    // ends the connection once what is queued for the client was written.
+    // it: the handler passed the end on (IProxyConnection::EndHostOutput), or will once the host
+    // link it is opening is up. False ends the connection once what is queued for the client was
+    // written.
     virtual bool HandleClientEnd() { return false; }
     // The host finished sending and every byte it sent went through HandleResponse. True lets
     // the connection end its sending to the client while client bytes still go to the host;

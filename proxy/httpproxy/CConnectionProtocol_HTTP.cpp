@@ -248,17 +248,23 @@ void CConnectionProtocol_HTTP::OnHostConnected(bool connected)
         m_requestPassThrough = true;
         m_requestParser.Reset();
     }
-    // What the client sent while we waited follows, as if it had come now.
+    // What the client sent while we waited follows, as if it had come now, and then its end.
     std::string held;
     held.swap(m_held);
     if (!held.empty())
         HandleRequest(held.data(), static_cast<int>(held.size()));
+    if (m_clientEnded && !m_connection.EndHostOutput())
+        m_connection.DisconnectClient();
 }
 
 bool CConnectionProtocol_HTTP::HandleClientEnd()
 {
-    // Once the request went out (or a tunnel stands), the client's end is passed on: a client
-    // that half-closes after its request still gets the whole answer.
+    // Once the request is complete, the client's end is passed on: a client that half-closes
+    // after its request still gets the whole answer.
+    if (m_wait != EWait::None) {
+        m_clientEnded = true;
+        return true;
+    }
     return m_requestPassThrough && m_connection.EndHostOutput();
 }
 

@@ -110,8 +110,9 @@ private:
     EWait m_wait = EWait::None;
     QOX::CRefCountPtr<CHTTPRequest> m_request;
     CNameLookup m_lookup;
-    // Client bytes that came while the request waited.
+    // Client bytes that came while the request waited, and whether the client ended meanwhile.
     std::string m_held;
+    bool m_clientEnded = false;
 };
 
 } // namespace Proxy

@@ -114,7 +114,19 @@ void CConnectionProtocol_SOCKS5::HandleResponse(const char* data, int length)
 
 bool CConnectionProtocol_SOCKS5::HandleClientEnd()
 {
-    return m_state == EState::Relay && m_connection.EndHostOutput();
+    switch (m_state) {
+    case EState::Relay:
+        return m_connection.EndHostOutput();
+    case EState::Resolve:
+    case EState::Connect:
+    case EState::BindAccept:
+        // A client that sent its request (and what follows it) and then finished still gets its
+        // answer: the end goes to the host behind those bytes once the relay starts.
+        m_clientEnded = true;
+        return true;
+    default:
+        return false;
+    }
 }
 
 bool CConnectionProtocol_SOCKS5::HandleHostEnd()
@@ -370,6 +382,9 @@ CConnectionProtocol_SOCKS5::EState CConnectionProtocol_SOCKS5::DoRelay()
         m_connection.SendToHost(reinterpret_cast<const char*>(m_buffer.GetData()), static_cast<int>(size));
         m_buffer.Clear();
     }
+    if (m_clientEnded && !m_connection.EndHostOutput())
+        return EState::Closed;
+    m_clientEnded = false;
     return EState::Relay;
 }
 

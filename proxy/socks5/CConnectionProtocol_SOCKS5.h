@@ -99,6 +99,8 @@ private:
     EState m_state = EState::Greeting;
     CBuffer m_buffer;
     unsigned char m_command = 0;
+    // The client finished sending while its command was under way.
+    bool m_clientEnded = false;
     AddressPtr m_destination;
     CNameLookup m_lookup;
     std::unique_ptr<CSocks5Bind> m_bind;
