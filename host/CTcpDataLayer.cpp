@@ -2,6 +2,7 @@
 
 #include <netinet/in.h>
 #include <netinet/tcp.h>
+#include <poll.h>
 #include <sys/epoll.h>
 #include <unistd.h>
 
@@ -457,7 +458,8 @@ void CTcpDataLayer::UpdateInterestLocked()
         return;
     uint32_t wanted = 0;
     if (m_phase == EPhase::Connecting) {
-        wanted = EPOLLOUT;
+        // An attached reader watches the connect itself (CompleteConnect); the time limit stays.
+        wanted = m_reader == EReader::Attached ? 0u : static_cast<uint32_t>(EPOLLOUT);
     } else {
         if (m_phase == EPhase::Open && m_reader == EReader::Loop && m_sinkAdded && !m_inputEnded && !m_failed &&
             !m_readPaused)
@@ -583,6 +585,26 @@ bool CTcpDataLayer::IsConnecting() const
 {
     std::lock_guard<std::mutex> lock(m_mutex);
     return m_phase == EPhase::Connecting;
+}
+
+void CTcpDataLayer::CompleteConnect()
+{
+    bool connected = false;
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        if (m_phase != EPhase::Connecting)
+            return;
+        pollfd entry{m_socket, POLLOUT, 0};
+        if (poll(&entry, 1, 0) <= 0)
+            return; // still under way
+        FinishConnectLocked();
+        connected = m_phase == EPhase::Open;
+        UpdateInterestLocked();
+    }
+    if (connected)
+        NotifyConnected();
+    else
+        PostAdvance();
 }
 
 unsigned int CTcpDataLayer::GetReceiveBacklog() const

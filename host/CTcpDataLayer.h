@@ -21,12 +21,14 @@ namespace Host {
 
 // A stream link on a non-blocking TCP socket, watched by one CEventLoop.
 //
-// Life: Connecting (a non-blocking connect in progress; SendData queues) -> Open -> Draining
+// Life: Connecting (a non-blocking connect in progress; SendData queues; the loop watches for
+// its end, or the attached reader does through CompleteConnect) -> Open -> Draining
 // (the closure was reported; bytes still queued are written, for at most LINGER_MS, then FIN and
 // the socket is released) or straight to Closed (released). The closure is reported once to
 // each sink: after Disconnect; after a failure, reset or connect failure; at the peer's end once
 // its bytes were taken (unless a sink enabled half-close); with half-close, once both directions
-// have ended. Notifications are made on the loop's thread, never with the link's lock held.
+// have ended. Notifications are made on the loop's thread (OnLinkConnected also on a reader's
+// thread, inside CompleteConnect), never with the link's lock held.
 //
 // Reading: the loop reads the socket into a bounded buffer and announces it with OnDataReceived;
 // while the buffer is full it stops reading (TCP then slows the peer). With a reader attached
@@ -72,6 +74,7 @@ public:
     bool EnableHalfClose() override;
     bool ShutdownSend() override;
     bool IsConnecting() const override;
+    void CompleteConnect() override;
 
     void OnEvents(uint32_t events) override;
 

@@ -87,6 +87,12 @@ public:
     // Added for connecting without blocking (IZRTMultiPointLayer::BeginConnect): true while the
     // link is still being opened. Links that are returned open (the default) never are.
     virtual bool IsConnecting() const { return false; }
+    // Added so that a reader learns the outcome of a connect without a hop through the
+    // transport's thread: with a reader attached to a link that is still connecting, the reader
+    // polls the descriptor for POLLOUT and calls this when it fires. The link then settles the
+    // attempt (IsConnecting turns false; IsConnected tells the outcome) and tells its sinks as
+    // usual. Does nothing while the attempt is still under way, and by default.
+    virtual void CompleteConnect() {}
 };
 
 } // namespace ZRT

@@ -171,9 +171,12 @@ int CProxyConnection::Run()
 bool CProxyConnection::Turn()
 {
     const STurn turn = PlanTurn();
-    pollfd fds[4] = {{turn.clientEvents != 0 ? m_clientSocket : -1, turn.clientEvents, 0},
+    // An open client is always polled: with no events asked, poll still reports its reset.
+    const bool watchClient = turn.clientEvents != 0 || m_client == EClient::Open;
+    pollfd fds[4] = {{watchClient ? m_clientSocket : -1, turn.clientEvents, 0},
                      {m_wakeEvent.GetWaitHandle(), POLLIN, 0},
-                     {turn.readHost ? m_readerFd : -1, POLLIN, 0},
+                     {turn.readHost || turn.connectHost ? m_readerFd : -1,
+                      static_cast<short>(turn.connectHost ? POLLOUT : POLLIN), 0},
                      {turn.handlerFd, POLLIN, 0}};
     if (poll(fds, 4, turn.timeout) < 0 && errno != EINTR) {
         Abort();
@@ -192,12 +195,16 @@ bool CProxyConnection::Turn()
         FlushClientOutput();
     if ((turn.clientEvents & POLLIN) && (ready & (POLLIN | POLLERR | POLLHUP)))
         ReadClient();
+    else if (turn.clientEvents == 0 && (ready & (POLLERR | POLLHUP)))
+        Abort(); // reset (or shut both ways) while nothing was to be read or written
     if (m_connectOutcome) {
         const bool connected = *m_connectOutcome;
         m_connectOutcome.reset();
         FinishConnect(connected);
     }
-    if (fds[2].revents != 0)
+    if (fds[2].revents != 0 && turn.connectHost)
+        CompleteConnect();
+    else if (fds[2].revents != 0)
         m_hostPending = true;
     PumpHost();
     if (fds[3].revents != 0 && m_protocol && m_client == EClient::Open)
@@ -218,6 +225,8 @@ CProxyConnection::STurn CProxyConnection::PlanTurn()
     const bool relaying = m_protocol && m_client == EClient::Open && m_toClient == EFlow::Open;
     const bool roomForHost = relaying && backlog <= CLIENT_OUTPUT_HIGH_WATER;
     turn.readHost = roomForHost && m_readerFd >= 0 && m_linkState == ELink::Open;
+    // A link that connects with a reader attached finishes when its descriptor turns writable.
+    turn.connectHost = m_readerFd >= 0 && m_linkState == ELink::Connecting;
     if (m_protocol && m_client == EClient::Open)
         turn.handlerFd = m_protocol->GetWatchedDescriptor();
     const bool linkHeld = m_linkState == ELink::Open || m_linkState == ELink::Closed;
@@ -414,6 +423,16 @@ void CProxyConnection::HostEnded()
         return;
     }
     m_toClient = EFlow::Ending;
+}
+
+void CProxyConnection::CompleteConnect()
+{
+    const QOX::CRefCountPtr<IZRTDataLayer> link = CurrentLink();
+    if (!link || m_linkState != ELink::Connecting)
+        return;
+    link->CompleteConnect();
+    if (!link->IsConnecting())
+        FinishConnect(link->IsConnected());
 }
 
 void CProxyConnection::FinishConnect(bool connected)

@@ -143,6 +143,7 @@ private:
     struct STurn {
         short clientEvents = 0;
         bool readHost = false;
+        bool connectHost = false;
         int handlerFd = -1;
         int timeout = -1;
     };
@@ -159,6 +160,8 @@ private:
     // One move of host bytes towards the client; false when nothing more is to be done now.
     bool MoveHostBytes();
     void HostEnded();
+    // The link's descriptor turned writable while it connects.
+    void CompleteConnect();
     void FinishConnect(bool connected);
     void RunHandlerTimer();
     void AdvanceEnds();

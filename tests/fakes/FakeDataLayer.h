@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstring>
 #include <functional>
+#include <mutex>
 #include <set>
 #include <string>
 #include <utility>
@@ -61,8 +62,10 @@ public:
         Locked([&] { m_sinks.insert(sink); });
         return true;
     }
+    // Waits for a call to the sink in progress on another thread, as real links do.
     bool RemoveNotification(IZRTDataLayerNotification* sink) override
     {
+        std::lock_guard<std::recursive_mutex> calls(m_calls);
         return Locked([&] { return m_sinks.erase(sink) != 0; });
     }
     bool IsConnected() const override { return !WasClosed(); }
@@ -98,8 +101,7 @@ public:
     {
         QOX::CRefCountPtr<IZRTDataLayer> keepAlive(this);
         Locked([&] { m_incoming += bytes; });
-        for (auto* sink : Sinks())
-            sink->OnDataReceived(*this);
+        ForEachSink([&](IZRTDataLayerNotification* sink) { sink->OnDataReceived(*this); });
     }
     void CloseFromRemote() { NotifyClosed(); }
     // The remote end finished sending: a half-closing sink reads the end, any other hears the
@@ -115,8 +117,7 @@ public:
             NotifyClosed();
             return;
         }
-        for (auto* sink : Sinks())
-            sink->OnDataReceived(*this);
+        ForEachSink([&](IZRTDataLayerNotification* sink) { sink->OnDataReceived(*this); });
     }
     void SetCanHalfClose(bool can) { Locked([&] { m_canHalfClose = can; }); }
     bool WasSendShut() const { return Locked([&] { return m_sendShut; }); }
@@ -135,8 +136,7 @@ public:
     void SignalSendDrained()
     {
         QOX::CRefCountPtr<IZRTDataLayer> keepAlive(this);
-        for (auto* sink : Sinks())
-            sink->OnSendDrained(*this);
+        ForEachSink([&](IZRTDataLayerNotification* sink) { sink->OnSendDrained(*this); });
     }
 
     int GetSinkCount() const { return Locked([&] { return static_cast<int>(m_sinks.size()); }); }
@@ -148,10 +148,21 @@ private:
         QOX::CRefCountPtr<IZRTDataLayer> keepAlive(this);
         if (Locked([&] { return std::exchange(m_closed, true); }))
             return;
-        for (auto* sink : Sinks())
-            sink->OnConnectionClosed(*this);
+        ForEachSink([&](IZRTDataLayerNotification* sink) { sink->OnConnectionClosed(*this); });
     }
     std::set<IZRTDataLayerNotification*> Sinks() const { return Locked([&] { return m_sinks; }); }
+    // Calls each sink still registered, holding m_calls so RemoveNotification waits for it.
+    template <class F>
+    void ForEachSink(F&& call)
+    {
+        for (auto* sink : Sinks()) {
+            std::lock_guard<std::recursive_mutex> calls(m_calls);
+            if (Locked([&] { return m_sinks.count(sink) != 0; }))
+                call(sink);
+        }
+    }
+
+    std::recursive_mutex m_calls;
 
     std::set<IZRTDataLayerNotification*> m_sinks;
     std::string m_incoming;
