@@ -16,12 +16,14 @@ using ZRT::Daemon::CCommandLine;
 namespace {
 
 // Blocked in every thread (they inherit the mask), then taken synchronously by the main thread.
+// SIGHUP stops cleanly too, until the daemon learns to reload.
 sigset_t StopSignals()
 {
     sigset_t signals;
     sigemptyset(&signals);
     sigaddset(&signals, SIGINT);
     sigaddset(&signals, SIGTERM);
+    sigaddset(&signals, SIGHUP);
     return signals;
 }
 
@@ -33,15 +35,20 @@ std::string Endpoint(const CCommandLine& options, int port)
 
 int Serve(const CCommandLine& options)
 {
+    ZRT::Host::SDirectHostSettings settings;
     // BIND listeners use the proxy's own address where it is of the right family.
-    const std::string bindIPv4 = options.IsIPv6() ? "127.0.0.1" : options.GetListenAddress();
-    const std::string bindIPv6 = options.IsIPv6() ? options.GetListenAddress() : "::1";
-    ZRT::Host::CDirectHost host(ZRT::Host::CDirectHost::DEFAULT_TRANSPORT_THREADS, bindIPv4, bindIPv6);
+    settings.bindIPv4 = options.IsIPv6() ? "127.0.0.1" : options.GetListenAddress();
+    settings.bindIPv6 = options.IsIPv6() ? options.GetListenAddress() : "::1";
+    settings.dnsServers = options.GetDnsServers();
+    ZRT::Host::CDirectHost host(settings);
     if (!host.IsRunning()) {
-        std::fprintf(stderr, "zrt-proxy: cannot start the transport threads\n");
+        std::fprintf(stderr, "zrt-proxy: cannot start the transport threads or the name service\n");
         return 1;
     }
     ZRT::Proxy::CProxy proxy;
+    ZRT::Proxy::SProxySettings proxySettings;
+    proxySettings.bindWaitMs = options.GetBindTimeoutSeconds() * 1000;
+    proxy.SetSettings(proxySettings);
     // A burst of clients must not overflow the listen queue (a refused SYN costs a client 1 s).
     proxy.SetListenBacklog(SOMAXCONN);
     if (!proxy.StartProxy(options.GetListenAddress(), options.GetPort(), &host.GetResolver(),

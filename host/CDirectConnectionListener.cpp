@@ -19,6 +19,26 @@ namespace {
 constexpr int LISTEN_BACKLOG = 8;
 constexpr int ACCEPT_RETRY_DELAY_MS = 100;
 
+// The host part of an address, IPv4-mapped IPv6 as IPv4; empty for the unspecified address.
+std::string HostBytes(const IZRTConnectionAddress& address)
+{
+    sockaddr_storage storage{};
+    int length = sizeof(storage);
+    if (!address.GetSockAddr(reinterpret_cast<sockaddr*>(&storage), &length))
+        return {};
+    std::string bytes;
+    if (storage.ss_family == AF_INET) {
+        bytes.assign(reinterpret_cast<const char*>(&reinterpret_cast<sockaddr_in&>(storage).sin_addr), 4);
+    } else if (storage.ss_family == AF_INET6) {
+        const in6_addr& v6 = reinterpret_cast<sockaddr_in6&>(storage).sin6_addr;
+        if (IN6_IS_ADDR_V4MAPPED(&v6))
+            bytes.assign(reinterpret_cast<const char*>(&v6) + 12, 4);
+        else
+            bytes.assign(reinterpret_cast<const char*>(&v6), 16);
+    }
+    return bytes.find_first_not_of('\0') == std::string::npos ? std::string() : bytes;
+}
+
 QOX::CRefCountPtr<IZRTConnectionAddress> SocketAddress(int socket, bool peer)
 {
     sockaddr_storage storage{};
@@ -70,8 +90,8 @@ QOX::CRefCountPtr<IZRTConnectionAddress> CDirectConnectionListener::StartListeni
         listen(socket.Get(), LISTEN_BACKLOG) != 0)
         return {};
 
-    QOX::CRefCountPtr<CListeningSocket> listening(
-        new CListeningSocket(socket.Release(), std::max(count, 1), receiver, m_loops, m_loops.Next()));
+    QOX::CRefCountPtr<CListeningSocket> listening(new CListeningSocket(
+        socket.Release(), std::max(count, 1), HostBytes(address), receiver, m_loops, m_loops.Next()));
     if (!listening->Start())
         return {};
     {
@@ -96,9 +116,11 @@ void CDirectConnectionListener::StopListening(const IZRTConnectionAddress& addre
     stopped->Stop();
 }
 
-CDirectConnectionListener::CListeningSocket::CListeningSocket(int socket, int count, IConnectionReceiver* receiver,
-                                                              CEventLoopPool& loops, CEventLoop& loop)
-    : m_socket(socket), m_remaining(count), m_receiver(receiver), m_loops(loops), m_loop(loop),
+CDirectConnectionListener::CListeningSocket::CListeningSocket(int socket, int count, std::string expected,
+                                                              IConnectionReceiver* receiver, CEventLoopPool& loops,
+                                                              CEventLoop& loop)
+    : m_socket(socket), m_remaining(count), m_expected(std::move(expected)), m_receiver(receiver), m_loops(loops),
+      m_loop(loop),
       m_address(SocketAddress(socket, false))
 {
     m_receivers.Add(receiver);
@@ -145,6 +167,12 @@ void CDirectConnectionListener::CListeningSocket::OnEvents(uint32_t /*events*/)
                 PauseAccepting();
             return;
         }
+        QOX::CRefCountPtr<IZRTConnectionAddress> peer = SocketAddress(accepted, true);
+        if (!peer || (!m_expected.empty() && HostBytes(*peer) != m_expected)) {
+            // Not the host the client named: it gets nothing, and the wait goes on.
+            CSocketUtils::CloseSocket(accepted);
+            continue;
+        }
         {
             // Enough accepted: stop watching; the socket closes with this object.
             std::lock_guard<std::mutex> lock(m_mutex);
@@ -153,13 +181,7 @@ void CDirectConnectionListener::CListeningSocket::OnEvents(uint32_t /*events*/)
                 m_token = 0;
             }
         }
-        QOX::CRefCountPtr<IZRTConnectionAddress> peer = SocketAddress(accepted, true);
         QOX::CRefCountPtr<CTcpDataLayer> stream = CTcpDataLayer::Create(accepted, m_loops.Next());
-        if (!peer || !stream) {
-            if (stream)
-                stream->Disconnect();
-            continue;
-        }
         const bool delivered = m_receivers.Call(m_receiver, [&](IConnectionReceiver* receiver) {
             receiver->OnConnectionEstablished(*peer, *m_address, *stream);
         });

@@ -18,7 +18,9 @@ namespace Host {
 // Listens for SOCKS5 BIND on real TCP sockets. Each StartListening binds a new socket on a port
 // the system picks, on the configured local address of the request's family (127.0.0.1 and ::1
 // unless told otherwise), and accepts up to `count` connections, each handed to the receiver as
-// a CTcpDataLayer. After StopListening returns, the receiver hears nothing more.
+// a CTcpDataLayer. Only peers from the requested address count (any peer when it is the
+// unspecified address): others are closed at once and the socket goes on listening. After
+// StopListening returns, the receiver hears nothing more.
 class CDirectConnectionListener : public IConnectionListener {
 public:
     CDirectConnectionListener(CEventLoopPool& loops, std::string ipv4Address = "127.0.0.1",
@@ -32,8 +34,9 @@ public:
 private:
     class CListeningSocket : public QOX::CRefCount_Base, public IEventHandler {
     public:
-        CListeningSocket(int socket, int count, IConnectionReceiver* receiver, CEventLoopPool& loops,
-                         CEventLoop& loop);
+        // expected: the peer's address bytes, or empty for any peer.
+        CListeningSocket(int socket, int count, std::string expected, IConnectionReceiver* receiver,
+                         CEventLoopPool& loops, CEventLoop& loop);
         ~CListeningSocket() override;
 
         long AddRef() override { return QOX::CRefCount_Base::AddRef(); }
@@ -51,6 +54,7 @@ private:
 
         int m_socket;
         int m_remaining;
+        std::string m_expected;
         IConnectionReceiver* m_receiver;
         CEventLoopPool& m_loops;
         CEventLoop& m_loop;

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <memory>
 #include <string>
 
 #include "host/CDirectConnectionListener.h"
@@ -7,31 +8,36 @@
 #include "host/CDirectMultiPointLayer.h"
 #include "host/CDirectResolver.h"
 #include "host/CEventLoopPool.h"
+#include "host/INameService.h"
+#include "host/SDirectHostSettings.h"
 
 namespace ZRT {
 namespace Host {
 
-// The four host services on real sockets of this machine, sharing one pool of transport threads.
-// It must outlive every use the engine makes of them: stop the engine first.
+// The four host services on real sockets of this machine, sharing one pool of transport threads
+// (name lookups run on the first of them). It must outlive every use the engine makes of them:
+// stop the engine first.
 class CDirectHost {
 public:
     static constexpr int DEFAULT_TRANSPORT_THREADS = 2;
 
-    // bindIPv4/bindIPv6: the local addresses that BIND listeners use.
-    explicit CDirectHost(int transportThreads = DEFAULT_TRANSPORT_THREADS, const std::string& bindIPv4 = "127.0.0.1",
-                         const std::string& bindIPv6 = "::1");
+    explicit CDirectHost(const SDirectHostSettings& settings = SDirectHostSettings());
     ~CDirectHost();
     CDirectHost(const CDirectHost&) = delete;
     CDirectHost& operator=(const CDirectHost&) = delete;
 
-    bool IsRunning() const { return m_loops.IsRunning(); }
+    // False when the transport threads or the name service could not start.
+    bool IsRunning() const;
     CDirectMultiPointLayer& GetMultiPointLayer() { return m_multiPointLayer; }
     CDirectResolver& GetResolver() { return m_resolver; }
     CDirectDatagramHandler& GetDatagramHandler() { return m_datagramHandler; }
     CDirectConnectionListener& GetConnectionListener() { return m_connectionListener; }
 
 private:
+    // Members go in reverse order: the services stop their sockets while the loops still run.
     CEventLoopPool m_loops;
+    bool m_namesReady = false; // before m_names, whose making sets it
+    std::unique_ptr<INameService> m_names;
     CDirectMultiPointLayer m_multiPointLayer;
     CDirectResolver m_resolver;
     CDirectDatagramHandler m_datagramHandler;

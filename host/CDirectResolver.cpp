@@ -1,10 +1,12 @@
 #include "host/CDirectResolver.h"
 
-#include <netdb.h>
+#include <arpa/inet.h>
+#include <netinet/in.h>
 #include <sys/socket.h>
 
 #include <algorithm>
 #include <cstdlib>
+#include <cstring>
 
 #include "transport/CTCPIPAddress.h"
 
@@ -23,8 +25,41 @@ bool ParsePort(const std::string& text, unsigned int& port)
     return true;
 }
 
-// Splits "host:port" or "[v6]:port"; the host comes back without brackets.
-bool SplitDestination(const std::string& address, std::string& host, unsigned int& port)
+QOX::CRefCountPtr<IZRTConnectionAddress> WithPort(const sockaddr_storage& found, unsigned int port)
+{
+    sockaddr_storage storage = found;
+    socklen_t length = 0;
+    if (storage.ss_family == AF_INET) {
+        reinterpret_cast<sockaddr_in&>(storage).sin_port = htons(static_cast<uint16_t>(port));
+        length = sizeof(sockaddr_in);
+    } else if (storage.ss_family == AF_INET6) {
+        reinterpret_cast<sockaddr_in6&>(storage).sin6_port = htons(static_cast<uint16_t>(port));
+        length = sizeof(sockaddr_in6);
+    } else {
+        return {};
+    }
+    auto* address = new CTCPIPAddress();
+    QOX::CRefCountPtr<IZRTConnectionAddress> held(address);
+    if (!address->SetAddress(*reinterpret_cast<sockaddr*>(&storage), length))
+        return {};
+    return held;
+}
+} // namespace
+
+CDirectResolver::CDirectResolver(INameService& names) : m_names(names) {}
+
+CDirectResolver::~CDirectResolver()
+{
+    std::map<std::string, SPending> pending;
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        pending.swap(m_pending);
+    }
+    for (const auto& entry : pending)
+        m_names.Abandon(entry.second.id);
+}
+
+bool CDirectResolver::SplitDestination(const std::string& address, std::string& host, unsigned int& port)
 {
     const size_t colon = address.rfind(':');
     if (colon == std::string::npos || !ParsePort(address.substr(colon + 1), port))
@@ -37,41 +72,91 @@ bool SplitDestination(const std::string& address, std::string& host, unsigned in
     }
     return !host.empty() && host.find_first_of("[]") == std::string::npos;
 }
-} // namespace
 
-CDirectResolver::CDirectResolver(int workers)
+QOX::CRefCountPtr<IZRTConnectionAddress> CDirectResolver::ParseNumeric(const std::string& host, unsigned int port)
 {
-    for (int i = 0; i < std::max(workers, 1); ++i)
-        m_workers.emplace_back([this] { Work(); });
-}
-
-CDirectResolver::~CDirectResolver()
-{
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        m_stopping = true;
-        m_requests.clear();
-    }
-    m_wake.notify_all();
-    for (std::thread& worker : m_workers)
-        worker.join();
+    QOX::CRefCountPtr<IZRTConnectionAddress> numeric = CTCPIPAddress::FromText(host.c_str(), port);
+    if (numeric)
+        return numeric;
+    // The shorter IPv4 forms the C library also reads: 127.1, 2130706433, 0x7f000001.
+    in_addr v4{};
+    if (host.find_first_not_of("0123456789abcdefxABCDEFX.") != std::string::npos || inet_aton(host.c_str(), &v4) == 0)
+        return {};
+    sockaddr_storage storage{};
+    storage.ss_family = AF_INET;
+    reinterpret_cast<sockaddr_in&>(storage).sin_addr = v4;
+    return WithPort(storage, port);
 }
 
 int CDirectResolver::ResolveAddressAsync(const std::string& address)
 {
+    std::string host;
+    unsigned int port = 0;
+    if (!SplitDestination(address, host, port)) {
+        Deliver(address, {}, 1);
+        return 0;
+    }
+    QOX::CRefCountPtr<IZRTConnectionAddress> numeric = ParseNumeric(host, port);
+    if (numeric) {
+        // Answered on the caller's thread, which holds no lock of the engine.
+        Deliver(address, numeric, 1);
+        return 0;
+    }
     {
         std::lock_guard<std::mutex> lock(m_mutex);
-        if (m_stopping)
-            return -1;
-        m_requests.push_back(address);
+        const auto pending = m_pending.find(address);
+        if (pending != m_pending.end()) {
+            ++pending->second.requests;
+            return 0;
+        }
+        // Entered first, so an answer that comes at once finds it.
+        m_pending[address] = SPending{0, 1};
     }
-    m_wake.notify_one();
+    const uint64_t id = m_names.Start(host, [this, address, port](const std::vector<sockaddr_storage>& found) {
+        Answered(address, port, found);
+    });
+    std::lock_guard<std::mutex> lock(m_mutex);
+    const auto pending = m_pending.find(address);
+    if (pending != m_pending.end())
+        pending->second.id = id;
     return 0;
 }
 
-int CDirectResolver::CancelRequest(const std::string& /*address*/)
+int CDirectResolver::CancelRequest(const std::string& address)
 {
-    return -1;
+    uint64_t abandoned = 0;
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        const auto pending = m_pending.find(address);
+        if (pending == m_pending.end())
+            return -1;
+        if (--pending->second.requests > 0)
+            return 0;
+        abandoned = pending->second.id;
+        m_pending.erase(pending);
+    }
+    m_names.Abandon(abandoned);
+    return 0;
+}
+
+void CDirectResolver::Answered(const std::string& text, unsigned int port, const std::vector<sockaddr_storage>& addresses)
+{
+    int requests = 0;
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        const auto pending = m_pending.find(text);
+        if (pending == m_pending.end())
+            return; // cancelled
+        requests = pending->second.requests;
+        m_pending.erase(pending);
+    }
+    QOX::CRefCountPtr<IZRTConnectionAddress> result;
+    for (const sockaddr_storage& address : addresses) {
+        result = WithPort(address, port);
+        if (result)
+            break;
+    }
+    Deliver(text, result, requests);
 }
 
 int CDirectResolver::AddNotification(IResolveAddressCompletedNotification* notification)
@@ -100,66 +185,8 @@ int CDirectResolver::RemoveNotification(IResolveAddressCompletedNotification* no
     return 0;
 }
 
-QOX::CRefCountPtr<IZRTConnectionAddress> CDirectResolver::Resolve(const std::string& address)
-{
-    std::string host;
-    unsigned int port = 0;
-    if (!SplitDestination(address, host, port))
-        return {};
-    QOX::CRefCountPtr<IZRTConnectionAddress> numeric = CTCPIPAddress::FromText(host.c_str(), port);
-    if (numeric)
-        return numeric;
-
-    addrinfo hints{};
-    hints.ai_family = AF_UNSPEC;
-    hints.ai_socktype = SOCK_STREAM;
-    addrinfo* results = nullptr;
-    if (getaddrinfo(host.c_str(), nullptr, &hints, &results) != 0 || !results)
-        return {};
-    const addrinfo* chosen = nullptr;
-    for (const addrinfo* entry = results; entry; entry = entry->ai_next) {
-        if (entry->ai_family == AF_INET) {
-            chosen = entry;
-            break;
-        }
-        if (entry->ai_family == AF_INET6 && !chosen)
-            chosen = entry;
-    }
-    QOX::CRefCountPtr<IZRTConnectionAddress> resolved;
-    if (chosen) {
-        sockaddr_storage storage{};
-        std::copy_n(reinterpret_cast<const unsigned char*>(chosen->ai_addr), chosen->ai_addrlen,
-                    reinterpret_cast<unsigned char*>(&storage));
-        if (storage.ss_family == AF_INET)
-            reinterpret_cast<sockaddr_in*>(&storage)->sin_port = htons(static_cast<uint16_t>(port));
-        else
-            reinterpret_cast<sockaddr_in6*>(&storage)->sin6_port = htons(static_cast<uint16_t>(port));
-        auto* address = new CTCPIPAddress();
-        resolved = address;
-        if (!address->SetAddress(*reinterpret_cast<sockaddr*>(&storage), chosen->ai_addrlen))
-            resolved.Reset();
-    }
-    freeaddrinfo(results);
-    return resolved;
-}
-
-void CDirectResolver::Work()
-{
-    for (;;) {
-        std::string address;
-        {
-            std::unique_lock<std::mutex> lock(m_mutex);
-            m_wake.wait(lock, [this] { return m_stopping || !m_requests.empty(); });
-            if (m_stopping)
-                return;
-            address = std::move(m_requests.front());
-            m_requests.pop_front();
-        }
-        Deliver(address, Resolve(address));
-    }
-}
-
-void CDirectResolver::Deliver(const std::string& address, const QOX::CRefCountPtr<IZRTConnectionAddress>& result)
+void CDirectResolver::Deliver(const std::string& address, const QOX::CRefCountPtr<IZRTConnectionAddress>& result,
+                              int times)
 {
     std::vector<std::shared_ptr<SRegistration>> registrations;
     {
@@ -167,13 +194,15 @@ void CDirectResolver::Deliver(const std::string& address, const QOX::CRefCountPt
         registrations = m_registrations;
     }
     const int status = result ? STATUS_RESOLVED : STATUS_FAILED;
-    for (const auto& registration : registrations) {
-        {
-            std::lock_guard<std::mutex> lock(m_mutex);
-            if (registration->removed)
-                continue;
+    for (int time = 0; time < times; ++time) {
+        for (const auto& registration : registrations) {
+            {
+                std::lock_guard<std::mutex> lock(m_mutex);
+                if (registration->removed)
+                    continue;
+            }
+            registration->notification->OnResolveAddressCompleted(status, address, result);
         }
-        registration->notification->OnResolveAddressCompleted(status, address, result);
     }
 }
 

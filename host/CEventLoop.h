@@ -51,6 +51,7 @@ public:
     void CancelDelayed(uint64_t id);
 
     bool IsLoopThread() const { return QOX::CThread::IsCurrentThread(*this); }
+    bool IsRunning() const { return GetThreadStatus() == STATUS_RUNNING; }
 
 private:
     using Clock = std::chrono::steady_clock;

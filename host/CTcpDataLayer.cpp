@@ -46,22 +46,10 @@ QOX::CRefCountPtr<CTcpDataLayer> CTcpDataLayer::Create(int socket, CEventLoop& l
 QOX::CRefCountPtr<CTcpDataLayer> CTcpDataLayer::CreateConnecting(int socket, CEventLoop& loop, int timeoutMs)
 {
     QOX::CRefCountPtr<CTcpDataLayer> link(new CTcpDataLayer(socket, loop, EPhase::Connecting));
-    std::lock_guard<std::mutex> lock(link->m_mutex);
+    // The loop watches the attempt (and keeps its time) only once a sink listens without a
+    // reader: a reader takes the connect over (CompleteConnect) and keeps its own time.
     link->m_beganConnecting = true;
-    link->UpdateInterestLocked();
-    if (link->m_token == 0)
-        return {};
-    CTcpDataLayer* raw = link.Get();
-    QOX::CRefCountPtr<CTcpDataLayer> self(raw);
-    link->m_timer = loop.PostDelayed(timeoutMs, [self] {
-        {
-            std::lock_guard<std::mutex> held(self->m_mutex);
-            self->m_timer = 0;
-            if (self->m_phase == EPhase::Connecting)
-                self->FailLocked();
-        }
-        self->Advance();
-    });
+    link->m_connectTimeoutMs = timeoutMs;
     return link;
 }
 
@@ -83,7 +71,8 @@ int CTcpDataLayer::ReceiveData(unsigned char* buffer, int size)
 {
     if (!buffer || size <= 0)
         return 0;
-    bool advance = false;
+    bool due = false;
+    bool reader = false;
     int count = 0;
     {
         std::lock_guard<std::mutex> lock(m_mutex);
@@ -97,9 +86,16 @@ int CTcpDataLayer::ReceiveData(unsigned char* buffer, int size)
         const bool ended = m_received.Empty() && (m_inputEnded || m_failed);
         if (count == 0 && ended && (m_halfClose || m_reader == EReader::Attached))
             count = -1;
-        advance = m_phase == EPhase::Open && CloseDueLocked();
+        due = m_phase == EPhase::Open && CloseDueLocked();
+        reader = m_reader == EReader::Attached;
     }
-    if (advance)
+    // The closure follows once the caller has every byte. A reader's call that returned
+    // nothing settles it here, with no hop through the loop (a reader reads on until -1). A
+    // sink's draining inside OnDataReceived is followed by the loop's own Advance; from
+    // elsewhere the loop is asked.
+    if (due && reader && count <= 0)
+        Advance();
+    else if (due && !reader && !m_loop.IsLoopThread())
         PostAdvance();
     return count;
 }
@@ -189,7 +185,7 @@ int CTcpDataLayer::ReceiveInto(int socket, int size)
         advance = m_phase == EPhase::Open && CloseDueLocked();
     }
     if (advance)
-        PostAdvance();
+        Advance();
     return result;
 }
 
@@ -220,7 +216,7 @@ void CTcpDataLayer::DetachReader()
         advance = m_phase == EPhase::Open && CloseDueLocked();
     }
     if (advance)
-        PostAdvance();
+        Advance();
 }
 
 bool CTcpDataLayer::EnableHalfClose()
@@ -310,6 +306,7 @@ int CTcpDataLayer::SendFrom(int socket, int size)
 bool CTcpDataLayer::ShutdownSend()
 {
     bool advance = false;
+    bool inlineAdvance = false;
     {
         std::lock_guard<std::mutex> lock(m_mutex);
         if (m_failed || (m_phase != EPhase::Connecting && m_phase != EPhase::Open))
@@ -318,8 +315,12 @@ bool CTcpDataLayer::ShutdownSend()
             m_output = EOutput::Ending;
         EndOutputIfDueLocked();
         advance = m_phase == EPhase::Open && CloseDueLocked();
+        // From the reader's thread the closure is settled here; otherwise the loop does it.
+        inlineAdvance = m_reader == EReader::Attached;
     }
-    if (advance)
+    if (advance && inlineAdvance)
+        Advance();
+    else if (advance)
         PostAdvance();
     return true;
 }
@@ -412,6 +413,20 @@ void CTcpDataLayer::Advance()
         NotifyClosed();
 }
 
+void CTcpDataLayer::StartConnectTimerLocked()
+{
+    QOX::CRefCountPtr<CTcpDataLayer> self(this);
+    m_timer = m_loop.PostDelayed(m_connectTimeoutMs, [self] {
+        {
+            std::lock_guard<std::mutex> held(self->m_mutex);
+            self->m_timer = 0;
+            if (self->m_phase == EPhase::Connecting)
+                self->FailLocked();
+        }
+        self->Advance();
+    });
+}
+
 void CTcpDataLayer::StartLingerTimerLocked()
 {
     QOX::CRefCountPtr<CTcpDataLayer> self(this);
@@ -458,8 +473,12 @@ void CTcpDataLayer::UpdateInterestLocked()
         return;
     uint32_t wanted = 0;
     if (m_phase == EPhase::Connecting) {
-        // An attached reader watches the connect itself (CompleteConnect); the time limit stays.
-        wanted = m_reader == EReader::Attached ? 0u : static_cast<uint32_t>(EPOLLOUT);
+        if (m_reader == EReader::Attached || !m_sinkAdded)
+            wanted = 0;
+        else
+            wanted = EPOLLOUT;
+        if (wanted != 0 && m_timer == 0)
+            StartConnectTimerLocked();
     } else {
         if (m_phase == EPhase::Open && m_reader == EReader::Loop && m_sinkAdded && !m_inputEnded && !m_failed &&
             !m_readPaused)
@@ -545,6 +564,15 @@ void CTcpDataLayer::Disconnect()
             m_phase = EPhase::Draining;
         else
             return;
+        // Nothing left to write and nobody to tell: the socket goes now, on the caller's thread.
+        if (m_sinks.IsEmpty() && UnsentLocked() == 0 && m_reader == EReader::Loop) {
+            if (m_phase == EPhase::Draining && m_output != EOutput::Ended && m_socket >= 0)
+                shutdown(m_socket, SHUT_WR);
+            m_output = EOutput::Ended;
+            m_phase = EPhase::Closed;
+            ReleaseSocketLocked();
+            return;
+        }
     }
     PostAdvance();
 }
@@ -604,7 +632,7 @@ void CTcpDataLayer::CompleteConnect()
     if (connected)
         NotifyConnected();
     else
-        PostAdvance();
+        Advance();
 }
 
 unsigned int CTcpDataLayer::GetReceiveBacklog() const

@@ -22,13 +22,15 @@ namespace Host {
 // A stream link on a non-blocking TCP socket, watched by one CEventLoop.
 //
 // Life: Connecting (a non-blocking connect in progress; SendData queues; the loop watches for
-// its end, or the attached reader does through CompleteConnect) -> Open -> Draining
+// its end and keeps its time limit, or an attached reader does both, through CompleteConnect)
+// -> Open -> Draining
 // (the closure was reported; bytes still queued are written, for at most LINGER_MS, then FIN and
 // the socket is released) or straight to Closed (released). The closure is reported once to
 // each sink: after Disconnect; after a failure, reset or connect failure; at the peer's end once
 // its bytes were taken (unless a sink enabled half-close); with half-close, once both directions
-// have ended. Notifications are made on the loop's thread (OnLinkConnected also on a reader's
-// thread, inside CompleteConnect), never with the link's lock held.
+// have ended. Notifications are made on the loop's thread, or on a reader's thread inside its
+// own calls (ReceiveData, ReceiveInto, ShutdownSend, CompleteConnect, DetachReader), so that a
+// reader's link needs no hop through the loop; never with the link's lock held.
 //
 // Reading: the loop reads the socket into a bounded buffer and announces it with OnDataReceived;
 // while the buffer is full it stops reading (TCP then slows the peer). With a reader attached
@@ -103,6 +105,7 @@ private:
     bool CloseDueLocked() const;
     void ReleaseSocketLocked();
     void PostAdvance();
+    void StartConnectTimerLocked();
     void StartLingerTimerLocked();
     void CancelTimersLocked();
     void NotifyData();
@@ -146,6 +149,7 @@ private:
     // The loop is between a recv and storing its bytes: a reader must not read past them.
     bool m_loopReading = false;
     uint64_t m_timer = 0; // the connect time-out or the linger's end; 0 when none
+    int m_connectTimeoutMs = 0;
 };
 
 } // namespace Host

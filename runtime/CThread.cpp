@@ -6,6 +6,8 @@
 
 #include <atomic>
 #include <cerrno>
+#include <chrono>
+#include <condition_variable>
 #include <mutex>
 
 namespace QOX {
@@ -16,9 +18,13 @@ std::atomic<size_t> g_stackSize{256 * 1024};
 // The operating-system thread comes from CThreadPool and goes back there after Entry, so it is
 // never joined: waiting for the end means waiting for `ended`, after which the thread touches
 // nothing but this shared block (kept alive by its own reference) and the pool.
+// The end is waited for on a condition, not an event: a stop must work even when the process is
+// out of descriptors.
 struct CThread::SControl {
     std::atomic<int> status{STATUS_NOT_STARTED};
-    CEvent ended{true};
+    std::mutex endMutex; // guards ended
+    std::condition_variable endChanged;
+    bool ended = true;
     std::mutex joinMutex; // held by the starter while the thread's id is stored
     pthread_t thread{};
 };
@@ -40,12 +46,15 @@ int CThread::WaitForObject(long timeout)
 {
     if (m_control->status.load() == STATUS_NOT_STARTED)
         return CSynchronizationObject::WAIT_SIGNALLED;
-    const int result = CSynchronizationObject::WaitForObject(m_control->ended, timeout);
-    // The thread is never joined: its status turns ENDED after its last touch of the object, so
-    // reading it orders whatever the waiter does next (freeing the object) behind that touch.
-    if (result == CSynchronizationObject::WAIT_SIGNALLED)
-        (void)m_control->status.load(std::memory_order_acquire);
-    return result;
+    std::unique_lock<std::mutex> hold(m_control->endMutex);
+    const auto ended = [this] { return m_control->ended; };
+    if (timeout < 0)
+        m_control->endChanged.wait(hold, ended);
+    else if (!m_control->endChanged.wait_for(hold, std::chrono::milliseconds(timeout), ended))
+        return CSynchronizationObject::WAIT_TIMEOUT;
+    // The thread is never joined: it marks its end after its last touch of the object, under
+    // the mutex, so whatever the waiter does next (freeing the object) comes after that touch.
+    return CSynchronizationObject::WAIT_SIGNALLED;
 }
 
 CThread::ThreadID CThread::GetThreadID() const
@@ -74,8 +83,11 @@ void CThread::Finish(void* argument)
 {
     std::unique_ptr<std::pair<CThread*, std::shared_ptr<SControl>>> start(
         static_cast<std::pair<CThread*, std::shared_ptr<SControl>>*>(argument));
-    start->second->status.store(STATUS_ENDED);
-    start->second->ended.SignalEvent();
+    SControl& control = *start->second;
+    std::lock_guard<std::mutex> hold(control.endMutex);
+    control.status.store(STATUS_ENDED);
+    control.ended = true;
+    control.endChanged.notify_all();
 }
 
 bool CThread::StartThread(bool /*suspended*/)
@@ -84,7 +96,10 @@ bool CThread::StartThread(bool /*suspended*/)
     if (expected == STATUS_RUNNING || expected == STATUS_STOPPING)
         return false;
     m_stopEvent.ResetEvent();
-    m_control->ended.ResetEvent();
+    {
+        std::lock_guard<std::mutex> hold(m_control->endMutex);
+        m_control->ended = false;
+    }
     m_control->status.store(STATUS_RUNNING);
 
     auto* start = new std::pair<CThread*, std::shared_ptr<SControl>>(this, m_control);
@@ -92,8 +107,10 @@ bool CThread::StartThread(bool /*suspended*/)
     if (!CThreadPool::Instance().Start(g_stackSize.load(), &CThread::Entry, &CThread::Finish, start,
                                        &m_control->thread)) {
         delete start;
+        std::lock_guard<std::mutex> ended(m_control->endMutex);
         m_control->status.store(STATUS_NOT_STARTED);
-        m_control->ended.SignalEvent();
+        m_control->ended = true;
+        m_control->endChanged.notify_all();
         return false;
     }
     return true;

@@ -91,7 +91,8 @@ public:
     // transport's thread: with a reader attached to a link that is still connecting, the reader
     // polls the descriptor for POLLOUT and calls this when it fires. The link then settles the
     // attempt (IsConnecting turns false; IsConnected tells the outcome) and tells its sinks as
-    // usual. Does nothing while the attempt is still under way, and by default.
+    // usual. Does nothing while the attempt is still under way, and by default. A reader that
+    // takes a connect over keeps its time limit too (it Disconnects an attempt that is too slow).
     virtual void CompleteConnect() {}
 };
 

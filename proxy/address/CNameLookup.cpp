@@ -30,7 +30,8 @@ bool CNameLookup::Start(CAddressManager& manager, const std::string& key)
         m_answered = true;
         m_address = address;
     }
-    return known;
+    // A resolver may answer inside the call (numeric texts): known now after all.
+    return m_answered;
 }
 
 void CNameLookup::OnLookupDone(const AddressPtr& address)

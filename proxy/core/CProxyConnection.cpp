@@ -202,7 +202,9 @@ bool CProxyConnection::Turn()
         m_connectOutcome.reset();
         FinishConnect(connected);
     }
-    if (fds[2].revents != 0 && turn.connectHost)
+    if (m_linkState == ELink::Connecting && Clock::now() >= m_connectDeadline)
+        FinishConnect(false); // too slow: the attempt is given up
+    else if (fds[2].revents != 0 && turn.connectHost)
         CompleteConnect();
     else if (fds[2].revents != 0)
         m_hostPending = true;
@@ -230,10 +232,16 @@ CProxyConnection::STurn CProxyConnection::PlanTurn()
     if (m_protocol && m_client == EClient::Open)
         turn.handlerFd = m_protocol->GetWatchedDescriptor();
     const bool linkHeld = m_linkState == ELink::Open || m_linkState == ELink::Closed;
-    if ((roomForHost && m_hostPending && linkHeld) || m_connectOutcome)
+    if ((roomForHost && m_hostPending && linkHeld) || m_connectOutcome || m_notices.load() != 0) {
         turn.timeout = 0;
-    else if (m_handlerTimerSet)
+        return turn;
+    }
+    if (m_handlerTimerSet)
         turn.timeout = MillisecondsUntil(m_handlerDeadline);
+    if (m_linkState == ELink::Connecting) {
+        const int connect = MillisecondsUntil(m_connectDeadline);
+        turn.timeout = turn.timeout < 0 ? connect : std::min(turn.timeout, connect);
+    }
     return turn;
 }
 
@@ -619,8 +627,7 @@ void CProxyConnection::DisconnectClient()
     }
     if (m_disconnectRequested.exchange(true))
         return;
-    m_notices |= NOTICE_DISCONNECT;
-    m_wakeEvent.SignalEvent();
+    Notify(NOTICE_DISCONNECT);
 }
 
 bool CProxyConnection::SendToClient(const char* data, int length)
@@ -643,8 +650,7 @@ bool CProxyConnection::SendToClient(const char* data, int length)
     if (failed) {
         // The client is gone; the thread ends everything at its next turn.
         m_disconnectRequested = true;
-        m_notices |= NOTICE_CLIENT_FAILED;
-        m_wakeEvent.SignalEvent();
+        Notify(NOTICE_CLIENT_FAILED);
         return false;
     }
     if (!IsCurrentThread(*this))
@@ -658,15 +664,22 @@ unsigned int CProxyConnection::GetClientBacklog() const
     return m_clientOutputSize;
 }
 
+void CProxyConnection::Notify(unsigned notice)
+{
+    m_notices |= notice;
+    if (!IsCurrentThread(*this))
+        m_wakeEvent.SignalEvent();
+}
+
 void CProxyConnection::WakeConnection()
 {
-    m_wakeEvent.SignalEvent();
+    if (!IsCurrentThread(*this))
+        m_wakeEvent.SignalEvent();
 }
 
 void CProxyConnection::WakeHandler()
 {
-    m_notices |= NOTICE_HANDLER;
-    m_wakeEvent.SignalEvent();
+    Notify(NOTICE_HANDLER);
 }
 
 void CProxyConnection::SetHandlerTimer(int milliseconds)
@@ -754,6 +767,7 @@ bool CProxyConnection::BeginConnectToHost(QOX::CRefCountPtr<IZRTConnectionAddres
         return true;
     }
     const bool connecting = link->IsConnecting();
+    m_connectDeadline = Clock::now() + std::chrono::milliseconds(GetSettings().connectTimeoutMs);
     if (!InstallLink(link, connecting ? ELink::Connecting : ELink::Open)) {
         link->Disconnect();
         return false;
@@ -788,8 +802,7 @@ bool CProxyConnection::SendToHost(const char* data, int length)
 
 void CProxyConnection::OnDataReceived(IZRTDataLayer& /*dataLayer*/)
 {
-    m_notices |= NOTICE_HOST_DATA;
-    m_wakeEvent.SignalEvent();
+    Notify(NOTICE_HOST_DATA);
 }
 
 void CProxyConnection::OnConnectionClosed(IZRTDataLayer& dataLayer)
@@ -799,19 +812,17 @@ void CProxyConnection::OnConnectionClosed(IZRTDataLayer& dataLayer)
         if (m_link.Get() != &dataLayer)
             return; // a stale report
     }
-    m_notices |= NOTICE_LINK_CLOSED;
-    m_wakeEvent.SignalEvent();
+    Notify(NOTICE_LINK_CLOSED);
 }
 
 void CProxyConnection::OnSendDrained(IZRTDataLayer& /*dataLayer*/)
 {
-    m_wakeEvent.SignalEvent();
+    WakeConnection();
 }
 
 void CProxyConnection::OnLinkConnected(IZRTDataLayer& /*dataLayer*/)
 {
-    m_notices |= NOTICE_LINK_CONNECTED;
-    m_wakeEvent.SignalEvent();
+    Notify(NOTICE_LINK_CONNECTED);
 }
 
 } // namespace Proxy

@@ -164,6 +164,9 @@ private:
     void CompleteConnect();
     void FinishConnect(bool connected);
     void RunHandlerTimer();
+    // Leaves a notice for this thread; wakes it unless it is this thread (which looks before
+    // it sleeps).
+    void Notify(unsigned notice);
     void AdvanceEnds();
     bool InstallLink(QOX::CRefCountPtr<IZRTDataLayer> link, ELink state);
     void FlushClientOutput();
@@ -216,6 +219,8 @@ private:
     bool m_handlerTerminated = false;
     Clock::time_point m_handlerDeadline{};
     bool m_handlerTimerSet = false;
+    // When a link that is still connecting counts as failed.
+    Clock::time_point m_connectDeadline{};
 
     // Bytes for the client that the socket has not taken yet, oldest first (under m_mutex).
     std::deque<QOX::CRefCountPtr<CByteBuffer>> m_clientOutput;

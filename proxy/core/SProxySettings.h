@@ -9,6 +9,8 @@ struct SProxySettings {
     int bindWaitMs = 120000;
     // How long a handler waits for a name lookup before it treats the name as unresolvable.
     int lookupLimitMs = 30000;
+    // How long opening a host link may take before it counts as failed.
+    int connectTimeoutMs = 10000;
 };
 
 } // namespace Proxy

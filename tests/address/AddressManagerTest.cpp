@@ -132,7 +132,7 @@ TEST_F(AddressManagerTest, CacheKeepsItsBoundLeastRecentlyUsedLeavingFirst)
 
     // Many distinct names never take more than the bound.
     m_manager.SetCacheLimit(CAddressManager::DEFAULT_CACHE_LIMIT);
-    for (int i = 0; i < 20000; ++i)
+    for (int i = 0; i < 100000; ++i)
         m_manager.OnResolveAddressCompleted(0, "n" + std::to_string(i) + ":80", AddressPtr());
     EXPECT_EQ(m_manager.GetCacheSize(), CAddressManager::DEFAULT_CACHE_LIMIT);
 }

@@ -1,5 +1,6 @@
 """Running out of descriptors, and long runs of short connections."""
 import os
+import signal
 import socket
 import time
 from concurrent.futures import ThreadPoolExecutor
@@ -63,9 +64,43 @@ def test_descriptor_exhaustion_does_not_spin_and_recovers():
         echo.close()
 
 
+@pytest.mark.parametrize("stop_signal,limit_fds", [(signal.SIGTERM, None), (signal.SIGINT, None),
+                                                   (signal.SIGHUP, None), (signal.SIGTERM, 256)])
+def test_stop_signals_end_the_daemon_at_once_with_many_tunnels(stop_signal, limit_fds):
+    """500 open tunnels (or as many as the descriptor limit allows) do not hold up a stop."""
+    echo = EchoServer()
+    daemon = Daemon(limit_fds=limit_fds)
+    clients = []
+    try:
+        for _ in range(500):
+            try:
+                clients.append(socks5_connect(daemon, DEST_HOST, echo.port, timeout=5))
+            except (OSError, AssertionError):
+                if limit_fds is None:
+                    raise
+                break
+        # At the limit, more clients wait in the listen queue or are turned away.
+        for _ in range(100 if limit_fds else 0):
+            try:
+                clients.append(socket.create_connection(("127.0.0.1", daemon.port), timeout=2))
+            except OSError:
+                break
+        settle(daemon)
+        started = time.time()
+        daemon.proc.send_signal(stop_signal)
+        assert daemon.proc.wait(timeout=10) == 0
+        took = time.time() - started
+        if not os.environ.get("ZRT_SANITIZE"):
+            assert took < 1.0, took
+    finally:
+        for c in clients:
+            c.close()
+        daemon.stop()
+        echo.close()
+
+
 def http_get(proxy_port, port):
-    """Reads the small response and closes first: after the destination closes, the proxy keeps a
-    client for a short linger, which would otherwise dominate a churn run."""
+    """Reads the small response and closes first, as a keep-alive client would."""
     with socket.create_connection(("127.0.0.1", proxy_port), timeout=10) as s:
         s.sendall(f"GET http://{DEST_HOST}:{port}/ HTTP/1.1\r\nHost: {DEST_HOST}:{port}\r\n\r\n".encode())
         return recv_until(s, lambda reply: reply.endswith(b"\r\n\r\nok"))

@@ -22,7 +22,10 @@
 #include "host/CDirectConnectionListener.h"
 #include "host/CDirectDatagramHandler.h"
 #include "host/CDirectMultiPointLayer.h"
+#include "host/CAresNameService.h"
 #include "host/CDirectResolver.h"
+#include "host/CEventLoopPool.h"
+#include "host/INameService.h"
 #include "host/CEventLoopPool.h"
 #include "host/CTcpDataLayer.h"
 #include "transport/CTCPIPAddress.h"
@@ -715,22 +718,79 @@ private:
     std::vector<std::pair<std::string, std::string>> m_answers;
 };
 
-TEST(DirectResolverTest, AnswersEveryRequestOnceToEveryNotificationUnderItsOwnText)
+// A name service that answers when the test says.
+class ScriptedNames : public INameService, public Guarded {
+public:
+    uint64_t Start(const std::string& host, Answer answer) override
+    {
+        return Locked([&] {
+            m_started.push_back(host);
+            m_answers[m_next] = std::move(answer);
+            return m_next++;
+        });
+    }
+    void Abandon(uint64_t id) override
+    {
+        Locked([&] {
+            m_answers.erase(id);
+            m_abandoned.push_back(id);
+        });
+    }
+    // Answers the oldest lookup of host with address (null: not found); false if none waits.
+    bool Reply(const std::string& host, const char* address)
+    {
+        INameService::Answer answer;
+        Locked([&] {
+            for (size_t i = 0; i < m_started.size(); ++i) {
+                auto found = m_answers.find(i + 1);
+                if (m_started[i] == host && found != m_answers.end()) {
+                    answer = std::move(found->second);
+                    m_answers.erase(found);
+                    return;
+                }
+            }
+        });
+        if (!answer)
+            return false;
+        std::vector<sockaddr_storage> found;
+        if (address) {
+            sockaddr_storage storage{};
+            int length = sizeof(storage);
+            CTCPIPAddress::FromText(address, 0)->GetSockAddr(reinterpret_cast<sockaddr*>(&storage), &length);
+            found.push_back(storage);
+        }
+        answer(found);
+        return true;
+    }
+    std::vector<std::string> Started() const { return Locked([&] { return m_started; }); }
+    size_t Abandoned() const { return Locked([&] { return m_abandoned.size(); }); }
+
+private:
+    std::vector<std::string> m_started;
+    std::map<uint64_t, INameService::Answer> m_answers;
+    std::vector<uint64_t> m_abandoned;
+    uint64_t m_next = 1;
+};
+
+TEST(DirectResolverTest, NumericHostsInEveryFormAreAnsweredAtOnceAndBadTextsFail)
 {
-    CDirectResolver resolver;
+    ScriptedNames names;
+    CDirectResolver resolver(names);
     RecordingNotification first;
     RecordingNotification second;
     resolver.AddNotification(&first);
     resolver.AddNotification(&second);
-    resolver.AddNotification(&first);  // a second registration of the same one changes nothing
+    resolver.AddNotification(&first); // a second registration of the same one changes nothing
 
     const std::multimap<std::string, std::string> expected = {
         {"127.0.0.1:80", "127.0.0.1:80"},
-        {"127.0.0.1:80", "127.0.0.1:80"},  // asked twice, answered twice
-        {"localhost:8080", "127.0.0.1:8080"},
+        {"127.0.0.1:80", "127.0.0.1:80"}, // asked twice, answered twice
+        {"127.1:8080", "127.0.0.1:8080"},
+        {"2130706433:1", "127.0.0.1:1"},
+        {"0x7f000001:2", "127.0.0.1:2"},
         {"[::1]:443", "[::1]:443"},
         {"::1:443", "[::1]:443"},
-        {"127.0.0.2:0", "127.0.0.2:0"},
+        {"[::ffff:127.0.0.1]:5", "[::ffff:127.0.0.1]:5"},
         {"localhost", "-"},
         {"localhost:", "-"},
         {"localhost:http", "-"},
@@ -741,12 +801,32 @@ TEST(DirectResolverTest, AnswersEveryRequestOnceToEveryNotificationUnderItsOwnTe
     };
     for (const auto& request : expected)
         EXPECT_EQ(resolver.ResolveAddressAsync(request.first), 0);
-
-    ASSERT_TRUE(first.WaitForCount(expected.size()));
-    ASSERT_TRUE(second.WaitForCount(expected.size()));
-    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    // Inside the calls: nothing to wait for.
     EXPECT_EQ(first.Answers(), expected);
     EXPECT_EQ(second.Answers(), expected);
+    EXPECT_TRUE(names.Started().empty());
+}
+
+TEST(DirectResolverTest, NamesAreAnsweredWhenTheServiceIsAndCancelledOnesNever)
+{
+    ScriptedNames names;
+    CDirectResolver resolver(names);
+    RecordingNotification notification;
+    resolver.AddNotification(&notification);
+    resolver.ResolveAddressAsync("server:80");
+    resolver.ResolveAddressAsync("server:80"); // the same text shares one lookup
+    resolver.ResolveAddressAsync("gone:80");
+    resolver.ResolveAddressAsync("missing:1");
+    EXPECT_EQ(names.Started(), (std::vector<std::string>{"server", "gone", "missing"}));
+    EXPECT_EQ(resolver.CancelRequest("gone:80"), 0);
+    EXPECT_EQ(names.Abandoned(), 1u);
+    EXPECT_EQ(resolver.CancelRequest("gone:80"), -1);
+
+    EXPECT_TRUE(names.Reply("server", "10.0.0.1"));
+    EXPECT_TRUE(names.Reply("missing", nullptr));
+    EXPECT_FALSE(names.Reply("gone", "10.0.0.2"));
+    EXPECT_EQ(notification.Answers(), (std::multimap<std::string, std::string>{
+                                          {"server:80", "10.0.0.1:80"}, {"server:80", "10.0.0.1:80"}, {"missing:1", "-"}}));
 }
 
 // The engine's address manager holds its lock while it calls RemoveNotification, and its
@@ -766,43 +846,151 @@ TEST(DirectResolverTest, RemoveNotificationDoesNotWaitForADeliveryInProgress)
         int finished = 0;
     } notification;
 
-    CDirectResolver resolver(1);
+    ScriptedNames names;
+    CDirectResolver resolver(names);
     resolver.AddNotification(&notification);
+    resolver.ResolveAddressAsync("name:1");
     {
         std::unique_lock<std::mutex> manager(notification.managerLock);
-        resolver.ResolveAddressAsync("127.0.0.1:1");
+        std::thread service([&] { names.Reply("name", "10.0.0.1"); });
         ASSERT_TRUE(notification.WaitFor([&] { return notification.entered == 1; }));
-        EXPECT_EQ(resolver.RemoveNotification(&notification), 0);  // would hang if it waited
+        EXPECT_EQ(resolver.RemoveNotification(&notification), 0); // would hang if it waited
+        manager.unlock();
+        service.join();
     }
-    ASSERT_TRUE(notification.WaitFor([&] { return notification.finished == 1; }));
+    EXPECT_EQ(notification.Locked([&] { return notification.finished; }), 1);
 
     // Nothing starts towards it after the removal.
     RecordingNotification witness;
     resolver.AddNotification(&witness);
     resolver.ResolveAddressAsync("127.0.0.1:2");
-    ASSERT_TRUE(witness.WaitForCount(1));
+    EXPECT_EQ(witness.Answers().size(), 1u);
     EXPECT_EQ(notification.Locked([&] { return notification.entered; }), 1);
 }
 
-TEST(DirectResolverTest, ConcurrentRequestsAreAllAnswered)
-{
-    CDirectResolver resolver;
-    RecordingNotification notification;
-    resolver.AddNotification(&notification);
-    std::vector<std::thread> callers;
-    for (int t = 0; t < 4; ++t) {
-        callers.emplace_back([&, t] {
-            for (int i = 0; i < 50; ++i)
-                resolver.ResolveAddressAsync("127.0.0." + std::to_string(t + 1) + ":" + std::to_string(i + 1));
-        });
+#if defined(ZRT_WITH_CARES)
+// A DNS server on 127.0.0.53 that answers A queries for names starting with "fast" with
+// 10.0.0.N (N = the letters of its labels) and never answers anything else.
+class StubDnsServer {
+public:
+    StubDnsServer()
+    {
+        m_socket = TestSockets::BindUdp("127.0.0.53", m_port);
+        m_thread = std::thread([this] { Serve(); });
     }
-    for (std::thread& caller : callers)
-        caller.join();
-    ASSERT_TRUE(notification.WaitForCount(200));
-    const auto answers = notification.Answers();
-    EXPECT_EQ(answers.size(), 200u);
-    for (const auto& answer : answers)
-        EXPECT_EQ(answer.first, answer.second);
+    ~StubDnsServer()
+    {
+        m_stop = true;
+        TestSockets::SendTo(m_socket, "127.0.0.53", m_port, "x");
+        m_thread.join();
+        TestSockets::Close(m_socket);
+    }
+    std::string Address() const { return "127.0.0.53:" + std::to_string(m_port); }
+    int Queries() const { return m_queries; }
+
+private:
+    void Serve()
+    {
+        while (!m_stop) {
+            unsigned char packet[512];
+            sockaddr_storage peer{};
+            socklen_t length = sizeof(peer);
+            const ssize_t got = recvfrom(m_socket, packet, sizeof(packet), 0, reinterpret_cast<sockaddr*>(&peer), &length);
+            if (got < 17)
+                continue;
+            ++m_queries;
+            std::string name;
+            size_t pos = 12;
+            while (pos < static_cast<size_t>(got) && packet[pos] != 0) {
+                name.append(reinterpret_cast<char*>(packet + pos + 1), packet[pos]);
+                pos += packet[pos] + 1u;
+            }
+            const size_t end = pos + 5;
+            const bool typeA = packet[pos + 2] == 1;
+            if (name.compare(0, 4, "fast") != 0 || end > static_cast<size_t>(got))
+                continue;
+            std::string reply(reinterpret_cast<char*>(packet), end);
+            reply[2] = static_cast<char>(0x81);
+            reply[3] = static_cast<char>(0x80);
+            reply[7] = typeA ? 1 : 0; // answer count
+            reply[9] = reply[11] = 0;
+            if (typeA) {
+                const unsigned char answer[] = {0xc0, 0x0c, 0, 1, 0, 1, 0, 0, 0, 60, 0, 4, 10, 0, 0,
+                                                static_cast<unsigned char>(name.size())};
+                reply.append(reinterpret_cast<const char*>(answer), sizeof(answer));
+            }
+            sendto(m_socket, reply.data(), reply.size(), 0, reinterpret_cast<sockaddr*>(&peer), length);
+        }
+    }
+
+    int m_socket = -1;
+    unsigned int m_port = 0;
+    std::atomic<bool> m_stop{false};
+    std::atomic<int> m_queries{0};
+    std::thread m_thread;
+};
+
+class AresNameServiceTest : public ::testing::Test {
+protected:
+    void SetUp() override { ASSERT_TRUE(m_loops.IsRunning()); }
+
+    // The first address found (or "-"), waiting at most timeoutMs.
+    static std::string AddressText(const std::vector<sockaddr_storage>& found)
+    {
+        if (found.empty())
+            return "-";
+        CTCPIPAddress address;
+        const socklen_t length = found[0].ss_family == AF_INET ? sizeof(sockaddr_in) : sizeof(sockaddr_in6);
+        address.SetAddress(*reinterpret_cast<const sockaddr*>(&found[0]), length);
+        return address.ToString();
+    }
+
+    CEventLoopPool m_loops{1};
+};
+
+TEST_F(AresNameServiceTest, ASlowNameHoldsUpNoOtherAndEndsAtItsLimit)
+{
+    StubDnsServer dns;
+    CAresNameService names(m_loops.Next(), dns.Address(), 1500);
+    ASSERT_TRUE(names.IsReady());
+    struct SResults : Guarded {
+        std::map<std::string, std::string> answers;
+    } results;
+    auto record = [&](const std::string& host) {
+        return [&results, host](const std::vector<sockaddr_storage>& found) {
+            results.Change([&] { results.answers[host] = AddressText(found); });
+        };
+    };
+    for (int i = 0; i < 40; ++i)
+        names.Start("slow" + std::to_string(i) + ".test", record("slow" + std::to_string(i)));
+    const auto started = std::chrono::steady_clock::now();
+    names.Start("fast.test", record("fast"));
+    ASSERT_TRUE(results.WaitFor([&] { return results.answers.count("fast") != 0; }, 5000));
+    EXPECT_LT(std::chrono::steady_clock::now() - started, std::chrono::milliseconds(1000));
+    EXPECT_EQ(results.Locked([&] { return results.answers["fast"]; }), "10.0.0.8:0"); // "fast" + "test"
+    // Every slow one fails within its limit.
+    ASSERT_TRUE(results.WaitFor([&] { return results.answers.size() == 41; }, 10000));
+    EXPECT_EQ(results.Locked([&] { return results.answers["slow7"]; }), "-");
 }
+
+TEST_F(AresNameServiceTest, AbandonedLookupsAreNeverAnsweredAndTheHostsFileIsRead)
+{
+    StubDnsServer dns;
+    CAresNameService names(m_loops.Next(), dns.Address(), 5000);
+    std::atomic<int> abandonedAnswers{0};
+    const uint64_t id = names.Start("fastgone.test", [&](const std::vector<sockaddr_storage>&) { ++abandonedAnswers; });
+    names.Abandon(id);
+    struct SResult : Guarded {
+        std::string text;
+    } local;
+    names.Start("localhost", [&](const std::vector<sockaddr_storage>& found) {
+        local.Change([&] { local.text = AddressText(found); });
+    });
+    ASSERT_TRUE(local.WaitFor([&] { return !local.text.empty(); }, 5000));
+    EXPECT_EQ(local.Locked([&] { return local.text; }), "127.0.0.1:0");
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    EXPECT_EQ(abandonedAnswers.load(), 0);
+}
+#endif
 
 } // namespace
