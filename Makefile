@@ -44,7 +44,7 @@ run: build
 bench: deps
 	cmake -S . -B build-bench -G Ninja -DCMAKE_BUILD_TYPE=Release -DZRT_BUILD_BENCH=ON -DZRT_BUILD_TESTS=OFF
 	cmake --build build-bench -j $(JOBS)
-	@if [ -x bench/run.sh ]; then bench/run.sh build-bench; else for b in build-bench/bench/bench_*; do $$b; done; fi
+	bench/run.sh build-bench
 
 # The engine and its unit tests cross-built for 32-bit ARM and run under qemu-arm.
 test-armhf:

@@ -24,12 +24,6 @@ const char PORT_OR_BRACKET[] = "]:";
 const char SET_COOKIE[] = "set-cookie";
 const char* const HOP_BY_HOP_HEADERS[] = {"proxy-connection", "connection", "keep-alive"};
 
-static_assert(sizeof(CConnectionProtocol_HTTP::REPLY_CONNECTION_ESTABLISHED) - 1
-                  == CConnectionProtocol_HTTP::REPLY_CONNECTION_ESTABLISHED_LENGTH,
-              "the tunnel reply is 39 bytes");
-static_assert(sizeof(CConnectionProtocol_HTTP::REPLY_BAD_REQUEST) - 1 == 60, "the 400 reply is 60 bytes");
-static_assert(sizeof(CConnectionProtocol_HTTP::REPLY_NOT_FOUND) - 1 == 58, "the 404 reply is 58 bytes");
-
 // Strips scheme and path from a target or Host value and splits off the port. A bracketed IPv6
 // literal keeps its brackets and its inner colons.
 bool SplitHostAndPort(const std::string& text, std::string& host, std::string& port)

@@ -74,10 +74,15 @@ public:
     bool dataAfterClose = false;
 };
 
-// A short pause for checks that something does NOT happen.
-void Settle()
+// Returns once the loops ran everything queued before the call, and what that queued in turn:
+// whatever a check says did NOT happen would have happened by then.
+void CatchUp(CEventLoopPool& loops, int loopCount = 1)
 {
-    std::this_thread::sleep_for(std::chrono::milliseconds(150));
+    for (int round = 0; round < 3 * loopCount; ++round) {
+        std::promise<void> done;
+        loops.Next().Post([&] { done.set_value(); });
+        done.get_future().wait();
+    }
 }
 
 class TcpDataLayerTest : public ::testing::Test {
@@ -174,7 +179,7 @@ TEST_F(TcpDataLayerTest, StopsReadingWhileReceiveBufferIsFullAndLosesNothing)
     });
 
     ASSERT_TRUE(m_sink.WaitFor([&] { return m_link->GetReceiveBacklog() >= CTcpDataLayer::RECEIVE_LIMIT; }));
-    Settle();
+    CatchUp(m_loops);
     EXPECT_EQ(m_link->GetReceiveBacklog(), CTcpDataLayer::RECEIVE_LIMIT);
     EXPECT_FALSE(written);
 
@@ -224,7 +229,7 @@ TEST_F(TcpDataLayerTest, RemoteCloseComesOnceAfterEveryByte)
     EXPECT_FALSE(m_link->IsConnected());
     m_link->Disconnect();
     m_link->Disconnect();
-    Settle();
+    CatchUp(m_loops);
     EXPECT_EQ(m_sink.Closes(), 1);
 }
 
@@ -235,7 +240,7 @@ TEST_F(TcpDataLayerTest, CloseWaitsForBytesTheSinkHasNotTakenYet)
     ASSERT_TRUE(TestSockets::WriteAll(m_peer, "tail"));
     ClosePeer();
     ASSERT_TRUE(m_sink.WaitFor([&] { return m_sink.dataCalls >= 1; }));
-    Settle();
+    CatchUp(m_loops);
     EXPECT_EQ(m_sink.Closes(), 0);
 
     unsigned char buffer[16];
@@ -254,7 +259,7 @@ TEST_F(TcpDataLayerTest, DisconnectFromInsideCallbackClosesOnce)
     ASSERT_TRUE(TestSockets::WriteAll(m_peer, "bye"));
     ASSERT_TRUE(m_sink.WaitFor([&] { return m_sink.closeCalls == 1; }));
     EXPECT_EQ(TestSockets::Read(m_peer, 0), "");  // the peer sees the close
-    Settle();
+    CatchUp(m_loops);
     EXPECT_EQ(m_sink.Closes(), 1);
 }
 
@@ -292,7 +297,8 @@ TEST_F(TcpDataLayerTest, RemoveNotificationWaitsForACallbackOnAnotherThread)
         m_link->RemoveNotification(&m_sink);
         removed = true;
     });
-    Settle();
+    // The loop is held inside the callback, so only time can tell that the removal waits.
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
     EXPECT_FALSE(removed);
     release.set_value();
     remover.join();
@@ -301,7 +307,7 @@ TEST_F(TcpDataLayerTest, RemoveNotificationWaitsForACallbackOnAnotherThread)
     const int calls = m_sink.DataCalls();
     ASSERT_TRUE(TestSockets::WriteAll(m_peer, "two"));
     ClosePeer();
-    Settle();
+    CatchUp(m_loops);
     EXPECT_EQ(m_sink.DataCalls(), calls);
     EXPECT_EQ(m_sink.Closes(), 0);
 }
@@ -318,7 +324,7 @@ TEST_F(TcpDataLayerTest, RemoveNotificationFromInsideItsOwnCallbackReturnsAtOnce
     ASSERT_TRUE(m_sink.WaitFor([&] { return m_sink.dataCalls == 1; }));
     ASSERT_TRUE(TestSockets::WriteAll(m_peer, "y"));
     ClosePeer();
-    Settle();
+    CatchUp(m_loops);
     EXPECT_EQ(removals, 1);
     EXPECT_EQ(m_sink.DataCalls(), 1);
     EXPECT_EQ(m_sink.Closes(), 0);
@@ -328,9 +334,7 @@ TEST_F(TcpDataLayerTest, SinkRegisteredLateHearsEarlierBytesAndClose)
 {
     ASSERT_TRUE(Open("127.0.0.1", false));
     ASSERT_TRUE(TestSockets::WriteAll(m_peer, "early"));
-    ClosePeer();
-    // Bytes and FIN are at the link before anybody listens.
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    ClosePeer(); // over loopback, bytes and FIN are at the link before anybody listens
 
     m_link->AddNotification(&m_sink);
     EXPECT_TRUE(m_sink.WaitFor([&] { return m_sink.closeCalls == 1; }));
@@ -583,7 +587,7 @@ TEST_F(DirectConnectionListenerTest, NothingIsReportedAfterStopListening)
     ASSERT_TRUE(listening);
     m_listener.StopListening(*listening);
     const int client = TestSockets::Connect("127.0.0.1", listening->GetPortNumber());
-    std::this_thread::sleep_for(std::chrono::milliseconds(150));
+    CatchUp(m_loops, 2);
     EXPECT_EQ(receiver.Count(), 0u);
     TestSockets::Close(client);
 }
@@ -695,7 +699,7 @@ TEST_F(DirectDatagramHandlerTest, UnregisterWaitsForADeliveryAndStopsAllOthers)
     release.set_value();
     stopper.join();
     send();
-    std::this_thread::sleep_for(std::chrono::milliseconds(150));
+    CatchUp(m_loops, 2);
     EXPECT_EQ(calls, 1);
     TestSockets::Close(peer);
 }
@@ -988,7 +992,9 @@ TEST_F(AresNameServiceTest, AbandonedLookupsAreNeverAnsweredAndTheHostsFileIsRea
     });
     ASSERT_TRUE(local.WaitFor([&] { return !local.text.empty(); }, 5000));
     EXPECT_EQ(local.Locked([&] { return local.text; }), "127.0.0.1:0");
-    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    // The server answered the abandoned name; the loop has taken that answer in.
+    ASSERT_TRUE(ZRT::Testing::WaitUntil([&] { return dns.Queries() >= 2; }, 5000));
+    CatchUp(m_loops);
     EXPECT_EQ(abandonedAnswers.load(), 0);
 }
 #endif
