@@ -104,7 +104,8 @@ bool CThread::StartThread(bool /*suspended*/)
 
     auto* start = new std::pair<CThread*, std::shared_ptr<SControl>>(this, m_control);
     std::lock_guard<std::mutex> hold(m_control->joinMutex);
-    if (!CThreadPool::Instance().Start(g_stackSize.load(), &CThread::Entry, &CThread::Finish, start,
+    CThreadPool& pool = m_pool ? *m_pool : CThreadPool::Instance();
+    if (!pool.Start(g_stackSize.load(), &CThread::Entry, &CThread::Finish, start,
                                        &m_control->thread)) {
         delete start;
         std::lock_guard<std::mutex> ended(m_control->endMutex);

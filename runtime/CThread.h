@@ -10,6 +10,8 @@
 
 namespace QOX {
 
+class CThreadPool;
+
 // Base of every class that owns a thread. Derived classes override Run() and poll m_stopEvent,
 // which StopThread signals.
 //
@@ -49,6 +51,10 @@ public:
     static void SetDefaultStackSize(size_t bytes);
     static size_t GetDefaultStackSize();
 
+    // The pool later starts take their thread from (the process-wide one unless set); it must
+    // outlive the thread.
+    void SetThreadPool(CThreadPool* pool) { m_pool = pool; }
+
 protected:
     CEvent m_stopEvent;
 
@@ -58,6 +64,7 @@ private:
     static void Finish(void* argument);
 
     std::shared_ptr<SControl> m_control;
+    CThreadPool* m_pool = nullptr;
 };
 
 } // namespace QOX

@@ -1,5 +1,7 @@
 #include "runtime/CThreadPool.h"
 
+#include <signal.h>
+
 #include <algorithm>
 #include <chrono>
 
@@ -10,6 +12,13 @@ CThreadPool& CThreadPool::Instance()
     // Never destroyed: idle threads may still wait on it while the process exits.
     static CThreadPool* pool = new CThreadPool();
     return *pool;
+}
+
+CThreadPool::~CThreadPool()
+{
+    DrainIdle();
+    std::unique_lock<std::mutex> hold(m_mutex);
+    m_changed.wait(hold, [this] { return m_leaving == 0; });
 }
 
 bool CThreadPool::Start(size_t stackSize, Entry entry, Finish finish, void* argument, pthread_t* thread)
@@ -34,6 +43,7 @@ bool CThreadPool::Start(size_t stackSize, Entry entry, Finish finish, void* argu
     if (reused)
         return true;
     auto* worker = new SWorker;
+    worker->pool = this;
     worker->stackSize = stackSize;
     worker->entry = entry;
     worker->finish = finish;
@@ -55,8 +65,15 @@ bool CThreadPool::Start(size_t stackSize, Entry entry, Finish finish, void* argu
 
 void* CThreadPool::Main(void* argument)
 {
+    sigset_t pipe;
+    sigemptyset(&pipe);
+    sigaddset(&pipe, SIGPIPE);
+    pthread_sigmask(SIG_BLOCK, &pipe, nullptr);
     auto* worker = static_cast<SWorker*>(argument);
-    CThreadPool& pool = Instance();
+    CThreadPool& pool = *worker->pool;
+    const SHooks hooks = pool.m_hooks;
+    if (hooks.onStart)
+        hooks.onStart(hooks.context);
     {
         // Start() stores the thread id under this lock; wait for it before running the job.
         std::lock_guard<std::mutex> hold(pool.m_mutex);
@@ -64,7 +81,16 @@ void* CThreadPool::Main(void* argument)
     do {
         worker->entry(worker->argument);
     } while (pool.AwaitWork(*worker));
+    const bool detached = !worker->leave;
     delete worker;
+    if (hooks.onStop)
+        hooks.onStop(hooks.context);
+    if (detached) {
+        // Last touch of the pool: its destructor may go on once this is counted.
+        std::lock_guard<std::mutex> hold(pool.m_mutex);
+        --pool.m_leaving;
+        pool.m_changed.notify_all();
+    }
     return nullptr;
 }
 
@@ -77,10 +103,12 @@ bool CThreadPool::AwaitWork(SWorker& worker)
     worker.finish = nullptr;
     worker.argument = nullptr;
     const bool stay = m_idle.size() < MAX_IDLE;
-    if (stay)
+    if (stay) {
         m_idle.push_back(&worker);
-    else
-        pthread_detach(worker.thread); // nobody waits for a thread beyond the bound
+    } else {
+        pthread_detach(worker.thread); // nobody joins a thread beyond the bound
+        ++m_leaving;
+    }
     // Back with the pool before the work is reported ended (see Start).
     finish(argument);
     m_changed.notify_all();
@@ -94,10 +122,12 @@ bool CThreadPool::AwaitWork(SWorker& worker)
         if (worker.leave || expired) {
             m_idle.erase(std::remove(m_idle.begin(), m_idle.end(), &worker), m_idle.end());
             // A drain joins what it ends; a thread that expires lets itself go.
-            if (worker.leave)
+            if (worker.leave) {
                 m_ended.push_back(worker.thread);
-            else
+            } else {
                 pthread_detach(worker.thread);
+                ++m_leaving;
+            }
             m_changed.notify_all();
             return false;
         }

@@ -9,6 +9,13 @@
 
 namespace QOX {
 
+// What a host wants run on each thread of a pool, first and last.
+struct SThreadHooks {
+    void (*onStart)(void* context) = nullptr;
+    void (*onStop)(void* context) = nullptr;
+    void* context = nullptr;
+};
+
 // The operating-system threads behind CThread. A thread whose work ended waits here for the
 // next CThread to start instead of exiting, so a proxy that serves short connections does not
 // pay for creating a thread, tearing it down and releasing its stack (an inter-processor TLB
@@ -20,15 +27,28 @@ namespace QOX {
 // stopped what it started (no pool thread then runs its code); a thread that leaves on its own
 // (expired, or beyond MAX_IDLE) detaches itself.
 //
-// Process-wide, created on first use and never destroyed: threads still idle at exit die with
-// the process.
+// Every pool thread blocks SIGPIPE (the relay writes into sockets with splice, which raises it
+// on a peer that went away; the host's process must not die of it) and runs the pool's hooks as
+// its first and last thing, so that a host can attach it to a VM.
+//
+// Instance() is the process-wide pool, created on first use and never destroyed: threads still
+// idle at exit die with the process. A proxy that is given hooks has a pool of its own, which
+// its destructor drains; it is destroyed only when no CThread of it runs.
 class CThreadPool {
 public:
     static constexpr int IDLE_LIFETIME_MS = 2000;
     static constexpr size_t MAX_IDLE = 256;
     using Entry = void* (*)(void*);
 
+    using SHooks = SThreadHooks;
+
     static CThreadPool& Instance();
+
+    CThreadPool() = default;
+    explicit CThreadPool(const SHooks& hooks) : m_hooks(hooks) {}
+    ~CThreadPool();
+    CThreadPool(const CThreadPool&) = delete;
+    CThreadPool& operator=(const CThreadPool&) = delete;
 
     using Finish = void (*)(void*);
 
@@ -47,6 +67,7 @@ public:
 
 private:
     struct SWorker {
+        CThreadPool* pool = nullptr;
         pthread_t thread{};
         size_t stackSize = 0;
         Entry entry = nullptr;
@@ -56,15 +77,19 @@ private:
         std::condition_variable wake;
     };
 
-    CThreadPool() = default;
     static void* Main(void* argument);
     // After a job: true with the next job stored in the worker, false when the thread is to end.
     bool AwaitWork(SWorker& worker);
 
+    const SHooks m_hooks{};
+    // Guards the lists below.
     std::mutex m_mutex;
     std::condition_variable m_changed; // a worker went idle or ended
     std::vector<SWorker*> m_idle;
     std::vector<pthread_t> m_ended; // drained threads, for DrainIdle to join
+    // Threads that left on their own (expired, or beyond MAX_IDLE) and are still on their way
+    // out: a pool's destructor waits for them, since they run its hooks.
+    size_t m_leaving = 0;
 };
 
 } // namespace QOX

@@ -85,8 +85,12 @@ bool CProxy::StartProxy(const std::string& listenAddress, int port, IResolveAddr
     m_listenPort = BoundPort(socket);
     m_addressManager.SetProxyPort(static_cast<unsigned int>(m_listenPort.load()));
     m_listenSocket = socket;
-    if (StartThread(false))
+    m_listenAddressText = listenAddress;
+    if (StartThread(false)) {
+        if (m_observer)
+            m_observer->OnStarted(listenAddress, m_listenPort);
         return true;
+    }
     m_listenSocket = -1;
     m_listenPort = 0;
     m_addressManager.SetProxyPort(0);
@@ -177,14 +181,26 @@ CProxy::EAccept CProxy::AcceptOne(int listenSocket)
         return EAccept::NothingWaiting;
     }
     auto* connection = new CProxyConnection(this);
+    connection->SetThreadPool(m_pool);
     // On failure Init closed the socket and nothing else refers to the connection.
-    if (!connection->Init(client, m_multiPointLayer, m_datagramHandler, m_connectionListener))
+    if (!connection->Init(client, m_multiPointLayer, m_datagramHandler, m_connectionListener)) {
         delete connection;
+        return EAccept::Accepted;
+    }
+    m_stats.Add(CProxyStats::CONNECTIONS_TOTAL);
+    m_stats.Add(CProxyStats::CONNECTIONS_ACTIVE);
     return EAccept::Accepted;
+}
+
+void CProxy::SetThreadPool(QOX::CThreadPool* pool)
+{
+    m_pool = pool;
+    CThread::SetThreadPool(pool);
 }
 
 void CProxy::StopProxy()
 {
+    const bool wasRunning = m_listenSocket != -1;
     // Lookups under way fail at once, so no connection waits for one.
     m_addressManager.Terminate();
     // The thread is stopped before the socket is closed, so it never polls or accepts on a
@@ -198,7 +214,9 @@ void CProxy::StopProxy()
     m_addressManager.SetProxyPort(0);
     CloseProxyConnections();
     // Threads kept for reuse would run the engine's code after the host may have unloaded it.
-    QOX::CThreadPool::Instance().DrainIdle();
+    (m_pool ? *m_pool : QOX::CThreadPool::Instance()).DrainIdle();
+    if (wasRunning && m_observer)
+        m_observer->OnStopped();
 }
 
 void CProxy::CloseProxyConnections()

@@ -8,6 +8,8 @@
 #include <mutex>
 
 #include "proxy/address/CAddressManager.h"
+#include "proxy/core/CProxyStats.h"
+#include "proxy/core/IProxyObserver.h"
 #include "proxy/core/IConnectionProtocol.h"
 #include "proxy/core/IProxyConnection.h"
 #include "proxy/core/SProxySettings.h"
@@ -17,6 +19,10 @@
 #include "transport/IDatagramHandler.h"
 #include "transport/IResolveAddress.h"
 #include "transport/IZRTMultiPointLayer.h"
+
+namespace QOX {
+class CThreadPool;
+}
 
 namespace ZRT {
 namespace Proxy {
@@ -78,6 +84,14 @@ public:
     IConnectionProtocol* CreateProtocol(IProxyConnection& connection, const char* data, int length);
     void SetProtocolCreator(ProtocolCreator creator);
 
+    CProxyStats& GetStats() { return m_stats; }
+    // Told of starts, stops, finished connections and errors; set it while stopped.
+    void SetObserver(IProxyObserver* observer) { m_observer = observer; }
+    IProxyObserver* GetObserver() const { return m_observer; }
+    // The pool the server's and its connections' threads come from (the process-wide one unless
+    // set); set it while stopped. StopProxy ends its idle threads.
+    void SetThreadPool(QOX::CThreadPool* pool);
+
     void CloseProxyConnections();
     void OnConnectionCreated(CProxyConnection* connection);
     void OnConnectionDestroyed(CProxyConnection* connection);
@@ -105,6 +119,10 @@ private:
     CAddressManager m_addressManager;
     SProxySettings m_settings;
     ProtocolCreator m_creator;
+    CProxyStats m_stats;
+    IProxyObserver* m_observer = nullptr;
+    QOX::CThreadPool* m_pool = nullptr;
+    std::string m_listenAddressText;
 };
 
 } // namespace Proxy

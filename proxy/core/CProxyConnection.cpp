@@ -163,7 +163,85 @@ int CProxyConnection::Run()
     TerminateHandler();
     ReleaseLink();
     CloseClientSocket();
+    Report();
     return 0;
+}
+
+void CProxyConnection::Report()
+{
+    if (!m_server)
+        return;
+    m_server->GetStats().Subtract(CProxyStats::CONNECTIONS_ACTIVE);
+    IProxyObserver* observer = m_server->GetObserver();
+    if (!observer)
+        return;
+    SConnectionRecord record;
+    record.client = m_clientAddress.ToString();
+    record.protocol = m_exchangeProtocol;
+    record.user = "-";
+    record.destination = m_destination;
+    record.outcome = m_outcome;
+    record.bytesClientToHost = m_bytesClientToHost;
+    record.bytesHostToClient = m_bytesHostToClient;
+    record.durationMs = static_cast<uint64_t>(
+        std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - m_started).count());
+    observer->OnConnectionFinished(record);
+}
+
+void CProxyConnection::DescribeExchange(const char* protocol, const std::string& destination)
+{
+    m_exchangeProtocol = protocol ? protocol : "-";
+    m_destination = destination.empty() ? "-" : destination;
+}
+
+void CProxyConnection::SetOutcome(EOutcome outcome)
+{
+    if (m_outcomeSet)
+        return; // the first judgement stands
+    m_outcomeSet = true;
+    m_outcome = outcome;
+    CProxyStats& stats = GetStats();
+    switch (outcome) {
+    case EOutcome::Ok:
+        break;
+    case EOutcome::BadRequest:
+        stats.Add(CProxyStats::REFUSED_BAD_REQUEST);
+        break;
+    case EOutcome::NoDestination:
+        stats.Add(CProxyStats::REFUSED_NO_DESTINATION);
+        break;
+    case EOutcome::NotAllowed:
+        stats.Add(CProxyStats::REFUSED_NO_DESTINATION);
+        stats.Add(CProxyStats::REFUSED_NOT_ALLOWED);
+        break;
+    case EOutcome::Unreachable:
+        stats.Add(CProxyStats::REFUSED_UNREACHABLE);
+        break;
+    case EOutcome::AuthFailed:
+        stats.Add(CProxyStats::REFUSED_AUTH_FAILED);
+        break;
+    case EOutcome::Timeout:
+        stats.Add(CProxyStats::TIMED_OUT);
+        break;
+    }
+}
+
+CProxyStats& CProxyConnection::GetStats()
+{
+    static CProxyStats unowned; // a connection without a server counts for nobody
+    return m_server ? m_server->GetStats() : unowned;
+}
+
+void CProxyConnection::CountClientBytes(uint64_t count)
+{
+    m_bytesClientToHost += count;
+    GetStats().Add(CProxyStats::BYTES_CLIENT_TO_HOST, count);
+}
+
+void CProxyConnection::CountHostBytes(uint64_t count)
+{
+    m_bytesHostToClient += count;
+    GetStats().Add(CProxyStats::BYTES_HOST_TO_CLIENT, count);
 }
 
 // ---- the loop ----
@@ -309,6 +387,7 @@ void CProxyConnection::ReadClient()
     if (m_linkState == ELink::Closed)
         return;
     const int length = static_cast<int>(count);
+    CountClientBytes(static_cast<uint64_t>(length));
     if (!m_protocol) {
         m_protocol = m_server ? m_server->CreateProtocol(*this, buffer, length)
                              : CConnectionProtocolFactory::GetInstance()->CreateProtocol(*this, buffer, length);
@@ -316,6 +395,11 @@ void CProxyConnection::ReadClient()
             BeginClosing();
             return;
         }
+        const std::string family = m_protocol->GetFamily();
+        if (family == "socks5")
+            GetStats().Add(CProxyStats::SOCKS5_TOTAL);
+        else if (family == "http")
+            GetStats().Add(CProxyStats::HTTP_TOTAL);
         m_protocol->Init();
         if (m_client != EClient::Open)
             return;
@@ -337,6 +421,8 @@ bool CProxyConnection::SpliceClientToHost()
     if (!link)
         return false;
     const int taken = link->SendFrom(m_clientSocket, CLIENT_SPLICE_SIZE);
+    if (taken > 0)
+        CountClientBytes(static_cast<uint64_t>(taken));
     if (taken > 0 || taken == IZRTDataLayer::SEND_NOTHING_NOW)
         return true;
     if (taken == IZRTDataLayer::SEND_SOCKET_ENDED) {
@@ -388,8 +474,10 @@ bool CProxyConnection::MoveHostBytes()
     }
     if (m_spliceHost && m_readerFd >= 0 && GetClientBacklog() == 0) {
         const int moved = link->ReceiveInto(m_clientSocket, HOST_SPLICE_SIZE);
-        if (moved > 0)
+        if (moved > 0) {
+            CountHostBytes(static_cast<uint64_t>(moved));
             return true;
+        }
         if (moved == IZRTDataLayer::RECEIVE_NOTHING_NOW) {
             m_hostPending = false;
             return false;
@@ -405,6 +493,7 @@ bool CProxyConnection::MoveHostBytes()
     }
     const int count = link->ReceiveData(HostBuffer(), HOST_READ_SIZE);
     if (count > 0) {
+        CountHostBytes(static_cast<uint64_t>(count));
         m_protocol->HandleResponse(reinterpret_cast<const char*>(HostBuffer()), count);
         // A full read means a stream in full flow: once the handler relays unchanged, later
         // bytes may skip user space altogether.

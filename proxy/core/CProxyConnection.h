@@ -6,6 +6,7 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <string>
 
 #include "proxy/core/IConnectionProtocol.h"
 #include "proxy/core/IProxyConnection.h"
@@ -117,9 +118,13 @@ public:
     CAddressManager& GetAddressManager() override;
     const IZRTConnectionAddress& GetLocalAddress() const override { return m_localAddress; }
     const SProxySettings& GetSettings() const override;
+    void DescribeExchange(const char* protocol, const std::string& destination) override;
+    void SetOutcome(EOutcome outcome) override;
+    CProxyStats& GetStats() override;
 
     // The thread has been started and has not ended yet.
     bool IsRunning() const;
+    using QOX::CThread::SetThreadPool;
 
 protected:
     int Run() override;
@@ -180,6 +185,10 @@ private:
     void CloseClientSocket();
     void ReleaseLink();
     void DetachFromProxy();
+    // Counts the bytes and tells the server's observer how the exchange went.
+    void Report();
+    void CountClientBytes(uint64_t count);
+    void CountHostBytes(uint64_t count);
     QOX::CRefCountPtr<IZRTDataLayer> CurrentLink() const;
     unsigned char* HostBuffer();
 
@@ -235,6 +244,15 @@ private:
     // A BeginConnectToHost that settled without the link's help; told to the handler next turn.
     std::optional<bool> m_connectOutcome;
     std::unique_ptr<unsigned char[]> m_hostBuffer;
+
+    // What the exchange was, for the record made when it ends (connection's thread only).
+    Clock::time_point m_started = Clock::now();
+    std::string m_exchangeProtocol = "-";
+    std::string m_destination = "-";
+    EOutcome m_outcome = EOutcome::Ok;
+    bool m_outcomeSet = false;
+    uint64_t m_bytesClientToHost = 0;
+    uint64_t m_bytesHostToClient = 0;
 };
 
 } // namespace Proxy

@@ -1,5 +1,8 @@
 #pragma once
 
+#include <string>
+
+#include "proxy/core/IProxyObserver.h"
 #include "runtime/CRefCountPtr.h"
 #include "transport/IConnectionListener.h"
 #include "transport/IDatagramHandler.h"
@@ -10,6 +13,7 @@ namespace ZRT {
 namespace Proxy {
 
 class CAddressManager;
+class CProxyStats;
 struct SProxySettings;
 
 // What a protocol handler may ask of the client connection that owns it. Any thread may call it;
@@ -66,6 +70,12 @@ public:
     // The proxy's own address as the client reached it (the accepted socket's local address).
     virtual const IZRTConnectionAddress& GetLocalAddress() const = 0;
     virtual const SProxySettings& GetSettings() const = 0;
+
+    // Added for the proxy's counters and logs. What the handler serves (socks5, http, connect,
+    // udp, bind) and where to, as the client named it; and how the exchange ended, when not well.
+    virtual void DescribeExchange(const char* protocol, const std::string& destination) = 0;
+    virtual void SetOutcome(EOutcome outcome) = 0;
+    virtual CProxyStats& GetStats() = 0;
 };
 
 } // namespace Proxy

@@ -171,6 +171,7 @@ void CConnectionProtocol_HTTP::ProcessHTTPRequest(const char* data, int length)
         return;
     const CHTTPParser::EParseResult result = m_requestParser.Parse(Bytes(data), static_cast<unsigned int>(length));
     if (result == CHTTPParser::PARSE_ERROR) {
+        m_connection.SetOutcome(EOutcome::BadRequest);
         SendErrorToClient(REPLY_BAD_REQUEST);
         m_requestParser.Reset();
         return;
@@ -180,11 +181,12 @@ void CConnectionProtocol_HTTP::ProcessHTTPRequest(const char* data, int length)
 
     m_request = QOX::StaticCast<CHTTPRequest>(m_requestParser.m_packet);
     if (!GetDestination(m_request))
-        Refuse();
+        Refuse(EOutcome::NoDestination);
 }
 
-void CConnectionProtocol_HTTP::Refuse()
+void CConnectionProtocol_HTTP::Refuse(EOutcome outcome)
 {
+    m_connection.SetOutcome(outcome);
     m_wait = EWait::None;
     m_held.clear();
     m_request.Reset();
@@ -207,15 +209,22 @@ void CConnectionProtocol_HTTP::OnTimer()
         return;
     // A name that is not answered in time does not resolve.
     m_lookup.Cancel();
-    Refuse();
+    Refuse(EOutcome::NoDestination);
 }
 
 void CConnectionProtocol_HTTP::UseDestination(const QOX::CRefCountPtr<IZRTConnectionAddress>& destination)
 {
     // A destination that is the proxy itself, in whatever form it was named, would loop back in.
-    if (!destination || m_connection.GetAddressManager().IsProxyItself(*destination) ||
-        !m_connection.BeginConnectToHost(destination)) {
-        Refuse();
+    if (!destination) {
+        Refuse(EOutcome::NoDestination);
+        return;
+    }
+    if (m_connection.GetAddressManager().IsProxyItself(*destination)) {
+        Refuse(EOutcome::NotAllowed);
+        return;
+    }
+    if (!m_connection.BeginConnectToHost(destination)) {
+        Refuse(EOutcome::Unreachable);
         return;
     }
     m_wait = EWait::Connect;
@@ -226,7 +235,7 @@ void CConnectionProtocol_HTTP::OnHostConnected(bool connected)
     if (m_wait != EWait::Connect || !m_request)
         return;
     if (!connected) {
-        Refuse();
+        Refuse(EOutcome::Unreachable);
         return;
     }
     m_wait = EWait::None;
@@ -291,6 +300,7 @@ void CConnectionProtocol_HTTP::ProcessHTTPResponse(const char* data, int length)
         return;
     const CHTTPParser::EParseResult result = m_responseParser.Parse(Bytes(data), static_cast<unsigned int>(length));
     if (result == CHTTPParser::PARSE_ERROR) {
+        m_connection.SetOutcome(EOutcome::BadRequest);
         SendErrorToClient(REPLY_BAD_REQUEST);
         m_responseParser.Reset();
         return;
@@ -330,6 +340,8 @@ bool CConnectionProtocol_HTTP::GetDestination(const QOX::CRefCountPtr<CHTTPReque
     std::string address;
     if (!ExtractAddress(request, address))
         return false;
+    m_connection.DescribeExchange(strcasecmp(request->m_method.c_str(), TUNNEL_METHOD) == 0 ? "connect" : "http",
+                                  address);
     CAddressManager& addresses = m_connection.GetAddressManager();
     if (addresses.IsLocalAddress(address))
         return false;

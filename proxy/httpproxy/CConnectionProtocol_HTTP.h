@@ -82,6 +82,7 @@ public:
     void OnHostConnected(bool connected) override;
     void Resume() override;
     void OnTimer() override;
+    const char* GetFamily() const override { return "http"; }
 
 protected:
     void ProcessHTTPRequest(const char* data, int length);
@@ -99,7 +100,8 @@ private:
     enum class EWait { None, Lookup, Connect };
 
     void UseDestination(const QOX::CRefCountPtr<IZRTConnectionAddress>& destination);
-    void Refuse();
+    // The 404 reply, with how the exchange ended.
+    void Refuse(EOutcome outcome);
     void ForwardRequest(CHTTPRequest& request);
 
     CProxyHTTPRequestParser m_requestParser;

@@ -85,8 +85,9 @@ void CConnectionProtocol_SOCKS5::Close()
         m_connection.DisconnectClient();
 }
 
-void CConnectionProtocol_SOCKS5::Refuse(int code)
+void CConnectionProtocol_SOCKS5::Refuse(int code, EOutcome outcome)
 {
+    m_connection.SetOutcome(outcome);
     SendCommandResponse(code);
     Close();
 }
@@ -139,7 +140,7 @@ void CConnectionProtocol_SOCKS5::OnHostConnected(bool connected)
     if (m_state != EState::Connect)
         return;
     if (!connected) {
-        Refuse(REP_REFUSED);
+        Refuse(REP_REFUSED, EOutcome::Unreachable);
         return;
     }
     SendCommandResponse(REP_SUCCEEDED);
@@ -159,9 +160,9 @@ void CConnectionProtocol_SOCKS5::OnTimer()
     if (m_state == EState::Resolve) {
         // A name that is not answered in time does not resolve.
         m_lookup.Cancel();
-        Refuse(REP_ADDRESS_TYPE_NOT_SUPPORTED);
+        Refuse(REP_ADDRESS_TYPE_NOT_SUPPORTED, EOutcome::NoDestination);
     } else if (m_state == EState::BindAccept) {
-        Refuse(REP_GENERAL_FAILURE);
+        Refuse(REP_GENERAL_FAILURE, EOutcome::Timeout);
     }
 }
 
@@ -225,8 +226,10 @@ CConnectionProtocol_SOCKS5::EState CConnectionProtocol_SOCKS5::DoGreeting()
     const unsigned char* data = m_buffer.GetData();
     if (size < 2)
         return EState::Greeting;
-    if (data[0] != SOCKS_VERSION)
+    if (data[0] != SOCKS_VERSION) {
+        m_connection.SetOutcome(EOutcome::BadRequest);
         return EState::Closed;
+    }
     const unsigned int methods = data[1];
     if (methods > 0 && size < methods + 2)
         return EState::Greeting;
@@ -235,6 +238,8 @@ CConnectionProtocol_SOCKS5::EState CConnectionProtocol_SOCKS5::DoGreeting()
     const char reply[2] = {static_cast<char>(SOCKS_VERSION),
                            static_cast<char>(accepted ? METHOD_NO_AUTHENTICATION : METHOD_NONE_ACCEPTABLE)};
     m_connection.SendToClient(reply, 2);
+    if (!accepted)
+        m_connection.SetOutcome(EOutcome::BadRequest);
     return accepted ? EState::Request : EState::Closed;
 }
 
@@ -244,13 +249,15 @@ CConnectionProtocol_SOCKS5::EState CConnectionProtocol_SOCKS5::DoRequest()
     const unsigned char* data = m_buffer.GetData();
     if (size < 4)
         return EState::Request;
-    if (data[0] != SOCKS_VERSION)
+    if (data[0] != SOCKS_VERSION) {
+        m_connection.SetOutcome(EOutcome::BadRequest);
         return EState::Closed;
+    }
     if (data[3] == CSocksAddress::ATYP_DOMAIN && size < 5)
         return EState::Request;
     const unsigned int block = CSocksAddress::BlockLength(data + 3);
     if (block == 0) {
-        Refuse(REP_ADDRESS_TYPE_NOT_SUPPORTED);
+        Refuse(REP_ADDRESS_TYPE_NOT_SUPPORTED, EOutcome::BadRequest);
         return EState::Closed;
     }
     const unsigned int length = 3 + block;
@@ -260,8 +267,14 @@ CConnectionProtocol_SOCKS5::EState CConnectionProtocol_SOCKS5::DoRequest()
     std::memcpy(request, data, length);
     m_buffer.Consume(length);
     m_command = request[1];
-    if (request[3] != CSocksAddress::ATYP_DOMAIN)
-        return DoCommand(CSocksAddress::DecodeNumeric(request + 3));
+    static const char* const KINDS[] = {"socks5", "socks5", "bind", "udp"};
+    const char* kind = m_command <= CMD_UDP_ASSOCIATE ? KINDS[m_command] : "socks5";
+    if (request[3] != CSocksAddress::ATYP_DOMAIN) {
+        const AddressPtr address = CSocksAddress::DecodeNumeric(request + 3);
+        m_connection.DescribeExchange(kind, address ? address->ToString() : std::string());
+        return DoCommand(address);
+    }
+    m_connection.DescribeExchange(kind, CSocksAddress::DomainKey(request + 3));
     // The command is judged once the name is known, as for an address given as such.
     if (!m_lookup.Start(m_connection.GetAddressManager(), CSocksAddress::DomainKey(request + 3))) {
         m_connection.SetHandlerTimer(m_connection.GetSettings().lookupLimitMs);
@@ -282,7 +295,7 @@ CConnectionProtocol_SOCKS5::EState CConnectionProtocol_SOCKS5::DoResolveComplete
 CConnectionProtocol_SOCKS5::EState CConnectionProtocol_SOCKS5::DoCommand(const AddressPtr& destination)
 {
     if (!destination) {
-        Refuse(REP_ADDRESS_TYPE_NOT_SUPPORTED);
+        Refuse(REP_ADDRESS_TYPE_NOT_SUPPORTED, EOutcome::NoDestination);
         return EState::Closed;
     }
     m_destination = destination;
@@ -294,7 +307,7 @@ CConnectionProtocol_SOCKS5::EState CConnectionProtocol_SOCKS5::DoCommand(const A
     case CMD_UDP_ASSOCIATE:
         return DoUdpAssociate(destination);
     default:
-        Refuse(REP_COMMAND_NOT_SUPPORTED);
+        Refuse(REP_COMMAND_NOT_SUPPORTED, EOutcome::BadRequest);
         return EState::Closed;
     }
 }
@@ -303,11 +316,11 @@ CConnectionProtocol_SOCKS5::EState CConnectionProtocol_SOCKS5::DoConnect(const A
 {
     // A tunnel back into the proxy would loop until the descriptors run out.
     if (m_connection.GetAddressManager().IsProxyItself(*destination)) {
-        Refuse(REP_NOT_ALLOWED);
+        Refuse(REP_NOT_ALLOWED, EOutcome::NotAllowed);
         return EState::Closed;
     }
     if (!m_connection.BeginConnectToHost(destination)) {
-        Refuse(REP_REFUSED);
+        Refuse(REP_REFUSED, EOutcome::Unreachable);
         return EState::Closed;
     }
     return EState::Connect;
@@ -317,13 +330,13 @@ CConnectionProtocol_SOCKS5::EState CConnectionProtocol_SOCKS5::DoBind(const Addr
 {
     IConnectionListener* listener = m_connection.GetConnectionListener();
     if (!listener) {
-        Refuse(REP_REFUSED);
+        Refuse(REP_REFUSED, EOutcome::BadRequest);
         return EState::Closed;
     }
     m_bind.reset(new CSocks5Bind(m_connection));
     const AddressPtr listening = m_bind->Start(*listener, *destination);
     if (!listening) {
-        Refuse(REP_REFUSED);
+        Refuse(REP_REFUSED, EOutcome::Unreachable);
         return EState::Closed;
     }
     SendResponse(REP_SUCCEEDED, *listening);
@@ -342,7 +355,7 @@ CConnectionProtocol_SOCKS5::EState CConnectionProtocol_SOCKS5::DoBindAccept()
     m_bind->Stop();
     if (!peer || !m_connection.AdoptHostLink(stream)) {
         stream->Disconnect();
-        Refuse(REP_REFUSED);
+        Refuse(REP_REFUSED, EOutcome::Unreachable);
         return EState::Closed;
     }
     SendResponse(REP_SUCCEEDED, *peer);
@@ -353,14 +366,14 @@ CConnectionProtocol_SOCKS5::EState CConnectionProtocol_SOCKS5::DoUdpAssociate(co
 {
     IDatagramHandler* handler = m_connection.GetDatagramHandler();
     if (!handler) {
-        Refuse(REP_REFUSED);
+        Refuse(REP_REFUSED, EOutcome::BadRequest);
         return EState::Closed;
     }
     m_udp.reset(new CSocks5UdpRelay(m_connection));
     sockaddr_storage local{};
     if (!m_udp->Open(*handler, *destination) || !m_udp->GetLocalAddress(local)) {
         m_udp.reset();
-        Refuse(REP_REFUSED);
+        Refuse(REP_REFUSED, EOutcome::Unreachable);
         return EState::Closed;
     }
     // The reply names 0.0.0.0 (the address the client reached us at) and the relay's port.

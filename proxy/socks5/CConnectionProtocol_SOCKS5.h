@@ -70,6 +70,7 @@ public:
     void OnTimer() override;
     int GetWatchedDescriptor() const override;
     void OnDescriptorReady() override;
+    const char* GetFamily() const override { return "socks5"; }
 
     EState GetState() const { return m_state; }
 
@@ -88,7 +89,8 @@ private:
     EState DoRelay();
     // Leaves for Closed: drops what is buffered and asks the connection to end.
     void Close();
-    void Refuse(int code);
+    // Replies with the code (0.0.0.0 and the client's port), records the outcome, and closes.
+    void Refuse(int code, EOutcome outcome);
 
     void SendResponse(int code, const sockaddr* address);
     void SendResponse(int code, const IZRTConnectionAddress& address);

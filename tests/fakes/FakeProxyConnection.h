@@ -7,6 +7,7 @@
 #include "fakes/FakeMultiPointLayer.h"
 #include "proxy/address/CAddressManager.h"
 #include "proxy/core/IConnectionProtocol.h"
+#include "proxy/core/CProxyStats.h"
 #include "proxy/core/IProxyConnection.h"
 #include "proxy/core/SProxySettings.h"
 #include "transport/CTCPIPAddress.h"
@@ -135,6 +136,25 @@ public:
     }
     const IZRTConnectionAddress& GetLocalAddress() const override { return m_localAddress; }
     const Proxy::SProxySettings& GetSettings() const override { return m_settings; }
+    void DescribeExchange(const char* protocol, const std::string& destination) override
+    {
+        Locked([&] {
+            m_protocolName = protocol;
+            m_destinationText = destination;
+        });
+    }
+    void SetOutcome(Proxy::EOutcome outcome) override
+    {
+        Locked([&] {
+            if (!m_exchangeOutcome)
+                m_exchangeOutcome = outcome;
+        });
+    }
+    Proxy::CProxyStats& GetStats() override { return m_stats; }
+    std::string GetProtocolName() const { return Locked([&] { return m_protocolName; }); }
+    std::string GetDestinationText() const { return Locked([&] { return m_destinationText; }); }
+    // The first outcome a handler set, if any.
+    std::optional<Proxy::EOutcome> GetOutcome() const { return Locked([&] { return m_exchangeOutcome; }); }
 
     // Runs what the connection's thread would run next: the connect outcome, then Resume, until
     // nothing is left.
@@ -207,7 +227,11 @@ private:
     CTCPIPAddress m_localAddress;
     FakeMultiPointLayer m_multiPointLayer;
     Proxy::SProxySettings m_settings;
+    Proxy::CProxyStats m_stats;
     Proxy::CAddressManager* m_addressManager = nullptr;
+    std::string m_protocolName;
+    std::string m_destinationText;
+    std::optional<Proxy::EOutcome> m_exchangeOutcome;
     Proxy::IConnectionProtocol* m_protocol = nullptr;
     IDatagramHandler* m_datagramHandler = nullptr;
     IConnectionListener* m_listener = nullptr;

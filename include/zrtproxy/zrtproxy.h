@@ -1,0 +1,130 @@
+/* ZRT Proxy: a SOCKS5 and HTTP proxy on one local port, as a library.
+ *
+ * The C interface: an opaque handle, settings by name, plain integer results. Nothing of C++
+ * crosses it, so C, JNI, Swift, Rust or a C++ program built with another standard library can
+ * use it. See the README's "Embedding" section for the rules on threads and lifetimes.
+ *
+ *   zrt_proxy_t* proxy = zrt_proxy_create();
+ *   zrt_proxy_set_option(proxy, "listen", "127.0.0.1");
+ *   zrt_proxy_set_option(proxy, "port", "0");
+ *   if (zrt_proxy_start(proxy) != ZRT_OK)
+ *       fprintf(stderr, "%s\n", zrt_proxy_last_error(proxy));
+ *   printf("port %d\n", zrt_proxy_port(proxy));
+ *   ...
+ *   zrt_proxy_destroy(proxy); // stops first
+ */
+#ifndef ZRTPROXY_ZRTPROXY_H
+#define ZRTPROXY_ZRTPROXY_H
+
+#include <stddef.h>
+#include <stdint.h>
+#include <sys/socket.h>
+
+#if defined(__GNUC__)
+#define ZRT_API __attribute__((visibility("default")))
+#else
+#define ZRT_API
+#endif
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* Results: 0 for success, a negative code otherwise; zrt_proxy_last_error tells why. */
+#define ZRT_OK 0
+#define ZRT_E_INVALID (-1)        /* a null handle or argument */
+#define ZRT_E_UNKNOWN_OPTION (-2) /* no setting of that name */
+#define ZRT_E_BAD_VALUE (-3)      /* the value does not suit the setting */
+#define ZRT_E_RUNNING (-4)        /* not while the proxy runs (start twice, or a setting that needs a stop) */
+#define ZRT_E_START (-5)          /* the proxy could not start (address in use, no threads, ...) */
+#define ZRT_E_NOT_RUNNING (-6)    /* only while the proxy runs */
+
+/* Levels of log lines. */
+#define ZRT_LOG_ERROR 1
+#define ZRT_LOG_WARNING 2
+#define ZRT_LOG_INFO 3
+#define ZRT_LOG_DEBUG 4
+
+typedef struct zrt_proxy zrt_proxy_t;
+
+/* One name lookup handed to a resolver hook; answered once with zrt_lookup_answer. */
+typedef struct zrt_lookup zrt_lookup_t;
+
+/* Counters since the proxy was created. The caller sets size to sizeof(zrt_proxy_stats_t) as it
+ * knows it; the library fills at most that many bytes, so the struct may grow at its end. */
+typedef struct zrt_proxy_stats {
+    size_t size;
+    uint64_t connections_active;
+    uint64_t connections_total;
+    uint64_t socks5_total;
+    uint64_t http_total;
+    uint64_t refused_bad_request;    /* malformed or unsupported requests */
+    uint64_t refused_no_destination; /* no host, the proxy itself, a name that did not resolve */
+    uint64_t refused_unreachable;    /* the destination could not be connected */
+    uint64_t bytes_client_to_host;
+    uint64_t bytes_host_to_client;
+    uint64_t udp_datagrams_client_to_host;
+    uint64_t udp_datagrams_host_to_client;
+} zrt_proxy_stats_t;
+
+/* A stopped proxy with default settings, or NULL when out of memory. */
+ZRT_API zrt_proxy_t* zrt_proxy_create(void);
+/* Stops the proxy if it runs, then frees it. */
+ZRT_API void zrt_proxy_destroy(zrt_proxy_t* proxy);
+
+/* A setting by name: the daemon's long options without the dashes ("listen", "port",
+ * "dns-server", "bind-timeout", ...). Values are text: numbers in decimal. Settings apply at the
+ * next start; changing one while the proxy runs gives ZRT_E_RUNNING. */
+ZRT_API int zrt_proxy_set_option(zrt_proxy_t* proxy, const char* name, const char* value);
+
+/* Starts listening and serving; a second start while running is ZRT_E_RUNNING. */
+ZRT_API int zrt_proxy_start(zrt_proxy_t* proxy);
+/* The TCP port the proxy listens on (the one chosen for "port" 0), or 0 when stopped. */
+ZRT_API int zrt_proxy_port(const zrt_proxy_t* proxy);
+/* Stops serving. Returns once no thread of the proxy runs and no callback can be called any
+ * more; the proxy may be started again. Harmless when stopped. */
+ZRT_API void zrt_proxy_stop(zrt_proxy_t* proxy);
+
+/* Why the last call on this handle failed, in one line; "" when it did not. The text stays valid
+ * until the next call on the handle. */
+ZRT_API const char* zrt_proxy_last_error(const zrt_proxy_t* proxy);
+/* The library's version, "MAJOR.MINOR.PATCH". */
+ZRT_API const char* zrt_proxy_version(void);
+
+/* Copies the counters into out (at most out->size bytes); ZRT_E_INVALID when out->size is too
+ * small for the size field itself. */
+ZRT_API int zrt_proxy_get_stats(const zrt_proxy_t* proxy, zrt_proxy_stats_t* out);
+
+/* One line per event (start, stop, each finished connection, each error), on whatever thread the
+ * event happens, never with a lock of the library held. NULL turns logging off. Set it while the
+ * proxy is stopped. */
+ZRT_API void zrt_proxy_set_log_callback(zrt_proxy_t* proxy, void (*callback)(void* context, int level, const char* line),
+                                        void* context);
+
+/* Called on every thread the proxy starts, as the first and the last thing that thread does
+ * (a JNI host attaches and detaches the thread there). Set it while the proxy is stopped. */
+ZRT_API void zrt_proxy_set_thread_hooks(zrt_proxy_t* proxy, void (*on_start)(void* context),
+                                        void (*on_stop)(void* context), void* context);
+
+/* Called with every socket the proxy opens towards the outside (TCP to destinations, UDP for
+ * datagrams and name lookups) before it connects or sends. A non-zero return refuses that use of
+ * the socket: the destination counts as unreachable. An Android VPN app calls
+ * VpnService.protect(fd) here. Set it while the proxy is stopped. */
+ZRT_API void zrt_proxy_set_socket_hook(zrt_proxy_t* proxy, int (*hook)(void* context, int fd), void* context);
+
+/* Names are looked up by this hook instead of the library's own resolver. It is called for a
+ * host name (never a numeric address) on a thread of the proxy, must not block for long, and
+ * answers later or at once with zrt_lookup_answer, on any thread. NULL restores the library's
+ * resolver. Set it while the proxy is stopped. */
+ZRT_API void zrt_proxy_set_resolver(zrt_proxy_t* proxy, void (*resolve)(void* context, const char* name, zrt_lookup_t* lookup),
+                                    void* context);
+/* Answers a lookup with count addresses (IPv4 or IPv6, ports ignored); count 0 means the name
+ * did not resolve. Every lookup is answered exactly once; the handle is invalid afterwards.
+ * Answering after the proxy stopped is allowed and does nothing. */
+ZRT_API void zrt_lookup_answer(zrt_lookup_t* lookup, const struct sockaddr_storage* addresses, int count);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif /* ZRTPROXY_ZRTPROXY_H */

@@ -1,0 +1,58 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+namespace ZRT {
+namespace Proxy {
+
+// How an exchange with a client ended, as the handler judged it.
+enum class EOutcome { Ok, BadRequest, NoDestination, Unreachable, NotAllowed, AuthFailed, Timeout };
+
+// One finished connection (or UDP association): what the access log and the host's log hear.
+struct SConnectionRecord {
+    std::string client;      // address:port
+    std::string protocol;    // socks5, http, connect, udp, bind; "-" when none was chosen
+    std::string user;        // "-" without authentication
+    std::string destination; // host:port as the client named it; "-" when none
+    EOutcome outcome = EOutcome::Ok;
+    uint64_t bytesClientToHost = 0;
+    uint64_t bytesHostToClient = 0;
+    uint64_t durationMs = 0;
+};
+
+// Told of a proxy's events by the engine, on whatever thread they happen, never with a lock of
+// the engine held. The observer must outlive the proxy's run (StopProxy).
+class IProxyObserver {
+public:
+    virtual ~IProxyObserver() = default;
+    virtual void OnStarted(const std::string& address, int port) = 0;
+    virtual void OnStopped() = 0;
+    virtual void OnConnectionFinished(const SConnectionRecord& record) = 0;
+    virtual void OnError(const std::string& text) = 0;
+};
+
+// The text an outcome has in logs: ok, bad-request, refused, unreachable, not-allowed, ...
+inline const char* OutcomeText(EOutcome outcome)
+{
+    switch (outcome) {
+    case EOutcome::Ok:
+        return "ok";
+    case EOutcome::BadRequest:
+        return "bad-request";
+    case EOutcome::NoDestination:
+        return "refused";
+    case EOutcome::Unreachable:
+        return "unreachable";
+    case EOutcome::NotAllowed:
+        return "not-allowed";
+    case EOutcome::AuthFailed:
+        return "auth-failed";
+    case EOutcome::Timeout:
+        return "timeout";
+    }
+    return "ok";
+}
+
+} // namespace Proxy
+} // namespace ZRT
