@@ -1,15 +1,14 @@
-// zrt-proxy: the proxy engine on this machine's own sockets, until SIGINT or SIGTERM.
+// zrt-proxy: the proxy library on this machine's own sockets, until SIGINT, SIGTERM or SIGHUP.
+// It uses nothing but the library's C interface.
 
 #include <pthread.h>
 #include <signal.h>
-#include <sys/socket.h>
 
 #include <cstdio>
 #include <string>
 
 #include "daemon/CCommandLine.h"
-#include "host/CDirectHost.h"
-#include "proxy/core/CProxy.h"
+#include "zrtproxy/zrtproxy.h"
 
 using ZRT::Daemon::CCommandLine;
 
@@ -27,44 +26,43 @@ sigset_t StopSignals()
     return signals;
 }
 
-std::string Endpoint(const CCommandLine& options, int port)
+// The library's warnings and errors go to standard error; a line per connection does not.
+void LogLine(void* /*context*/, int level, const char* line)
 {
-    const std::string host = options.IsIPv6() ? "[" + options.GetListenAddress() + "]" : options.GetListenAddress();
-    return host + ":" + std::to_string(port);
+    if (level <= ZRT_LOG_WARNING)
+        std::fprintf(stderr, "zrt-proxy: %s\n", line);
 }
 
-int Serve(const CCommandLine& options)
+std::string Endpoint(const std::string& address, int port)
 {
-    ZRT::Host::SDirectHostSettings settings;
-    // BIND listeners use the proxy's own address where it is of the right family.
-    settings.bindIPv4 = options.IsIPv6() ? "127.0.0.1" : options.GetListenAddress();
-    settings.bindIPv6 = options.IsIPv6() ? options.GetListenAddress() : "::1";
-    settings.dnsServers = options.GetDnsServers();
-    ZRT::Host::CDirectHost host(settings);
-    if (!host.IsRunning()) {
-        std::fprintf(stderr, "zrt-proxy: cannot start the transport threads or the name service\n");
+    const bool ipv6 = address.find(':') != std::string::npos;
+    return (ipv6 ? "[" + address + "]" : address) + ":" + std::to_string(port);
+}
+
+int Serve(zrt_proxy_t* proxy, const CCommandLine& options)
+{
+    for (const auto& setting : options.GetSettings()) {
+        if (zrt_proxy_set_option(proxy, setting.first.c_str(), setting.second.c_str()) != ZRT_OK) {
+            std::fprintf(stderr, "zrt-proxy: %s\n", zrt_proxy_last_error(proxy));
+            return 2;
+        }
+    }
+    zrt_proxy_set_log_callback(proxy, &LogLine, nullptr);
+    if (zrt_proxy_start(proxy) != ZRT_OK) {
+        std::fprintf(stderr, "zrt-proxy: %s\n", zrt_proxy_last_error(proxy));
         return 1;
     }
-    ZRT::Proxy::CProxy proxy;
-    ZRT::Proxy::SProxySettings proxySettings;
-    proxySettings.bindWaitMs = options.GetBindTimeoutSeconds() * 1000;
-    proxy.SetSettings(proxySettings);
-    // A burst of clients must not overflow the listen queue (a refused SYN costs a client 1 s).
-    proxy.SetListenBacklog(SOMAXCONN);
-    if (!proxy.StartProxy(options.GetListenAddress(), options.GetPort(), &host.GetResolver(),
-                          &host.GetMultiPointLayer(), &host.GetDatagramHandler(), &host.GetConnectionListener())) {
-        std::fprintf(stderr, "zrt-proxy: cannot listen on %s (address in use or not available)\n",
-                     Endpoint(options, options.GetPort()).c_str());
-        return 1;
-    }
-    std::printf("zrt-proxy listening on %s\n", Endpoint(options, proxy.GetListenPort()).c_str());
+    std::string listen = options.GetValue("listen", "127.0.0.1");
+    if (listen.size() > 2 && listen.front() == '[')
+        listen = listen.substr(1, listen.size() - 2);
+    std::printf("zrt-proxy listening on %s\n", Endpoint(listen, zrt_proxy_port(proxy)).c_str());
     std::fflush(stdout);
 
     const sigset_t signals = StopSignals();
     int received = 0;
     while (sigwait(&signals, &received) != 0) {
     }
-    proxy.StopProxy();
+    zrt_proxy_stop(proxy);
     return 0;
 }
 
@@ -82,11 +80,17 @@ int main(int argc, char** argv)
         return 0;
     }
     if (options.WantsVersion()) {
-        std::printf("zrt-proxy %s\n", ZRT_VERSION);
+        std::printf("zrt-proxy %s\n", zrt_proxy_version());
         return 0;
     }
     const sigset_t signals = StopSignals();
     pthread_sigmask(SIG_BLOCK, &signals, nullptr);
-    signal(SIGPIPE, SIG_IGN);
-    return Serve(options);
+    zrt_proxy_t* proxy = zrt_proxy_create();
+    if (!proxy) {
+        std::fprintf(stderr, "zrt-proxy: out of memory\n");
+        return 1;
+    }
+    const int status = Serve(proxy, options);
+    zrt_proxy_destroy(proxy);
+    return status;
 }

@@ -34,8 +34,9 @@ private:
     int m_socket;
 };
 
-CAresNameService::CAresNameService(CEventLoop& loop, const std::string& servers, int lookupTimeoutMs)
-    : m_loop(loop), m_lookupTimeoutMs(lookupTimeoutMs)
+CAresNameService::CAresNameService(CEventLoop& loop, const std::string& servers, int lookupTimeoutMs,
+                                   const CSocketPreparer& preparer)
+    : m_loop(loop), m_lookupTimeoutMs(lookupTimeoutMs), m_preparer(preparer)
 {
     ares_library_init(ARES_LIB_INIT_ALL);
     ares_options options;
@@ -53,6 +54,13 @@ CAresNameService::CAresNameService(CEventLoop& loop, const std::string& servers,
         return;
     }
     m_ready = servers.empty() || ares_set_servers_ports_csv(m_channel, servers.c_str()) == ARES_SUCCESS;
+    ares_set_socket_callback(m_channel, &CAresNameService::PrepareSocket, this);
+}
+
+int CAresNameService::PrepareSocket(ares_socket_t socket, int /*type*/, void* self)
+{
+    // Non-zero makes c-ares close the socket and try the next server, or fail the query.
+    return static_cast<CAresNameService*>(self)->m_preparer.Prepare(socket) ? ARES_SUCCESS : -1;
 }
 
 CAresNameService::~CAresNameService()

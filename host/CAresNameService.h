@@ -12,6 +12,7 @@
 #include <string>
 
 #include "host/CEventLoop.h"
+#include "host/CSocketPreparer.h"
 #include "host/INameService.h"
 
 namespace ZRT {
@@ -24,7 +25,9 @@ namespace Host {
 class CAresNameService : public INameService {
 public:
     // servers: "ADDR[:PORT],..." to use instead of the system's; empty for the system's.
-    CAresNameService(CEventLoop& loop, const std::string& servers, int lookupTimeoutMs);
+    // Every socket the channel opens goes through the preparer first.
+    CAresNameService(CEventLoop& loop, const std::string& servers, int lookupTimeoutMs,
+                     const CSocketPreparer& preparer = CSocketPreparer());
     // Ends every lookup (no answer is called afterwards); waits for the loop to do so.
     ~CAresNameService() override;
     CAresNameService(const CAresNameService&) = delete;
@@ -38,6 +41,8 @@ public:
 
 private:
     class CSocketWatch;
+
+    static int PrepareSocket(ares_socket_t socket, int type, void* self);
     struct SLookup {
         Answer answer;
         uint64_t timer = 0;
@@ -59,6 +64,7 @@ private:
 
     CEventLoop& m_loop;
     const int m_lookupTimeoutMs;
+    const CSocketPreparer m_preparer;
     ares_channel m_channel = nullptr;
     bool m_ready = false;
     // Loop's thread only.

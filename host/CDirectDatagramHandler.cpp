@@ -22,10 +22,13 @@ constexpr size_t MAX_DATAGRAM = 65536;
 constexpr int MAX_READS_PER_EVENT = 32;
 
 // A dual-stack IPv6 socket if possible, else IPv4; bound to the wildcard address, port 0.
-int OpenSocket(int& family)
+// A socket the preparer refuses is not replaced by one of the other family.
+int OpenSocket(int& family, const CSocketPreparer& preparer)
 {
     CSocketHandle socket(::socket(AF_INET6, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
     if (socket.IsValid()) {
+        if (!preparer.Prepare(socket.Get()))
+            return -1;
         const int off = 0;
         sockaddr_in6 any{};
         any.sin6_family = AF_INET6;
@@ -37,6 +40,8 @@ int OpenSocket(int& family)
         }
     }
     socket.Reset(::socket(AF_INET, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+    if (socket.IsValid() && !preparer.Prepare(socket.Get()))
+        return -1;
     sockaddr_in any{};
     any.sin_family = AF_INET;
     any.sin_addr.s_addr = htonl(INADDR_ANY);
@@ -97,7 +102,7 @@ int CDirectDatagramHandler::RegisterReceiver(const IZRTConnectionAddress& /*addr
     if (!receiver)
         return -1;
     int family = AF_UNSPEC;
-    const int socket = OpenSocket(family);
+    const int socket = OpenSocket(family, m_preparer);
     if (socket < 0)
         return -1;
     int handle = -1;

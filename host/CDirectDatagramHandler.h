@@ -5,6 +5,7 @@
 #include <mutex>
 
 #include "host/CEventLoopPool.h"
+#include "host/CSocketPreparer.h"
 #include "host/CSinkRegistry.h"
 #include "host/IEventHandler.h"
 #include "runtime/CRefCount_Base.h"
@@ -20,7 +21,12 @@ namespace Host {
 // UnregisterReceiver returns, none reaches the receiver.
 class CDirectDatagramHandler : public IDatagramHandler {
 public:
-    explicit CDirectDatagramHandler(CEventLoopPool& loops) : m_loops(loops) {}
+    // Every socket goes through the preparer before it is bound; a refused one fails the
+    // registration.
+    explicit CDirectDatagramHandler(CEventLoopPool& loops, const CSocketPreparer& preparer = CSocketPreparer())
+        : m_loops(loops), m_preparer(preparer)
+    {
+    }
     ~CDirectDatagramHandler() override;
 
     int RegisterReceiver(const IZRTConnectionAddress& address, IDatagramReceiver* receiver) override;
@@ -61,6 +67,7 @@ private:
     QOX::CRefCountPtr<CRegistration> Find(int handle);
 
     CEventLoopPool& m_loops;
+    const CSocketPreparer m_preparer;
     std::mutex m_mutex;
     std::map<int, QOX::CRefCountPtr<CRegistration>> m_registrations;
     int m_nextHandle = 1;

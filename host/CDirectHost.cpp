@@ -1,5 +1,14 @@
 #include "host/CDirectHost.h"
 
+#include "host/CDirectConnectionListener.h"
+#include "host/CDirectDatagramHandler.h"
+#include "host/CDirectMultiPointLayer.h"
+#include "host/CDirectResolver.h"
+#include "host/CEventLoopPool.h"
+#include "host/CHookNameService.h"
+#include "host/CSocketPreparer.h"
+#include "host/INameService.h"
+
 #if defined(ZRT_WITH_CARES)
 #include "host/CAresNameService.h"
 #else
@@ -10,35 +19,85 @@ namespace ZRT {
 namespace Host {
 
 namespace {
-std::unique_ptr<INameService> MakeNameService(CEventLoopPool& loops, const SDirectHostSettings& settings,
-                                              bool& ready)
+QOX::SThreadHooks HooksOf(const SDirectHostSettings& settings)
 {
+    QOX::SThreadHooks hooks;
+    hooks.onStart = settings.threadStart;
+    hooks.onStop = settings.threadStop;
+    hooks.context = settings.threadContext;
+    return hooks;
+}
+
+std::unique_ptr<INameService> MakeNameService(CEventLoopPool& loops, const SDirectHostSettings& settings,
+                                              const CSocketPreparer& preparer, bool& ready)
+{
+    if (settings.resolveHook) {
+        ready = true;
+        return std::unique_ptr<INameService>(
+            new CHookNameService(loops.Next(), settings.resolveHook, settings.lookupTimeoutMs));
+    }
 #if defined(ZRT_WITH_CARES)
     std::unique_ptr<CAresNameService> names(
-        new CAresNameService(loops.Next(), settings.dnsServers, settings.lookupTimeoutMs));
+        new CAresNameService(loops.Next(), settings.dnsServers, settings.lookupTimeoutMs, preparer));
     ready = names->IsReady();
     return std::unique_ptr<INameService>(names.release());
 #else
-    (void)loops;
+    (void)preparer;
     // Without c-ares the C library chooses the servers: a list of our own cannot be honoured.
     ready = settings.dnsServers.empty();
-    return std::unique_ptr<INameService>(new CThreadNameService());
+    return std::unique_ptr<INameService>(new CThreadNameService(HooksOf(settings)));
 #endif
 }
 } // namespace
 
-CDirectHost::CDirectHost(const SDirectHostSettings& settings)
-    : m_loops(settings.transportThreads), m_names(MakeNameService(m_loops, settings, m_namesReady)),
-      m_multiPointLayer(m_loops), m_resolver(*m_names), m_datagramHandler(m_loops),
-      m_connectionListener(m_loops, settings.bindIPv4, settings.bindIPv6)
-{
-}
+// Members go in reverse order: the services stop their sockets while the loops still run, and
+// the loops (whose destructor waits for their threads) go last.
+struct CDirectHost::SServices {
+    explicit SServices(const SDirectHostSettings& settings)
+        : preparer(settings.socketHook), loops(settings.transportThreads, HooksOf(settings)),
+          names(MakeNameService(loops, settings, preparer, namesReady)), multiPointLayer(loops, preparer),
+          resolver(*names), datagramHandler(loops, preparer),
+          connectionListener(loops, settings.bindIPv4, settings.bindIPv6)
+    {
+    }
+
+    CSocketPreparer preparer;
+    CEventLoopPool loops;
+    bool namesReady = false; // before names, whose making sets it
+    std::unique_ptr<INameService> names;
+    CDirectMultiPointLayer multiPointLayer;
+    CDirectResolver resolver;
+    CDirectDatagramHandler datagramHandler;
+    CDirectConnectionListener connectionListener;
+};
+
+CDirectHost::CDirectHost(const SDirectHostSettings& settings) : m_services(new SServices(settings)) {}
 
 CDirectHost::~CDirectHost() = default;
 
 bool CDirectHost::IsRunning() const
 {
-    return m_loops.IsRunning() && m_namesReady;
+    return m_services->loops.IsRunning() && m_services->namesReady;
+}
+
+IZRTMultiPointLayer& CDirectHost::GetMultiPointLayer()
+{
+    return m_services->multiPointLayer;
+}
+
+IResolveAddress& CDirectHost::GetResolver()
+{
+    return m_services->resolver;
+}
+
+IDatagramHandler& CDirectHost::GetDatagramHandler()
+{
+    return m_services->datagramHandler;
+}
+
+IConnectionListener& CDirectHost::GetConnectionListener()
+{
+    return m_services->connectionListener;
 }
 
 } // namespace Host

@@ -1,26 +1,22 @@
 #pragma once
 
 #include <memory>
-#include <string>
 
-#include "host/CDirectConnectionListener.h"
-#include "host/CDirectDatagramHandler.h"
-#include "host/CDirectMultiPointLayer.h"
-#include "host/CDirectResolver.h"
-#include "host/CEventLoopPool.h"
-#include "host/INameService.h"
 #include "host/SDirectHostSettings.h"
+#include "runtime/Export.h"
+#include "transport/IConnectionListener.h"
+#include "transport/IDatagramHandler.h"
+#include "transport/IResolveAddress.h"
+#include "transport/IZRTMultiPointLayer.h"
 
 namespace ZRT {
 namespace Host {
 
-// The four host services on real sockets of this machine, sharing one pool of transport threads
-// (name lookups run on the first of them). It must outlive every use the engine makes of them:
-// stop the engine first.
-class CDirectHost {
+// The four host services on real sockets of this machine, sharing a few transport threads (name
+// lookups run on the first of them). It must outlive every use the engine makes of them: stop
+// the engine first. Its destructor returns when none of its threads runs any more.
+class ZRT_EXPORT CDirectHost {
 public:
-    static constexpr int DEFAULT_TRANSPORT_THREADS = 2;
-
     explicit CDirectHost(const SDirectHostSettings& settings = SDirectHostSettings());
     ~CDirectHost();
     CDirectHost(const CDirectHost&) = delete;
@@ -28,20 +24,14 @@ public:
 
     // False when the transport threads or the name service could not start.
     bool IsRunning() const;
-    CDirectMultiPointLayer& GetMultiPointLayer() { return m_multiPointLayer; }
-    CDirectResolver& GetResolver() { return m_resolver; }
-    CDirectDatagramHandler& GetDatagramHandler() { return m_datagramHandler; }
-    CDirectConnectionListener& GetConnectionListener() { return m_connectionListener; }
+    IZRTMultiPointLayer& GetMultiPointLayer();
+    IResolveAddress& GetResolver();
+    IDatagramHandler& GetDatagramHandler();
+    IConnectionListener& GetConnectionListener();
 
 private:
-    // Members go in reverse order: the services stop their sockets while the loops still run.
-    CEventLoopPool m_loops;
-    bool m_namesReady = false; // before m_names, whose making sets it
-    std::unique_ptr<INameService> m_names;
-    CDirectMultiPointLayer m_multiPointLayer;
-    CDirectResolver m_resolver;
-    CDirectDatagramHandler m_datagramHandler;
-    CDirectConnectionListener m_connectionListener;
+    struct SServices;
+    std::unique_ptr<SServices> m_services;
 };
 
 } // namespace Host

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "host/CEventLoopPool.h"
+#include "host/CSocketPreparer.h"
 #include "transport/IZRTMultiPointLayer.h"
 
 namespace ZRT {
@@ -13,7 +14,11 @@ class CDirectMultiPointLayer : public IZRTMultiPointLayer {
 public:
     static constexpr int CONNECT_TIMEOUT_MS = 10000;
 
-    explicit CDirectMultiPointLayer(CEventLoopPool& loops) : m_loops(loops) {}
+    // Every socket goes through the preparer before it connects; a refused one fails the link.
+    explicit CDirectMultiPointLayer(CEventLoopPool& loops, const CSocketPreparer& preparer = CSocketPreparer())
+        : m_loops(loops), m_preparer(preparer)
+    {
+    }
 
     // The source (the engine's client) plays no part in a direct connection.
     QOX::CRefCountPtr<IZRTDataLayer> Connect(const IZRTConnectionAddress& destination,
@@ -23,6 +28,7 @@ public:
 
 private:
     CEventLoopPool& m_loops;
+    const CSocketPreparer m_preparer;
 };
 
 } // namespace Host

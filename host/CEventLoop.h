@@ -31,6 +31,8 @@ public:
     CEventLoop(const CEventLoop&) = delete;
     CEventLoop& operator=(const CEventLoop&) = delete;
 
+    // The pool the thread comes from (the process-wide one unless set); set before Start.
+    using QOX::CThread::SetThreadPool;
     bool Start();
     // Stops the thread and drops every registration and pending task (releasing their references).
     void Stop();

@@ -3,12 +3,13 @@
 namespace ZRT {
 namespace Host {
 
-CEventLoopPool::CEventLoopPool(int threads)
+CEventLoopPool::CEventLoopPool(int threads, const QOX::SThreadHooks& hooks) : m_pool(hooks)
 {
     if (threads < 1)
         threads = 1;
     for (int i = 0; i < threads; ++i) {
         m_loops.push_back(std::make_unique<CEventLoop>());
+        m_loops.back()->SetThreadPool(&m_pool);
         m_running = m_loops.back()->Start() && m_running;
     }
 }
@@ -28,6 +29,7 @@ void CEventLoopPool::Stop()
 {
     for (auto& loop : m_loops)
         loop->Stop();
+    m_pool.EndAll();
 }
 
 } // namespace Host

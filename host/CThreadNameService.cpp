@@ -1,6 +1,7 @@
 #include "host/CThreadNameService.h"
 
 #include <netdb.h>
+#include <signal.h>
 #include <sys/socket.h>
 
 #include <algorithm>
@@ -56,7 +57,7 @@ uint64_t CThreadNameService::Start(const std::string& host, Answer answer)
     const uint64_t id = m_nextId++;
     m_waiting.push_back({id, host, std::move(answer)});
     if (m_idle == 0 && m_threads.size() < MAX_THREADS)
-        m_threads.emplace_back([this] { Work(); });
+        m_threads.emplace_back([this] { Main(); });
     else
         m_wake.notify_one();
     return id;
@@ -71,6 +72,20 @@ void CThreadNameService::Abandon(uint64_t id)
     const auto running = m_running.find(id);
     if (running != m_running.end())
         running->second = true;
+}
+
+void CThreadNameService::Main()
+{
+    // Like every thread of the host: no signal of a broken pipe reaches the process from here.
+    sigset_t pipe;
+    sigemptyset(&pipe);
+    sigaddset(&pipe, SIGPIPE);
+    pthread_sigmask(SIG_BLOCK, &pipe, nullptr);
+    if (m_hooks.onStart)
+        m_hooks.onStart(m_hooks.context);
+    Work();
+    if (m_hooks.onStop)
+        m_hooks.onStop(m_hooks.context);
 }
 
 void CThreadNameService::Work()

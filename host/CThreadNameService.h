@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "host/INameService.h"
+#include "runtime/CThreadPool.h"
 
 namespace ZRT {
 namespace Host {
@@ -16,12 +17,13 @@ namespace Host {
 // Name lookups with the C library's getaddrinfo, for builds without c-ares: up to MAX_THREADS
 // lookups run at once, each on a thread of its own; more wait their turn, and a lookup that is
 // abandoned before its turn never runs. A name whose servers do not answer holds its thread for
-// the C library's own time-outs, so this cannot promise what CAresNameService does.
+// the C library's own time-outs, so this cannot promise what CAresNameService does; nor can the
+// host's socket hook see the C library's sockets. Each thread runs the hooks first and last.
 class CThreadNameService : public INameService {
 public:
     static constexpr size_t MAX_THREADS = 16;
 
-    CThreadNameService() = default;
+    explicit CThreadNameService(const QOX::SThreadHooks& hooks = QOX::SThreadHooks()) : m_hooks(hooks) {}
     // Waits for the lookups under way; those waiting are dropped.
     ~CThreadNameService() override;
     CThreadNameService(const CThreadNameService&) = delete;
@@ -37,7 +39,10 @@ private:
         Answer answer;
     };
 
+    void Main();
     void Work();
+
+    const QOX::SThreadHooks m_hooks;
 
     // Guards everything below.
     std::mutex m_mutex;

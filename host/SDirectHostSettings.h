@@ -1,12 +1,19 @@
 #pragma once
 
+#include <sys/socket.h>
+
+#include <functional>
 #include <string>
+#include <vector>
 
 namespace ZRT {
 namespace Host {
 
 // How the direct host services are set up.
 struct SDirectHostSettings {
+    // Called once with the addresses a name has (none when it does not resolve).
+    using LookupReply = std::function<void(const std::vector<sockaddr_storage>& addresses)>;
+
     int transportThreads = 2;
     // Local addresses that BIND listeners use, per family.
     std::string bindIPv4 = "127.0.0.1";
@@ -15,6 +22,19 @@ struct SDirectHostSettings {
     std::string dnsServers;
     // How long a name lookup may take before it counts as failed.
     int lookupTimeoutMs = 10000;
+
+    // Run first and last on every thread the host starts.
+    void (*threadStart)(void* context) = nullptr;
+    void (*threadStop)(void* context) = nullptr;
+    void* threadContext = nullptr;
+    // Sees every socket towards the outside (TCP to destinations, UDP for datagrams and name
+    // lookups) before it connects, binds or sends; false refuses that use of it. Called on the
+    // host's or the engine's threads, possibly several at once.
+    std::function<bool(int socket)> socketHook;
+    // Looks names up instead of the host's own resolver: called with a host name on a transport
+    // thread, it must not block, and replies once, at once or later, on any thread. A lookup
+    // not replied to within lookupTimeoutMs fails.
+    std::function<void(const std::string& name, LookupReply reply)> resolveHook;
 };
 
 } // namespace Host

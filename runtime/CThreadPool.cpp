@@ -16,6 +16,15 @@ CThreadPool& CThreadPool::Instance()
 
 CThreadPool::~CThreadPool()
 {
+    EndAll();
+}
+
+void CThreadPool::EndAll()
+{
+    {
+        std::unique_lock<std::mutex> hold(m_mutex);
+        m_changed.wait(hold, [this] { return m_busy == 0; });
+    }
     DrainIdle();
     std::unique_lock<std::mutex> hold(m_mutex);
     m_changed.wait(hold, [this] { return m_leaving == 0; });
@@ -36,6 +45,7 @@ bool CThreadPool::Start(size_t stackSize, Entry entry, Finish finish, void* argu
             worker->argument = argument;
             *thread = worker->thread;
             worker->wake.notify_one();
+            ++m_busy;
             reused = true;
             break;
         }
@@ -59,6 +69,7 @@ bool CThreadPool::Start(size_t stackSize, Entry entry, Finish finish, void* argu
         delete worker;
         return false;
     }
+    ++m_busy;
     *thread = worker->thread;
     return true;
 }
@@ -102,6 +113,7 @@ bool CThreadPool::AwaitWork(SWorker& worker)
     worker.entry = nullptr;
     worker.finish = nullptr;
     worker.argument = nullptr;
+    --m_busy;
     const bool stay = m_idle.size() < MAX_IDLE;
     if (stay) {
         m_idle.push_back(&worker);

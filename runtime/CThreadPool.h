@@ -32,8 +32,8 @@ struct SThreadHooks {
 // its first and last thing, so that a host can attach it to a VM.
 //
 // Instance() is the process-wide pool, created on first use and never destroyed: threads still
-// idle at exit die with the process. A proxy that is given hooks has a pool of its own, which
-// its destructor drains; it is destroyed only when no CThread of it runs.
+// idle at exit die with the process. Each proxy and each direct host has a pool of its own, so
+// that stopping one ends exactly its threads (EndAll) and no other's.
 class CThreadPool {
 public:
     static constexpr int IDLE_LIFETIME_MS = 2000;
@@ -61,6 +61,10 @@ public:
     // Ends every idle thread (and those about to go idle) and joins them. Threads still running
     // a CThread are left alone.
     void DrainIdle();
+    // Waits for every job to end, then ends every thread: afterwards no thread of the pool runs
+    // a job or a hook. The owner must have stopped whatever the jobs run (or this waits for
+    // ever), and must not call it from a thread of the pool. The destructor does this.
+    void EndAll();
 
     // Idle threads now (for tests).
     size_t GetIdleCount();
@@ -87,6 +91,7 @@ private:
     std::condition_variable m_changed; // a worker went idle or ended
     std::vector<SWorker*> m_idle;
     std::vector<pthread_t> m_ended; // drained threads, for DrainIdle to join
+    size_t m_busy = 0;              // threads running a job
     // Threads that left on their own (expired, or beyond MAX_IDLE) and are still on their way
     // out: a pool's destructor waits for them, since they run its hooks.
     size_t m_leaving = 0;

@@ -12,6 +12,12 @@
  *   printf("port %d\n", zrt_proxy_port(proxy));
  *   ...
  *   zrt_proxy_destroy(proxy); // stops first
+ *
+ * Threads: one thread at a time controls a handle (create, set_option, the set_ functions,
+ * start, stop, destroy, last_error). zrt_proxy_port and zrt_proxy_get_stats may be called from
+ * any thread at any time, callbacks included. Callbacks run on the library's threads, several
+ * at once, never with a lock of the library held; they must not call zrt_proxy_stop or
+ * zrt_proxy_destroy on their own handle (that waits for the thread the callback runs on).
  */
 #ifndef ZRTPROXY_ZRTPROXY_H
 #define ZRTPROXY_ZRTPROXY_H
@@ -73,31 +79,42 @@ ZRT_API zrt_proxy_t* zrt_proxy_create(void);
 ZRT_API void zrt_proxy_destroy(zrt_proxy_t* proxy);
 
 /* A setting by name: the daemon's long options without the dashes ("listen", "port",
- * "dns-server", "bind-timeout", ...). Values are text: numbers in decimal. Settings apply at the
- * next start; changing one while the proxy runs gives ZRT_E_RUNNING. */
+ * "dns-server", "bind-timeout", ...; zrt_option_name lists them). Values are text: numbers in
+ * decimal, times in seconds. A NULL value puts the default back. Settings apply at the next
+ * start; changing one while the proxy runs gives ZRT_E_RUNNING. */
 ZRT_API int zrt_proxy_set_option(zrt_proxy_t* proxy, const char* name, const char* value);
+
+/* The settings zrt_proxy_set_option knows, for help texts and configuration checks: the name of
+ * the index-th (from 0), or NULL past the last. */
+ZRT_API const char* zrt_option_name(int index);
+/* What a setting's value looks like ("ADDR", "N", "SECONDS", ...), or NULL for no such name. */
+ZRT_API const char* zrt_option_value(const char* name);
+/* One line on what a setting does, with its default, or NULL for no such name. */
+ZRT_API const char* zrt_option_description(const char* name);
 
 /* Starts listening and serving; a second start while running is ZRT_E_RUNNING. */
 ZRT_API int zrt_proxy_start(zrt_proxy_t* proxy);
 /* The TCP port the proxy listens on (the one chosen for "port" 0), or 0 when stopped. */
 ZRT_API int zrt_proxy_port(const zrt_proxy_t* proxy);
-/* Stops serving. Returns once no thread of the proxy runs and no callback can be called any
- * more; the proxy may be started again. Harmless when stopped. */
+/* Stops serving: closes the port and every client connection at once (connects and lookups
+ * under way are abandoned, not waited for). Returns once no thread of the proxy runs and no
+ * callback can be called any more; the proxy may be started again. Harmless when stopped. */
 ZRT_API void zrt_proxy_stop(zrt_proxy_t* proxy);
 
-/* Why the last call on this handle failed, in one line; "" when it did not. The text stays valid
- * until the next call on the handle. */
+/* Why the last set_option or start on this handle failed, in one line; "" when it did not. The
+ * text stays valid until the next call on the handle. */
 ZRT_API const char* zrt_proxy_last_error(const zrt_proxy_t* proxy);
 /* The library's version, "MAJOR.MINOR.PATCH". */
 ZRT_API const char* zrt_proxy_version(void);
 
 /* Copies the counters into out (at most out->size bytes); ZRT_E_INVALID when out->size is too
- * small for the size field itself. */
+ * small for the size field itself. Counters keep counting across stops and starts. */
 ZRT_API int zrt_proxy_get_stats(const zrt_proxy_t* proxy, zrt_proxy_stats_t* out);
 
-/* One line per event (start, stop, each finished connection, each error), on whatever thread the
- * event happens, never with a lock of the library held. NULL turns logging off. Set it while the
- * proxy is stopped. */
+/* One line per event (start, stop, each finished connection, each error while running), on
+ * whatever thread the event happens, never with a lock of the library held. A failed start is
+ * not logged: zrt_proxy_start's result and zrt_proxy_last_error tell it. NULL turns logging
+ * off. Set it while the proxy is stopped. */
 ZRT_API void zrt_proxy_set_log_callback(zrt_proxy_t* proxy, void (*callback)(void* context, int level, const char* line),
                                         void* context);
 

@@ -158,7 +158,7 @@ CAddressManager* CAddressManager::GetInstance()
 
 CAddressManager::CAddressManager() = default;
 
-// Terminate is the owner's duty (CProxy::StopProxy): at unload the resolver may be gone.
+// Terminate is the owner's duty (CProxyServer::StopProxy): at unload the resolver may be gone.
 CAddressManager::~CAddressManager() = default;
 
 bool CAddressManager::Init(IResolveAddress* resolver)

@@ -1,291 +1,103 @@
 #include "proxy/core/CProxy.h"
 
+#include "proxy/core/CProxyServer.h"
 #include "runtime/CThreadPool.h"
-
-#include <errno.h>
-#include <fcntl.h>
-#include <netdb.h>
-#include <netinet/in.h>
-#include <poll.h>
-#include <sys/socket.h>
-
-#include <cstdio>
-#include <vector>
-
-#include "proxy/core/CConnectionProtocolFactory.h"
-#include "proxy/core/CProxyConnection.h"
-#include "runtime/CRefCountPtr.h"
-#include "transport/CSocketUtils.h"
 
 namespace ZRT {
 namespace Proxy {
 
-namespace {
-const char* const ANY_IPV4 = "0.0.0.0";
-
-int BoundPort(int socket)
+CProxy::CProxy(EProxyMode mode)
+    : m_mode(mode), m_pool(new QOX::CThreadPool()),
+      m_server(new CProxyServer(static_cast<CProxyServer::EProxyMode>(mode)))
 {
-    sockaddr_storage local{};
-    socklen_t length = sizeof(local);
-    if (getsockname(socket, reinterpret_cast<sockaddr*>(&local), &length) != 0)
-        return 0;
-    if (local.ss_family == AF_INET)
-        return ntohs(reinterpret_cast<sockaddr_in*>(&local)->sin_port);
-    if (local.ss_family == AF_INET6)
-        return ntohs(reinterpret_cast<sockaddr_in6*>(&local)->sin6_port);
-    return 0;
+    m_server->SetThreadPool(m_pool.get());
 }
-
-bool OutOfDescriptors(int error)
-{
-    return error == EMFILE || error == ENFILE || error == ENOBUFS || error == ENOMEM;
-}
-} // namespace
-
-CProxy::CProxy(EProxyMode mode) : CThread(false), m_mode(mode) {}
 
 CProxy::~CProxy()
 {
-    // The host stops the server first; this only makes sure that no thread outlives the object
-    // and no connection keeps a pointer to it. The address manager is left alone.
-    const int socket = m_listenSocket.exchange(-1);
-    const int status = GetThreadStatus();
-    if (status == STATUS_RUNNING || status == STATUS_STOPPING)
-        StopThread(-1);
-    CSocketUtils::CloseSocket(socket);
-    CloseProxyConnections();
+    m_server->StopProxy();
 }
 
 bool CProxy::StartProxy(int port, IResolveAddress* resolver, IZRTMultiPointLayer* multiPointLayer,
                         IDatagramHandler* datagramHandler, IConnectionListener* connectionListener)
 {
-    return StartProxy(ANY_IPV4, port, resolver, multiPointLayer, datagramHandler, connectionListener);
+    return m_server->StartProxy(port, resolver, multiPointLayer, datagramHandler, connectionListener);
 }
 
 bool CProxy::StartProxy(const std::string& listenAddress, int port, IResolveAddress* resolver,
                         IZRTMultiPointLayer* multiPointLayer, IDatagramHandler* datagramHandler,
                         IConnectionListener* connectionListener)
 {
-    if (m_listenSocket != -1) {
-        if (multiPointLayer == m_multiPointLayer && datagramHandler == m_datagramHandler &&
-            connectionListener == m_connectionListener)
-            return true;
-        StopProxy();
-    }
-    if (!m_addressManager.Init(resolver))
-        return false;
-    const int socket = OpenListenSocket(listenAddress, port);
-    if (socket < 0) {
-        m_addressManager.Terminate();
-        return false;
-    }
-    m_multiPointLayer = multiPointLayer;
-    m_datagramHandler = datagramHandler;
-    m_connectionListener = connectionListener;
-    m_listenPort = BoundPort(socket);
-    m_addressManager.SetProxyPort(static_cast<unsigned int>(m_listenPort.load()));
-    m_listenSocket = socket;
-    m_listenAddressText = listenAddress;
-    if (StartThread(false)) {
-        if (m_observer)
-            m_observer->OnStarted(listenAddress, m_listenPort);
-        return true;
-    }
-    m_listenSocket = -1;
-    m_listenPort = 0;
-    m_addressManager.SetProxyPort(0);
-    m_addressManager.Terminate();
-    CSocketUtils::CloseSocket(socket);
-    return false;
-}
-
-int CProxy::OpenListenSocket(const std::string& listenAddress, int port)
-{
-    char service[16];
-    std::snprintf(service, sizeof(service), "%d", port);
-    addrinfo hints{};
-    hints.ai_flags = AI_PASSIVE | AI_NUMERICHOST | AI_NUMERICSERV;
-    hints.ai_family = AF_UNSPEC;
-    hints.ai_socktype = SOCK_STREAM;
-    hints.ai_protocol = IPPROTO_TCP;
-    addrinfo* result = nullptr;
-    if (getaddrinfo(listenAddress.c_str(), service, &hints, &result) != 0 || !result)
-        return -1;
-    int socket = ::socket(result->ai_family, result->ai_socktype, result->ai_protocol);
-    if (socket >= 0) {
-        const int one = 1;
-        setsockopt(socket, SOL_SOCKET, SO_REUSEADDR, &one, sizeof(one));
-        fcntl(socket, F_SETFD, FD_CLOEXEC);
-        // Non-blocking, so a client that vanished between poll and accept cannot stall the loop.
-        CSocketUtils::SetSocketBlocking(socket, false);
-        if (bind(socket, result->ai_addr, result->ai_addrlen) != 0 || listen(socket, m_listenBacklog.load()) != 0) {
-            CSocketUtils::CloseSocket(socket);
-            socket = -1;
-        }
-    }
-    freeaddrinfo(result);
-    return socket;
-}
-
-int CProxy::Run()
-{
-    // Out of descriptors the listening socket stays readable: the loop then waits on the stop
-    // event alone for a while instead of spinning.
-    bool backOff = false;
-    const int stopHandle = m_stopEvent.GetWaitHandle();
-    for (;;) {
-        const int listenSocket = m_listenSocket;
-        if (listenSocket == -1 || stopHandle < 0)
-            break;
-        pollfd fds[2] = {{backOff ? -1 : listenSocket, POLLIN, 0}, {stopHandle, POLLIN, 0}};
-        if (poll(fds, 2, backOff ? ACCEPT_RETRY_DELAY_MS : -1) < 0) {
-            if (errno == EINTR)
-                continue;
-            break;
-        }
-        backOff = false;
-        if (fds[1].revents != 0)
-            break;
-        if (fds[0].revents & (POLLERR | POLLNVAL))
-            break;
-        if (!(fds[0].revents & POLLIN))
-            continue;
-        // Drain a burst in one wake-up: every client left in the backlog while we sleep again
-        // risks an overflow and a SYN retry a second later.
-        for (int accepted = 0; accepted < ACCEPT_BURST; ++accepted) {
-            const EAccept result = AcceptOne(listenSocket);
-            if (result == EAccept::OutOfDescriptors)
-                backOff = true;
-            if (result != EAccept::Accepted)
-                break;
-        }
-    }
-    return 1;
-}
-
-CProxy::EAccept CProxy::AcceptOne(int listenSocket)
-{
-#if defined(__linux__)
-    // Close-on-exec and non-blocking in the same call (Android's libc has accept4 too).
-    const int client = accept4(listenSocket, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
-#else
-    const int client = accept(listenSocket, nullptr, nullptr);
-#endif
-    if (client < 0)
-        return OutOfDescriptors(errno) ? EAccept::OutOfDescriptors : EAccept::NothingWaiting;
-#if !defined(__linux__)
-    fcntl(client, F_SETFD, FD_CLOEXEC);
-#endif
-    if (m_listenSocket == -1) {
-        CSocketUtils::CloseSocket(client);
-        return EAccept::NothingWaiting;
-    }
-    auto* connection = new CProxyConnection(this);
-    connection->SetThreadPool(m_pool);
-    // On failure Init closed the socket and nothing else refers to the connection.
-    if (!connection->Init(client, m_multiPointLayer, m_datagramHandler, m_connectionListener)) {
-        delete connection;
-        return EAccept::Accepted;
-    }
-    m_stats.Add(CProxyStats::CONNECTIONS_TOTAL);
-    m_stats.Add(CProxyStats::CONNECTIONS_ACTIVE);
-    return EAccept::Accepted;
-}
-
-void CProxy::SetThreadPool(QOX::CThreadPool* pool)
-{
-    m_pool = pool;
-    CThread::SetThreadPool(pool);
+    return m_server->StartProxy(listenAddress, port, resolver, multiPointLayer, datagramHandler,
+                                connectionListener);
 }
 
 void CProxy::StopProxy()
 {
-    const bool wasRunning = m_listenSocket != -1;
-    // Lookups under way fail at once, so no connection waits for one.
-    m_addressManager.Terminate();
-    // The thread is stopped before the socket is closed, so it never polls or accepts on a
-    // descriptor number that has been given to someone else.
-    const int socket = m_listenSocket.exchange(-1);
-    const int status = GetThreadStatus();
-    if (status == STATUS_RUNNING || status == STATUS_STOPPING)
-        StopThread(-1);
-    CSocketUtils::CloseSocket(socket);
-    m_listenPort = 0;
-    m_addressManager.SetProxyPort(0);
-    CloseProxyConnections();
-    // Threads kept for reuse would run the engine's code after the host may have unloaded it.
-    (m_pool ? *m_pool : QOX::CThreadPool::Instance()).DrainIdle();
-    if (wasRunning && m_observer)
-        m_observer->OnStopped();
-}
-
-void CProxy::CloseProxyConnections()
-{
-    std::vector<QOX::CRefCountPtr<CProxyConnection>> connections;
-    {
-        // Referenced under the mutex: a connection leaves the set (under it) before its count can
-        // reach 0.
-        std::lock_guard<std::mutex> hold(m_mutex);
-        for (CProxyConnection* connection : m_connections)
-            connections.emplace_back(connection);
-        m_connections.clear();
-    }
-    for (auto& connection : connections)
-        connection->Terminate();
-    // Releasing may destroy connections; their destructors take their own mutex, so not under ours.
-    connections.clear();
-}
-
-void CProxy::OnConnectionCreated(CProxyConnection* connection)
-{
-    std::lock_guard<std::mutex> hold(m_mutex);
-    m_connections.insert(connection);
-}
-
-void CProxy::OnConnectionDestroyed(CProxyConnection* connection)
-{
-    std::lock_guard<std::mutex> hold(m_mutex);
-    m_connections.erase(connection);
-}
-
-IConnectionProtocol* CProxy::CreateProtocol(IProxyConnection& connection, const char* data, int length)
-{
-    ProtocolCreator creator;
-    {
-        std::lock_guard<std::mutex> hold(m_mutex);
-        creator = m_creator;
-    }
-    if (creator && data && length > 0)
-        return creator(connection, data, length);
-    return CConnectionProtocolFactory::GetInstance()->CreateProtocol(connection, data, length);
-}
-
-void CProxy::SetProtocolCreator(ProtocolCreator creator)
-{
-    std::lock_guard<std::mutex> hold(m_mutex);
-    m_creator = std::move(creator);
+    m_server->StopProxy();
 }
 
 bool CProxy::IsConnected()
 {
-    std::lock_guard<std::mutex> hold(m_mutex);
-    return m_listenSocket != -1;
+    return m_server->IsConnected();
 }
 
 IZRTMultiPointLayer* CProxy::GetMultiPointLayer()
 {
-    return m_multiPointLayer;
+    return m_server->GetMultiPointLayer();
+}
+
+std::string CProxy::GetStartError() const
+{
+    return m_server->GetStartError();
 }
 
 int CProxy::GetListenPort() const
 {
-    return m_listenPort;
+    return m_server->GetListenPort();
 }
 
 size_t CProxy::GetConnectionCount() const
 {
-    std::lock_guard<std::mutex> hold(m_mutex);
-    return m_connections.size();
+    return m_server->GetConnectionCount();
+}
+
+void CProxy::SetListenBacklog(int backlog)
+{
+    m_server->SetListenBacklog(backlog);
+}
+
+void CProxy::SetSettings(const SProxySettings& settings)
+{
+    m_server->SetSettings(settings);
+}
+
+SProxySettings CProxy::GetSettings() const
+{
+    return m_server->GetSettings();
+}
+
+void CProxy::SetObserver(IProxyObserver* observer)
+{
+    m_server->SetObserver(observer);
+}
+
+void CProxy::SetThreadHooks(void (*onStart)(void* context), void (*onStop)(void* context), void* context)
+{
+    if (m_server->IsConnected())
+        return;
+    QOX::SThreadHooks hooks;
+    hooks.onStart = onStart;
+    hooks.onStop = onStop;
+    hooks.context = context;
+    // The old pool has no thread left: a stopped server ended them all.
+    m_pool.reset(new QOX::CThreadPool(hooks));
+    m_server->SetThreadPool(m_pool.get());
+}
+
+const CProxyStats& CProxy::GetStats() const
+{
+    return m_server->GetStats();
 }
 
 } // namespace Proxy

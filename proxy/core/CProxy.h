@@ -1,19 +1,12 @@
 #pragma once
 
-#include <atomic>
-#include <set>
+#include <cstddef>
+#include <memory>
 #include <string>
 
-#include <functional>
-#include <mutex>
-
-#include "proxy/address/CAddressManager.h"
 #include "proxy/core/CProxyStats.h"
 #include "proxy/core/IProxyObserver.h"
-#include "proxy/core/IConnectionProtocol.h"
-#include "proxy/core/IProxyConnection.h"
 #include "proxy/core/SProxySettings.h"
-#include "runtime/CThread.h"
 #include "runtime/Export.h"
 #include "transport/IConnectionListener.h"
 #include "transport/IDatagramHandler.h"
@@ -27,36 +20,34 @@ class CThreadPool;
 namespace ZRT {
 namespace Proxy {
 
-class CProxyConnection;
+class CProxyServer;
 
-// The proxy server the host drives: listens on one TCP port, accepts clients and gives each to a
-// new CProxyConnection; StopProxy terminates them all. Restartable.
+// The proxy a C++ host drives with services of its own: it listens on one TCP port, tells SOCKS5
+// from HTTP clients by their first byte and reaches destinations only through the four host
+// services given to StartProxy. Restartable.
 //
-// The set of live connections holds plain pointers and no references. A connection removes
-// itself from the set on its own thread before that thread drops its reference, and the set is
-// only read (and referenced) under m_mutex, so a connection found there never has a count that
-// already reached 0.
-//
-// Each proxy has a name cache of its own (GetAddressManager), so two proxies in one process
-// with different resolvers never answer from each other's cache.
-class ZRT_EXPORT CProxy : private QOX::CThread {
+// Threads: the proxy runs one thread to accept and one per client; every call into a host
+// service and the observer comes from those threads (or from inside a service's own callback).
+// StopProxy waits for all of them, so no call comes afterwards: the services and the observer
+// must outlive StopProxy (the destructor stops too). Never call StopProxy or the destructor
+// from one of the proxy's own threads (an observer or service callback): it would wait for
+// itself.
+class ZRT_EXPORT CProxy {
 public:
     enum EProxyMode { PROXY_MODE_DEFAULT = 0, PROXY_MODE_LOCAL = 1 };
 
-    static constexpr int LISTEN_BACKLOG = 16;
-    // Pause of the accept loop when the process is out of descriptors, instead of spinning.
-    static constexpr int ACCEPT_RETRY_DELAY_MS = 100;
-    // Most clients accepted in one wake-up before the stop event is looked at again.
-    static constexpr int ACCEPT_BURST = 64;
-
     explicit CProxy(EProxyMode mode = PROXY_MODE_DEFAULT);
-    ~CProxy() override;
+    virtual ~CProxy();
     CProxy(const CProxy&) = delete;
     CProxy& operator=(const CProxy&) = delete;
 
-    // Listens on all IPv4 interfaces (0.0.0.0).
+    // Listens on all IPv4 interfaces (0.0.0.0). The resolver and the multi-point layer are
+    // required; a null datagram handler refuses SOCKS5 UDP ASSOCIATE, a null connection
+    // listener refuses BIND. While running, a start with the same services changes nothing;
+    // with others it restarts.
     virtual bool StartProxy(int port, IResolveAddress* resolver, IZRTMultiPointLayer* multiPointLayer,
                             IDatagramHandler* datagramHandler, IConnectionListener* connectionListener);
+    // Closes the listening socket and every connection; returns when no thread of the proxy runs.
     virtual void StopProxy();
     virtual bool IsConnected();
     virtual IZRTMultiPointLayer* GetMultiPointLayer();
@@ -66,63 +57,34 @@ public:
     bool StartProxy(const std::string& listenAddress, int port, IResolveAddress* resolver,
                     IZRTMultiPointLayer* multiPointLayer, IDatagramHandler* datagramHandler,
                     IConnectionListener* connectionListener);
-    // The listen queue length for the next start (LISTEN_BACKLOG unless set). A daemon serving
-    // bursts of clients wants more than the short default, or clients wait for a SYN retry.
-    void SetListenBacklog(int backlog) { m_listenBacklog = backlog > 0 ? backlog : LISTEN_BACKLOG; }
+    // Why the last StartProxy failed, in one line ("" after a good one).
+    std::string GetStartError() const;
     // The port actually bound, or 0 when not started.
     int GetListenPort() const;
     size_t GetConnectionCount() const;
     EProxyMode GetMode() const { return m_mode; }
-    CAddressManager& GetAddressManager() { return m_addressManager; }
-    // Settings for the next start; the connections of a running proxy read them.
-    void SetSettings(const SProxySettings& settings) { m_settings = settings; }
-    const SProxySettings& GetSettings() const { return m_settings; }
 
-    // Makes the handler for a client from its first chunk: the protocol factory's choice, or the
-    // creator given here (tests put handlers of their own behind a real server this way).
-    using ProtocolCreator = std::function<IConnectionProtocol*(IProxyConnection& connection, const char* data, int length)>;
-    IConnectionProtocol* CreateProtocol(IProxyConnection& connection, const char* data, int length);
-    void SetProtocolCreator(ProtocolCreator creator);
+    // The rest applies at the next start; set it while stopped.
+    // The listen queue length (16 unless set). A server for bursts of clients wants SOMAXCONN.
+    void SetListenBacklog(int backlog);
+    void SetSettings(const SProxySettings& settings);
+    SProxySettings GetSettings() const;
+    // Told of starts, stops, finished connections and errors; null for none.
+    void SetObserver(IProxyObserver* observer);
+    // Run first and last on every thread the proxy starts (a JNI host attaches threads there).
+    void SetThreadHooks(void (*onStart)(void* context), void (*onStop)(void* context), void* context);
 
-    CProxyStats& GetStats() { return m_stats; }
-    // Told of starts, stops, finished connections and errors; set it while stopped.
-    void SetObserver(IProxyObserver* observer) { m_observer = observer; }
-    IProxyObserver* GetObserver() const { return m_observer; }
-    // The pool the server's and its connections' threads come from (the process-wide one unless
-    // set); set it while stopped. StopProxy ends its idle threads.
-    void SetThreadPool(QOX::CThreadPool* pool);
+    // Counters since the proxy was made; readable from any thread at any time.
+    const CProxyStats& GetStats() const;
 
-    void CloseProxyConnections();
-    void OnConnectionCreated(CProxyConnection* connection);
-    void OnConnectionDestroyed(CProxyConnection* connection);
-
-protected:
-    int Run() override;
+    // The engine behind this object, for the engine's own tests and tools.
+    CProxyServer& GetServer() { return *m_server; }
 
 private:
-    enum class EAccept { Accepted, NothingWaiting, OutOfDescriptors };
-
-    int OpenListenSocket(const std::string& listenAddress, int port);
-    EAccept AcceptOne(int listenSocket);
-
-    // Guards m_connections and m_creator. Taken inside a connection's mutex (a connection leaving
-    // the set), never the other way round.
-    mutable std::mutex m_mutex;
-    IZRTMultiPointLayer* m_multiPointLayer = nullptr;
-    IDatagramHandler* m_datagramHandler = nullptr;
-    IConnectionListener* m_connectionListener = nullptr;
-    std::atomic<int> m_listenSocket{-1};
-    std::atomic<int> m_listenPort{0};
-    std::set<CProxyConnection*> m_connections;
-    EProxyMode m_mode;
-    std::atomic<int> m_listenBacklog{LISTEN_BACKLOG};
-    CAddressManager m_addressManager;
-    SProxySettings m_settings;
-    ProtocolCreator m_creator;
-    CProxyStats m_stats;
-    IProxyObserver* m_observer = nullptr;
-    QOX::CThreadPool* m_pool = nullptr;
-    std::string m_listenAddressText;
+    const EProxyMode m_mode;
+    // Declared first, so it goes last: the server's threads come from it.
+    std::unique_ptr<QOX::CThreadPool> m_pool;
+    std::unique_ptr<CProxyServer> m_server;
 };
 
 } // namespace Proxy

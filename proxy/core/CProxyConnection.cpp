@@ -10,7 +10,7 @@
 
 #include "proxy/address/CAddressManager.h"
 #include "proxy/core/CConnectionProtocolFactory.h"
-#include "proxy/core/CProxy.h"
+#include "proxy/core/CProxyServer.h"
 #include "transport/CByteBufferList.h"
 #include "transport/CSocketUtils.h"
 
@@ -78,7 +78,7 @@ int MillisecondsUntil(std::chrono::steady_clock::time_point deadline)
 
 QOX::CAtomicInt CProxyConnection::ms_connID(0);
 
-CProxyConnection::CProxyConnection(CProxy* proxy)
+CProxyConnection::CProxyConnection(CProxyServer* proxy)
     : CThread(false), m_proxy(proxy), m_server(proxy), m_id(ms_connID.Increment())
 {
     if (m_proxy)

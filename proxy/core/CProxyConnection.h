@@ -25,7 +25,7 @@
 namespace ZRT {
 namespace Proxy {
 
-class CProxy;
+class CProxyServer;
 
 // Serves one accepted client: owns the client socket, a thread and the link to the destination
 // host, and runs its protocol handler, whose every operation is called on this thread.
@@ -56,7 +56,7 @@ class CProxy;
 // REQUEST_BACKLOG_LIMIT.
 //
 // Lifetime: reference counted; the thread holds a reference for its run, callers from outside
-// (CProxy) briefly. The thread unregisters from the link and lets it go before it ends, so no
+// (CProxyServer) briefly. The thread unregisters from the link and lets it go before it ends, so no
 // host callback outlives it. It leaves the server's set on its own thread before dropping its
 // reference, and the destructor tells the server last of all.
 class ZRT_EXPORT CProxyConnection : public QOX::CRefCount_Base,
@@ -77,7 +77,7 @@ public:
     static constexpr int HOST_SPLICE_SIZE = static_cast<int>(CLIENT_OUTPUT_HIGH_WATER);
     static constexpr int CLIENT_SPLICE_SIZE = 256 * 1024;
 
-    explicit CProxyConnection(CProxy* proxy);
+    explicit CProxyConnection(CProxyServer* proxy);
     ~CProxyConnection() override;
     CProxyConnection(const CProxyConnection&) = delete;
     CProxyConnection& operator=(const CProxyConnection&) = delete;
@@ -196,13 +196,13 @@ private:
 
     // Guards the client socket number and its output queue (SendToClient may come from any
     // thread), the host link pointer and m_proxy. Never held across a call into the handler, the
-    // link or the server, except CProxy::OnConnectionDestroyed in DetachFromProxy (server's
+    // link or the server, except CProxyServer::OnConnectionDestroyed in DetachFromProxy (server's
     // mutex inside this one).
     mutable std::mutex m_mutex;
     // The server's set holds this connection while m_proxy is set (cleared on leaving it).
-    CProxy* m_proxy;
+    CProxyServer* m_proxy;
     // The server for its name cache, settings and handler choice: it outlives its connections.
-    CProxy* const m_server;
+    CProxyServer* const m_server;
     IZRTMultiPointLayer* m_multiPointLayer = nullptr;
     IDatagramHandler* m_datagramHandler = nullptr;
     IConnectionListener* m_connectionListener = nullptr;

@@ -23,6 +23,7 @@
 #include "proxy/core/CConnectionProtocolFactory.h"
 #include "proxy/core/CProxy.h"
 #include "proxy/core/CProxyConnection.h"
+#include "proxy/core/CProxyServer.h"
 #include "proxy/httpproxy/CConnectionProtocol_HTTP.h"
 #include "proxy/socks5/CConnectionProtocol_SOCKS5.h"
 #include "runtime/CThread.h"
@@ -192,7 +193,7 @@ class ProxyTest : public ::testing::Test {
 protected:
     void SetUp() override
     {
-        m_proxy.SetProtocolCreator(
+        m_proxy.GetServer().SetProtocolCreator(
             [this](Proxy::IProxyConnection& connection, const char*, int) -> Proxy::IConnectionProtocol* {
                 auto log = std::make_shared<SHandlerLog>();
                 log->passEnds = m_passEnds;
@@ -204,7 +205,7 @@ protected:
             });
         ASSERT_TRUE(m_proxy.StartProxy("127.0.0.1", 0, &m_resolver, &m_multiPointLayer, &m_datagramHandler,
                                        &m_connectionListener));
-        m_proxy.GetAddressManager().SetLocalAddressesForTesting({"localhost", "127.0.0.1"});
+        m_proxy.GetServer().GetAddressManager().SetLocalAddressesForTesting({"localhost", "127.0.0.1"});
         m_port = m_proxy.GetListenPort();
         ASSERT_NE(m_port, 0);
     }
@@ -217,7 +218,7 @@ protected:
         m_multiPointLayer.ForgetLinks();
     }
 
-    void UseRealHandlers() { m_proxy.SetProtocolCreator({}); }
+    void UseRealHandlers() { m_proxy.GetServer().SetProtocolCreator({}); }
     // Makes every new link answer each send with the same bytes.
     void EchoLinks()
     {

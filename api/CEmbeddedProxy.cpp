@@ -1,0 +1,163 @@
+#include "api/CEmbeddedProxy.h"
+
+#include <algorithm>
+#include <cstring>
+#include <vector>
+
+#include "api/COptionTable.h"
+
+namespace ZRT {
+namespace Api {
+
+CEmbeddedProxy::~CEmbeddedProxy()
+{
+    Stop();
+}
+
+int CEmbeddedProxy::SetOption(const char* name, const char* value)
+{
+    if (!name)
+        return Fail(ZRT_E_INVALID, "no option name given");
+    if (IsRunning())
+        return Fail(ZRT_E_RUNNING, std::string("option '") + name + "' cannot change while the proxy runs");
+    std::string error;
+    switch (COptionTable::Apply(m_settings, name, value, error)) {
+    case COptionTable::EResult::Ok:
+        return Succeed();
+    case COptionTable::EResult::Unknown:
+        return Fail(ZRT_E_UNKNOWN_OPTION, error);
+    case COptionTable::EResult::BadValue:
+        break;
+    }
+    return Fail(ZRT_E_BAD_VALUE, error);
+}
+
+Host::SDirectHostSettings CEmbeddedProxy::HostSettings() const
+{
+    Host::SDirectHostSettings host = m_settings.host;
+    // BIND listeners use the proxy's own address where it is of the right family.
+    const bool ipv6 = m_settings.listen.find(':') != std::string::npos;
+    if (ipv6)
+        host.bindIPv6 = m_settings.listen;
+    else
+        host.bindIPv4 = m_settings.listen;
+    host.threadStart = m_threadStart;
+    host.threadStop = m_threadStop;
+    host.threadContext = m_threadContext;
+    if (m_socketHook) {
+        const auto hook = m_socketHook;
+        void* const context = m_socketContext;
+        host.socketHook = [hook, context](int socket) { return hook(context, socket) == 0; };
+    }
+    if (m_resolve) {
+        const auto resolve = m_resolve;
+        void* const context = m_resolveContext;
+        host.resolveHook = [resolve, context](const std::string& name, Host::SDirectHostSettings::LookupReply reply) {
+            resolve(context, name.c_str(), new zrt_lookup{std::move(reply)});
+        };
+    }
+    return host;
+}
+
+int CEmbeddedProxy::Start()
+{
+    if (IsRunning())
+        return Fail(ZRT_E_RUNNING, "the proxy runs already");
+    std::unique_ptr<Host::CDirectHost> host(new Host::CDirectHost(HostSettings()));
+    if (!host->IsRunning()) {
+        const std::string reason = m_settings.host.dnsServers.empty()
+                                       ? "cannot start the transport threads or the name service"
+                                       : "cannot use the DNS servers '" + m_settings.host.dnsServers + "'";
+        return Fail(ZRT_E_START, reason);
+    }
+    Proxy::SProxySettings proxy = m_settings.proxy;
+    // A handler waits for a lookup at least as long as the name service may take.
+    proxy.lookupLimitMs = std::max(proxy.lookupLimitMs, m_settings.host.lookupTimeoutMs + 1000);
+    m_proxy.SetSettings(proxy);
+    m_proxy.SetListenBacklog(m_settings.listenBacklog);
+    m_proxy.SetObserver(&m_log);
+    m_proxy.SetThreadHooks(m_threadStart, m_threadStop, m_threadContext);
+    if (!m_proxy.StartProxy(m_settings.listen, m_settings.port, &host->GetResolver(), &host->GetMultiPointLayer(),
+                            &host->GetDatagramHandler(), &host->GetConnectionListener()))
+        return Fail(ZRT_E_START, m_proxy.GetStartError());
+    m_host = std::move(host);
+    return Succeed();
+}
+
+void CEmbeddedProxy::Stop()
+{
+    if (!IsRunning())
+        return;
+    // The proxy's threads end first: they use the host's services to their last call.
+    m_proxy.StopProxy();
+    m_host.reset();
+}
+
+int CEmbeddedProxy::GetPort() const
+{
+    return m_proxy.GetListenPort();
+}
+
+void CEmbeddedProxy::GetStats(zrt_proxy_stats_t& stats) const
+{
+    using Proxy::CProxyStats;
+    const CProxyStats& counters = m_proxy.GetStats();
+    stats.connections_active = counters.Get(CProxyStats::CONNECTIONS_ACTIVE);
+    stats.connections_total = counters.Get(CProxyStats::CONNECTIONS_TOTAL);
+    stats.socks5_total = counters.Get(CProxyStats::SOCKS5_TOTAL);
+    stats.http_total = counters.Get(CProxyStats::HTTP_TOTAL);
+    stats.refused_bad_request = counters.Get(CProxyStats::REFUSED_BAD_REQUEST);
+    stats.refused_no_destination = counters.Get(CProxyStats::REFUSED_NO_DESTINATION);
+    stats.refused_unreachable = counters.Get(CProxyStats::REFUSED_UNREACHABLE);
+    stats.bytes_client_to_host = counters.Get(CProxyStats::BYTES_CLIENT_TO_HOST);
+    stats.bytes_host_to_client = counters.Get(CProxyStats::BYTES_HOST_TO_CLIENT);
+    stats.udp_datagrams_client_to_host = counters.Get(CProxyStats::UDP_DATAGRAMS_CLIENT_TO_HOST);
+    stats.udp_datagrams_host_to_client = counters.Get(CProxyStats::UDP_DATAGRAMS_HOST_TO_CLIENT);
+}
+
+void CEmbeddedProxy::SetLogCallback(CLogRelay::Callback callback, void* context)
+{
+    if (!IsRunning())
+        m_log.SetCallback(callback, context);
+}
+
+void CEmbeddedProxy::SetThreadHooks(void (*onStart)(void*), void (*onStop)(void*), void* context)
+{
+    if (IsRunning())
+        return;
+    m_threadStart = onStart;
+    m_threadStop = onStop;
+    m_threadContext = context;
+}
+
+void CEmbeddedProxy::SetSocketHook(int (*hook)(void* context, int socket), void* context)
+{
+    if (IsRunning())
+        return;
+    m_socketHook = hook;
+    m_socketContext = context;
+}
+
+void CEmbeddedProxy::SetResolver(void (*resolve)(void* context, const char* name, zrt_lookup_t* lookup),
+                                 void* context)
+{
+    if (IsRunning())
+        return;
+    m_resolve = resolve;
+    m_resolveContext = context;
+}
+
+int CEmbeddedProxy::Fail(int code, const std::string& reason)
+{
+    m_lastError = reason;
+    return code;
+}
+
+int CEmbeddedProxy::Succeed()
+{
+    m_lastError.clear();
+    return ZRT_OK;
+}
+
+} // namespace Api
+} // namespace ZRT

@@ -1,0 +1,69 @@
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include "api/CLogRelay.h"
+#include "api/SEmbeddedSettings.h"
+#include "host/CDirectHost.h"
+#include "proxy/core/CProxy.h"
+#include "zrtproxy/zrtproxy.h"
+
+// What a resolver hook is handed for each lookup: the way back to the name service. Freed by
+// zrt_lookup_answer.
+struct zrt_lookup {
+    ZRT::Host::SDirectHostSettings::LookupReply reply;
+};
+
+namespace ZRT {
+namespace Api {
+
+// What a zrt_proxy_t handle is: the engine with the direct host services, set up by name and
+// driven through the C interface. One thread at a time controls it (set_option, the setters,
+// start, stop) and reads GetLastError; GetPort and GetStats may be called from any thread at any
+// time, callbacks included.
+class CEmbeddedProxy {
+public:
+    CEmbeddedProxy() = default;
+    // Stops first.
+    ~CEmbeddedProxy();
+    CEmbeddedProxy(const CEmbeddedProxy&) = delete;
+    CEmbeddedProxy& operator=(const CEmbeddedProxy&) = delete;
+
+    int SetOption(const char* name, const char* value);
+    int Start();
+    void Stop();
+    int GetPort() const;
+    void GetStats(zrt_proxy_stats_t& stats) const;
+    const std::string& GetLastError() const { return m_lastError; }
+
+    void SetLogCallback(CLogRelay::Callback callback, void* context);
+    void SetThreadHooks(void (*onStart)(void*), void (*onStop)(void*), void* context);
+    void SetSocketHook(int (*hook)(void* context, int socket), void* context);
+    void SetResolver(void (*resolve)(void* context, const char* name, zrt_lookup_t* lookup), void* context);
+
+private:
+    // Records why the call failed; returns code.
+    int Fail(int code, const std::string& reason);
+    int Succeed();
+    bool IsRunning() const { return m_host != nullptr; }
+    Host::SDirectHostSettings HostSettings() const;
+
+    SEmbeddedSettings m_settings;
+    void (*m_threadStart)(void*) = nullptr;
+    void (*m_threadStop)(void*) = nullptr;
+    void* m_threadContext = nullptr;
+    int (*m_socketHook)(void*, int) = nullptr;
+    void* m_socketContext = nullptr;
+    void (*m_resolve)(void*, const char*, zrt_lookup_t*) = nullptr;
+    void* m_resolveContext = nullptr;
+
+    CLogRelay m_log;
+    // Declared before the proxy, so it goes after it: the proxy uses its services to the end.
+    std::unique_ptr<Host::CDirectHost> m_host;
+    Proxy::CProxy m_proxy;
+    std::string m_lastError; // the controlling thread's
+};
+
+} // namespace Api
+} // namespace ZRT

@@ -1,0 +1,135 @@
+#pragma once
+
+#include <atomic>
+#include <set>
+#include <string>
+
+#include <functional>
+#include <mutex>
+
+#include "proxy/address/CAddressManager.h"
+#include "proxy/core/CProxyStats.h"
+#include "proxy/core/IProxyObserver.h"
+#include "proxy/core/IConnectionProtocol.h"
+#include "proxy/core/IProxyConnection.h"
+#include "proxy/core/SProxySettings.h"
+#include "runtime/CThread.h"
+#include "transport/IConnectionListener.h"
+#include "transport/IDatagramHandler.h"
+#include "transport/IResolveAddress.h"
+#include "transport/IZRTMultiPointLayer.h"
+
+namespace QOX {
+class CThreadPool;
+}
+
+namespace ZRT {
+namespace Proxy {
+
+class CProxyConnection;
+
+// The engine behind CProxy: listens on one TCP port, accepts clients and gives each to a new
+// CProxyConnection; StopProxy terminates them all. Restartable.
+//
+// The set of live connections holds plain pointers and no references. A connection removes
+// itself from the set on its own thread before that thread drops its reference, and the set is
+// only read (and referenced) under m_mutex, so a connection found there never has a count that
+// already reached 0.
+//
+// Each proxy has a name cache of its own (GetAddressManager), so two proxies in one process
+// with different resolvers never answer from each other's cache.
+class CProxyServer : private QOX::CThread {
+public:
+    enum EProxyMode { PROXY_MODE_DEFAULT = 0, PROXY_MODE_LOCAL = 1 };
+
+    static constexpr int LISTEN_BACKLOG = 16;
+    // Pause of the accept loop when the process is out of descriptors, instead of spinning.
+    static constexpr int ACCEPT_RETRY_DELAY_MS = 100;
+    // Most clients accepted in one wake-up before the stop event is looked at again.
+    static constexpr int ACCEPT_BURST = 64;
+
+    explicit CProxyServer(EProxyMode mode = PROXY_MODE_DEFAULT);
+    ~CProxyServer() override;
+    CProxyServer(const CProxyServer&) = delete;
+    CProxyServer& operator=(const CProxyServer&) = delete;
+
+    // Listens on all IPv4 interfaces (0.0.0.0).
+    bool StartProxy(int port, IResolveAddress* resolver, IZRTMultiPointLayer* multiPointLayer,
+                    IDatagramHandler* datagramHandler, IConnectionListener* connectionListener);
+    void StopProxy();
+    bool IsConnected();
+    IZRTMultiPointLayer* GetMultiPointLayer();
+
+    // Listens on a numeric IPv4 or IPv6 address text, such as "127.0.0.1" or "::1". Port 0 picks
+    // a free port (see GetListenPort).
+    bool StartProxy(const std::string& listenAddress, int port, IResolveAddress* resolver,
+                    IZRTMultiPointLayer* multiPointLayer, IDatagramHandler* datagramHandler,
+                    IConnectionListener* connectionListener);
+    // The listen queue length for the next start (LISTEN_BACKLOG unless set). A daemon serving
+    // bursts of clients wants more than the short default, or clients wait for a SYN retry.
+    void SetListenBacklog(int backlog) { m_listenBacklog = backlog > 0 ? backlog : LISTEN_BACKLOG; }
+    // Why the last start failed, in one line ("" after a good one).
+    const std::string& GetStartError() const { return m_startError; }
+    // The port actually bound, or 0 when not started.
+    int GetListenPort() const;
+    size_t GetConnectionCount() const;
+    EProxyMode GetMode() const { return m_mode; }
+    CAddressManager& GetAddressManager() { return m_addressManager; }
+    // Settings for the next start; the connections of a running proxy read them.
+    void SetSettings(const SProxySettings& settings) { m_settings = settings; }
+    const SProxySettings& GetSettings() const { return m_settings; }
+
+    // Makes the handler for a client from its first chunk: the protocol factory's choice, or the
+    // creator given here (tests put handlers of their own behind a real server this way).
+    using ProtocolCreator = std::function<IConnectionProtocol*(IProxyConnection& connection, const char* data, int length)>;
+    IConnectionProtocol* CreateProtocol(IProxyConnection& connection, const char* data, int length);
+    void SetProtocolCreator(ProtocolCreator creator);
+
+    CProxyStats& GetStats() { return m_stats; }
+    const CProxyStats& GetStats() const { return m_stats; }
+    // Told of starts, stops, finished connections and errors; set it while stopped.
+    void SetObserver(IProxyObserver* observer) { m_observer = observer; }
+    IProxyObserver* GetObserver() const { return m_observer; }
+    // The pool the server's and its connections' threads come from (the process-wide one unless
+    // set); set it while stopped. StopProxy ends every thread of it, so none runs afterwards.
+    void SetThreadPool(QOX::CThreadPool* pool);
+
+    void CloseProxyConnections();
+    void OnConnectionCreated(CProxyConnection* connection);
+    void OnConnectionDestroyed(CProxyConnection* connection);
+
+protected:
+    int Run() override;
+
+private:
+    enum class EAccept { Accepted, NothingWaiting, OutOfDescriptors };
+
+    int OpenListenSocket(const std::string& listenAddress, int port);
+    // Records why a start failed; false.
+    bool FailStart(const std::string& reason);
+    static std::string DescribeEndpoint(const std::string& address, int port);
+    EAccept AcceptOne(int listenSocket);
+
+    // Guards m_connections and m_creator. Taken inside a connection's mutex (a connection leaving
+    // the set), never the other way round.
+    mutable std::mutex m_mutex;
+    IZRTMultiPointLayer* m_multiPointLayer = nullptr;
+    IDatagramHandler* m_datagramHandler = nullptr;
+    IConnectionListener* m_connectionListener = nullptr;
+    std::atomic<int> m_listenSocket{-1};
+    std::atomic<int> m_listenPort{0};
+    std::set<CProxyConnection*> m_connections;
+    EProxyMode m_mode;
+    std::atomic<int> m_listenBacklog{LISTEN_BACKLOG};
+    CAddressManager m_addressManager;
+    SProxySettings m_settings;
+    ProtocolCreator m_creator;
+    CProxyStats m_stats;
+    IProxyObserver* m_observer = nullptr;
+    QOX::CThreadPool* m_pool = nullptr;
+    std::string m_listenAddressText;
+    std::string m_startError; // the controlling thread's: written and read by StartProxy's caller
+};
+
+} // namespace Proxy
+} // namespace ZRT
