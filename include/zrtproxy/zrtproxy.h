@@ -67,8 +67,8 @@ typedef struct zrt_proxy_stats {
     uint64_t refused_bad_request;    /* malformed or unsupported requests */
     uint64_t refused_no_destination; /* no host, the proxy itself, a name that did not resolve */
     uint64_t refused_unreachable;    /* the destination could not be connected */
-    uint64_t bytes_client_to_host;
-    uint64_t bytes_host_to_client;
+    uint64_t bytes_client_to_host;   /* passed on to destinations (negotiation not counted) */
+    uint64_t bytes_host_to_client;   /* received from destinations */
     uint64_t udp_datagrams_client_to_host;
     uint64_t udp_datagrams_host_to_client;
 } zrt_proxy_stats_t;

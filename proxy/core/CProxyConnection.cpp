@@ -387,7 +387,6 @@ void CProxyConnection::ReadClient()
     if (m_linkState == ELink::Closed)
         return;
     const int length = static_cast<int>(count);
-    CountClientBytes(static_cast<uint64_t>(length));
     if (!m_protocol) {
         m_protocol = m_server ? m_server->CreateProtocol(*this, buffer, length)
                              : CConnectionProtocolFactory::GetInstance()->CreateProtocol(*this, buffer, length);
@@ -886,6 +885,9 @@ bool CProxyConnection::SendToHost(const char* data, int length)
     if (!link || m_linkState != ELink::Open)
         return false;
     link->SendData(reinterpret_cast<const unsigned char*>(data), length);
+    // What reaches the host, as the handler passed it on (negotiation bytes are not counted).
+    if (length > 0)
+        CountClientBytes(static_cast<uint64_t>(length));
     return true;
 }
 

@@ -1,0 +1,462 @@
+/* The C interface as a C host uses it: each case is a function, run by name
+ * (test_capi CASE), so that ctest runs them apart. SIGPIPE keeps its default action throughout:
+ * a signal the library lets through kills the test. */
+#define _GNU_SOURCE
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <pthread.h>
+#include <signal.h>
+#include <stdatomic.h>
+#include <stdio.h>
+#include <string.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include "capi_support.h"
+#include "zrtproxy/zrtproxy.h"
+
+static zrt_proxy_t* started_proxy(void)
+{
+    zrt_proxy_t* proxy = zrt_proxy_create();
+    CHECK(proxy != NULL);
+    CHECK(zrt_proxy_set_option(proxy, "port", "0") == ZRT_OK);
+    CHECK(zrt_proxy_start(proxy) == ZRT_OK);
+    CHECK(zrt_proxy_port(proxy) > 0);
+    return proxy;
+}
+
+/* A GET through a SOCKS5 tunnel to the server; the bytes of the response. */
+static long socks5_fetch(zrt_proxy_t* proxy, const char* host, int port)
+{
+    int reply = 0;
+    int fd = capi_socks5_connect(zrt_proxy_port(proxy), host, port, &reply);
+    if (fd < 0)
+        return -1;
+    long got = capi_http_exchange(fd, host);
+    close(fd);
+    return got;
+}
+
+static zrt_proxy_stats_t stats_of(const zrt_proxy_t* proxy)
+{
+    zrt_proxy_stats_t stats;
+    memset(&stats, 0, sizeof(stats));
+    stats.size = sizeof(stats);
+    CHECK(zrt_proxy_get_stats(proxy, &stats) == ZRT_OK);
+    return stats;
+}
+
+/* Connections end on their own threads just after the client sees the close. */
+static void wait_idle(const zrt_proxy_t* proxy)
+{
+    long long deadline = capi_now_ms() + 10000;
+    while (stats_of(proxy).connections_active != 0 && capi_now_ms() < deadline)
+        capi_sleep_ms(5);
+    CHECK(stats_of(proxy).connections_active == 0);
+}
+
+static void test_serve_count_stop_restart(void)
+{
+    capi_server_t* server = capi_server_start(1000);
+    zrt_proxy_t* proxy = started_proxy();
+
+    CHECK(socks5_fetch(proxy, "127.0.0.2", capi_server_port(server)) > 1000);
+    CHECK(capi_http_get(zrt_proxy_port(proxy), "127.0.0.2", capi_server_port(server)) == 200);
+    wait_idle(proxy);
+    zrt_proxy_stats_t stats = stats_of(proxy);
+    CHECK(stats.connections_total == 2);
+    CHECK(stats.socks5_total == 1);
+    CHECK(stats.http_total == 1);
+    CHECK(stats.bytes_host_to_client > 2000);
+    CHECK(stats.bytes_client_to_host > 0);
+    CHECK(stats.refused_bad_request == 0 && stats.refused_unreachable == 0);
+
+    /* A caller built against a shorter struct gets its part and nothing beyond it. */
+    struct {
+        zrt_proxy_stats_t head;
+        unsigned long long guard;
+    } shorter;
+    memset(&shorter, 0xAB, sizeof(shorter));
+    shorter.head.size = offsetof(zrt_proxy_stats_t, socks5_total);
+    CHECK(zrt_proxy_get_stats(proxy, &shorter.head) == ZRT_OK);
+    CHECK(shorter.head.connections_total == 2);
+    CHECK(shorter.head.socks5_total == 0xABABABABABABABABull);
+    shorter.head.size = 1;
+    CHECK(zrt_proxy_get_stats(proxy, &shorter.head) == ZRT_E_INVALID);
+
+    zrt_proxy_stop(proxy);
+    CHECK(zrt_proxy_port(proxy) == 0);
+    zrt_proxy_stop(proxy); /* harmless twice */
+
+    CHECK(zrt_proxy_start(proxy) == ZRT_OK);
+    CHECK(socks5_fetch(proxy, "127.0.0.2", capi_server_port(server)) > 1000);
+    wait_idle(proxy);
+    CHECK(stats_of(proxy).connections_total == 3); /* counters live across restarts */
+    zrt_proxy_destroy(proxy);                      /* stops first */
+    capi_server_stop(server);
+}
+
+static void test_options_and_errors(void)
+{
+    zrt_proxy_t* proxy = zrt_proxy_create();
+    CHECK(zrt_proxy_set_option(proxy, "no-such-option", "1") == ZRT_E_UNKNOWN_OPTION);
+    CHECK(strstr(zrt_proxy_last_error(proxy), "no-such-option") != NULL);
+    CHECK(zrt_proxy_set_option(proxy, "port", "65536") == ZRT_E_BAD_VALUE);
+    CHECK(strstr(zrt_proxy_last_error(proxy), "port") != NULL);
+    CHECK(zrt_proxy_set_option(proxy, "port", "-1") == ZRT_E_BAD_VALUE);
+    CHECK(zrt_proxy_set_option(proxy, "listen", "localhost") == ZRT_E_BAD_VALUE);
+    CHECK(zrt_proxy_set_option(proxy, "bind-timeout", "0") == ZRT_E_BAD_VALUE);
+    CHECK(zrt_proxy_set_option(proxy, NULL, "1") == ZRT_E_INVALID);
+    CHECK(zrt_proxy_set_option(proxy, "listen", "[::1]") == ZRT_OK);
+    CHECK(strcmp(zrt_proxy_last_error(proxy), "") == 0);
+    CHECK(zrt_proxy_set_option(proxy, "listen", NULL) == ZRT_OK); /* back to 127.0.0.1 */
+    CHECK(zrt_proxy_set_option(proxy, "port", "0") == ZRT_OK);
+    CHECK(zrt_proxy_start(proxy) == ZRT_OK);
+    CHECK(zrt_proxy_set_option(proxy, "port", "0") == ZRT_E_RUNNING);
+
+    /* A second start is an error and changes nothing. */
+    int port = zrt_proxy_port(proxy);
+    CHECK(zrt_proxy_start(proxy) == ZRT_E_RUNNING);
+    CHECK(zrt_proxy_port(proxy) == port);
+
+    /* A port in use is a failed start with the reason. */
+    char text[16];
+    snprintf(text, sizeof(text), "%d", port);
+    zrt_proxy_t* second = zrt_proxy_create();
+    CHECK(zrt_proxy_set_option(second, "port", text) == ZRT_OK);
+    CHECK(zrt_proxy_start(second) == ZRT_E_START);
+    CHECK(strstr(zrt_proxy_last_error(second), "in use") != NULL);
+    CHECK(zrt_proxy_port(second) == 0);
+    zrt_proxy_destroy(second);
+    zrt_proxy_destroy(proxy);
+
+    /* Every option describes itself; NULL handles are refused, not crashed on. */
+    int count = 0;
+    for (const char* name; (name = zrt_option_name(count)) != NULL; ++count) {
+        CHECK(zrt_option_value(name) != NULL);
+        CHECK(zrt_option_description(name) != NULL);
+    }
+    CHECK(count >= 4);
+    CHECK(zrt_option_value("no-such-option") == NULL);
+    CHECK(zrt_proxy_set_option(NULL, "port", "0") == ZRT_E_INVALID);
+    CHECK(zrt_proxy_start(NULL) == ZRT_E_INVALID);
+    CHECK(zrt_proxy_port(NULL) == 0);
+    zrt_proxy_stop(NULL);
+    zrt_proxy_destroy(NULL);
+    CHECK(strchr(zrt_proxy_version(), '.') != NULL);
+}
+
+/* Resolvers for the two-proxy case: one answers on the caller's thread, one from a thread of
+ * its own a little later; each counts its calls. */
+struct resolver {
+    atomic_int calls;
+    int knows_names;
+};
+
+static void answer_now(void* context, const char* name, zrt_lookup_t* lookup)
+{
+    struct resolver* resolver = context;
+    atomic_fetch_add(&resolver->calls, 1);
+    struct sockaddr_storage address;
+    memset(&address, 0, sizeof(address));
+    struct sockaddr_in* v4 = (struct sockaddr_in*)&address;
+    v4->sin_family = AF_INET;
+    inet_pton(AF_INET, "127.0.0.2", &v4->sin_addr);
+    zrt_lookup_answer(lookup, &address, resolver->knows_names && strcmp(name, "dest.test") == 0 ? 1 : 0);
+}
+
+static void* answer_later_thread(void* lookup)
+{
+    capi_sleep_ms(20);
+    zrt_lookup_answer(lookup, NULL, 0);
+    return NULL;
+}
+
+static void answer_later(void* context, const char* name, zrt_lookup_t* lookup)
+{
+    struct resolver* resolver = context;
+    (void)name;
+    atomic_fetch_add(&resolver->calls, 1);
+    pthread_t thread;
+    CHECK(pthread_create(&thread, NULL, answer_later_thread, lookup) == 0);
+    pthread_detach(thread);
+}
+
+static void test_two_proxies_ask_their_own_resolvers(void)
+{
+    capi_server_t* server = capi_server_start(10);
+    const int port = capi_server_port(server);
+    struct resolver knowing = {0, 1};
+    struct resolver failing = {0, 0};
+    zrt_proxy_t* first = zrt_proxy_create();
+    zrt_proxy_t* second = zrt_proxy_create();
+    zrt_proxy_set_resolver(first, answer_now, &knowing);
+    zrt_proxy_set_resolver(second, answer_later, &failing);
+    CHECK(zrt_proxy_set_option(first, "port", "0") == ZRT_OK && zrt_proxy_start(first) == ZRT_OK);
+    CHECK(zrt_proxy_set_option(second, "port", "0") == ZRT_OK && zrt_proxy_start(second) == ZRT_OK);
+
+    int reply = 0;
+    CHECK(socks5_fetch(first, "dest.test", port) > 10);
+    int fd = capi_socks5_connect(zrt_proxy_port(second), "dest.test", port, &reply);
+    CHECK(fd < 0 && reply > 0); /* refused, not answered from the first proxy's cache */
+    CHECK(atomic_load(&knowing.calls) == 1);
+    CHECK(atomic_load(&failing.calls) == 1);
+
+    /* The first one's stop leaves the second one's names alone. */
+    zrt_proxy_stop(first);
+    fd = capi_socks5_connect(zrt_proxy_port(second), "other.test", port, &reply);
+    CHECK(fd < 0 && reply > 0);
+    CHECK(atomic_load(&failing.calls) == 2);
+    CHECK(atomic_load(&knowing.calls) == 1);
+    zrt_proxy_destroy(second);
+    zrt_proxy_destroy(first);
+    capi_server_stop(server);
+}
+
+static void test_stop_does_not_wait_for_a_connect(void)
+{
+    /* A destination whose queue is full: the kernel drops further SYNs, so a connect to it
+     * hangs until its time limit. */
+    int port = 0;
+    int full = capi_listen("127.0.0.2", 0, &port);
+    CHECK(full >= 0);
+    struct sockaddr_in target;
+    memset(&target, 0, sizeof(target));
+    target.sin_family = AF_INET;
+    target.sin_port = htons((unsigned short)port);
+    inet_pton(AF_INET, "127.0.0.2", &target.sin_addr);
+    int fillers[4];
+    for (int i = 0; i < 4; ++i) {
+        fillers[i] = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK, 0);
+        connect(fillers[i], (struct sockaddr*)&target, sizeof(target));
+    }
+    capi_sleep_ms(100);
+
+    zrt_proxy_t* proxy = zrt_proxy_create();
+    CHECK(zrt_proxy_set_option(proxy, "port", "0") == ZRT_OK);
+    CHECK(zrt_proxy_set_option(proxy, "connect-timeout", "60") == ZRT_OK);
+    CHECK(zrt_proxy_start(proxy) == ZRT_OK);
+
+    /* The request goes out; the reply would take a minute. */
+    int client = socket(AF_INET, SOCK_STREAM, 0);
+    struct sockaddr_in entry;
+    memset(&entry, 0, sizeof(entry));
+    entry.sin_family = AF_INET;
+    entry.sin_port = htons((unsigned short)zrt_proxy_port(proxy));
+    entry.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    CHECK(connect(client, (struct sockaddr*)&entry, sizeof(entry)) == 0);
+    unsigned char greeting[3] = {5, 1, 0};
+    unsigned char answer[2];
+    CHECK(send(client, greeting, 3, MSG_NOSIGNAL) == 3);
+    CHECK(recv(client, answer, 2, MSG_WAITALL) == 2);
+    unsigned char request[10] = {5, 1, 0, 1, 127, 0, 0, 2, (unsigned char)(port >> 8), (unsigned char)port};
+    CHECK(send(client, request, 10, MSG_NOSIGNAL) == 10);
+    capi_sleep_ms(300);
+    CHECK(stats_of(proxy).connections_active == 1);
+
+    long long before = capi_now_ms();
+    zrt_proxy_stop(proxy);
+    long long took = capi_now_ms() - before;
+    fprintf(stderr, "stop took %lld ms with a connect under way\n", took);
+    CHECK(took < 5000);
+    unsigned char rest[16];
+    CHECK(recv(client, rest, sizeof(rest), 0) <= 0); /* the client is closed, not left waiting */
+    close(client);
+    zrt_proxy_destroy(proxy);
+    for (int i = 0; i < 4; ++i)
+        close(fillers[i]);
+    close(full);
+}
+
+static atomic_int g_started;
+static atomic_int g_stopped;
+
+static void on_thread_start(void* context)
+{
+    CHECK(context == &g_started);
+    atomic_fetch_add(&g_started, 1);
+}
+
+static void on_thread_stop(void* context)
+{
+    CHECK(context == &g_started);
+    atomic_fetch_add(&g_stopped, 1);
+}
+
+static void test_thread_hooks_are_balanced(void)
+{
+    capi_server_t* server = capi_server_start(100);
+    zrt_proxy_t* proxy = zrt_proxy_create();
+    zrt_proxy_set_thread_hooks(proxy, on_thread_start, on_thread_stop, &g_started);
+    CHECK(zrt_proxy_set_option(proxy, "port", "0") == ZRT_OK);
+    for (int round = 0; round < 2; ++round) {
+        CHECK(zrt_proxy_start(proxy) == ZRT_OK);
+        for (int i = 0; i < 5; ++i)
+            CHECK(socks5_fetch(proxy, "127.0.0.2", capi_server_port(server)) > 100);
+        /* The transport threads, the accept thread and a connection thread at least. */
+        CHECK(atomic_load(&g_started) >= 4);
+        zrt_proxy_stop(proxy);
+        /* Stop returns when no thread of the proxy runs: every start has its stop. */
+        CHECK(atomic_load(&g_started) == atomic_load(&g_stopped));
+    }
+    zrt_proxy_destroy(proxy);
+    capi_server_stop(server);
+}
+
+struct socket_watch {
+    atomic_int seen;
+    atomic_int refuse;
+    atomic_int not_a_socket;
+};
+
+static int watch_socket(void* context, int fd)
+{
+    struct socket_watch* watch = context;
+    int type = 0;
+    socklen_t length = sizeof(type);
+    if (getsockopt(fd, SOL_SOCKET, SO_TYPE, &type, &length) != 0)
+        atomic_fetch_add(&watch->not_a_socket, 1);
+    atomic_fetch_add(&watch->seen, 1);
+    return atomic_load(&watch->refuse);
+}
+
+static void test_socket_hook_sees_and_refuses(void)
+{
+    capi_server_t* server = capi_server_start(100);
+    struct socket_watch watch = {0, 0, 0};
+    zrt_proxy_t* proxy = zrt_proxy_create();
+    zrt_proxy_set_socket_hook(proxy, watch_socket, &watch);
+    CHECK(zrt_proxy_set_option(proxy, "port", "0") == ZRT_OK);
+    CHECK(zrt_proxy_start(proxy) == ZRT_OK);
+    for (int i = 0; i < 3; ++i)
+        CHECK(socks5_fetch(proxy, "127.0.0.2", capi_server_port(server)) > 100);
+    CHECK(capi_http_get(zrt_proxy_port(proxy), "127.0.0.2", capi_server_port(server)) == 200);
+    CHECK(atomic_load(&watch.seen) == 4);
+    CHECK(atomic_load(&watch.not_a_socket) == 0);
+
+    /* A refused socket never reaches the destination: the client hears that it is unreachable. */
+    atomic_store(&watch.refuse, 1);
+    int clients = capi_server_clients(server);
+    int reply = 0;
+    CHECK(capi_socks5_connect(zrt_proxy_port(proxy), "127.0.0.2", capi_server_port(server), &reply) < 0);
+    CHECK(reply > 0);
+    CHECK(capi_http_get(zrt_proxy_port(proxy), "127.0.0.2", capi_server_port(server)) == 404);
+    CHECK(atomic_load(&watch.seen) == 6);
+    capi_sleep_ms(100);
+    CHECK(capi_server_clients(server) == clients);
+    wait_idle(proxy);
+    CHECK(stats_of(proxy).refused_unreachable == 2);
+    zrt_proxy_destroy(proxy);
+    capi_server_stop(server);
+}
+
+static void test_clients_that_vanish_mid_download_do_not_kill_the_host(void)
+{
+    CHECK(signal(SIGPIPE, SIG_DFL) != SIG_ERR);
+    capi_server_t* server = capi_server_start(64u << 20);
+    zrt_proxy_t* proxy = started_proxy();
+    for (int i = 0; i < 20; ++i) {
+        int reply = 0;
+        int fd = capi_socks5_connect(zrt_proxy_port(proxy), "127.0.0.2", capi_server_port(server), &reply);
+        CHECK(fd >= 0);
+        const char* request = "GET / HTTP/1.1\r\nHost: x\r\n\r\n";
+        CHECK(send(fd, request, strlen(request), MSG_NOSIGNAL) > 0);
+        char buffer[65536];
+        CHECK(recv(fd, buffer, sizeof(buffer), MSG_WAITALL) > 0);
+        /* Gone at once, with a reset when i is odd, while the proxy writes into the socket. */
+        if (i % 2) {
+            struct linger abort_now = {1, 0};
+            setsockopt(fd, SOL_SOCKET, SO_LINGER, &abort_now, sizeof(abort_now));
+        }
+        close(fd);
+    }
+    wait_idle(proxy);
+    /* Still alive, and still serving. */
+    capi_server_t* small = capi_server_start(10);
+    CHECK(socks5_fetch(proxy, "127.0.0.2", capi_server_port(small)) > 10);
+    zrt_proxy_destroy(proxy);
+    capi_server_stop(small);
+    capi_server_stop(server);
+}
+
+struct log_lines {
+    pthread_mutex_t mutex;
+    char text[8192];
+    const zrt_proxy_t* proxy;
+};
+
+static void collect_line(void* context, int level, const char* line)
+{
+    struct log_lines* lines = context;
+    zrt_proxy_stats_t stats;
+    stats.size = sizeof(stats);
+    /* Allowed from a callback: it takes no lock that the caller holds. */
+    CHECK(zrt_proxy_get_stats(lines->proxy, &stats) == ZRT_OK);
+    CHECK(level >= ZRT_LOG_ERROR && level <= ZRT_LOG_DEBUG);
+    pthread_mutex_lock(&lines->mutex);
+    strncat(lines->text, line, sizeof(lines->text) - strlen(lines->text) - 2);
+    strcat(lines->text, "\n");
+    pthread_mutex_unlock(&lines->mutex);
+}
+
+static void test_log_lines(void)
+{
+    capi_server_t* server = capi_server_start(100);
+    struct log_lines lines;
+    memset(&lines, 0, sizeof(lines));
+    pthread_mutex_init(&lines.mutex, NULL);
+    zrt_proxy_t* proxy = zrt_proxy_create();
+    lines.proxy = proxy;
+    zrt_proxy_set_log_callback(proxy, collect_line, &lines);
+    CHECK(zrt_proxy_set_option(proxy, "port", "0") == ZRT_OK);
+    CHECK(zrt_proxy_start(proxy) == ZRT_OK);
+    CHECK(socks5_fetch(proxy, "127.0.0.2", capi_server_port(server)) > 100);
+    int reply = 0;
+    CHECK(capi_socks5_connect(zrt_proxy_port(proxy), "127.0.0.2", 1, &reply) < 0);
+    wait_idle(proxy);
+    zrt_proxy_stop(proxy);
+    char expected[128];
+    snprintf(expected, sizeof(expected), "listening on 127.0.0.1:%d\n", 0);
+    fputs(lines.text, stderr);
+    CHECK(strstr(lines.text, "listening on 127.0.0.1:") != NULL);
+    snprintf(expected, sizeof(expected), " socks5 - 127.0.0.2:%d ok ", capi_server_port(server));
+    CHECK(strstr(lines.text, expected) != NULL);
+    CHECK(strstr(lines.text, " socks5 - 127.0.0.2:1 unreachable 0 0 ") != NULL);
+    CHECK(strstr(lines.text, "stopped\n") != NULL);
+    zrt_proxy_destroy(proxy);
+    capi_server_stop(server);
+}
+
+struct named_test {
+    const char* name;
+    void (*run)(void);
+};
+
+static const struct named_test TESTS[] = {
+    {"serve_count_stop_restart", test_serve_count_stop_restart},
+    {"options_and_errors", test_options_and_errors},
+    {"two_proxies_ask_their_own_resolvers", test_two_proxies_ask_their_own_resolvers},
+    {"stop_does_not_wait_for_a_connect", test_stop_does_not_wait_for_a_connect},
+    {"thread_hooks_are_balanced", test_thread_hooks_are_balanced},
+    {"socket_hook_sees_and_refuses", test_socket_hook_sees_and_refuses},
+    {"clients_that_vanish_mid_download_do_not_kill_the_host", test_clients_that_vanish_mid_download_do_not_kill_the_host},
+    {"log_lines", test_log_lines},
+};
+
+int main(int argc, char** argv)
+{
+    for (size_t i = 0; i < sizeof(TESTS) / sizeof(TESTS[0]); ++i) {
+        if (argc < 2) {
+            puts(TESTS[i].name);
+            continue;
+        }
+        if (strcmp(argv[1], TESTS[i].name) == 0) {
+            TESTS[i].run();
+            return 0;
+        }
+    }
+    if (argc < 2)
+        return 0;
+    fprintf(stderr, "no test named %s\n", argv[1]);
+    return 2;
+}
