@@ -203,7 +203,7 @@ void CAddressManager::Terminate()
     resolver->RemoveNotification(this);
     for (CSyncWaiter* waiter : syncWaiters)
         waiter->GiveUp();
-    Deliver(std::move(failed), AddressPtr());
+    Deliver(failed, AddressPtr());
     std::unique_lock<std::mutex> hold(m_mutex);
     m_changed.wait(hold, [&] { return m_resolverCalls == 0; });
 }
@@ -467,14 +467,14 @@ void CAddressManager::OnResolveAddressCompleted(int /*status*/, const std::strin
             m_deliveries.push_back({waiting.waiter, std::this_thread::get_id()});
         }
     }
-    Deliver(std::move(waiters), result);
+    Deliver(waiters, result);
     std::lock_guard<std::mutex> hold(m_mutex);
     --m_resolverCalls;
     m_changed.notify_all();
 }
 
 // The waiters were entered in m_deliveries by the caller; each leaves it once told.
-void CAddressManager::Deliver(std::vector<SWaiting> waiters, const AddressPtr& result)
+void CAddressManager::Deliver(const std::vector<SWaiting>& waiters, const AddressPtr& result)
 {
     for (const SWaiting& waiting : waiters) {
         waiting.waiter->OnLookupDone(WithPort(result, waiting.key));

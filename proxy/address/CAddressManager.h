@@ -132,7 +132,7 @@ private:
     void EraseLocked(std::unordered_map<std::string, SEntry>::iterator entry);
     // Takes waiter out of the pending lookups; the key asked for its name when it was the last.
     std::string WithdrawLocked(IWaiter* waiter);
-    void Deliver(std::vector<SWaiting> waiters, const AddressPtr& result);
+    void Deliver(const std::vector<SWaiting>& waiters, const AddressPtr& result);
     void CollectLocalAddressesLocked();
     void RefreshOwnAddressesLocked();
 

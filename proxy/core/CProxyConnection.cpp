@@ -496,7 +496,7 @@ bool CProxyConnection::MoveHostBytes()
         m_protocol->HandleResponse(reinterpret_cast<const char*>(HostBuffer()), count);
         // A full read means a stream in full flow: once the handler relays unchanged, later
         // bytes may skip user space altogether.
-        if (count == HOST_READ_SIZE && m_protocol && m_protocol->PassesResponsesThrough())
+        if (count == HOST_READ_SIZE && m_protocol->PassesResponsesThrough())
             m_spliceHost = true;
         return m_client == EClient::Open && m_toClient == EFlow::Open;
     }
@@ -812,7 +812,7 @@ unsigned char* CProxyConnection::HostBuffer()
     return m_hostBuffer.get();
 }
 
-bool CProxyConnection::InstallLink(QOX::CRefCountPtr<IZRTDataLayer> link, ELink state)
+bool CProxyConnection::InstallLink(const QOX::CRefCountPtr<IZRTDataLayer>& link, ELink state)
 {
     {
         std::lock_guard<std::mutex> hold(m_mutex);

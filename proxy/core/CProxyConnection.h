@@ -173,7 +173,7 @@ private:
     // it sleeps).
     void Notify(unsigned notice);
     void AdvanceEnds();
-    bool InstallLink(QOX::CRefCountPtr<IZRTDataLayer> link, ELink state);
+    bool InstallLink(const QOX::CRefCountPtr<IZRTDataLayer>& link, ELink state);
     void FlushClientOutput();
     // Under m_mutex: writes queued output; false on a socket error.
     bool WriteQueuedLocked();
