@@ -31,9 +31,9 @@ struct SDirectHostSettings {
     // lookups) before it connects, binds or sends; false refuses that use of it. Called on the
     // host's or the engine's threads, possibly several at once.
     std::function<bool(int socket)> socketHook;
-    // Looks names up instead of the host's own resolver: called with a host name on a transport
-    // thread, it must not block, and replies once, at once or later, on any thread. A lookup
-    // not replied to within lookupTimeoutMs fails.
+    // Looks names up instead of the host's own resolver: called with a host name on the thread
+    // that asks (a connection's), it must not block, and replies once, at once or later, on any
+    // thread. A lookup not replied to within lookupTimeoutMs fails.
     std::function<void(const std::string& name, LookupReply reply)> resolveHook;
 };
 

@@ -130,9 +130,10 @@ ZRT_API void zrt_proxy_set_thread_hooks(zrt_proxy_t* proxy, void (*on_start)(voi
 ZRT_API void zrt_proxy_set_socket_hook(zrt_proxy_t* proxy, int (*hook)(void* context, int fd), void* context);
 
 /* Names are looked up by this hook instead of the library's own resolver. It is called for a
- * host name (never a numeric address) on a thread of the proxy, must not block for long, and
- * answers later or at once with zrt_lookup_answer, on any thread. NULL restores the library's
- * resolver. Set it while the proxy is stopped. */
+ * host name (never a numeric address) on the thread of the client that needs it, must not block
+ * for long, and answers at once or later with zrt_lookup_answer, on any thread (inside the hook
+ * too). A lookup not answered within "lookup-timeout" counts as failed. NULL restores the
+ * library's resolver. Set it while the proxy is stopped. */
 ZRT_API void zrt_proxy_set_resolver(zrt_proxy_t* proxy, void (*resolve)(void* context, const char* name, zrt_lookup_t* lookup),
                                     void* context);
 /* Answers a lookup with count addresses (IPv4 or IPv6, ports ignored); count 0 means the name
