@@ -25,8 +25,10 @@ void CLogRelay::OnStopped()
 
 void CLogRelay::OnConnectionFinished(const Proxy::SConnectionRecord& record)
 {
-    // A refused or failed exchange is worth a closer look than a served one.
-    const int level = record.outcome == Proxy::EOutcome::Ok ? ZRT_LOG_INFO : ZRT_LOG_WARNING;
+    // Who was turned away (a wrong password, an address outside the allow list) matters to an
+    // operator (fail2ban reads these); a destination that failed is the client's business.
+    const bool turnedAway = record.outcome == Proxy::EOutcome::AuthFailed || record.outcome == Proxy::EOutcome::NotAllowed;
+    const int level = turnedAway ? ZRT_LOG_WARNING : ZRT_LOG_INFO;
     Emit(level, Describe(record));
 }
 

@@ -67,9 +67,9 @@ void CProxy::SetListenBacklog(int backlog)
     m_server->SetListenBacklog(backlog);
 }
 
-void CProxy::SetSettings(const SProxySettings& settings)
+bool CProxy::SetSettings(const SProxySettings& settings)
 {
-    m_server->SetSettings(settings);
+    return m_server->SetSettings(settings);
 }
 
 SProxySettings CProxy::GetSettings() const

@@ -64,10 +64,12 @@ public:
     size_t GetConnectionCount() const;
     EProxyMode GetMode() const { return m_mode; }
 
-    // The rest applies at the next start; set it while stopped.
-    // The listen queue length (16 unless set). A server for bursts of clients wants SOMAXCONN.
+    // The listen queue length, the observer and the hooks apply at the next start; set them while
+    // stopped. The listen queue length (16 unless set). A server for bursts of clients wants SOMAXCONN.
     void SetListenBacklog(int backlog);
-    void SetSettings(const SProxySettings& settings);
+    // Settings for connections accepted from now on (also while running); false, and nothing
+    // changes, when an allow entry is not a CIDR block.
+    bool SetSettings(const SProxySettings& settings);
     SProxySettings GetSettings() const;
     // Told of starts, stops, finished connections and errors; null for none.
     void SetObserver(IProxyObserver* observer);

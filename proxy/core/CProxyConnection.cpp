@@ -78,8 +78,21 @@ int MillisecondsUntil(std::chrono::steady_clock::time_point deadline)
 
 QOX::CAtomicInt CProxyConnection::ms_connID(0);
 
-CProxyConnection::CProxyConnection(CProxyServer* proxy)
-    : CThread(false), m_proxy(proxy), m_server(proxy), m_id(ms_connID.Increment())
+namespace {
+std::shared_ptr<const SProxySettings> SettingsFor(CProxyServer* server, std::shared_ptr<const SProxySettings> given)
+{
+    if (given)
+        return given;
+    if (server)
+        return server->GetSettingsSnapshot();
+    static const std::shared_ptr<const SProxySettings> defaults = std::make_shared<SProxySettings>();
+    return defaults;
+}
+} // namespace
+
+CProxyConnection::CProxyConnection(CProxyServer* proxy, std::shared_ptr<const SProxySettings> settings)
+    : CThread(false), m_proxy(proxy), m_server(proxy), m_id(ms_connID.Increment()),
+      m_settings(SettingsFor(proxy, std::move(settings)))
 {
     if (m_proxy)
         m_proxy->OnConnectionCreated(this);
@@ -178,7 +191,7 @@ void CProxyConnection::Report()
     SConnectionRecord record;
     record.client = m_clientAddress.ToString();
     record.protocol = m_exchangeProtocol;
-    record.user = "-";
+    record.user = m_user;
     record.destination = m_destination;
     record.outcome = m_outcome;
     record.bytesClientToHost = m_bytesClientToHost;
@@ -287,9 +300,12 @@ bool CProxyConnection::Turn()
     else if (fds[2].revents != 0)
         m_hostPending = true;
     PumpHost();
-    if (fds[3].revents != 0 && m_protocol && m_client == EClient::Open)
+    if (fds[3].revents != 0 && m_protocol && m_client == EClient::Open) {
+        NoteActivity(); // a datagram of an association
         m_protocol->OnDescriptorReady();
+    }
     RunHandlerTimer();
+    EnforceLimits();
     AdvanceEnds();
     return m_client != EClient::Closed;
 }
@@ -319,6 +335,11 @@ CProxyConnection::STurn CProxyConnection::PlanTurn()
     if (m_linkState == ELink::Connecting) {
         const int connect = MillisecondsUntil(m_connectDeadline);
         turn.timeout = turn.timeout < 0 ? connect : std::min(turn.timeout, connect);
+    }
+    Clock::time_point limit;
+    if (m_client == EClient::Open && NextLimit(limit)) {
+        const int left = MillisecondsUntil(limit);
+        turn.timeout = turn.timeout < 0 ? left : std::min(turn.timeout, left);
     }
     return turn;
 }
@@ -357,8 +378,10 @@ void CProxyConnection::TakeNotices(unsigned notices)
             m_hostPending = true;
         }
     }
-    if ((notices & NOTICE_HANDLER) && m_protocol && m_client == EClient::Open)
+    if ((notices & NOTICE_HANDLER) && m_protocol && m_client == EClient::Open) {
+        NoteActivity(); // a lookup's answer, a BIND peer, a datagram from a host
         m_protocol->Resume();
+    }
 }
 
 // ---- client to host ----
@@ -380,6 +403,7 @@ void CProxyConnection::ReadClient()
         ClientEnded();
         return;
     }
+    NoteActivity();
     // Bytes that come after the link closed have nowhere to go; a closure reported while they
     // came counts as before them.
     if (m_notices.load() & NOTICE_LINK_CLOSED)
@@ -420,8 +444,10 @@ bool CProxyConnection::SpliceClientToHost()
     if (!link)
         return false;
     const int taken = link->SendFrom(m_clientSocket, CLIENT_SPLICE_SIZE);
-    if (taken > 0)
+    if (taken > 0) {
         CountClientBytes(static_cast<uint64_t>(taken));
+        NoteActivity();
+    }
     if (taken > 0 || taken == IZRTDataLayer::SEND_NOTHING_NOW)
         return true;
     if (taken == IZRTDataLayer::SEND_SOCKET_ENDED) {
@@ -475,6 +501,7 @@ bool CProxyConnection::MoveHostBytes()
         const int moved = link->ReceiveInto(m_clientSocket, HOST_SPLICE_SIZE);
         if (moved > 0) {
             CountHostBytes(static_cast<uint64_t>(moved));
+            NoteActivity();
             return true;
         }
         if (moved == IZRTDataLayer::RECEIVE_NOTHING_NOW) {
@@ -493,6 +520,7 @@ bool CProxyConnection::MoveHostBytes()
     const int count = link->ReceiveData(HostBuffer(), HOST_READ_SIZE);
     if (count > 0) {
         CountHostBytes(static_cast<uint64_t>(count));
+        NoteActivity();
         m_protocol->HandleResponse(reinterpret_cast<const char*>(HostBuffer()), count);
         // A full read means a stream in full flow: once the handler relays unchanged, later
         // bytes may skip user space altogether.
@@ -638,6 +666,8 @@ void CProxyConnection::FlushClientOutput()
         Abort();
         return;
     }
+    if (after != before)
+        NoteActivity();
     const bool crossedLow = before >= CLIENT_OUTPUT_LOW_WATER && after < CLIENT_OUTPUT_LOW_WATER;
     if ((crossedLow || (before > 0 && after == 0)) && m_protocol && m_client == EClient::Open)
         m_protocol->OnClientDrained();
@@ -793,8 +823,48 @@ CAddressManager& CProxyConnection::GetAddressManager()
 
 const SProxySettings& CProxyConnection::GetSettings() const
 {
-    static const SProxySettings defaults;
-    return m_server ? m_server->GetSettings() : defaults;
+    return *m_settings;
+}
+
+void CProxyConnection::MarkRequestComplete()
+{
+    if (m_requestComplete)
+        return;
+    m_requestComplete = true;
+    m_lastActivity = Clock::now();
+}
+
+void CProxyConnection::SetUser(const std::string& user)
+{
+    m_user = user.empty() ? "-" : user;
+}
+
+bool CProxyConnection::NextLimit(Clock::time_point& deadline) const
+{
+    const SProxySettings& settings = *m_settings;
+    if (!m_requestComplete && settings.handshakeTimeoutMs > 0) {
+        deadline = m_started + std::chrono::milliseconds(settings.handshakeTimeoutMs);
+        return true;
+    }
+    if (m_requestComplete && settings.idleTimeoutMs > 0) {
+        deadline = m_lastActivity + std::chrono::milliseconds(settings.idleTimeoutMs);
+        return true;
+    }
+    return false;
+}
+
+void CProxyConnection::EnforceLimits()
+{
+    if (m_moved && m_requestComplete && m_settings->idleTimeoutMs > 0)
+        m_lastActivity = Clock::now();
+    m_moved = false;
+    Clock::time_point deadline;
+    if (m_client != EClient::Open || !NextLimit(deadline) || Clock::now() < deadline)
+        return;
+    // A served tunnel that fell silent ends as a time-out too, whatever was judged before.
+    m_outcomeSet = false;
+    SetOutcome(EOutcome::Timeout);
+    Abort();
 }
 
 // ---- host link ----

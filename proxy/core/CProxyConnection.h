@@ -77,7 +77,9 @@ public:
     static constexpr int HOST_SPLICE_SIZE = static_cast<int>(CLIENT_OUTPUT_HIGH_WATER);
     static constexpr int CLIENT_SPLICE_SIZE = 256 * 1024;
 
-    explicit CProxyConnection(CProxyServer* proxy);
+    // settings: what the connection works with for its whole life (the server's current ones
+    // when null).
+    explicit CProxyConnection(CProxyServer* proxy, std::shared_ptr<const SProxySettings> settings = nullptr);
     ~CProxyConnection() override;
     CProxyConnection(const CProxyConnection&) = delete;
     CProxyConnection& operator=(const CProxyConnection&) = delete;
@@ -121,6 +123,8 @@ public:
     void DescribeExchange(const char* protocol, const std::string& destination) override;
     void SetOutcome(EOutcome outcome) override;
     CProxyStats& GetStats() override;
+    void MarkRequestComplete() override;
+    void SetUser(const std::string& user) override;
 
     // The thread has been started and has not ended yet.
     bool IsRunning() const;
@@ -169,6 +173,12 @@ private:
     void CompleteConnect();
     void FinishConnect(bool connected);
     void RunHandlerTimer();
+    // The handshake and idle limits: the earliest of them that applies, or none.
+    bool NextLimit(Clock::time_point& deadline) const;
+    // Ends a connection whose handshake or idle limit passed.
+    void EnforceLimits();
+    // Something moved; for the idle limit.
+    void NoteActivity() { m_moved = true; }
     // Leaves a notice for this thread; wakes it unless it is this thread (which looks before
     // it sleeps).
     void Notify(unsigned notice);
@@ -230,6 +240,11 @@ private:
     bool m_handlerTimerSet = false;
     // When a link that is still connecting counts as failed.
     Clock::time_point m_connectDeadline{};
+    // The settings the connection was accepted with (never null).
+    const std::shared_ptr<const SProxySettings> m_settings;
+    bool m_requestComplete = false;
+    bool m_moved = false;                 // bytes moved this turn
+    Clock::time_point m_lastActivity{};   // for the idle limit, kept only when one is set
 
     // Bytes for the client that the socket has not taken yet, oldest first (under m_mutex).
     std::deque<QOX::CRefCountPtr<CByteBuffer>> m_clientOutput;
@@ -249,6 +264,7 @@ private:
     Clock::time_point m_started = Clock::now();
     std::string m_exchangeProtocol = "-";
     std::string m_destination = "-";
+    std::string m_user = "-";
     EOutcome m_outcome = EOutcome::Ok;
     bool m_outcomeSet = false;
     uint64_t m_bytesClientToHost = 0;

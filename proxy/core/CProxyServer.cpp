@@ -9,6 +9,7 @@
 #include <poll.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <vector>
@@ -17,6 +18,7 @@
 #include "proxy/core/CProxyConnection.h"
 #include "runtime/CRefCountPtr.h"
 #include "transport/CSocketUtils.h"
+#include "transport/CTCPIPAddress.h"
 
 namespace ZRT {
 namespace Proxy {
@@ -195,11 +197,14 @@ int CProxyServer::Run()
 
 CProxyServer::EAccept CProxyServer::AcceptOne(int listenSocket)
 {
+    sockaddr_storage peer{};
+    socklen_t peerLength = sizeof(peer);
 #if defined(__linux__)
     // Close-on-exec and non-blocking in the same call (Android's libc has accept4 too).
-    const int client = accept4(listenSocket, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
+    const int client = accept4(listenSocket, reinterpret_cast<sockaddr*>(&peer), &peerLength,
+                               SOCK_CLOEXEC | SOCK_NONBLOCK);
 #else
-    const int client = accept(listenSocket, nullptr, nullptr);
+    const int client = accept(listenSocket, reinterpret_cast<sockaddr*>(&peer), &peerLength);
 #endif
     if (client < 0)
         return OutOfDescriptors(errno) ? EAccept::OutOfDescriptors : EAccept::NothingWaiting;
@@ -210,7 +215,10 @@ CProxyServer::EAccept CProxyServer::AcceptOne(int listenSocket)
         CSocketUtils::CloseSocket(client);
         return EAccept::NothingWaiting;
     }
-    auto* connection = new CProxyConnection(this);
+    const std::shared_ptr<const SActive> active = GetActive();
+    if (!Admit(client, peer, *active))
+        return EAccept::Accepted;
+    auto* connection = new CProxyConnection(this, std::shared_ptr<const SProxySettings>(active, &active->settings));
     connection->SetThreadPool(m_pool);
     // On failure Init closed the socket and nothing else refers to the connection.
     if (!connection->Init(client, m_multiPointLayer, m_datagramHandler, m_connectionListener)) {
@@ -220,6 +228,76 @@ CProxyServer::EAccept CProxyServer::AcceptOne(int listenSocket)
     m_stats.Add(CProxyStats::CONNECTIONS_TOTAL);
     m_stats.Add(CProxyStats::CONNECTIONS_ACTIVE);
     return EAccept::Accepted;
+}
+
+bool CProxyServer::Admit(int client, const sockaddr_storage& peer, const SActive& active)
+{
+    const bool allowed = active.allow.empty() ||
+                         std::any_of(active.allow.begin(), active.allow.end(),
+                                     [&](const CAddressRange& range) { return range.Contains(peer); });
+    if (!allowed) {
+        CSocketUtils::CloseSocket(client);
+        m_stats.Add(CProxyStats::REFUSED_NOT_ALLOWED);
+        ReportRefused(peer, EOutcome::NotAllowed);
+        return false;
+    }
+    const int limit = active.settings.maxClients;
+    if (limit > 0 && m_stats.Get(CProxyStats::CONNECTIONS_ACTIVE) >= static_cast<uint64_t>(limit)) {
+        CSocketUtils::CloseSocket(client);
+        m_stats.Add(CProxyStats::REFUSED_OVER_LIMIT);
+        // One report per episode: a flood of refusals must not become a flood of log lines.
+        if (!m_overLimit && m_observer)
+            m_observer->OnError("max-clients (" + std::to_string(limit) + ") reached: new clients are closed");
+        m_overLimit = true;
+        return false;
+    }
+    m_overLimit = false;
+    return true;
+}
+
+void CProxyServer::ReportRefused(const sockaddr_storage& peer, EOutcome outcome)
+{
+    if (!m_observer)
+        return;
+    CTCPIPAddress address;
+    const socklen_t length = peer.ss_family == AF_INET6 ? sizeof(sockaddr_in6) : sizeof(sockaddr_in);
+    address.SetAddress(reinterpret_cast<const sockaddr&>(peer), length);
+    SConnectionRecord record;
+    record.client = address.ToString();
+    record.outcome = outcome;
+    m_observer->OnConnectionFinished(record);
+}
+
+bool CProxyServer::SetSettings(const SProxySettings& settings)
+{
+    auto active = std::make_shared<SActive>();
+    active->settings = settings;
+    for (const std::string& text : settings.allow) {
+        CAddressRange range;
+        if (!range.Parse(text))
+            return false;
+        active->allow.push_back(range);
+    }
+    std::lock_guard<std::mutex> hold(m_settingsMutex);
+    m_active = std::move(active);
+    return true;
+}
+
+SProxySettings CProxyServer::GetSettings() const
+{
+    return GetActive()->settings;
+}
+
+std::shared_ptr<const SProxySettings> CProxyServer::GetSettingsSnapshot() const
+{
+    const std::shared_ptr<const SActive> active = GetActive();
+    return std::shared_ptr<const SProxySettings>(active, &active->settings);
+}
+
+std::shared_ptr<const CProxyServer::SActive> CProxyServer::GetActive() const
+{
+    std::lock_guard<std::mutex> hold(m_settingsMutex);
+    return m_active;
 }
 
 void CProxyServer::SetThreadPool(QOX::CThreadPool* pool)

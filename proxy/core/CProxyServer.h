@@ -1,13 +1,17 @@
 #pragma once
 
+#include <sys/socket.h>
+
 #include <atomic>
+#include <functional>
+#include <memory>
+#include <mutex>
 #include <set>
 #include <string>
-
-#include <functional>
-#include <mutex>
+#include <vector>
 
 #include "proxy/address/CAddressManager.h"
+#include "proxy/address/CAddressRange.h"
 #include "proxy/core/CProxyStats.h"
 #include "proxy/core/IProxyObserver.h"
 #include "proxy/core/IConnectionProtocol.h"
@@ -76,8 +80,12 @@ public:
     EProxyMode GetMode() const { return m_mode; }
     CAddressManager& GetAddressManager() { return m_addressManager; }
     // Settings for the next start; the connections of a running proxy read them.
-    void SetSettings(const SProxySettings& settings) { m_settings = settings; }
-    const SProxySettings& GetSettings() const { return m_settings; }
+    // Settings for connections accepted from now on; false (nothing changes) when an allow entry
+    // is not a CIDR block. Any thread, also while running.
+    bool SetSettings(const SProxySettings& settings);
+    SProxySettings GetSettings() const;
+    // The settings a connection accepted now works with, for its whole life.
+    std::shared_ptr<const SProxySettings> GetSettingsSnapshot() const;
 
     // Makes the handler for a client from its first chunk: the protocol factory's choice, or the
     // creator given here (tests put handlers of their own behind a real server this way).
@@ -104,6 +112,18 @@ protected:
 private:
     enum class EAccept { Accepted, NothingWaiting, OutOfDescriptors };
 
+    // The current settings with the allow list in parsed form.
+    struct SActive {
+        SProxySettings settings;
+        std::vector<CAddressRange> allow;
+    };
+
+    std::shared_ptr<const SActive> GetActive() const;
+    // Whether a client just accepted may stay: not when the allow list or the limit says no
+    // (counted, reported, and the socket closed).
+    bool Admit(int client, const sockaddr_storage& peer, const SActive& active);
+    void ReportRefused(const sockaddr_storage& peer, EOutcome outcome);
+
     int OpenListenSocket(const std::string& listenAddress, int port);
     // Records why a start failed; false.
     bool FailStart(const std::string& reason);
@@ -122,7 +142,10 @@ private:
     EProxyMode m_mode;
     std::atomic<int> m_listenBacklog{LISTEN_BACKLOG};
     CAddressManager m_addressManager;
-    SProxySettings m_settings;
+    // Guards m_active, swapped whole by SetSettings and copied at each accept.
+    mutable std::mutex m_settingsMutex;
+    std::shared_ptr<const SActive> m_active = std::make_shared<SActive>();
+    bool m_overLimit = false; // accept thread only: told the observer already
     ProtocolCreator m_creator;
     CProxyStats m_stats;
     IProxyObserver* m_observer = nullptr;

@@ -24,9 +24,10 @@ public:
         BYTES_HOST_TO_CLIENT,
         UDP_DATAGRAMS_CLIENT_TO_HOST,
         UDP_DATAGRAMS_HOST_TO_CLIENT,
-        REFUSED_NOT_ALLOWED,
+        REFUSED_NOT_ALLOWED, // a client outside the allow list, or a destination not allowed
         REFUSED_AUTH_FAILED,
-        TIMED_OUT,
+        REFUSED_OVER_LIMIT,  // closed at accept: max-clients reached
+        TIMED_OUT,           // closed by the handshake or idle limit
         COUNTER_COUNT
     };
 

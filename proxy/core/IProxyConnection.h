@@ -76,6 +76,11 @@ public:
     virtual void DescribeExchange(const char* protocol, const std::string& destination) = 0;
     virtual void SetOutcome(EOutcome outcome) = 0;
     virtual CProxyStats& GetStats() = 0;
+    // The client's request is complete (negotiation, authentication and command, or a whole
+    // HTTP header block): the handshake limit no longer applies, the idle limit from now on.
+    virtual void MarkRequestComplete() = 0;
+    // The user the client authenticated as (or tried to), for the record.
+    virtual void SetUser(const std::string& user) = 0;
 };
 
 } // namespace Proxy

@@ -11,10 +11,10 @@ enum class EOutcome { Ok, BadRequest, NoDestination, Unreachable, NotAllowed, Au
 
 // One finished connection (or UDP association): what the access log and the host's log hear.
 struct SConnectionRecord {
-    std::string client;      // address:port
-    std::string protocol;    // socks5, http, connect, udp, bind; "-" when none was chosen
-    std::string user;        // "-" without authentication
-    std::string destination; // host:port as the client named it; "-" when none
+    std::string client;            // address:port
+    std::string protocol = "-";    // socks5, http, connect, udp, bind; "-" when none was chosen
+    std::string user = "-";        // "-" without authentication
+    std::string destination = "-"; // host:port as the client named it; "-" when none
     EOutcome outcome = EOutcome::Ok;
     uint64_t bytesClientToHost = 0;
     uint64_t bytesHostToClient = 0;

@@ -1,9 +1,15 @@
 #pragma once
 
+#include <map>
+#include <string>
+#include <vector>
+
 namespace ZRT {
 namespace Proxy {
 
-// Settings of one proxy that its connections and handlers read; fixed while the proxy runs.
+// Settings of one proxy that its connections and handlers read. Each connection keeps the
+// settings that were current when it was accepted; a change while the proxy runs reaches the
+// connections accepted afterwards.
 struct SProxySettings {
     // How long a SOCKS5 BIND waits for its peer before it gives up (REP 1).
     int bindWaitMs = 120000;
@@ -11,6 +17,21 @@ struct SProxySettings {
     int lookupLimitMs = 30000;
     // How long opening a host link may take before it counts as failed.
     int connectTimeoutMs = 10000;
+
+    // Who may use the proxy, name -> password; empty: nobody has to authenticate. When set,
+    // SOCKS5 clients must use username/password authentication and HTTP clients must send
+    // Proxy-Authorization: Basic on their request.
+    std::map<std::string, std::string> users;
+    // Client addresses allowed in, as CIDR blocks ("192.0.2.0/24", "2001:db8::/32", or one
+    // address); empty: every client. Others are closed at accept, before a byte is read.
+    std::vector<std::string> allow;
+    // Most clients served at once; more are closed at accept. 0: no limit.
+    int maxClients = 0;
+    // A client that has not sent a complete request (SOCKS5 negotiation and command, or an HTTP
+    // request header block) this long after it connected is closed. 0: no limit.
+    int handshakeTimeoutMs = 0;
+    // A connection that moved no byte either way this long is closed. 0: no limit.
+    int idleTimeoutMs = 0;
 };
 
 } // namespace Proxy

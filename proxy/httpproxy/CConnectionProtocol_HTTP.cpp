@@ -6,7 +6,9 @@
 #include <vector>
 
 #include "proxy/address/CAddressManager.h"
+#include "proxy/core/CCredentials.h"
 #include "proxy/core/SProxySettings.h"
+#include "proxy/http/CBase64.h"
 
 namespace ZRT {
 namespace Proxy {
@@ -22,6 +24,8 @@ const char PORT_SEPARATOR[] = ":";
 const char SCHEME_SEPARATOR[] = "://";
 const char PORT_OR_BRACKET[] = "]:";
 const char SET_COOKIE[] = "set-cookie";
+const char PROXY_AUTHORIZATION[] = "proxy-authorization";
+const char BASIC_SCHEME[] = "basic";
 const char* const HOP_BY_HOP_HEADERS[] = {"proxy-connection", "connection", "keep-alive"};
 
 // Strips scheme and path from a target or Host value and splits off the port. A bracketed IPv6
@@ -71,6 +75,10 @@ const unsigned char* Bytes(const char* data)
 
 void CConnectionProtocol_HTTP::CProxyHTTPRequest::AddHeader(const std::string& name, const std::string& value)
 {
+    if (SameName(name, PROXY_AUTHORIZATION)) {
+        m_proxyAuthorization = value;
+        return;
+    }
     for (const char* hopByHop : HOP_BY_HOP_HEADERS) {
         if (SameName(name, hopByHop))
             return;
@@ -179,9 +187,43 @@ void CConnectionProtocol_HTTP::ProcessHTTPRequest(const char* data, int length)
     if (result != CHTTPParser::PARSE_COMPLETE)
         return;
 
+    m_connection.MarkRequestComplete();
     m_request = QOX::StaticCast<CHTTPRequest>(m_requestParser.m_packet);
+    if (!Authenticate(*m_request))
+        return;
     if (!GetDestination(m_request))
         Refuse(EOutcome::NoDestination);
+}
+
+bool CConnectionProtocol_HTTP::Authenticate(const CHTTPRequest& request)
+{
+    const CCredentials::Users& users = m_connection.GetSettings().users;
+    if (users.empty())
+        return true;
+    // "Basic" (any case), spaces, then base64 of user:password.
+    const std::string& field = static_cast<const CProxyHTTPRequest&>(request).GetProxyAuthorization();
+    const size_t schemeEnd = field.find(' ');
+    std::string credentials;
+    bool valid = false;
+    if (schemeEnd != std::string::npos && SameName(field.substr(0, schemeEnd), BASIC_SCHEME)) {
+        const size_t start = field.find_first_not_of(' ', schemeEnd);
+        const size_t colon = CBase64::Decode(start == std::string::npos ? std::string() : field.substr(start), credentials)
+                                 ? credentials.find(':')
+                                 : std::string::npos;
+        if (colon != std::string::npos) {
+            const std::string user = credentials.substr(0, colon);
+            m_connection.SetUser(user);
+            valid = CCredentials::Check(users, user, credentials.substr(colon + 1));
+        }
+    }
+    if (valid)
+        return true;
+    m_connection.DescribeExchange(strcasecmp(request.m_method.c_str(), TUNNEL_METHOD) == 0 ? "connect" : "http", "");
+    m_connection.SetOutcome(EOutcome::AuthFailed);
+    m_request.Reset();
+    m_requestParser.Reset();
+    SendErrorToClient(REPLY_AUTHENTICATION_REQUIRED);
+    return false;
 }
 
 void CConnectionProtocol_HTTP::Refuse(EOutcome outcome)

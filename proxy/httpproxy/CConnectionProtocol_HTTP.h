@@ -31,10 +31,15 @@ namespace Proxy {
 class ZRT_EXPORT CConnectionProtocol_HTTP : public IConnectionProtocol {
 public:
     // Drops the hop-by-hop headers "proxy-connection", "connection" and "keep-alive", so the host
-    // sees a request that asks it to close after answering.
+    // sees a request that asks it to close after answering. Proxy-Authorization is the proxy's
+    // alone: kept aside for the check, never forwarded.
     class ZRT_EXPORT CProxyHTTPRequest : public CHTTPRequest {
     public:
         void AddHeader(const std::string& name, const std::string& value) override;
+        const std::string& GetProxyAuthorization() const { return m_proxyAuthorization; }
+
+    private:
+        std::string m_proxyAuthorization;
     };
 
     // Splits a Set-Cookie value that joins several cookies with commas into one header each.
@@ -60,6 +65,10 @@ public:
     static constexpr char REPLY_CONNECTION_ESTABLISHED[] = "HTTP/1.0 200 Connection established\r\n\r\n";
     static constexpr char REPLY_BAD_REQUEST[] = "HTTP/1.0 400 Bad Request\r\nKeep-Alive: timeout=5, max=100\r\n\r\n";
     static constexpr char REPLY_NOT_FOUND[] = "HTTP/1.0 404 Not Found\r\nKeep-Alive: timeout=5, max=100\r\n\r\n";
+    // Sent when the proxy has users and the request did not name one of them.
+    static constexpr char REPLY_AUTHENTICATION_REQUIRED[] =
+        "HTTP/1.0 407 Proxy Authentication Required\r\nProxy-Authenticate: Basic realm=\"zrt-proxy\"\r\n"
+        "Content-Length: 0\r\nConnection: close\r\n\r\n";
     static constexpr int REPLY_CONNECTION_ESTABLISHED_LENGTH = 39;
 
     // The version written into the forwarded request and the first response.
@@ -103,6 +112,9 @@ private:
     // The 404 reply, with how the exchange ended.
     void Refuse(EOutcome outcome);
     void ForwardRequest(CHTTPRequest& request);
+    // With users: true when the request names one with the right password (Basic); otherwise
+    // the 407 reply goes out and the client is closed.
+    bool Authenticate(const CHTTPRequest& request);
 
     CProxyHTTPRequestParser m_requestParser;
     CProxyHTTPResponseParser m_responseParser;

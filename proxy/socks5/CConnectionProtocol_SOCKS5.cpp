@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "proxy/address/CAddressManager.h"
+#include "proxy/core/CCredentials.h"
 #include "proxy/core/SProxySettings.h"
 #include "proxy/socks5/CSocksAddress.h"
 
@@ -15,6 +16,11 @@ namespace Proxy {
 namespace {
 const unsigned char SOCKS_VERSION = 5;
 const unsigned char METHOD_NO_AUTHENTICATION = 0x00;
+const unsigned char METHOD_USERNAME_PASSWORD = 0x02;
+// The username/password sub-negotiation's own version, and its replies.
+const unsigned char AUTH_VERSION = 0x01;
+const unsigned char AUTH_SUCCEEDED = 0x00;
+const unsigned char AUTH_FAILED = 0x01;
 const unsigned char METHOD_NONE_ACCEPTABLE = 0xFF;
 
 enum ECommand { CMD_CONNECT = 1, CMD_BIND = 2, CMD_UDP_ASSOCIATE = 3 };
@@ -188,6 +194,9 @@ void CConnectionProtocol_SOCKS5::DoLoop()
         case EState::Greeting:
             next = DoGreeting();
             break;
+        case EState::Authenticate:
+            next = DoAuthenticate();
+            break;
         case EState::Request:
             next = DoRequest();
             break;
@@ -233,14 +242,47 @@ CConnectionProtocol_SOCKS5::EState CConnectionProtocol_SOCKS5::DoGreeting()
     const unsigned int methods = data[1];
     if (methods > 0 && size < methods + 2)
         return EState::Greeting;
-    const bool accepted = methods > 0 && std::memchr(data + 2, METHOD_NO_AUTHENTICATION, methods) != nullptr;
+    // With users, username/password is the only way in; without, no authentication is.
+    const bool withUsers = !m_connection.GetSettings().users.empty();
+    const unsigned char wanted = withUsers ? METHOD_USERNAME_PASSWORD : METHOD_NO_AUTHENTICATION;
+    const bool accepted = methods > 0 && std::memchr(data + 2, wanted, methods) != nullptr;
     m_buffer.Consume(methods + 2);
     const char reply[2] = {static_cast<char>(SOCKS_VERSION),
-                           static_cast<char>(accepted ? METHOD_NO_AUTHENTICATION : METHOD_NONE_ACCEPTABLE)};
+                           static_cast<char>(accepted ? wanted : METHOD_NONE_ACCEPTABLE)};
     m_connection.SendToClient(reply, 2);
-    if (!accepted)
-        m_connection.SetOutcome(EOutcome::BadRequest);
-    return accepted ? EState::Request : EState::Closed;
+    if (!accepted) {
+        m_connection.SetOutcome(withUsers ? EOutcome::AuthFailed : EOutcome::BadRequest);
+        return EState::Closed;
+    }
+    return withUsers ? EState::Authenticate : EState::Request;
+}
+
+CConnectionProtocol_SOCKS5::EState CConnectionProtocol_SOCKS5::DoAuthenticate()
+{
+    // VER ULEN UNAME PLEN PASSWD, each length one byte.
+    const unsigned int size = m_buffer.GetSize();
+    const unsigned char* data = m_buffer.GetData();
+    if (size < 2)
+        return EState::Authenticate;
+    const unsigned int userLength = data[1];
+    if (size < 3 + userLength)
+        return EState::Authenticate;
+    const unsigned int passwordLength = data[2 + userLength];
+    if (size < 3 + userLength + passwordLength)
+        return EState::Authenticate;
+    const std::string user(reinterpret_cast<const char*>(data + 2), userLength);
+    const std::string password(reinterpret_cast<const char*>(data + 3 + userLength), passwordLength);
+    const bool versionOk = data[0] == AUTH_VERSION;
+    m_buffer.Consume(3 + userLength + passwordLength);
+    m_connection.SetUser(user);
+    const bool valid = versionOk && CCredentials::Check(m_connection.GetSettings().users, user, password);
+    const char reply[2] = {static_cast<char>(AUTH_VERSION), static_cast<char>(valid ? AUTH_SUCCEEDED : AUTH_FAILED)};
+    m_connection.SendToClient(reply, 2);
+    if (!valid) {
+        m_connection.SetOutcome(EOutcome::AuthFailed);
+        return EState::Closed;
+    }
+    return EState::Request;
 }
 
 CConnectionProtocol_SOCKS5::EState CConnectionProtocol_SOCKS5::DoRequest()
@@ -266,6 +308,7 @@ CConnectionProtocol_SOCKS5::EState CConnectionProtocol_SOCKS5::DoRequest()
     unsigned char request[CSocksAddress::MAX_REQUEST_LENGTH];
     std::memcpy(request, data, length);
     m_buffer.Consume(length);
+    m_connection.MarkRequestComplete();
     m_command = request[1];
     static const char* const KINDS[] = {"socks5", "socks5", "bind", "udp"};
     const char* kind = m_command <= CMD_UDP_ASSOCIATE ? KINDS[m_command] : "socks5";

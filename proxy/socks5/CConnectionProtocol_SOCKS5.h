@@ -19,7 +19,8 @@ namespace ZRT {
 namespace Proxy {
 
 // Server side of SOCKS version 5 (RFC 1928) for one client: method negotiation (no
-// authentication), CONNECT, BIND and UDP ASSOCIATE.
+// authentication, or username/password (RFC 1929) when the proxy has users), CONNECT, BIND and
+// UDP ASSOCIATE.
 //
 // One state machine on the connection's thread. DoLoop runs the step of the current state
 // until a step has to wait; the waits end through the connection's callbacks on the same thread:
@@ -29,13 +30,13 @@ namespace Proxy {
 // link, so CONNECT and BIND relay alike, through the connection; UDP ASSOCIATE relays through its
 // own socket, which the connection polls for the handler.
 //
-//   Greeting -> Request -> [Resolve] -> Connect -> Relay
+//   Greeting -> [Authenticate] -> Request -> [Resolve] -> Connect -> Relay
 //                                    -> BindAccept -> Relay
 //                                    -> UdpAssociated
 //   any state -> Closed (a refusal, an error, the client's end, Terminate)
 class ZRT_EXPORT CConnectionProtocol_SOCKS5 : public IConnectionProtocol {
 public:
-    enum class EState { Greeting, Request, Resolve, Connect, BindAccept, Relay, UdpAssociated, Closed };
+    enum class EState { Greeting, Authenticate, Request, Resolve, Connect, BindAccept, Relay, UdpAssociated, Closed };
 
     // Client bytes not yet processed; the connection's thread alone uses it.
     class ZRT_EXPORT CBuffer {
@@ -79,6 +80,7 @@ private:
 
     void DoLoop();
     EState DoGreeting();
+    EState DoAuthenticate();
     EState DoRequest();
     EState DoResolveComplete();
     EState DoCommand(const AddressPtr& destination);

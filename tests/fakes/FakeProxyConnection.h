@@ -151,6 +151,10 @@ public:
         });
     }
     Proxy::CProxyStats& GetStats() override { return m_stats; }
+    void MarkRequestComplete() override { Locked([&] { m_requestComplete = true; }); }
+    void SetUser(const std::string& user) override { Locked([&] { m_user = user; }); }
+    bool IsRequestComplete() const { return Locked([&] { return m_requestComplete; }); }
+    std::string GetUser() const { return Locked([&] { return m_user; }); }
     std::string GetProtocolName() const { return Locked([&] { return m_protocolName; }); }
     std::string GetDestinationText() const { return Locked([&] { return m_destinationText; }); }
     // The first outcome a handler set, if any.
@@ -227,6 +231,8 @@ private:
     CTCPIPAddress m_localAddress;
     FakeMultiPointLayer m_multiPointLayer;
     Proxy::SProxySettings m_settings;
+    bool m_requestComplete = false;
+    std::string m_user = "-";
     Proxy::CProxyStats m_stats;
     Proxy::CAddressManager* m_addressManager = nullptr;
     std::string m_protocolName;
