@@ -64,12 +64,9 @@ int CEmbeddedProxy::Start()
     if (IsRunning())
         return Fail(ZRT_E_RUNNING, "the proxy runs already");
     std::unique_ptr<Host::CDirectHost> host(new Host::CDirectHost(HostSettings()));
-    if (!host->IsRunning()) {
-        const std::string reason = m_settings.host.dnsServers.empty()
-                                       ? "cannot start the transport threads or the name service"
-                                       : "cannot use the DNS servers '" + m_settings.host.dnsServers + "'";
-        return Fail(ZRT_E_START, reason);
-    }
+    const std::string problem = host->GetError();
+    if (!problem.empty())
+        return Fail(ZRT_E_START, problem);
     Proxy::SProxySettings proxy = m_settings.proxy;
     // A handler waits for a lookup at least as long as the name service may take.
     proxy.lookupLimitMs = std::max(proxy.lookupLimitMs, m_settings.host.lookupTimeoutMs + 1000);

@@ -55,6 +55,15 @@ CAresNameService::CAresNameService(CEventLoop& loop, const std::string& servers,
     }
     m_ready = servers.empty() || ares_set_servers_ports_csv(m_channel, servers.c_str()) == ARES_SUCCESS;
     ares_set_socket_callback(m_channel, &CAresNameService::PrepareSocket, this);
+    // Questions leave from the outgoing addresses and interface too.
+    sockaddr_storage local{};
+    socklen_t length = 0;
+    if (m_preparer.GetOutgoingAddress(AF_INET, local, length))
+        ares_set_local_ip4(m_channel, ntohl(reinterpret_cast<const sockaddr_in&>(local).sin_addr.s_addr));
+    if (m_preparer.GetOutgoingAddress(AF_INET6, local, length))
+        ares_set_local_ip6(m_channel, reinterpret_cast<const sockaddr_in6&>(local).sin6_addr.s6_addr);
+    if (!m_preparer.GetInterface().empty())
+        ares_set_local_dev(m_channel, m_preparer.GetInterface().c_str());
 }
 
 int CAresNameService::PrepareSocket(ares_socket_t socket, int /*type*/, void* self)

@@ -21,10 +21,34 @@ constexpr size_t MAX_DATAGRAM = 65536;
 // Datagrams read per readiness event before the loop turns to other sockets.
 constexpr int MAX_READS_PER_EVENT = 32;
 
-// A dual-stack IPv6 socket if possible, else IPv4; bound to the wildcard address, port 0.
-// A socket the preparer refuses is not replaced by one of the other family.
+// A socket bound to an outgoing address: IPv4 when one is set for IPv4 (datagrams to IPv6 hosts
+// then fail), else IPv6 only; -2 when no outgoing address is set.
+int OpenOutgoingSocket(int& family, const CSocketPreparer& preparer)
+{
+    sockaddr_storage local{};
+    socklen_t length = 0;
+    for (const int candidate : {AF_INET, AF_INET6}) {
+        if (!preparer.GetOutgoingAddress(candidate, local, length))
+            continue;
+        CSocketHandle socket(::socket(candidate, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+        const int on = 1;
+        if (!socket.IsValid() || !preparer.Prepare(socket.Get()) ||
+            (candidate == AF_INET6 && setsockopt(socket.Get(), IPPROTO_IPV6, IPV6_V6ONLY, &on, sizeof(on)) != 0) ||
+            bind(socket.Get(), reinterpret_cast<sockaddr*>(&local), length) != 0)
+            return -1;
+        family = candidate;
+        return socket.Release();
+    }
+    return -2;
+}
+
+// A dual-stack IPv6 socket if possible, else IPv4; bound to the wildcard address, port 0, or to
+// the outgoing address. A socket the preparer refuses is not replaced by one of the other family.
 int OpenSocket(int& family, const CSocketPreparer& preparer)
 {
+    const int outgoing = OpenOutgoingSocket(family, preparer);
+    if (outgoing != -2)
+        return outgoing;
     CSocketHandle socket(::socket(AF_INET6, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
     if (socket.IsValid()) {
         if (!preparer.Prepare(socket.Get()))

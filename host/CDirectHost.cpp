@@ -19,6 +19,15 @@ namespace ZRT {
 namespace Host {
 
 namespace {
+CSocketPreparer::SOutgoing OutgoingOf(const SDirectHostSettings& settings)
+{
+    CSocketPreparer::SOutgoing outgoing;
+    outgoing.ipv4 = settings.outgoingIPv4;
+    outgoing.ipv6 = settings.outgoingIPv6;
+    outgoing.interfaceName = settings.outgoingInterface;
+    return outgoing;
+}
+
 QOX::SThreadHooks HooksOf(const SDirectHostSettings& settings)
 {
     QOX::SThreadHooks hooks;
@@ -54,13 +63,14 @@ std::unique_ptr<INameService> MakeNameService(CEventLoopPool& loops, const SDire
 // the loops (whose destructor waits for their threads) go last.
 struct CDirectHost::SServices {
     explicit SServices(const SDirectHostSettings& settings)
-        : preparer(settings.socketHook), loops(settings.transportThreads, HooksOf(settings)),
+        : dnsServers(settings.dnsServers), preparer(settings.socketHook, OutgoingOf(settings)), loops(settings.transportThreads, HooksOf(settings)),
           names(MakeNameService(loops, settings, preparer, namesReady)), multiPointLayer(loops, preparer),
           resolver(*names), datagramHandler(loops, preparer),
-          connectionListener(loops, settings.bindIPv4, settings.bindIPv6)
+          connectionListener(loops, settings.bindIPv4, settings.bindIPv6), outgoingProblem(preparer.Check())
     {
     }
 
+    std::string dnsServers;
     CSocketPreparer preparer;
     CEventLoopPool loops;
     bool namesReady = false; // before names, whose making sets it
@@ -69,6 +79,7 @@ struct CDirectHost::SServices {
     CDirectResolver resolver;
     CDirectDatagramHandler datagramHandler;
     CDirectConnectionListener connectionListener;
+    const std::string outgoingProblem;
 };
 
 CDirectHost::CDirectHost(const SDirectHostSettings& settings) : m_services(new SServices(settings)) {}
@@ -77,7 +88,17 @@ CDirectHost::~CDirectHost() = default;
 
 bool CDirectHost::IsRunning() const
 {
-    return m_services->loops.IsRunning() && m_services->namesReady;
+    return GetError().empty();
+}
+
+std::string CDirectHost::GetError() const
+{
+    if (!m_services->loops.IsRunning())
+        return "cannot start the transport threads";
+    if (!m_services->namesReady)
+        return m_services->dnsServers.empty() ? "cannot start the name service"
+                                              : "cannot use the DNS servers '" + m_services->dnsServers + "'";
+    return m_services->outgoingProblem;
 }
 
 IZRTMultiPointLayer& CDirectHost::GetMultiPointLayer()

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <memory>
+#include <string>
 
 #include "host/SDirectHostSettings.h"
 #include "runtime/Export.h"
@@ -22,8 +23,10 @@ public:
     CDirectHost(const CDirectHost&) = delete;
     CDirectHost& operator=(const CDirectHost&) = delete;
 
-    // False when the transport threads or the name service could not start.
+    // False when the transport threads or the name service could not start, or the outgoing
+    // address or interface cannot be used; GetError says which.
     bool IsRunning() const;
+    std::string GetError() const;
     IZRTMultiPointLayer& GetMultiPointLayer();
     IResolveAddress& GetResolver();
     IDatagramHandler& GetDatagramHandler();

@@ -44,7 +44,7 @@ QOX::CRefCountPtr<IZRTDataLayer> CDirectMultiPointLayer::Connect(const IZRTConne
     if (!destination.GetSockAddr(reinterpret_cast<sockaddr*>(&address), &length))
         return {};
     CSocketHandle socket(::socket(address.ss_family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, IPPROTO_TCP));
-    if (!socket.IsValid() || !m_preparer.Prepare(socket.Get()))
+    if (!socket.IsValid() || !m_preparer.PrepareToConnect(socket.Get(), address.ss_family))
         return {};
     if (connect(socket.Get(), reinterpret_cast<sockaddr*>(&address), static_cast<socklen_t>(length)) != 0) {
         if (errno != EINPROGRESS && errno != EINTR)
@@ -64,7 +64,7 @@ QOX::CRefCountPtr<IZRTDataLayer> CDirectMultiPointLayer::BeginConnect(const IZRT
     if (!destination.GetSockAddr(reinterpret_cast<sockaddr*>(&address), &length))
         return {};
     CSocketHandle socket(::socket(address.ss_family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, IPPROTO_TCP));
-    if (!socket.IsValid() || !m_preparer.Prepare(socket.Get()))
+    if (!socket.IsValid() || !m_preparer.PrepareToConnect(socket.Get(), address.ss_family))
         return {};
     const bool done = connect(socket.Get(), reinterpret_cast<sockaddr*>(&address), static_cast<socklen_t>(length)) == 0;
     if (!done && errno != EINPROGRESS && errno != EINTR)

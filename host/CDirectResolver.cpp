@@ -150,11 +150,20 @@ void CDirectResolver::Answered(const std::string& text, unsigned int port, const
         requests = pending->second.requests;
         m_pending.erase(pending);
     }
+    // The first usable address answers; the others travel with it, for a connect that cannot
+    // reach it.
     QOX::CRefCountPtr<IZRTConnectionAddress> result;
+    std::vector<sockaddr_storage> others;
     for (const sockaddr_storage& address : addresses) {
-        result = WithPort(address, port);
         if (result)
-            break;
+            others.push_back(address);
+        else
+            result = WithPort(address, port);
+    }
+    if (result && !others.empty()) {
+        auto* first = static_cast<CTCPIPAddress*>(result.Get()); // WithPort makes only these
+        first->SetAlternatives(others);
+        result = first->WithPort(port);
     }
     Deliver(text, result, requests);
 }

@@ -1,26 +1,51 @@
 #pragma once
 
+#include <sys/socket.h>
+
 #include <functional>
+#include <string>
 
 namespace ZRT {
 namespace Host {
 
 // Readies every socket the direct host opens towards the outside (TCP to destinations, UDP for
-// datagrams and name lookups) before it connects or sends: the host's hook may refuse it (an
-// Android VPN app protects it from its own tunnel there). Copyable; shared by the services.
+// datagrams and name lookups) before it connects or sends: it binds it to the outgoing address
+// of its family and to the outgoing interface where those are set, then asks the host's hook,
+// which may refuse it (an Android VPN app protects it from its own tunnel there). Copyable;
+// shared by the services.
 class CSocketPreparer {
 public:
     // hook: true lets the socket be used; empty lets every socket be used.
     using Hook = std::function<bool(int socket)>;
 
-    CSocketPreparer() = default;
-    explicit CSocketPreparer(Hook hook) : m_hook(std::move(hook)) {}
+    // Where outgoing traffic leaves from; empty texts leave the choice to the system.
+    struct SOutgoing {
+        std::string ipv4;          // numeric IPv4 address
+        std::string ipv6;          // numeric IPv6 address
+        std::string interfaceName; // SO_BINDTODEVICE
+    };
 
-    // False when the socket must not be used (the caller closes it).
-    bool Prepare(int socket) const { return !m_hook || m_hook(socket); }
+    CSocketPreparer() = default;
+    explicit CSocketPreparer(Hook hook, const SOutgoing& outgoing = SOutgoing());
+
+    // For a socket of this family that will connect: bound to the outgoing address and
+    // interface, then the hook. False when it must not be used (the caller closes it).
+    bool PrepareToConnect(int socket, int family) const;
+    // For a socket the caller binds itself (UDP, c-ares): the interface, then the hook.
+    bool Prepare(int socket) const;
+    // The outgoing address for a family with port 0; false when none is set.
+    bool GetOutgoingAddress(int family, sockaddr_storage& address, socklen_t& length) const;
+    const std::string& GetInterface() const { return m_outgoing.interfaceName; }
+
+    // Why the outgoing settings cannot work on this machine ("" when they can): an address not
+    // given to any interface, an interface that does not exist or may not be bound to.
+    std::string Check() const;
 
 private:
+    bool BindToInterface(int socket) const;
+
     Hook m_hook;
+    SOutgoing m_outgoing;
 };
 
 } // namespace Host

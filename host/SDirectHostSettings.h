@@ -22,6 +22,11 @@ struct SDirectHostSettings {
     std::string dnsServers;
     // How long a name lookup may take before it counts as failed.
     int lookupTimeoutMs = 10000;
+    // Where traffic to destinations and DNS servers leaves from: numeric addresses per family
+    // (empty: the system chooses) and an interface to bind to (SO_BINDTODEVICE; empty: none).
+    std::string outgoingIPv4;
+    std::string outgoingIPv6;
+    std::string outgoingInterface;
 
     // Run first and last on every thread the host starts.
     void (*threadStart)(void* context) = nullptr;

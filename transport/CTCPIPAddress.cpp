@@ -23,7 +23,8 @@ CTCPIPAddress::CTCPIPAddress(unsigned char a, unsigned char b, unsigned char c, 
 }
 
 CTCPIPAddress::CTCPIPAddress(const CTCPIPAddress& other)
-    : QOX::CRefCountImpl<IZRTConnectionAddress>(other), m_address(other.m_address), m_length(other.m_length)
+    : QOX::CRefCountImpl<IZRTConnectionAddress>(other), m_address(other.m_address), m_length(other.m_length),
+      m_alternatives(other.m_alternatives)
 {
 }
 
@@ -31,7 +32,39 @@ CTCPIPAddress& CTCPIPAddress::operator=(const CTCPIPAddress& other)
 {
     m_address = other.m_address;
     m_length = other.m_length;
+    m_alternatives = other.m_alternatives;
     return *this;
+}
+
+namespace {
+void SetPort(sockaddr_storage& address, unsigned int port)
+{
+    if (address.ss_family == AF_INET)
+        reinterpret_cast<sockaddr_in&>(address).sin_port = htons(static_cast<uint16_t>(port));
+    else if (address.ss_family == AF_INET6)
+        reinterpret_cast<sockaddr_in6&>(address).sin6_port = htons(static_cast<uint16_t>(port));
+}
+} // namespace
+
+void CTCPIPAddress::SetAlternatives(const std::vector<sockaddr_storage>& alternatives)
+{
+    m_alternatives.clear();
+    for (const sockaddr_storage& address : alternatives) {
+        if (m_alternatives.size() == MAX_ALTERNATIVES)
+            break;
+        if (address.ss_family == AF_INET || address.ss_family == AF_INET6)
+            m_alternatives.push_back(address);
+    }
+}
+
+QOX::CRefCountPtr<IZRTConnectionAddress> CTCPIPAddress::WithPort(unsigned int port) const
+{
+    auto* copy = new CTCPIPAddress(*this);
+    QOX::CRefCountPtr<IZRTConnectionAddress> held(copy);
+    SetPort(copy->m_address, port);
+    for (sockaddr_storage& alternative : copy->m_alternatives)
+        SetPort(alternative, port);
+    return held;
 }
 
 CTCPIPAddress::~CTCPIPAddress() = default;

@@ -3,6 +3,8 @@
 #include <netinet/in.h>
 #include <sys/socket.h>
 
+#include <vector>
+
 #include "runtime/CRefCountImpl.h"
 #include "runtime/CRefCountPtr.h"
 #include "runtime/Export.h"
@@ -10,7 +12,8 @@
 
 namespace ZRT {
 
-// An IPv4 or IPv6 address with port; empty until set.
+// An IPv4 or IPv6 address with port; empty until set. A name's address may carry the name's
+// other addresses (alternatives): a connection that cannot reach this one tries them in order.
 class ZRT_EXPORT CTCPIPAddress : public QOX::CRefCountImpl<IZRTConnectionAddress> {
 public:
     CTCPIPAddress();
@@ -25,6 +28,13 @@ public:
     bool SetAddress(const sockaddr& address, unsigned int length);
     bool IsEmpty() const { return m_length == 0; }
 
+    // The other addresses, each with its own port (at most MAX_ALTERNATIVES are kept).
+    static constexpr size_t MAX_ALTERNATIVES = 15;
+    void SetAlternatives(const std::vector<sockaddr_storage>& alternatives);
+    const std::vector<sockaddr_storage>& GetAlternatives() const { return m_alternatives; }
+    // A copy with every address, alternatives included, on port.
+    QOX::CRefCountPtr<IZRTConnectionAddress> WithPort(unsigned int port) const;
+
     IZRTConnectionAddress* Clone() const override;
     int GetFamily() const override;
     unsigned int GetPortNumber() const override;
@@ -35,6 +45,7 @@ public:
 private:
     sockaddr_storage m_address;
     socklen_t m_length = 0;
+    std::vector<sockaddr_storage> m_alternatives;
 };
 
 } // namespace ZRT

@@ -55,6 +55,8 @@ CAddressManager::AddressPtr WithPort(const CAddressManager::AddressPtr& address,
     unsigned int port = 0;
     if (!address || !SplitKey(key, name, port) || address->GetPortNumber() == port)
         return address;
+    if (const auto* tcp = dynamic_cast<const CTCPIPAddress*>(address.Get()))
+        return tcp->WithPort(port); // the name's other addresses too
     sockaddr_storage storage{};
     int length = sizeof(storage);
     if (!address->GetSockAddr(reinterpret_cast<sockaddr*>(&storage), &length))

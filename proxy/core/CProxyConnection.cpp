@@ -293,8 +293,8 @@ bool CProxyConnection::Turn()
         m_connectOutcome.reset();
         FinishConnect(connected);
     }
-    if (m_linkState == ELink::Connecting && Clock::now() >= m_connectDeadline)
-        FinishConnect(false); // too slow: the attempt is given up
+    if (m_linkState == ELink::Connecting && Clock::now() >= m_attemptDeadline)
+        FinishConnect(false); // too slow: this address is given up
     else if (fds[2].revents != 0 && turn.connectHost)
         CompleteConnect();
     else if (fds[2].revents != 0)
@@ -333,7 +333,7 @@ CProxyConnection::STurn CProxyConnection::PlanTurn()
     if (m_handlerTimerSet)
         turn.timeout = MillisecondsUntil(m_handlerDeadline);
     if (m_linkState == ELink::Connecting) {
-        const int connect = MillisecondsUntil(m_connectDeadline);
+        const int connect = MillisecondsUntil(m_attemptDeadline);
         turn.timeout = turn.timeout < 0 ? connect : std::min(turn.timeout, connect);
     }
     Clock::time_point limit;
@@ -563,9 +563,18 @@ void CProxyConnection::FinishConnect(bool connected)
 {
     if (connected) {
         m_linkState = ELink::Open;
+        m_candidates.clear();
     } else {
         ReleaseLink();
         m_linkState = ELink::None;
+        // The next address of the name, while time is left; the handler hears only the end.
+        if (!m_candidates.empty() && Clock::now() < m_connectDeadline && m_client == EClient::Open) {
+            const QOX::CRefCountPtr<IZRTConnectionAddress> next = m_candidates.front();
+            m_candidates.pop_front();
+            StartAttempt(next);
+            return;
+        }
+        m_candidates.clear();
     }
     if (m_protocol && m_client == EClient::Open)
         m_protocol->OnHostConnected(connected);
@@ -919,21 +928,49 @@ bool CProxyConnection::BeginConnectToHost(QOX::CRefCountPtr<IZRTConnectionAddres
 {
     if (!destination || !m_multiPointLayer || m_linkState == ELink::Connecting || m_linkState == ELink::Open)
         return false;
-    QOX::CRefCountPtr<IZRTDataLayer> link = m_multiPointLayer->BeginConnect(*destination, m_clientAddress);
+    m_connectDeadline = Clock::now() + std::chrono::milliseconds(GetSettings().connectTimeoutMs);
+    m_candidates = OtherAddresses(*destination);
+    StartAttempt(destination);
+    return true;
+}
+
+void CProxyConnection::StartAttempt(const QOX::CRefCountPtr<IZRTConnectionAddress>& address)
+{
+    const Clock::time_point now = Clock::now();
+    m_attemptDeadline = now + (m_connectDeadline - now) / static_cast<int>(1 + m_candidates.size());
+    QOX::CRefCountPtr<IZRTDataLayer> link = m_multiPointLayer->BeginConnect(*address, m_clientAddress);
     if (!link) {
-        m_connectOutcome = false;
-        return true;
+        m_connectOutcome = false; // reported (or the next address tried) next turn
+        return;
     }
     const bool connecting = link->IsConnecting();
-    m_connectDeadline = Clock::now() + std::chrono::milliseconds(GetSettings().connectTimeoutMs);
     if (!InstallLink(link, connecting ? ELink::Connecting : ELink::Open)) {
         link->Disconnect();
-        return false;
+        m_connectOutcome = false;
+        return;
     }
     // A link that came open (a host without non-blocking connects) is reported next turn.
     if (!connecting)
         m_connectOutcome = true;
-    return true;
+}
+
+std::deque<QOX::CRefCountPtr<IZRTConnectionAddress>> CProxyConnection::OtherAddresses(
+    const IZRTConnectionAddress& destination)
+{
+    std::deque<QOX::CRefCountPtr<IZRTConnectionAddress>> others;
+    const auto* tcp = dynamic_cast<const CTCPIPAddress*>(&destination);
+    if (!tcp)
+        return others;
+    for (const sockaddr_storage& alternative : tcp->GetAlternatives()) {
+        auto* address = new CTCPIPAddress();
+        QOX::CRefCountPtr<IZRTConnectionAddress> held(address);
+        const socklen_t length = alternative.ss_family == AF_INET6 ? sizeof(sockaddr_in6) : sizeof(sockaddr_in);
+        // A name may list the proxy among its addresses: that one would loop back in.
+        if (address->SetAddress(reinterpret_cast<const sockaddr&>(alternative), length) &&
+            !GetAddressManager().IsProxyItself(*address))
+            others.push_back(held);
+    }
+    return others;
 }
 
 bool CProxyConnection::AdoptHostLink(QOX::CRefCountPtr<IZRTDataLayer> link)

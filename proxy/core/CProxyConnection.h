@@ -172,6 +172,10 @@ private:
     // The link's descriptor turned writable while it connects.
     void CompleteConnect();
     void FinishConnect(bool connected);
+    // Opens the link to one address of the destination; its share of the time left is its own.
+    void StartAttempt(const QOX::CRefCountPtr<IZRTConnectionAddress>& address);
+    // The destination's other addresses (a name's alternatives), except the proxy itself.
+    std::deque<QOX::CRefCountPtr<IZRTConnectionAddress>> OtherAddresses(const IZRTConnectionAddress& destination);
     void RunHandlerTimer();
     // The handshake and idle limits: the earliest of them that applies, or none.
     bool NextLimit(Clock::time_point& deadline) const;
@@ -238,8 +242,11 @@ private:
     bool m_handlerTerminated = false;
     Clock::time_point m_handlerDeadline{};
     bool m_handlerTimerSet = false;
-    // When a link that is still connecting counts as failed.
+    // When the connect counts as failed; and when the address being tried gives way to the next.
     Clock::time_point m_connectDeadline{};
+    Clock::time_point m_attemptDeadline{};
+    // Addresses still to try when the current attempt fails.
+    std::deque<QOX::CRefCountPtr<IZRTConnectionAddress>> m_candidates;
     // The settings the connection was accepted with (never null).
     const std::shared_ptr<const SProxySettings> m_settings;
     bool m_requestComplete = false;
