@@ -5,9 +5,13 @@
 #include <vector>
 
 #include "api/COptionTable.h"
+#include "api/CUsersFile.h"
+#include "runtime/CThreadPool.h"
 
 namespace ZRT {
 namespace Api {
+
+CEmbeddedProxy::CEmbeddedProxy() : m_metrics(m_proxy.GetStats()) {}
 
 CEmbeddedProxy::~CEmbeddedProxy()
 {
@@ -18,7 +22,8 @@ int CEmbeddedProxy::SetOption(const char* name, const char* value)
 {
     if (!name)
         return Fail(ZRT_E_INVALID, "no option name given");
-    if (IsRunning())
+    const COptionTable::SOption* option = COptionTable::Find(name);
+    if (IsRunning() && option && !(option->flags & COptionTable::LIVE))
         return Fail(ZRT_E_RUNNING, std::string("option '") + name + "' cannot change while the proxy runs");
     std::string error;
     switch (COptionTable::Apply(m_settings, name, value, error)) {
@@ -59,25 +64,77 @@ Host::SDirectHostSettings CEmbeddedProxy::HostSettings() const
     return host;
 }
 
+bool CEmbeddedProxy::MakeLive(SLive& live, std::string& error) const
+{
+    live.proxy = m_settings.proxy;
+    // A handler waits for a lookup at least as long as the name service may take.
+    live.proxy.lookupLimitMs = std::max(live.proxy.lookupLimitMs, m_settings.host.lookupTimeoutMs + 1000);
+    live.proxy.users = m_settings.users;
+    if (!m_settings.usersFile.empty()) {
+        CUsersFile::Users fromFile;
+        if (!CUsersFile::Read(m_settings.usersFile, fromFile, error))
+            return false;
+        live.proxy.users.insert(fromFile.begin(), fromFile.end());
+    }
+    if (!m_settings.accessLog.empty()) {
+        live.accessLog = CAccessLog::Open(m_settings.accessLog, error);
+        if (!live.accessLog)
+            return false;
+    }
+    return true;
+}
+
+void CEmbeddedProxy::ApplyLive(const SLive& live)
+{
+    m_proxy.SetSettings(live.proxy); // the allow list was checked when it was set
+    m_log.SetAccessLog(live.accessLog);
+    m_log.SetLevel(m_settings.logLevel);
+}
+
 int CEmbeddedProxy::Start()
 {
     if (IsRunning())
         return Fail(ZRT_E_RUNNING, "the proxy runs already");
+    SLive live;
+    std::string error;
+    if (!MakeLive(live, error))
+        return Fail(ZRT_E_START, error);
     std::unique_ptr<Host::CDirectHost> host(new Host::CDirectHost(HostSettings()));
     const std::string problem = host->GetError();
     if (!problem.empty())
         return Fail(ZRT_E_START, problem);
-    Proxy::SProxySettings proxy = m_settings.proxy;
-    // A handler waits for a lookup at least as long as the name service may take.
-    proxy.lookupLimitMs = std::max(proxy.lookupLimitMs, m_settings.host.lookupTimeoutMs + 1000);
-    m_proxy.SetSettings(proxy);
+    QOX::SThreadHooks hooks;
+    hooks.onStart = m_threadStart;
+    hooks.onStop = m_threadStop;
+    hooks.context = m_threadContext;
+    m_pool.reset(new QOX::CThreadPool(hooks));
+    if (!m_settings.metricsAddress.empty() &&
+        !m_metrics.Start(m_settings.metricsAddress, m_settings.metricsPort, m_pool.get(), error))
+        return Fail(ZRT_E_START, error);
+    ApplyLive(live);
     m_proxy.SetListenBacklog(m_settings.listenBacklog);
     m_proxy.SetObserver(&m_log);
     m_proxy.SetThreadHooks(m_threadStart, m_threadStop, m_threadContext);
     if (!m_proxy.StartProxy(m_settings.listen, m_settings.port, &host->GetResolver(), &host->GetMultiPointLayer(),
-                            &host->GetDatagramHandler(), &host->GetConnectionListener()))
+                            &host->GetDatagramHandler(), &host->GetConnectionListener())) {
+        m_metrics.Stop();
+        m_log.SetAccessLog(nullptr);
         return Fail(ZRT_E_START, m_proxy.GetStartError());
+    }
     m_host = std::move(host);
+    return Succeed();
+}
+
+int CEmbeddedProxy::Reload()
+{
+    if (!IsRunning())
+        return Fail(ZRT_E_NOT_RUNNING, "the proxy does not run");
+    SLive live;
+    std::string error;
+    if (!MakeLive(live, error))
+        return Fail(ZRT_E_BAD_VALUE, error);
+    ApplyLive(live);
+    m_log.Emit(ZRT_LOG_INFO, "settings reloaded");
     return Succeed();
 }
 
@@ -85,9 +142,12 @@ void CEmbeddedProxy::Stop()
 {
     if (!IsRunning())
         return;
+    m_metrics.Stop();
     // The proxy's threads end first: they use the host's services to their last call.
     m_proxy.StopProxy();
     m_host.reset();
+    m_log.SetAccessLog(nullptr);
+    m_pool.reset(); // no thread of it is left: the metrics thread ended
 }
 
 int CEmbeddedProxy::GetPort() const
@@ -110,6 +170,10 @@ void CEmbeddedProxy::GetStats(zrt_proxy_stats_t& stats) const
     stats.bytes_host_to_client = counters.Get(CProxyStats::BYTES_HOST_TO_CLIENT);
     stats.udp_datagrams_client_to_host = counters.Get(CProxyStats::UDP_DATAGRAMS_CLIENT_TO_HOST);
     stats.udp_datagrams_host_to_client = counters.Get(CProxyStats::UDP_DATAGRAMS_HOST_TO_CLIENT);
+    stats.refused_not_allowed = counters.Get(CProxyStats::REFUSED_NOT_ALLOWED);
+    stats.refused_auth_failed = counters.Get(CProxyStats::REFUSED_AUTH_FAILED);
+    stats.refused_over_limit = counters.Get(CProxyStats::REFUSED_OVER_LIMIT);
+    stats.timed_out = counters.Get(CProxyStats::TIMED_OUT);
 }
 
 void CEmbeddedProxy::SetLogCallback(CLogRelay::Callback callback, void* context)

@@ -4,10 +4,15 @@
 #include <string>
 
 #include "api/CLogRelay.h"
+#include "api/CMetricsServer.h"
 #include "api/SEmbeddedSettings.h"
 #include "host/CDirectHost.h"
 #include "proxy/core/CProxy.h"
 #include "zrtproxy/zrtproxy.h"
+
+namespace QOX {
+class CThreadPool;
+}
 
 // What a resolver hook is handed for each lookup: the way back to the name service. Freed by
 // zrt_lookup_answer.
@@ -20,11 +25,11 @@ namespace Api {
 
 // What a zrt_proxy_t handle is: the engine with the direct host services, set up by name and
 // driven through the C interface. One thread at a time controls it (set_option, the setters,
-// start, stop) and reads GetLastError; GetPort and GetStats may be called from any thread at any
-// time, callbacks included.
+// start, reload, stop) and reads GetLastError; GetPort and GetStats may be called from any
+// thread at any time, callbacks included.
 class CEmbeddedProxy {
 public:
-    CEmbeddedProxy() = default;
+    CEmbeddedProxy();
     // Stops first.
     ~CEmbeddedProxy();
     CEmbeddedProxy(const CEmbeddedProxy&) = delete;
@@ -32,8 +37,10 @@ public:
 
     int SetOption(const char* name, const char* value);
     int Start();
+    int Reload();
     void Stop();
     int GetPort() const;
+    int GetMetricsPort() const { return m_metrics.GetPort(); }
     void GetStats(zrt_proxy_stats_t& stats) const;
     const std::string& GetLastError() const { return m_lastError; }
 
@@ -43,11 +50,20 @@ public:
     void SetResolver(void (*resolve)(void* context, const char* name, zrt_lookup_t* lookup), void* context);
 
 private:
+    // What a start or a reload puts in place of the live settings.
+    struct SLive {
+        Proxy::SProxySettings proxy;
+        std::shared_ptr<const CAccessLog> accessLog;
+    };
+
     // Records why the call failed; returns code.
     int Fail(int code, const std::string& reason);
     int Succeed();
     bool IsRunning() const { return m_host != nullptr; }
     Host::SDirectHostSettings HostSettings() const;
+    // Reads the users file and opens the access log; false with the reason.
+    bool MakeLive(SLive& live, std::string& error) const;
+    void ApplyLive(const SLive& live);
 
     SEmbeddedSettings m_settings;
     void (*m_threadStart)(void*) = nullptr;
@@ -59,9 +75,12 @@ private:
     void* m_resolveContext = nullptr;
 
     CLogRelay m_log;
+    // The threads of this layer (the metrics listener), with the host's hooks; made per start.
+    std::unique_ptr<QOX::CThreadPool> m_pool;
     // Declared before the proxy, so it goes after it: the proxy uses its services to the end.
     std::unique_ptr<Host::CDirectHost> m_host;
     Proxy::CProxy m_proxy;
+    CMetricsServer m_metrics;
     std::string m_lastError; // the controlling thread's
 };
 

@@ -23,8 +23,21 @@ void CLogRelay::OnStopped()
     Emit(ZRT_LOG_INFO, "stopped");
 }
 
+void CLogRelay::SetAccessLog(std::shared_ptr<const CAccessLog> log)
+{
+    std::lock_guard<std::mutex> hold(m_mutex);
+    m_accessLog = std::move(log);
+}
+
 void CLogRelay::OnConnectionFinished(const Proxy::SConnectionRecord& record)
 {
+    std::shared_ptr<const CAccessLog> accessLog;
+    {
+        std::lock_guard<std::mutex> hold(m_mutex);
+        accessLog = m_accessLog;
+    }
+    if (accessLog)
+        accessLog->Write(record);
     // Who was turned away (a wrong password, an address outside the allow list) matters to an
     // operator (fail2ban reads these); a destination that failed is the client's business.
     const bool turnedAway = record.outcome == Proxy::EOutcome::AuthFailed || record.outcome == Proxy::EOutcome::NotAllowed;
@@ -39,7 +52,7 @@ void CLogRelay::OnError(const std::string& text)
 
 void CLogRelay::Emit(int level, const std::string& line) const
 {
-    if (m_callback)
+    if (m_callback && level <= m_level.load(std::memory_order_relaxed))
         m_callback(m_context, level, line.c_str());
 }
 

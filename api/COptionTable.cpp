@@ -5,6 +5,9 @@
 #include <cstdlib>
 #include <iterator>
 
+#include "api/CUsersFile.h"
+#include "proxy/address/CAddressRange.h"
+
 namespace ZRT {
 namespace Api {
 
@@ -18,14 +21,131 @@ bool ParseNumber(const std::string& text, long low, long high, long& number)
     return number >= low && number <= high;
 }
 
-bool SetSeconds(const std::string& value, long high, int& milliseconds, std::string& error)
+bool SetSeconds(const std::string& value, long low, long high, int& milliseconds, std::string& error)
 {
     long seconds = 0;
-    if (!ParseNumber(value, 1, high, seconds)) {
-        error = "'" + value + "' is not a number of seconds from 1 to " + std::to_string(high);
+    if (!ParseNumber(value, low, high, seconds)) {
+        error = "'" + value + "' is not a number of seconds from " + std::to_string(low) + " to " + std::to_string(high);
         return false;
     }
     milliseconds = static_cast<int>(seconds * 1000);
+    return true;
+}
+
+bool SetCount(const std::string& value, long high, int& count, std::string& error, long low = 0)
+{
+    long number = 0;
+    if (!ParseNumber(value, low, high, number)) {
+        error = "'" + value + "' is not a number from " + std::to_string(low) + " to " + std::to_string(high);
+        return false;
+    }
+    count = static_cast<int>(number);
+    return true;
+}
+
+bool IsNumericAddress(const std::string& text, int& family)
+{
+    unsigned char bytes[16];
+    if (inet_pton(AF_INET, text.c_str(), bytes) == 1)
+        family = AF_INET;
+    else if (inet_pton(AF_INET6, text.c_str(), bytes) == 1)
+        family = AF_INET6;
+    else
+        return false;
+    return true;
+}
+
+bool SetUser(SEmbeddedSettings& settings, const std::string& value, std::string& error)
+{
+    std::string user;
+    std::string password;
+    if (!CUsersFile::ParseEntry(value, user, password, error))
+        return false;
+    settings.users[user] = password;
+    return true;
+}
+
+bool SetUsersFile(SEmbeddedSettings& settings, const std::string& value, std::string& error)
+{
+    // Read now, so that a bad file is reported where it is named; read again at start.
+    CUsersFile::Users users;
+    if (!CUsersFile::Read(value, users, error))
+        return false;
+    settings.usersFile = value;
+    return true;
+}
+
+bool SetAllow(SEmbeddedSettings& settings, const std::string& value, std::string& error)
+{
+    Proxy::CAddressRange range;
+    if (!range.Parse(value)) {
+        error = "'" + value + "' is not an address block such as 192.0.2.0/24 or 2001:db8::/32";
+        return false;
+    }
+    settings.proxy.allow.push_back(value);
+    return true;
+}
+
+bool SetOutgoingAddress(SEmbeddedSettings& settings, const std::string& value, std::string& error)
+{
+    int family = AF_UNSPEC;
+    if (!IsNumericAddress(value, family)) {
+        error = "'" + value + "' is not a numeric IPv4 or IPv6 address";
+        return false;
+    }
+    (family == AF_INET ? settings.host.outgoingIPv4 : settings.host.outgoingIPv6) = value;
+    return true;
+}
+
+bool SetOutgoingInterface(SEmbeddedSettings& settings, const std::string& value, std::string& error)
+{
+    if (value.empty() || value.size() >= 16 || value.find_first_of("/ \t") != std::string::npos) {
+        error = "'" + value + "' is not a network interface name";
+        return false;
+    }
+    settings.host.outgoingInterface = value;
+    return true;
+}
+
+bool SetAccessLog(SEmbeddedSettings& settings, const std::string& value, std::string& error)
+{
+    if (value.empty()) {
+        error = "give a file name, or - for standard output";
+        return false;
+    }
+    settings.accessLog = value;
+    return true;
+}
+
+bool SetLogLevel(SEmbeddedSettings& settings, const std::string& value, std::string& error)
+{
+    static const char* const LEVELS[] = {"error", "warning", "info", "debug"};
+    for (int level = 0; level < 4; ++level) {
+        if (value == LEVELS[level]) {
+            settings.logLevel = level + 1; // ZRT_LOG_ERROR is 1
+            return true;
+        }
+    }
+    error = "'" + value + "' is not one of error, warning, info, debug";
+    return false;
+}
+
+bool SetMetrics(SEmbeddedSettings& settings, const std::string& value, std::string& error)
+{
+    // ADDR:PORT, or [ADDR]:PORT for IPv6.
+    const size_t colon = value.rfind(':');
+    std::string address = colon == std::string::npos ? std::string() : value.substr(0, colon);
+    if (address.size() > 2 && address.front() == '[' && address.back() == ']')
+        address = address.substr(1, address.size() - 2);
+    long port = 0;
+    int family = AF_UNSPEC;
+    if (colon == std::string::npos || !IsNumericAddress(address, family) ||
+        !ParseNumber(value.substr(colon + 1), 0, 65535, port)) {
+        error = "'" + value + "' is not ADDR:PORT with a numeric address ([ADDR]:PORT for IPv6)";
+        return false;
+    }
+    settings.metricsAddress = address;
+    settings.metricsPort = static_cast<int>(port);
     return true;
 }
 
@@ -76,17 +196,6 @@ bool SetDnsServers(SEmbeddedSettings& settings, const std::string& value, std::s
     return true;
 }
 
-bool SetThreads(SEmbeddedSettings& settings, const std::string& value, std::string& error)
-{
-    long threads = 0;
-    if (!ParseNumber(value, 1, 64, threads)) {
-        error = "'" + value + "' is not a thread count from 1 to 64";
-        return false;
-    }
-    settings.host.transportThreads = static_cast<int>(threads);
-    return true;
-}
-
 const SEmbeddedSettings& Defaults()
 {
     static const SEmbeddedSettings defaults;
@@ -94,31 +203,68 @@ const SEmbeddedSettings& Defaults()
 }
 
 const COptionTable::SOption OPTIONS[] = {
-    {"listen", "ADDR", "numeric IPv4 or IPv6 address to listen on (default 127.0.0.1)", SetListen,
+    {"listen", 0, "ADDR", "numeric IPv4 or IPv6 address to listen on (default 127.0.0.1)", SetListen,
      [](SEmbeddedSettings& s) { s.listen = Defaults().listen; }},
-    {"port", "N", "TCP port to listen on; 0 picks a free one (default 1080)", SetPort,
+    {"port", 0, "N", "TCP port to listen on; 0 picks a free one (default 1080)", SetPort,
      [](SEmbeddedSettings& s) { s.port = Defaults().port; }},
-    {"listen-backlog", "N", "length of the queue of clients not yet accepted (default: the system's most)", SetBacklog,
-     [](SEmbeddedSettings& s) { s.listenBacklog = Defaults().listenBacklog; }},
-    {"dns-server", "LIST", "DNS servers to ask, ADDR[:PORT] separated by commas (default: /etc/resolv.conf)",
-     SetDnsServers, [](SEmbeddedSettings& s) { s.host.dnsServers = Defaults().host.dnsServers; }},
-    {"lookup-timeout", "SECONDS", "how long a name lookup may take (default 10)",
+    {"listen-backlog", 0, "N", "length of the queue of clients not yet accepted (default: the system's most)",
+     SetBacklog, [](SEmbeddedSettings& s) { s.listenBacklog = Defaults().listenBacklog; }},
+    {"auth", COptionTable::REPEATABLE | COptionTable::LIVE, "USER:PASSWORD",
+     "a user who may use the proxy; with any user, every client must authenticate (default: none)", SetUser,
+     [](SEmbeddedSettings& s) { s.users.clear(); }},
+    {"auth-file", COptionTable::LIVE, "FILE", "more users, one user:password per line, # for comments; read again on reload",
+     SetUsersFile, [](SEmbeddedSettings& s) { s.usersFile.clear(); }},
+    {"allow", COptionTable::REPEATABLE | COptionTable::LIVE, "CIDR",
+     "clients allowed in (192.0.2.0/24, 2001:db8::/32, or one address); others are closed at once (default: all)",
+     SetAllow, [](SEmbeddedSettings& s) { s.proxy.allow.clear(); }},
+    {"max-clients", COptionTable::LIVE, "N", "most clients served at once, more are closed at accept; 0 for no limit (default 0)",
+     [](SEmbeddedSettings& s, const std::string& v, std::string& e) { return SetCount(v, 1000000, s.proxy.maxClients, e); },
+     [](SEmbeddedSettings& s) { s.proxy.maxClients = Defaults().proxy.maxClients; }},
+    {"handshake-timeout", COptionTable::LIVE, "SECONDS",
+     "close a client that has not sent a whole request in this time; 0 for never (default 0)",
      [](SEmbeddedSettings& s, const std::string& v, std::string& e) {
-         return SetSeconds(v, 3600, s.host.lookupTimeoutMs, e);
+         return SetSeconds(v, 0, 86400, s.proxy.handshakeTimeoutMs, e);
      },
-     [](SEmbeddedSettings& s) { s.host.lookupTimeoutMs = Defaults().host.lookupTimeoutMs; }},
-    {"connect-timeout", "SECONDS", "how long connecting to a destination may take (default 10)",
+     [](SEmbeddedSettings& s) { s.proxy.handshakeTimeoutMs = Defaults().proxy.handshakeTimeoutMs; }},
+    {"idle-timeout", COptionTable::LIVE, "SECONDS", "close a connection that moved no byte for this long; 0 for never (default 0)",
      [](SEmbeddedSettings& s, const std::string& v, std::string& e) {
-         return SetSeconds(v, 3600, s.proxy.connectTimeoutMs, e);
+         return SetSeconds(v, 0, 864000, s.proxy.idleTimeoutMs, e);
+     },
+     [](SEmbeddedSettings& s) { s.proxy.idleTimeoutMs = Defaults().proxy.idleTimeoutMs; }},
+    {"connect-timeout", COptionTable::LIVE, "SECONDS", "how long connecting to a destination may take (default 10)",
+     [](SEmbeddedSettings& s, const std::string& v, std::string& e) {
+         return SetSeconds(v, 1, 3600, s.proxy.connectTimeoutMs, e);
      },
      [](SEmbeddedSettings& s) { s.proxy.connectTimeoutMs = Defaults().proxy.connectTimeoutMs; }},
-    {"bind-timeout", "SECONDS", "how long a SOCKS5 BIND waits for its peer (default 120)",
+    {"bind-timeout", COptionTable::LIVE, "SECONDS", "how long a SOCKS5 BIND waits for its peer (default 120)",
      [](SEmbeddedSettings& s, const std::string& v, std::string& e) {
-         return SetSeconds(v, 86400, s.proxy.bindWaitMs, e);
+         return SetSeconds(v, 1, 86400, s.proxy.bindWaitMs, e);
      },
      [](SEmbeddedSettings& s) { s.proxy.bindWaitMs = Defaults().proxy.bindWaitMs; }},
-    {"transport-threads", "N", "threads that move bytes of outgoing sockets (default 2)", SetThreads,
+    {"dns-server", 0, "LIST", "DNS servers to ask, ADDR[:PORT] separated by commas (default: /etc/resolv.conf)",
+     SetDnsServers, [](SEmbeddedSettings& s) { s.host.dnsServers = Defaults().host.dnsServers; }},
+    {"lookup-timeout", 0, "SECONDS", "how long a name lookup may take (default 10)",
+     [](SEmbeddedSettings& s, const std::string& v, std::string& e) {
+         return SetSeconds(v, 1, 3600, s.host.lookupTimeoutMs, e);
+     },
+     [](SEmbeddedSettings& s) { s.host.lookupTimeoutMs = Defaults().host.lookupTimeoutMs; }},
+    {"outgoing-address", COptionTable::REPEATABLE, "ADDR",
+     "source address of connections and datagrams to destinations, one per family (default: the system's choice)",
+     SetOutgoingAddress, [](SEmbeddedSettings& s) { s.host.outgoingIPv4.clear(), s.host.outgoingIPv6.clear(); }},
+    {"outgoing-interface", 0, "NAME", "network interface for traffic to destinations (SO_BINDTODEVICE; default: any)",
+     SetOutgoingInterface, [](SEmbeddedSettings& s) { s.host.outgoingInterface.clear(); }},
+    {"transport-threads", 0, "N", "threads that move bytes of outgoing sockets (default 2)",
+     [](SEmbeddedSettings& s, const std::string& v, std::string& e) {
+         return SetCount(v, 64, s.host.transportThreads, e, 1);
+     },
      [](SEmbeddedSettings& s) { s.host.transportThreads = Defaults().host.transportThreads; }},
+    {"access-log", COptionTable::LIVE, "FILE",
+     "a line per finished connection, to FILE (- for standard output); reopened on reload (default: none)",
+     SetAccessLog, [](SEmbeddedSettings& s) { s.accessLog.clear(); }},
+    {"log-level", COptionTable::LIVE, "LEVEL", "error, warning, info or debug: the most detail logged (default debug)",
+     SetLogLevel, [](SEmbeddedSettings& s) { s.logLevel = Defaults().logLevel; }},
+    {"metrics", 0, "ADDR:PORT", "serve the counters for Prometheus at http://ADDR:PORT/metrics (default: off)",
+     SetMetrics, [](SEmbeddedSettings& s) { s.metricsAddress.clear(), s.metricsPort = 0; }},
 };
 } // namespace
 

@@ -13,8 +13,14 @@ class COptionTable {
 public:
     enum class EResult { Ok, Unknown, BadValue };
 
+    enum EFlags : unsigned {
+        REPEATABLE = 1u, // each value adds to the list; a NULL value empties it
+        LIVE = 2u        // may change while running: staged, applied by a reload
+    };
+
     struct SOption {
         const char* name;
+        unsigned flags;
         const char* value;       // what the value looks like, for help texts: "ADDR", "N", ...
         const char* description; // one line, with the default
         // Sets the option from text; false with a reason in error.

@@ -2,6 +2,7 @@
 
 #include <sys/socket.h>
 
+#include <map>
 #include <string>
 
 #include "host/SDirectHostSettings.h"
@@ -11,7 +12,7 @@ namespace ZRT {
 namespace Api {
 
 // Every setting of a proxy run through the C interface: what the options table writes and
-// CEmbeddedProxy reads at start.
+// CEmbeddedProxy reads at start (and, for the live ones, at reload).
 struct SEmbeddedSettings {
     static constexpr int DEFAULT_PORT = 1080;
 
@@ -19,8 +20,20 @@ struct SEmbeddedSettings {
     int port = DEFAULT_PORT;
     // A burst of clients must not overflow the listen queue (a refused SYN costs a client 1 s).
     int listenBacklog = SOMAXCONN;
+    // proxy.users is made at start from the two sources below.
     Proxy::SProxySettings proxy;
     Host::SDirectHostSettings host;
+
+    // Users given one by one (auth), and the file of more (auth-file, read at start and reload).
+    std::map<std::string, std::string> users;
+    std::string usersFile;
+    // Where finished connections are logged: a file, "-" for standard output, "" for nowhere.
+    std::string accessLog;
+    // Lines above this level do not reach the log callback.
+    int logLevel = 4; // ZRT_LOG_DEBUG: everything
+    // The Prometheus listener: "" for none, else a numeric address and a port.
+    std::string metricsAddress;
+    int metricsPort = 0;
 };
 
 } // namespace Api

@@ -41,6 +41,13 @@ int zrt_proxy_port(const zrt_proxy_t* proxy)
     return proxy ? proxy->proxy.GetPort() : 0;
 }
 
+int zrt_proxy_reload(zrt_proxy_t* proxy)
+{
+    if (!proxy)
+        return ZRT_E_INVALID;
+    return proxy->proxy.Reload();
+}
+
 void zrt_proxy_stop(zrt_proxy_t* proxy)
 {
     if (proxy)
@@ -110,6 +117,15 @@ const char* zrt_option_value(const char* name)
 {
     const ZRT::Api::COptionTable::SOption* option = name ? ZRT::Api::COptionTable::Find(name) : nullptr;
     return option ? option->value : nullptr;
+}
+
+int zrt_option_flags(const char* name)
+{
+    const ZRT::Api::COptionTable::SOption* option = name ? ZRT::Api::COptionTable::Find(name) : nullptr;
+    if (!option)
+        return 0;
+    return ((option->flags & ZRT::Api::COptionTable::REPEATABLE) ? ZRT_OPTION_REPEATABLE : 0) |
+           ((option->flags & ZRT::Api::COptionTable::LIVE) ? ZRT_OPTION_LIVE : 0);
 }
 
 const char* zrt_option_description(const char* name)

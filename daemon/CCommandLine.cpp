@@ -26,40 +26,41 @@ bool CCommandLine::Parse(int argc, const char* const* argv)
             continue;
         }
         const std::string name = argument.compare(0, 2, "--") == 0 ? argument.substr(2) : std::string();
-        if (name.empty() || !zrt_option_value(name.c_str()))
+        if (name != "config" && (name.empty() || !zrt_option_value(name.c_str())))
             return Fail("unknown option '" + std::string(argv[i]) + "' (see --help)");
         if (!hasValue) {
             if (i + 1 >= argc)
                 return Fail("option '" + argument + "' needs a value");
             value = argv[++i];
         }
-        m_settings.emplace_back(name, value);
+        if (name == "config")
+            m_configFile = value;
+        else
+            m_settings.push_back({name, value, argument});
     }
     return true;
 }
 
-std::string CCommandLine::GetValue(const std::string& name, const std::string& fallback) const
-{
-    std::string value = fallback;
-    for (const auto& setting : m_settings) {
-        if (setting.first == name)
-            value = setting.second;
-    }
-    return value;
-}
-
 std::string CCommandLine::Usage()
 {
-    std::string usage = "Usage: zrt-proxy [OPTION VALUE]... [--help] [--version]\n"
-                        "SOCKS5 and HTTP proxy on one port, connecting directly from this machine.\n";
+    std::string usage = "Usage: zrt-proxy [--config FILE] [--OPTION VALUE]... [--help] [--version]\n"
+                        "SOCKS5 and HTTP proxy on one port, connecting directly from this machine.\n\n"
+                        "  --config FILE                 read options from FILE: one 'name value' per line,\n"
+                        "                                # for comments; options given here override it\n";
     for (int i = 0; const char* name = zrt_option_name(i); ++i) {
         std::string left = "  --" + std::string(name) + " " + zrt_option_value(name);
-        left.resize(left.size() < 28 ? 28 : left.size() + 1, ' ');
-        usage += left + zrt_option_description(name) + "\n";
+        left.resize(left.size() < 32 ? 32 : left.size() + 1, ' ');
+        std::string notes;
+        if (zrt_option_flags(name) & ZRT_OPTION_REPEATABLE)
+            notes = " [repeatable]";
+        usage += left + zrt_option_description(name) + notes + "\n";
     }
-    usage += "  --help                    show this text\n"
-             "  --version                 show the version\n"
-             "SIGINT, SIGTERM or SIGHUP stops the proxy.\n";
+    usage += "  --help                        show this text\n"
+             "  --version                     show the version\n\n"
+             "The daemon's own defaults: handshake-timeout 30, log-level warning, max-clients from the\n"
+             "descriptor limit. SIGHUP reads the configuration and the users file again and applies what\n"
+             "may change while running to new connections (and reopens the access log); SIGINT or\n"
+             "SIGTERM stops the proxy.\n";
     return usage;
 }
 

@@ -1,24 +1,25 @@
 #pragma once
 
 #include <string>
-#include <utility>
 #include <vector>
+
+#include "daemon/CConfigFile.h"
 
 namespace ZRT {
 namespace Daemon {
 
-// The daemon's command line: --help, --version, and the library's settings as long options
-// (--NAME VALUE or --NAME=VALUE, names from zrt_option_name). Values are checked by the library
-// when the daemon applies them, so the daemon learns every new setting without a change here.
+// The daemon's command line: --help, --version, --config FILE, and the library's settings as
+// long options (--NAME VALUE or --NAME=VALUE, names from zrt_option_name). Values are checked
+// by the library when the daemon applies them, so the daemon learns every new setting without
+// a change here.
 class CCommandLine {
 public:
     // False on an unknown option or a missing value; GetError() then says which, in one line.
     bool Parse(int argc, const char* const* argv);
 
-    // The settings in the order given.
-    const std::vector<std::pair<std::string, std::string>>& GetSettings() const { return m_settings; }
-    // The last value given for a setting, or fallback.
-    std::string GetValue(const std::string& name, const std::string& fallback) const;
+    // The settings in the order given; origin "--NAME".
+    const std::vector<CConfigFile::SEntry>& GetSettings() const { return m_settings; }
+    const std::string& GetConfigFile() const { return m_configFile; }
     bool WantsHelp() const { return m_help; }
     bool WantsVersion() const { return m_version; }
     const std::string& GetError() const { return m_error; }
@@ -29,7 +30,8 @@ public:
 private:
     bool Fail(const std::string& error);
 
-    std::vector<std::pair<std::string, std::string>> m_settings;
+    std::vector<CConfigFile::SEntry> m_settings;
+    std::string m_configFile;
     bool m_help = false;
     bool m_version = false;
     std::string m_error;

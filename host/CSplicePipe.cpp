@@ -1,8 +1,6 @@
 #include "host/CSplicePipe.h"
 
 #include <fcntl.h>
-#include <signal.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -17,23 +15,6 @@ namespace {
 bool WouldBlock(int error)
 {
     return error == EAGAIN || error == EWOULDBLOCK;
-}
-
-// A splice into a socket whose peer has gone raises SIGPIPE besides failing with EPIPE (it has
-// no MSG_NOSIGNAL). Our threads block the signal, so it stays pending on the thread: take it
-// now, so that it never reaches a host that unblocks it later.
-void ConsumeBrokenPipeSignal()
-{
-    sigset_t pending;
-    sigemptyset(&pending);
-    if (sigpending(&pending) != 0 || sigismember(&pending, SIGPIPE) != 1)
-        return;
-    sigset_t pipe;
-    sigemptyset(&pipe);
-    sigaddset(&pipe, SIGPIPE);
-    const timespec now{0, 0};
-    while (sigtimedwait(&pipe, nullptr, &now) < 0 && errno == EINTR) {
-    }
 }
 } // namespace
 
@@ -116,7 +97,7 @@ CSplicePipe::EResult CSplicePipe::DrainTo(int socket, size_t& count)
             break;
         m_error = moved < 0 ? errno : EPIPE;
         if (m_error == EPIPE)
-            ConsumeBrokenPipeSignal();
+            CSocketUtils::ConsumeBrokenPipeSignal(); // splice has no MSG_NOSIGNAL
         return EResult::Failed;
     }
     return count > 0 ? EResult::Moved : EResult::NothingNow;

@@ -1,7 +1,11 @@
 #include "transport/CSocketUtils.h"
 
 #include <fcntl.h>
+#include <signal.h>
+#include <time.h>
 #include <unistd.h>
+
+#include <cerrno>
 
 namespace ZRT {
 
@@ -11,6 +15,20 @@ void CSocketUtils::CloseSocket(int socket)
     // close a number that another thread has just been given.
     if (socket >= 0)
         close(socket);
+}
+
+void CSocketUtils::ConsumeBrokenPipeSignal()
+{
+    sigset_t pending;
+    sigemptyset(&pending);
+    if (sigpending(&pending) != 0 || sigismember(&pending, SIGPIPE) != 1)
+        return;
+    sigset_t pipe;
+    sigemptyset(&pipe);
+    sigaddset(&pipe, SIGPIPE);
+    const timespec now{0, 0};
+    while (sigtimedwait(&pipe, nullptr, &now) < 0 && errno == EINTR) {
+    }
 }
 
 bool CSocketUtils::SetSocketBlocking(int socket, bool blocking)

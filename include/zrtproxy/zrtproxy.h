@@ -45,6 +45,10 @@ extern "C" {
 #define ZRT_E_START (-5)          /* the proxy could not start (address in use, no threads, ...) */
 #define ZRT_E_NOT_RUNNING (-6)    /* only while the proxy runs */
 
+/* What zrt_option_flags tells of a setting. */
+#define ZRT_OPTION_REPEATABLE 1 /* each value adds to a list; a NULL value empties it */
+#define ZRT_OPTION_LIVE 2       /* may change while the proxy runs (see zrt_proxy_reload) */
+
 /* Levels of log lines. */
 #define ZRT_LOG_ERROR 1
 #define ZRT_LOG_WARNING 2
@@ -71,6 +75,10 @@ typedef struct zrt_proxy_stats {
     uint64_t bytes_host_to_client;   /* received from destinations */
     uint64_t udp_datagrams_client_to_host;
     uint64_t udp_datagrams_host_to_client;
+    uint64_t refused_not_allowed;    /* clients outside "allow", destinations that are the proxy */
+    uint64_t refused_auth_failed;    /* clients without valid credentials */
+    uint64_t refused_over_limit;     /* clients closed at accept: "max-clients" reached */
+    uint64_t timed_out;              /* closed by "handshake-timeout" or "idle-timeout" */
 } zrt_proxy_stats_t;
 
 /* A stopped proxy with default settings, or NULL when out of memory. */
@@ -78,10 +86,11 @@ ZRT_API zrt_proxy_t* zrt_proxy_create(void);
 /* Stops the proxy if it runs, then frees it. */
 ZRT_API void zrt_proxy_destroy(zrt_proxy_t* proxy);
 
-/* A setting by name: the daemon's long options without the dashes ("listen", "port",
- * "dns-server", "bind-timeout", ...; zrt_option_name lists them). Values are text: numbers in
- * decimal, times in seconds. A NULL value puts the default back. Settings apply at the next
- * start; changing one while the proxy runs gives ZRT_E_RUNNING. */
+/* A setting by name: the daemon's long options without the dashes ("listen", "port", "auth",
+ * "allow", ...; zrt_option_name lists them). Values are text: numbers in decimal, times in
+ * seconds. A NULL value puts the default back (or empties a list). Settings apply at the next
+ * start. While the proxy runs, a live setting (ZRT_OPTION_LIVE) is kept for zrt_proxy_reload;
+ * any other gives ZRT_E_RUNNING. */
 ZRT_API int zrt_proxy_set_option(zrt_proxy_t* proxy, const char* name, const char* value);
 
 /* The settings zrt_proxy_set_option knows, for help texts and configuration checks: the name of
@@ -91,9 +100,18 @@ ZRT_API const char* zrt_option_name(int index);
 ZRT_API const char* zrt_option_value(const char* name);
 /* One line on what a setting does, with its default, or NULL for no such name. */
 ZRT_API const char* zrt_option_description(const char* name);
+/* ZRT_OPTION_REPEATABLE and ZRT_OPTION_LIVE as they apply to a setting; 0 for none (or no such
+ * name). */
+ZRT_API int zrt_option_flags(const char* name);
 
 /* Starts listening and serving; a second start while running is ZRT_E_RUNNING. */
 ZRT_API int zrt_proxy_start(zrt_proxy_t* proxy);
+/* Applies the live settings changed since the start (or the last reload) to the connections
+ * accepted from now on, reads "auth-file" again and reopens "access-log" (after a rotation).
+ * Either all of it takes effect or, on an error, none: ZRT_E_BAD_VALUE (an unreadable users
+ * file, an access log that cannot be opened) with the reason in zrt_proxy_last_error.
+ * ZRT_E_NOT_RUNNING when stopped. */
+ZRT_API int zrt_proxy_reload(zrt_proxy_t* proxy);
 /* The TCP port the proxy listens on (the one chosen for "port" 0), or 0 when stopped. */
 ZRT_API int zrt_proxy_port(const zrt_proxy_t* proxy);
 /* Stops serving: closes the port and every client connection at once (connects and lookups
