@@ -648,8 +648,10 @@ void CProxyConnection::ReleaseLink()
         m_linkState = ELink::Closed;
     if (!link)
         return;
-    // After RemoveNotification no callback of the link reaches us, so nothing outlives the thread.
+    // After RemoveNotification no callback of the link reaches us, so nothing outlives the thread;
+    // what it reported before must not be taken for news of the next link (another address).
     link->RemoveNotification(this);
+    m_notices.fetch_and(~static_cast<unsigned>(NOTICE_LINK_CONNECTED | NOTICE_LINK_CLOSED | NOTICE_HOST_DATA));
     if (m_readerFd >= 0)
         link->DetachReader();
     m_readerFd = -1;

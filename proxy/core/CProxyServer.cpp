@@ -235,20 +235,21 @@ bool CProxyServer::Admit(int client, const sockaddr_storage& peer, const SActive
     const bool allowed = active.allow.empty() ||
                          std::any_of(active.allow.begin(), active.allow.end(),
                                      [&](const CAddressRange& range) { return range.Contains(peer); });
+    // Counted and reported before the close, so that whoever sees the close sees the count.
     if (!allowed) {
-        CSocketUtils::CloseSocket(client);
         m_stats.Add(CProxyStats::REFUSED_NOT_ALLOWED);
         ReportRefused(peer, EOutcome::NotAllowed);
+        CSocketUtils::CloseSocket(client);
         return false;
     }
     const int limit = active.settings.maxClients;
     if (limit > 0 && m_stats.Get(CProxyStats::CONNECTIONS_ACTIVE) >= static_cast<uint64_t>(limit)) {
-        CSocketUtils::CloseSocket(client);
         m_stats.Add(CProxyStats::REFUSED_OVER_LIMIT);
         // One report per episode: a flood of refusals must not become a flood of log lines.
         if (!m_overLimit && m_observer)
             m_observer->OnError("max-clients (" + std::to_string(limit) + ") reached: new clients are closed");
         m_overLimit = true;
+        CSocketUtils::CloseSocket(client);
         return false;
     }
     m_overLimit = false;

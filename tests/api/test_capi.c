@@ -110,9 +110,25 @@ static void test_options_and_errors(void)
     CHECK(zrt_proxy_set_option(proxy, "listen", "[::1]") == ZRT_OK);
     CHECK(strcmp(zrt_proxy_last_error(proxy), "") == 0);
     CHECK(zrt_proxy_set_option(proxy, "listen", NULL) == ZRT_OK); /* back to 127.0.0.1 */
+    /* Values each setting refuses, with the setting named in the reason. */
+    const char* const refused[][2] = {
+        {"auth", "nocolon"}, {"auth", ":password"}, {"allow", "10.0.0.0/33"}, {"allow", "example.org"},
+        {"max-clients", "-1"}, {"handshake-timeout", "1s"}, {"outgoing-address", "eth0"},
+        {"log-level", "loud"}, {"metrics", "127.0.0.1"}, {"metrics", "localhost:9100"},
+        {"auth-file", "/nonexistent/users"}, {"access-log", ""}, {"transport-threads", "0"},
+    };
+    for (size_t i = 0; i < sizeof(refused) / sizeof(refused[0]); ++i) {
+        CHECK(zrt_proxy_set_option(proxy, refused[i][0], refused[i][1]) == ZRT_E_BAD_VALUE);
+        CHECK(strstr(zrt_proxy_last_error(proxy), refused[i][0]) != NULL);
+    }
+    CHECK(zrt_proxy_set_option(proxy, "metrics", "[::1]:0") == ZRT_OK);
+    CHECK(zrt_proxy_set_option(proxy, "metrics", NULL) == ZRT_OK);
+    CHECK(zrt_proxy_reload(proxy) == ZRT_E_NOT_RUNNING);
     CHECK(zrt_proxy_set_option(proxy, "port", "0") == ZRT_OK);
     CHECK(zrt_proxy_start(proxy) == ZRT_OK);
     CHECK(zrt_proxy_set_option(proxy, "port", "0") == ZRT_E_RUNNING);
+    CHECK(zrt_proxy_set_option(proxy, "idle-timeout", "60") == ZRT_OK); /* live: kept for a reload */
+    CHECK(zrt_proxy_reload(proxy) == ZRT_OK);
 
     /* A second start is an error and changes nothing. */
     int port = zrt_proxy_port(proxy);
@@ -138,6 +154,9 @@ static void test_options_and_errors(void)
     }
     CHECK(count >= 4);
     CHECK(zrt_option_value("no-such-option") == NULL);
+    CHECK(zrt_option_flags("auth") == (ZRT_OPTION_REPEATABLE | ZRT_OPTION_LIVE));
+    CHECK(zrt_option_flags("port") == 0);
+    CHECK(zrt_option_flags("no-such-option") == 0);
     CHECK(zrt_proxy_set_option(NULL, "port", "0") == ZRT_E_INVALID);
     CHECK(zrt_proxy_start(NULL) == ZRT_E_INVALID);
     CHECK(zrt_proxy_port(NULL) == 0);
@@ -427,6 +446,107 @@ static void test_log_lines(void)
     capi_server_stop(server);
 }
 
+/* A SOCKS5 CONNECT with username/password; the reply code, or -1 when the method or the
+ * credentials were refused. The tunnel is closed again. */
+static int socks5_login(int proxy_port, const char* user, const char* password, int dest_port)
+{
+    struct sockaddr_in entry;
+    memset(&entry, 0, sizeof(entry));
+    entry.sin_family = AF_INET;
+    entry.sin_port = htons((unsigned short)proxy_port);
+    entry.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    int fd = socket(AF_INET, SOCK_STREAM, 0);
+    struct timeval limit = {10, 0};
+    setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof(limit));
+    CHECK(connect(fd, (struct sockaddr*)&entry, sizeof(entry)) == 0);
+    unsigned char message[600];
+    unsigned char answer[10];
+    int result = -1;
+    size_t user_length = strlen(user), password_length = strlen(password), length = 0;
+    message[length++] = 5, message[length++] = 1, message[length++] = 2;
+    message[length++] = 1, message[length++] = (unsigned char)user_length;
+    memcpy(message + length, user, user_length), length += user_length;
+    message[length++] = (unsigned char)password_length;
+    memcpy(message + length, password, password_length), length += password_length;
+    CHECK(send(fd, message, length, MSG_NOSIGNAL) == (ssize_t)length);
+    if (recv(fd, answer, 2, MSG_WAITALL) == 2 && answer[1] == 2 && recv(fd, answer, 2, MSG_WAITALL) == 2 &&
+        answer[1] == 0) {
+        unsigned char request[10] = {5, 1, 0, 1, 127, 0, 0, 2, (unsigned char)(dest_port >> 8), (unsigned char)dest_port};
+        CHECK(send(fd, request, 10, MSG_NOSIGNAL) == 10);
+        if (recv(fd, answer, 10, MSG_WAITALL) == 10)
+            result = answer[1];
+    }
+    close(fd);
+    return result;
+}
+
+static void test_reload_applies_live_settings_to_new_clients(void)
+{
+    capi_server_t* server = capi_server_start(10);
+    const int port = capi_server_port(server);
+    zrt_proxy_t* proxy = zrt_proxy_create();
+    CHECK(zrt_proxy_set_option(proxy, "port", "0") == ZRT_OK);
+    CHECK(zrt_proxy_set_option(proxy, "auth", "alice:one") == ZRT_OK);
+    CHECK(zrt_proxy_start(proxy) == ZRT_OK);
+    const int proxy_port = zrt_proxy_port(proxy);
+    CHECK(socks5_login(proxy_port, "alice", "one", port) == 0);
+    CHECK(socks5_login(proxy_port, "alice", "two", port) == -1);
+    int reply = 0;
+    CHECK(capi_socks5_connect(proxy_port, "127.0.0.2", port, &reply) < 0); /* no credentials */
+
+    /* Staged while running: nothing changes before the reload. */
+    CHECK(zrt_proxy_set_option(proxy, "auth", NULL) == ZRT_OK);
+    CHECK(zrt_proxy_set_option(proxy, "auth", "bob:three") == ZRT_OK);
+    CHECK(socks5_login(proxy_port, "alice", "one", port) == 0);
+    CHECK(zrt_proxy_reload(proxy) == ZRT_OK);
+    CHECK(socks5_login(proxy_port, "alice", "one", port) == -1);
+    CHECK(socks5_login(proxy_port, "bob", "three", port) == 0);
+
+    /* A reload that cannot work changes nothing. */
+    CHECK(zrt_proxy_set_option(proxy, "access-log", "/nonexistent/dir/access.log") == ZRT_OK);
+    CHECK(zrt_proxy_reload(proxy) == ZRT_E_BAD_VALUE);
+    CHECK(strstr(zrt_proxy_last_error(proxy), "access log") != NULL);
+    CHECK(socks5_login(proxy_port, "bob", "three", port) == 0);
+
+    /* Without users, clients come in as before. */
+    CHECK(zrt_proxy_set_option(proxy, "access-log", NULL) == ZRT_OK);
+    CHECK(zrt_proxy_set_option(proxy, "auth", NULL) == ZRT_OK);
+    CHECK(zrt_proxy_reload(proxy) == ZRT_OK);
+    CHECK(socks5_fetch(proxy, "127.0.0.2", port) > 10);
+    wait_idle(proxy);
+    zrt_proxy_stats_t stats = stats_of(proxy);
+    CHECK(stats.refused_auth_failed == 3);
+    zrt_proxy_destroy(proxy);
+    capi_server_stop(server);
+}
+
+static void answer_two(void* context, const char* name, zrt_lookup_t* lookup)
+{
+    (void)context;
+    (void)name;
+    /* The first address has nothing listening: the second must be tried. */
+    struct sockaddr_storage addresses[2];
+    memset(addresses, 0, sizeof(addresses));
+    const char* texts[2] = {"127.0.0.9", "127.0.0.2"};
+    for (int i = 0; i < 2; ++i) {
+        struct sockaddr_in* v4 = (struct sockaddr_in*)&addresses[i];
+        v4->sin_family = AF_INET;
+        inet_pton(AF_INET, texts[i], &v4->sin_addr);
+    }
+    zrt_lookup_answer(lookup, addresses, 2);
+}
+
+static void test_a_name_with_several_addresses_is_tried_in_order(void)
+{
+    capi_server_t* server = capi_server_start(10);
+    zrt_proxy_t* proxy = zrt_proxy_create();
+    zrt_proxy_set_resolver(proxy, answer_two, NULL);
+    CHECK(zrt_proxy_set_option(proxy, "port", "0") == ZRT_OK && zrt_proxy_start(proxy) == ZRT_OK);
+    CHECK(socks5_fetch(proxy, "two.test", capi_server_port(server)) > 10);
+    zrt_proxy_destroy(proxy);
+    capi_server_stop(server);
+}
+
 struct named_test {
     const char* name;
     void (*run)(void);
@@ -441,6 +561,8 @@ static const struct named_test TESTS[] = {
     {"socket_hook_sees_and_refuses", test_socket_hook_sees_and_refuses},
     {"clients_that_vanish_mid_download_do_not_kill_the_host", test_clients_that_vanish_mid_download_do_not_kill_the_host},
     {"log_lines", test_log_lines},
+    {"reload_applies_live_settings_to_new_clients", test_reload_applies_live_settings_to_new_clients},
+    {"a_name_with_several_addresses_is_tried_in_order", test_a_name_with_several_addresses_is_tried_in_order},
 };
 
 int main(int argc, char** argv)

@@ -973,6 +973,119 @@ TEST_F(EndToEndTest, HttpConnectOpensATunnel)
     ASSERT_TRUE(client.Echoes("tls bytes"));
 }
 
+// ---- limits and policy, with the real handlers ----
+
+class PolicyTest : public EndToEndTest {
+protected:
+    void Apply(const std::function<void(Proxy::SProxySettings&)>& change)
+    {
+        Proxy::SProxySettings settings = m_proxy.GetSettings();
+        change(settings);
+        ASSERT_TRUE(m_proxy.SetSettings(settings));
+    }
+    uint64_t Count(Proxy::CProxyStats::ECounter counter) { return m_proxy.GetStats().Get(counter); }
+    // A SOCKS5 tunnel to server1:80 through an echoing link.
+    void OpenTunnel(TestClient& client)
+    {
+        ASSERT_TRUE(client.Connect(m_port));
+        ASSERT_EQ(Socks5Request(client, Bytes({5, 1, 0, 3, 7}) + "server1" + Bytes({0, 80})).substr(0, 2),
+                  Bytes({5, 0}));
+        ASSERT_TRUE(client.Echoes("ping"));
+    }
+};
+
+TEST_F(PolicyTest, HandshakeLimitClosesSilentAndSlowClientsWhileOthersAreServed)
+{
+    EchoLinks();
+    Apply([](Proxy::SProxySettings& s) { s.handshakeTimeoutMs = 300; });
+    TestClient silent;
+    TestClient partial;
+    ASSERT_TRUE(silent.Connect(m_port));
+    ASSERT_TRUE(partial.Connect(m_port));
+    ASSERT_TRUE(partial.Send(Bytes({5, 1}))); // half a greeting, then nothing
+    TestClient served;
+    OpenTunnel(served);
+    EXPECT_TRUE(silent.WaitForClose(5000));
+    EXPECT_TRUE(partial.WaitForClose(5000));
+    // The limit is for the handshake alone: the tunnel outlives it.
+    std::this_thread::sleep_for(std::chrono::milliseconds(400));
+    EXPECT_TRUE(served.Echoes("still here"));
+    EXPECT_EQ(Count(Proxy::CProxyStats::TIMED_OUT), 2u);
+}
+
+TEST_F(PolicyTest, IdleLimitClosesAQuietTunnelButNotABusyOne)
+{
+    EchoLinks();
+    Apply([](Proxy::SProxySettings& s) { s.idleTimeoutMs = 400; });
+    TestClient quiet;
+    TestClient busy;
+    OpenTunnel(quiet);
+    OpenTunnel(busy);
+    for (int i = 0; i < 8; ++i) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        ASSERT_TRUE(busy.Echoes("tick")) << i;
+    }
+    EXPECT_TRUE(quiet.WaitForClose(5000));
+    EXPECT_TRUE(busy.Echoes("alive after twice the limit"));
+    EXPECT_EQ(Count(Proxy::CProxyStats::TIMED_OUT), 1u);
+}
+
+TEST_F(PolicyTest, AllowListAndClientLimitCloseAtAcceptBeforeAnyByte)
+{
+    EchoLinks();
+    Apply([](Proxy::SProxySettings& s) { s.allow = {"127.0.0.2/32", "::1"}; });
+    TestClient outsider;
+    ASSERT_TRUE(outsider.Connect(m_port));
+    ASSERT_TRUE(outsider.Send(Bytes({5, 1, 0})));
+    bool closed = false;
+    EXPECT_EQ(outsider.ReadToEnd(&closed, 5000), "");
+    EXPECT_TRUE(closed);
+    EXPECT_EQ(Count(Proxy::CProxyStats::REFUSED_NOT_ALLOWED), 1u);
+
+    // A bad block changes nothing.
+    Proxy::SProxySettings bad = m_proxy.GetSettings();
+    bad.allow = {"127.0.0.0/33"};
+    EXPECT_FALSE(m_proxy.SetSettings(bad));
+
+    Apply([](Proxy::SProxySettings& s) { s.allow = {"127.0.0.0/8"}, s.maxClients = 1; });
+    TestClient first;
+    OpenTunnel(first);
+    TestClient second;
+    ASSERT_TRUE(second.Connect(m_port));
+    EXPECT_EQ(second.ReadToEnd(&closed, 5000), "");
+    EXPECT_TRUE(closed);
+    EXPECT_EQ(Count(Proxy::CProxyStats::REFUSED_OVER_LIMIT), 1u);
+    first.Close();
+    m_multiPointLayer.GetLastLink()->CloseFromRemote(); // the host's end too: the tunnel is over
+    ASSERT_TRUE(WaitForConnections(0));
+    TestClient third;
+    OpenTunnel(third); // room again
+}
+
+TEST_F(PolicyTest, NameWithSeveralAddressesIsTriedInOrderSkippingTheProxyItself)
+{
+    EchoLinks();
+    const std::string itself = "127.0.0.1:" + std::to_string(m_port);
+    m_resolver.Script("multi:80", "127.0.0.9,127.0.0.1,127.0.0.10");
+    m_multiPointLayer.SetRefused({"127.0.0.9:80"});
+    TestClient client;
+    ASSERT_TRUE(client.Connect(m_port));
+    EXPECT_EQ(Socks5Request(client, Bytes({5, 1, 0, 3, 5}) + "multi" + Bytes({0, 80})).substr(0, 2), Bytes({5, 0}));
+    EXPECT_EQ(m_multiPointLayer.GetDestinations(), (std::vector<std::string>{"127.0.0.9:80", "127.0.0.1:80"}));
+    EXPECT_TRUE(client.Echoes("second address"));
+
+    // The proxy's own address among a name's addresses is never tried.
+    m_resolver.Script("loop:" + std::to_string(m_port), "192.0.2.1,127.0.0.1");
+    m_multiPointLayer.SetRefused({"192.0.2.1:" + std::to_string(m_port)});
+    TestClient looped;
+    ASSERT_TRUE(looped.Connect(m_port));
+    const std::string request = Bytes({5, 1, 0, 3, 4}) + "loop" +
+                                Bytes({static_cast<int>(m_port >> 8), static_cast<int>(m_port & 0xFF)});
+    EXPECT_EQ(Socks5Request(looped, request).substr(0, 2), Bytes({5, 5}));
+    const auto destinations = m_multiPointLayer.GetDestinations();
+    EXPECT_EQ(std::count(destinations.begin(), destinations.end(), itself), 0);
+}
+
 } // namespace
 } // namespace Testing
 } // namespace ZRT

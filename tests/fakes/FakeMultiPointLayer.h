@@ -1,6 +1,7 @@
 #pragma once
 
 #include <functional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -23,7 +24,7 @@ public:
         QOX::CRefCountPtr<FakeDataLayer> link;
         Locked([&] {
             m_destinations.push_back(destination.ToString());
-            if (m_fail)
+            if (m_fail || m_refused.count(destination.ToString()) != 0)
                 return;
             link = new FakeDataLayer();
             m_links.push_back(link);
@@ -37,6 +38,8 @@ public:
     }
 
     void SetFail(bool fail) { Locked([&] { m_fail = fail; }); }
+    // Destinations (ToString() form) that fail while others connect.
+    void SetRefused(std::set<std::string> refused) { Locked([&] { m_refused = std::move(refused); }); }
     void SetOnConnect(ConnectHook hook) { Locked([&] { m_hook = std::move(hook); }); }
     // ToString() of each Connect's destination.
     std::vector<std::string> GetDestinations() const { return Locked([&] { return m_destinations; }); }
@@ -50,6 +53,7 @@ public:
 
 private:
     bool m_fail = false;
+    std::set<std::string> m_refused;
     ConnectHook m_hook;
     std::vector<std::string> m_destinations;
     std::vector<QOX::CRefCountPtr<FakeDataLayer>> m_links;

@@ -152,7 +152,7 @@ public:
     }
     Proxy::CProxyStats& GetStats() override { return m_stats; }
     void MarkRequestComplete() override { Locked([&] { m_requestComplete = true; }); }
-    void SetUser(const std::string& user) override { Locked([&] { m_user = user; }); }
+    void SetUser(const std::string& user) override { Locked([&] { m_user = user.empty() ? "-" : user; }); }
     bool IsRequestComplete() const { return Locked([&] { return m_requestComplete; }); }
     std::string GetUser() const { return Locked([&] { return m_user; }); }
     std::string GetProtocolName() const { return Locked([&] { return m_protocolName; }); }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <algorithm>
 #include <chrono>
 #include <cstdlib>
 #include <map>
@@ -83,6 +84,26 @@ public:
         for (auto* target : Locked([&] { return m_notifications; }))
             target->OnResolveAddressCompleted(0, key, result);
     }
+    // "a,b,c": a, with b and c as its alternatives.
+    static QOX::CRefCountPtr<IZRTConnectionAddress> Scripted(const std::string& list, unsigned int port)
+    {
+        const size_t comma = list.find(',');
+        QOX::CRefCountPtr<IZRTConnectionAddress> first = CTCPIPAddress::FromText(list.substr(0, comma).c_str(), port);
+        if (comma == std::string::npos || !first)
+            return first;
+        std::vector<sockaddr_storage> others;
+        for (size_t start = comma + 1; start <= list.size();) {
+            const size_t end = std::min(list.find(',', start), list.size());
+            QOX::CRefCountPtr<IZRTConnectionAddress> other = CTCPIPAddress::FromText(list.substr(start, end - start).c_str(), port);
+            sockaddr_storage storage{};
+            int length = sizeof(storage);
+            if (other && other->GetSockAddr(reinterpret_cast<sockaddr*>(&storage), &length))
+                others.push_back(storage);
+            start = end + 1;
+        }
+        static_cast<CTCPIPAddress*>(first.Get())->SetAlternatives(others);
+        return first;
+    }
     QOX::CRefCountPtr<IZRTConnectionAddress> Lookup(const std::string& key)
     {
         const size_t colon = key.rfind(':');
@@ -97,7 +118,7 @@ public:
             return found == m_script.end() ? std::string() : found->second;
         });
         if (!scripted.empty())
-            return CTCPIPAddress::FromText(scripted.c_str(), port);
+            return Scripted(scripted, port);
         if (!numeric)
             return {};
         if (host == "localhost")

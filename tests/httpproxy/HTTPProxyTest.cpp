@@ -6,6 +6,8 @@
 #include "fakes/FakeProxyConnection.h"
 #include "fakes/FakeResolver.h"
 #include "proxy/address/CAddressManager.h"
+#include "proxy/core/CCredentials.h"
+#include "proxy/http/CBase64.h"
 #include "proxy/httpproxy/CConnectionProtocol_HTTP.h"
 
 namespace ZRT {
@@ -310,6 +312,106 @@ TEST_F(HTTPProxyTest, SecondRequestPassesRaw)
 }
 
 // Every case starts with a request forwarded to the host, so the next host bytes are its response.
+// ---- Basic authentication (when the proxy has users) ----
+
+const std::string AUTH_407 = "HTTP/1.0 407 Proxy Authentication Required\r\nProxy-Authenticate: Basic "
+                             "realm=\"zrt-proxy\"\r\nContent-Length: 0\r\nConnection: close\r\n\r\n";
+
+std::string WithAuthorization(const std::string& request, const std::string& value)
+{
+    const size_t end = request.find("\r\n") + 2;
+    return request.substr(0, end) + "Proxy-Authorization: " + value + "\r\n" + request.substr(end);
+}
+
+class HTTPProxyAuthTest : public HTTPProxyTest {
+protected:
+    void SetUp() override
+    {
+        m_connection.Settings().users = {{"alice", "s3:cret"}};
+        HTTPProxyTest::SetUp();
+    }
+};
+
+TEST_F(HTTPProxyAuthTest, RightCredentialsAreUsedAndNeverForwarded)
+{
+    // alice:s3:cret (the password may hold a colon: only the first one splits).
+    Request(WithAuthorization(BROWSER_REQUEST, "Basic " + CBase64::Encode("alice:s3:cret")));
+    EXPECT_EQ(FORWARDED, m_connection.GetToHost());
+    EXPECT_EQ("alice", m_connection.GetUser());
+    EXPECT_FALSE(m_connection.GetOutcome().has_value());
+    EXPECT_TRUE(m_connection.IsRequestComplete());
+}
+
+TEST_F(HTTPProxyAuthTest, SchemeIsCaseInsensitiveAndConnectTunnelsToo)
+{
+    Request(WithAuthorization("CONNECT server1:443 HTTP/1.1\r\nHost: server1:443\r\n\r\n",
+                              "basic   " + CBase64::Encode("alice:s3:cret")));
+    EXPECT_EQ(OK_200, m_connection.GetToClient());
+}
+
+TEST_F(HTTPProxyAuthTest, MissingOrWrongCredentialsGet407AndTheConnectionCloses)
+{
+    const struct {
+        std::string request;
+        std::string user;
+    } cases[] = {
+        {BROWSER_REQUEST, "-"},
+        {WithAuthorization(BROWSER_REQUEST, "Basic " + CBase64::Encode("alice:wrong")), "alice"},
+        {WithAuthorization(BROWSER_REQUEST, "Basic " + CBase64::Encode("mallory:s3:cret")), "mallory"},
+        {WithAuthorization(BROWSER_REQUEST, "Basic " + CBase64::Encode("alices3:cret")), "alices3"},
+        {WithAuthorization(BROWSER_REQUEST, "Basic !!not-base64!!"), "-"},
+        {WithAuthorization(BROWSER_REQUEST, "Bearer " + CBase64::Encode("alice:s3:cret")), "-"},
+        {WithAuthorization("CONNECT server1:443 HTTP/1.1\r\nHost: server1:443\r\n\r\n", "Basic"), "-"},
+    };
+    for (const auto& c : cases) {
+        FakeProxyConnection connection;
+        connection.Settings().users = {{"alice", "s3:cret"}};
+        CConnectionProtocol_HTTP handler(connection);
+        connection.SetProtocol(&handler);
+        Feed(connection, handler, c.request);
+        EXPECT_EQ(AUTH_407, connection.GetToClient()) << c.request;
+        EXPECT_FALSE(connection.IsConnectedToClient()) << c.request;
+        EXPECT_EQ(0, connection.GetMultiPointLayer().GetConnectCount()) << c.request;
+        EXPECT_EQ(EOutcome::AuthFailed, connection.GetOutcome()) << c.request;
+        EXPECT_EQ(c.user, connection.GetUser()) << c.request;
+    }
+}
+
+TEST_F(HTTPProxyTest, ProxyAuthorizationIsNeverForwardedEvenWithoutUsers)
+{
+    Request(WithAuthorization(BROWSER_REQUEST, "Basic " + CBase64::Encode("someone:secret")));
+    EXPECT_EQ(FORWARDED, m_connection.GetToHost());
+}
+
+TEST(Base64Test, DecodesWhatEncodeMakesAndRefusesWhatIsNotBase64)
+{
+    for (const std::string& text : std::vector<std::string>{"", "a", "ab", "abc", "abcd", "user:pa:ss", std::string("\0\xff\x10", 3)}) {
+        std::string decoded;
+        ASSERT_TRUE(CBase64::Decode(CBase64::Encode(text), decoded)) << text;
+        EXPECT_EQ(text, decoded);
+    }
+    EXPECT_EQ("YWxhZGRpbjpvcGVuc2VzYW1l", CBase64::Encode("aladdin:opensesame"));
+    for (const char* bad : {"YWJj=", "YW=j", "Y===", "YWJ$", "YWJjZA", "=AAA"}) {
+        std::string decoded = "unchanged";
+        EXPECT_FALSE(CBase64::Decode(bad, decoded)) << bad;
+        EXPECT_EQ("unchanged", decoded);
+    }
+}
+
+TEST(CredentialsTest, MatchesOnlyTheWholeNameWithItsOwnPassword)
+{
+    const CCredentials::Users users = {{"alice", "one"}, {"bob", "two"}};
+    EXPECT_TRUE(CCredentials::Check(users, "alice", "one"));
+    EXPECT_TRUE(CCredentials::Check(users, "bob", "two"));
+    EXPECT_FALSE(CCredentials::Check(users, "alice", "two"));
+    EXPECT_FALSE(CCredentials::Check(users, "alic", "one"));
+    EXPECT_FALSE(CCredentials::Check(users, "alice", "one "));
+    EXPECT_FALSE(CCredentials::Check(users, "alice", ""));
+    EXPECT_FALSE(CCredentials::Check({}, "", ""));
+    EXPECT_TRUE(CCredentials::Equal("", ""));
+    EXPECT_FALSE(CCredentials::Equal("a", std::string("a\0", 2)));
+}
+
 class HTTPProxyResponseTest : public HTTPProxyTest {
 protected:
     void SetUp() override

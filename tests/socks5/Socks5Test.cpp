@@ -232,6 +232,106 @@ TEST_F(Socks5NegotiationTest, Ipv6DestinationIsDecoded)
 
 // ---- CONNECT ----
 
+// ---- username/password (when the proxy has users) ----
+
+std::string Credentials(const std::string& user, const std::string& password, int version = 1)
+{
+    return Bytes({version, static_cast<int>(user.size())}) + user + Bytes({static_cast<int>(password.size())}) +
+           password;
+}
+
+class Socks5AuthTest : public Socks5Fixture {
+protected:
+    void SetUp() override
+    {
+        m_connection.Settings().users = {{"alice", "s3cret"}, {"bob", "hunter2"}};
+        Socks5Fixture::SetUp();
+    }
+};
+
+const std::string AUTHENTICATED_CONNECT =
+    Bytes({5, 2, 0, 2}) + Credentials("bob", "hunter2") + Request(1, {127, 0, 0, 1}, 80) + "payload";
+
+TEST_F(Socks5AuthTest, RightCredentialsCoalescedWithGreetingRequestAndPayload)
+{
+    Send(AUTHENTICATED_CONNECT);
+    EXPECT_EQ(Bytes({5, 2, 1, 0}) + CommandReply(0), m_connection.GetToClient());
+    EXPECT_EQ("payload", m_connection.GetToHost());
+    EXPECT_EQ("bob", m_connection.GetUser());
+    EXPECT_TRUE(m_connection.IsRequestComplete());
+}
+
+TEST_F(Socks5AuthTest, RightCredentialsByteByByteAreAnsweredOnlyAfterTheirLastByte)
+{
+    const size_t credentialsEnd = 4 + Credentials("bob", "hunter2").size();
+    for (size_t i = 0; i < AUTHENTICATED_CONNECT.size(); ++i) {
+        Send(AUTHENTICATED_CONNECT.substr(i, 1));
+        // The greeting (4 bytes) is answered after its last byte, the credentials after theirs.
+        if (i + 1 < credentialsEnd) {
+            EXPECT_EQ(i < 3 ? "" : Bytes({5, 2}), m_connection.GetToClient()) << "after byte " << i;
+        }
+    }
+    EXPECT_EQ(Bytes({5, 2, 1, 0}) + CommandReply(0), m_connection.GetToClient());
+    EXPECT_EQ("payload", m_connection.GetToHost());
+    EXPECT_EQ(EState::Relay, m_handler->GetState());
+}
+
+TEST_F(Socks5AuthTest, ReplyWaitsForTheWholeSubNegotiation)
+{
+    Send(Bytes({5, 1, 2}));
+    EXPECT_EQ(Bytes({5, 2}), m_connection.GetToClient());
+    const std::string credentials = Credentials("alice", "s3cret");
+    Send(credentials.substr(0, credentials.size() - 1));
+    EXPECT_EQ(EState::Authenticate, m_handler->GetState());
+    EXPECT_EQ(Bytes({5, 2}), m_connection.GetToClient());
+    EXPECT_FALSE(m_connection.IsRequestComplete());
+    Send(credentials.substr(credentials.size() - 1));
+    EXPECT_EQ(Bytes({5, 2, 1, 0}), m_connection.GetToClient());
+    EXPECT_EQ(EState::Request, m_handler->GetState());
+}
+
+struct SAuthRefusal {
+    const char* name;
+    std::string bytes;
+    std::string reply;
+    std::string user;
+};
+
+class Socks5AuthRefusalTest : public Socks5AuthTest, public ::testing::WithParamInterface<SAuthRefusal> {};
+
+TEST_P(Socks5AuthRefusalTest, FailsOnceAndCloses)
+{
+    Send(GetParam().bytes + Request(1, {127, 0, 0, 1}, 80));
+    EXPECT_EQ(GetParam().reply, m_connection.GetToClient());
+    EXPECT_TRUE(Dropped());
+    EXPECT_EQ(0, m_connection.GetConnectCalls());
+    EXPECT_EQ(Proxy::EOutcome::AuthFailed, m_connection.GetOutcome());
+    EXPECT_EQ(GetParam().user, m_connection.GetUser());
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Refusals, Socks5AuthRefusalTest,
+    ::testing::Values(
+        // A client that offers only "no authentication" is not let in without it.
+        SAuthRefusal{"NoPasswordMethodOffered", Bytes({5, 1, 0}), Bytes({5, 0xFF}), "-"},
+        SAuthRefusal{"WrongPassword", Bytes({5, 1, 2}) + Credentials("alice", "s3creT"), Bytes({5, 2, 1, 1}), "alice"},
+        SAuthRefusal{"PasswordOfAnotherUser", Bytes({5, 1, 2}) + Credentials("alice", "hunter2"), Bytes({5, 2, 1, 1}),
+                     "alice"},
+        SAuthRefusal{"UnknownUser", Bytes({5, 1, 2}) + Credentials("mallory", "s3cret"), Bytes({5, 2, 1, 1}), "mallory"},
+        SAuthRefusal{"PrefixOfThePassword", Bytes({5, 1, 2}) + Credentials("alice", "s3cre"), Bytes({5, 2, 1, 1}),
+                     "alice"},
+        SAuthRefusal{"EmptyUser", Bytes({5, 1, 2}) + Credentials("", ""), Bytes({5, 2, 1, 1}), "-"},
+        SAuthRefusal{"WrongSubNegotiationVersion", Bytes({5, 1, 2}) + Credentials("alice", "s3cret", 5),
+                     Bytes({5, 2, 1, 1}), "alice"}),
+    [](const ::testing::TestParamInfo<SAuthRefusal>& info) { return std::string(info.param.name); });
+
+TEST_F(Socks5NegotiationTest, WithoutUsersThePasswordMethodAloneIsNotAccepted)
+{
+    Send(Bytes({5, 2, 2, 0}));
+    EXPECT_EQ(Bytes({5, 0}), m_connection.GetToClient()); // "no authentication" chosen
+    EXPECT_EQ(EState::Request, m_handler->GetState());
+}
+
 class Socks5ConnectTest : public Socks5Fixture {};
 
 TEST_F(Socks5ConnectTest, RelaysBothWaysAfterAReplyWithTheClientsOwnPort)
