@@ -194,8 +194,8 @@ void CProxyConnection::Report()
     record.user = m_user;
     record.destination = m_destination;
     record.outcome = m_outcome;
-    record.bytesClientToHost = m_bytesClientToHost;
-    record.bytesHostToClient = m_bytesHostToClient;
+    record.bytesClientToHost = m_bytesClientToHost.load(std::memory_order_relaxed);
+    record.bytesHostToClient = m_bytesHostToClient.load(std::memory_order_relaxed);
     record.durationMs = static_cast<uint64_t>(
         std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - m_started).count());
     observer->OnConnectionFinished(record);
@@ -245,15 +245,24 @@ CProxyStats& CProxyConnection::GetStats()
     return m_server ? m_server->GetStats() : unowned;
 }
 
+void CProxyConnection::CountDatagram(bool toHost, uint64_t payloadBytes)
+{
+    GetStats().Add(toHost ? CProxyStats::UDP_DATAGRAMS_CLIENT_TO_HOST : CProxyStats::UDP_DATAGRAMS_HOST_TO_CLIENT);
+    if (toHost)
+        CountClientBytes(payloadBytes);
+    else
+        CountHostBytes(payloadBytes);
+}
+
 void CProxyConnection::CountClientBytes(uint64_t count)
 {
-    m_bytesClientToHost += count;
+    m_bytesClientToHost.fetch_add(count, std::memory_order_relaxed);
     GetStats().Add(CProxyStats::BYTES_CLIENT_TO_HOST, count);
 }
 
 void CProxyConnection::CountHostBytes(uint64_t count)
 {
-    m_bytesHostToClient += count;
+    m_bytesHostToClient.fetch_add(count, std::memory_order_relaxed);
     GetStats().Add(CProxyStats::BYTES_HOST_TO_CLIENT, count);
 }
 
@@ -419,6 +428,8 @@ void CProxyConnection::ReadClient()
             return;
         }
         const std::string family = m_protocol->GetFamily();
+        // Until the handler says more (connect, udp, bind), the record names the protocol.
+        m_exchangeProtocol = family.empty() ? "-" : family;
         if (family == "socks5")
             GetStats().Add(CProxyStats::SOCKS5_TOTAL);
         else if (family == "http")

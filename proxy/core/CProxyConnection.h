@@ -125,6 +125,7 @@ public:
     CProxyStats& GetStats() override;
     void MarkRequestComplete() override;
     void SetUser(const std::string& user) override;
+    void CountDatagram(bool toHost, uint64_t payloadBytes) override;
 
     // The thread has been started and has not ended yet.
     bool IsRunning() const;
@@ -274,8 +275,9 @@ private:
     std::string m_user = "-";
     EOutcome m_outcome = EOutcome::Ok;
     bool m_outcomeSet = false;
-    uint64_t m_bytesClientToHost = 0;
-    uint64_t m_bytesHostToClient = 0;
+    // Atomic: datagrams from hosts are counted on the host's threads.
+    std::atomic<uint64_t> m_bytesClientToHost{0};
+    std::atomic<uint64_t> m_bytesHostToClient{0};
 };
 
 } // namespace Proxy

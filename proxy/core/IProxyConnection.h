@@ -81,6 +81,8 @@ public:
     virtual void MarkRequestComplete() = 0;
     // The user the client authenticated as (or tried to), for the record.
     virtual void SetUser(const std::string& user) = 0;
+    // A datagram relayed for the client (UDP ASSOCIATE), with its payload bytes; any thread.
+    virtual void CountDatagram(bool toHost, uint64_t payloadBytes) = 0;
 };
 
 } // namespace Proxy

@@ -199,7 +199,7 @@ void CSocks5UdpRelay::Forward(const AddressPtr& destination, const unsigned char
         }
     }
     m_handler->SendDatagram(m_handle, *destination, payload, static_cast<int>(length));
-    m_connection.GetStats().Add(CProxyStats::UDP_DATAGRAMS_CLIENT_TO_HOST);
+    m_connection.CountDatagram(true, length);
 }
 
 void CSocks5UdpRelay::OnDatagramReceived(int /*handle*/, const IZRTConnectionAddress& source,
@@ -230,7 +230,7 @@ void CSocks5UdpRelay::OnDatagramReceived(int /*handle*/, const IZRTConnectionAdd
         std::memcpy(datagram.data() + 3 + block, data, static_cast<size_t>(length));
     sendto(m_socket, datagram.data(), 3 + static_cast<size_t>(block) + static_cast<size_t>(length), MSG_NOSIGNAL,
            reinterpret_cast<const sockaddr*>(&client), clientLength);
-    m_connection.GetStats().Add(CProxyStats::UDP_DATAGRAMS_HOST_TO_CLIENT);
+    m_connection.CountDatagram(false, static_cast<uint64_t>(length));
 }
 
 } // namespace Proxy

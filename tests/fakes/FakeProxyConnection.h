@@ -152,6 +152,14 @@ public:
     }
     Proxy::CProxyStats& GetStats() override { return m_stats; }
     void MarkRequestComplete() override { Locked([&] { m_requestComplete = true; }); }
+    void CountDatagram(bool toHost, uint64_t payloadBytes) override
+    {
+        Locked([&] { (toHost ? m_datagramBytesToHost : m_datagramBytesToClient) += payloadBytes; });
+    }
+    uint64_t GetDatagramBytes(bool toHost) const
+    {
+        return Locked([&] { return toHost ? m_datagramBytesToHost : m_datagramBytesToClient; });
+    }
     void SetUser(const std::string& user) override { Locked([&] { m_user = user.empty() ? "-" : user; }); }
     bool IsRequestComplete() const { return Locked([&] { return m_requestComplete; }); }
     std::string GetUser() const { return Locked([&] { return m_user; }); }
@@ -232,6 +240,8 @@ private:
     FakeMultiPointLayer m_multiPointLayer;
     Proxy::SProxySettings m_settings;
     bool m_requestComplete = false;
+    uint64_t m_datagramBytesToHost = 0;
+    uint64_t m_datagramBytesToClient = 0;
     std::string m_user = "-";
     Proxy::CProxyStats m_stats;
     Proxy::CAddressManager* m_addressManager = nullptr;
