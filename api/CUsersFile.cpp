@@ -50,7 +50,8 @@ bool CUsersFile::Read(const std::string& path, Users& users, std::string& error)
         std::string password;
         std::string reason;
         if (!ParseEntry(line.substr(start), user, password, reason)) {
-            error = path + ":" + std::to_string(number) + ": " + reason;
+            error = path;
+            error.append(":").append(std::to_string(number)).append(": ").append(reason);
             return false;
         }
         read[user] = password;

@@ -53,7 +53,7 @@ std::string CCommandLine::Usage()
         std::string notes;
         if (zrt_option_flags(name) & ZRT_OPTION_REPEATABLE)
             notes = " [repeatable]";
-        usage += left + zrt_option_description(name) + notes + "\n";
+        usage.append(left).append(zrt_option_description(name)).append(notes).append("\n");
     }
     usage += "  --help                        show this text\n"
              "  --version                     show the version\n\n"

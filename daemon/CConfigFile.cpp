@@ -37,7 +37,8 @@ bool CConfigFile::Read(const std::string& path, std::vector<SEntry>& entries, st
         const std::string origin = path + ":" + std::to_string(number);
         const size_t gap = text.find_first_of(SPACE);
         if (gap == std::string::npos) {
-            error = origin + ": '" + text + "' has no value (write: name value)";
+            error = origin;
+            error.append(": '").append(text).append("' has no value (write: name value)");
             return false;
         }
         read.push_back({text.substr(0, gap), Trim(text.substr(gap)), origin});
