@@ -117,6 +117,31 @@ bool CThread::StartThread(bool /*suspended*/)
     return true;
 }
 
+bool CThread::RunHere()
+{
+    const int status = m_control->status.load();
+    if (status == STATUS_RUNNING || status == STATUS_STOPPING)
+        return false;
+    // The block outlives the object, which ThreadFunc may destroy.
+    const std::shared_ptr<SControl> control = m_control;
+    m_stopEvent.ResetEvent();
+    {
+        std::lock_guard<std::mutex> hold(control->endMutex);
+        control->ended = false;
+    }
+    {
+        std::lock_guard<std::mutex> published(control->joinMutex);
+        control->thread = pthread_self();
+    }
+    control->status.store(STATUS_RUNNING);
+    ThreadFunc();
+    std::lock_guard<std::mutex> hold(control->endMutex);
+    control->status.store(STATUS_ENDED);
+    control->ended = true;
+    control->endChanged.notify_all();
+    return true;
+}
+
 bool CThread::StopThread(long timeout)
 {
     int status = m_control->status.load();

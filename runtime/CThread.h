@@ -34,6 +34,11 @@ public:
     virtual ThreadID GetThreadID() const;
     virtual int GetThreadStatus() const;
     virtual bool StartThread(bool suspended = false);
+    // Runs the work on the calling thread instead of a thread of its own, as if it had been
+    // started there: status, IsCurrentThread and the end StopThread waits for behave alike. A
+    // thread that accepted a client serves it this way, without handing it to another thread.
+    // Returns when ThreadFunc returned; the object may be gone by then. False when it runs.
+    bool RunHere();
     // Signals the stop event and waits up to timeout ms (-1: no limit) for the thread to end.
     virtual bool StopThread(long timeout);
     virtual bool PauseThread();

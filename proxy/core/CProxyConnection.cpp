@@ -118,25 +118,18 @@ CProxyConnection::~CProxyConnection()
 bool CProxyConnection::Init(int socket, IZRTMultiPointLayer* multiPointLayer, IDatagramHandler* datagramHandler,
                             IConnectionListener* connectionListener)
 {
-    m_initialized = false;
-    // The wake event is made now: a thread that could never be woken could never be stopped.
-    if (!ReadSocketAddress(socket, true, m_clientAddress) || m_wakeEvent.GetWaitHandle() < 0) {
+    sockaddr_storage peer{};
+    socklen_t length = sizeof(peer);
+    if (getpeername(socket, reinterpret_cast<sockaddr*>(&peer), &length) != 0) {
         CSocketUtils::CloseSocket(socket);
         return false;
-    }
-    ReadSocketAddress(socket, false, m_localAddress);
-    {
-        std::lock_guard<std::mutex> hold(m_mutex);
-        m_clientSocket = socket;
-        m_multiPointLayer = multiPointLayer;
-        m_datagramHandler = datagramHandler;
-        m_connectionListener = connectionListener;
-        m_initialized = true;
     }
     CSocketUtils::SetSocketBlocking(socket, false);
     // Relayed segments go out as they come: Nagle would hold a small one back for an ACK.
     const int on = 1;
     setsockopt(socket, IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on));
+    if (!Prepare(socket, peer, multiPointLayer, datagramHandler, connectionListener))
+        return false;
     // Last step: once the thread runs it may finish and destroy the object at any moment.
     if (StartThread(false))
         return true;
@@ -148,6 +141,34 @@ bool CProxyConnection::Init(int socket, IZRTMultiPointLayer* multiPointLayer, ID
     m_connectionListener = nullptr;
     CSocketUtils::CloseSocket(socket);
     return false;
+}
+
+bool CProxyConnection::Prepare(int socket, const sockaddr_storage& peer, IZRTMultiPointLayer* multiPointLayer,
+                               IDatagramHandler* datagramHandler, IConnectionListener* connectionListener)
+{
+    m_initialized = false;
+    const socklen_t length = peer.ss_family == AF_INET6 ? sizeof(sockaddr_in6) : sizeof(sockaddr_in);
+    // The wake event is made now: a thread that could never be woken could never be stopped.
+    if (!m_clientAddress.SetAddress(reinterpret_cast<const sockaddr&>(peer), length) ||
+        m_wakeEvent.GetWaitHandle() < 0) {
+        CSocketUtils::CloseSocket(socket);
+        return false;
+    }
+    std::lock_guard<std::mutex> hold(m_mutex);
+    m_clientSocket = socket;
+    m_multiPointLayer = multiPointLayer;
+    m_datagramHandler = datagramHandler;
+    m_connectionListener = connectionListener;
+    m_initialized = true;
+    return true;
+}
+
+const IZRTConnectionAddress& CProxyConnection::GetLocalAddress() const
+{
+    // Asked for by few handlers (BIND, UDP): learnt on first use, on the connection's thread.
+    if (m_localAddress.IsEmpty() && m_clientSocket >= 0)
+        ReadSocketAddress(m_clientSocket, false, m_localAddress);
+    return m_localAddress;
 }
 
 int CProxyConnection::ThreadFunc()

@@ -88,6 +88,13 @@ public:
     // caller deletes the object (its count is still 0).
     bool Init(int socket, IZRTMultiPointLayer* multiPointLayer, IDatagramHandler* datagramHandler,
               IConnectionListener* connectionListener);
+    // Takes over an accepted socket (non-blocking, TCP_NODELAY already) whose peer accept told,
+    // without starting a thread: the caller runs the connection with RunHere. On false the
+    // socket is closed.
+    bool Prepare(int socket, const sockaddr_storage& peer, IZRTMultiPointLayer* multiPointLayer,
+                 IDatagramHandler* datagramHandler, IConnectionListener* connectionListener);
+    // Serves the client on the calling thread until the connection is over.
+    using QOX::CThread::RunHere;
     // Ends the connection at once (queued bytes for the client are dropped) and waits for the
     // thread, unless called on it.
     void Terminate();
@@ -118,7 +125,7 @@ public:
     void WakeHandler() override;
     void SetHandlerTimer(int milliseconds) override;
     CAddressManager& GetAddressManager() override;
-    const IZRTConnectionAddress& GetLocalAddress() const override { return m_localAddress; }
+    const IZRTConnectionAddress& GetLocalAddress() const override;
     const SProxySettings& GetSettings() const override;
     void DescribeExchange(const char* protocol, const std::string& destination) override;
     void SetOutcome(EOutcome outcome) override;
@@ -224,7 +231,7 @@ private:
     int m_clientSocket = -1;
     QOX::CRefCountPtr<IZRTDataLayer> m_link;
     CTCPIPAddress m_clientAddress;
-    CTCPIPAddress m_localAddress;
+    mutable CTCPIPAddress m_localAddress; // learnt on first use
     int m_id;
     bool m_initialized = false;
 

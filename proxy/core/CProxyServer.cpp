@@ -6,6 +6,7 @@
 #include <fcntl.h>
 #include <netdb.h>
 #include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/socket.h>
 
@@ -14,6 +15,7 @@
 #include <cstring>
 #include <vector>
 
+#include "proxy/core/CAcceptor.h"
 #include "proxy/core/CConnectionProtocolFactory.h"
 #include "proxy/core/CProxyConnection.h"
 #include "runtime/CRefCountPtr.h"
@@ -45,18 +47,13 @@ bool OutOfDescriptors(int error)
 }
 } // namespace
 
-CProxyServer::CProxyServer(EProxyMode mode) : CThread(false), m_mode(mode) {}
+CProxyServer::CProxyServer(EProxyMode mode) : m_mode(mode) {}
 
 CProxyServer::~CProxyServer()
 {
     // The host stops the server first; this only makes sure that no thread outlives the object
-    // and no connection keeps a pointer to it. The address manager is left alone.
-    const int socket = m_listenSocket.exchange(-1);
-    const int status = GetThreadStatus();
-    if (status == STATUS_RUNNING || status == STATUS_STOPPING)
-        StopThread(-1);
-    CSocketUtils::CloseSocket(socket);
-    CloseProxyConnections();
+    // and no connection keeps a pointer to it.
+    StopProxy();
 }
 
 bool CProxyServer::StartProxy(int port, IResolveAddress* resolver, IZRTMultiPointLayer* multiPointLayer,
@@ -92,17 +89,20 @@ bool CProxyServer::StartProxy(const std::string& listenAddress, int port, IResol
     m_addressManager.SetProxyPort(static_cast<unsigned int>(m_listenPort.load()));
     m_listenSocket = socket;
     m_listenAddressText = listenAddress;
-    if (StartThread(false)) {
+    {
+        std::lock_guard<std::mutex> hold(m_mutex);
+        m_stopping = false;
+    }
+    m_starved = false;
+    m_overLimit = false;
+    AddAcceptors();
+    if (m_waiting.load() > 0) {
         if (m_observer)
             m_observer->OnStarted(listenAddress, m_listenPort);
         return true;
     }
-    m_listenSocket = -1;
-    m_listenPort = 0;
-    m_addressManager.SetProxyPort(0);
-    m_addressManager.Terminate();
-    CSocketUtils::CloseSocket(socket);
-    return FailStart("cannot start the accept thread");
+    StopProxy();
+    return FailStart("cannot start the accept threads");
 }
 
 bool CProxyServer::FailStart(const std::string& reason)
@@ -139,9 +139,11 @@ int CProxyServer::OpenListenSocket(const std::string& listenAddress, int port)
     if (socket >= 0) {
         const int one = 1;
         setsockopt(socket, SOL_SOCKET, SO_REUSEADDR, &one, sizeof(one));
+        // Accepted sockets inherit it (Linux): relayed segments go out as they come, without a
+        // call per client. Nagle would hold a small one back for an ACK.
+        setsockopt(socket, IPPROTO_TCP, TCP_NODELAY, &one, sizeof(one));
         fcntl(socket, F_SETFD, FD_CLOEXEC);
-        // Non-blocking, so a client that vanished between poll and accept cannot stall the loop.
-        CSocketUtils::SetSocketBlocking(socket, false);
+        // Blocking: acceptors sleep in accept itself, and the kernel wakes one per client.
         if (bind(socket, result->ai_addr, result->ai_addrlen) != 0 || listen(socket, m_listenBacklog.load()) != 0) {
             FailStart("cannot listen on " + endpoint + ": " + std::strerror(errno));
             CSocketUtils::CloseSocket(socket);
@@ -152,82 +154,103 @@ int CProxyServer::OpenListenSocket(const std::string& listenAddress, int port)
     return socket;
 }
 
-int CProxyServer::Run()
+bool CProxyServer::AddAcceptors()
 {
-    // Out of descriptors the listening socket stays readable: the loop then waits on the stop
-    // event alone for a while instead of spinning.
-    bool backOff = false;
-    bool starved = false; // told the observer already, until a client is accepted again
-    const int stopHandle = m_stopEvent.GetWaitHandle();
-    for (;;) {
-        const int listenSocket = m_listenSocket;
-        if (listenSocket == -1 || stopHandle < 0)
-            break;
-        pollfd fds[2] = {{backOff ? -1 : listenSocket, POLLIN, 0}, {stopHandle, POLLIN, 0}};
-        if (poll(fds, 2, backOff ? ACCEPT_RETRY_DELAY_MS : -1) < 0) {
-            if (errno == EINTR)
-                continue;
-            break;
+    while (m_waiting.load() < ACCEPTORS_WAITING) {
+        {
+            std::lock_guard<std::mutex> hold(m_mutex);
+            if (m_stopping)
+                return false;
+            ++m_acceptors;
         }
-        backOff = false;
-        if (fds[1].revents != 0)
-            break;
-        if (fds[0].revents & (POLLERR | POLLNVAL))
-            break;
-        if (!(fds[0].revents & POLLIN))
+        m_waiting.fetch_add(1);
+        if (CAcceptor::Launch(*this))
             continue;
-        // Drain a burst in one wake-up: every client left in the backlog while we sleep again
-        // risks an overflow and a SYN retry a second later.
-        for (int accepted = 0; accepted < ACCEPT_BURST; ++accepted) {
-            const EAccept result = AcceptOne(listenSocket);
-            if (result == EAccept::OutOfDescriptors) {
-                backOff = true;
-                if (!starved && m_observer)
-                    m_observer->OnError("out of descriptors: new clients wait in the listen queue");
-                starved = true;
-            }
-            if (result == EAccept::Accepted)
-                starved = false;
-            if (result != EAccept::Accepted)
-                break;
-        }
+        m_waiting.fetch_sub(1);
+        OnAcceptorEnded();
+        return m_waiting.load() > 0;
     }
-    return 1;
+    return true;
 }
 
-CProxyServer::EAccept CProxyServer::AcceptOne(int listenSocket)
+void CProxyServer::AcceptAndServe()
 {
-    sockaddr_storage peer{};
-    socklen_t peerLength = sizeof(peer);
-#if defined(__linux__)
-    // Close-on-exec and non-blocking in the same call (Android's libc has accept4 too).
-    const int client = accept4(listenSocket, reinterpret_cast<sockaddr*>(&peer), &peerLength,
-                               SOCK_CLOEXEC | SOCK_NONBLOCK);
-#else
-    const int client = accept(listenSocket, reinterpret_cast<sockaddr*>(&peer), &peerLength);
-#endif
-    if (client < 0)
-        return OutOfDescriptors(errno) ? EAccept::OutOfDescriptors : EAccept::NothingWaiting;
-#if !defined(__linux__)
-    fcntl(client, F_SETFD, FD_CLOEXEC);
-#endif
-    if (m_listenSocket == -1) {
-        CSocketUtils::CloseSocket(client);
-        return EAccept::NothingWaiting;
+    for (;;) {
+        sockaddr_storage peer{};
+        socklen_t peerLength = sizeof(peer);
+        const int client = accept4(m_listenSocket.load(), reinterpret_cast<sockaddr*>(&peer), &peerLength,
+                                   SOCK_CLOEXEC | SOCK_NONBLOCK);
+        const int error = errno;
+        if (IsStopping()) {
+            m_waiting.fetch_sub(1);
+            CSocketUtils::CloseSocket(client);
+            return;
+        }
+        if (client < 0) {
+            if (OutOfDescriptors(error)) {
+                BackOff();
+                continue;
+            }
+            if (error == EINTR || error == ECONNABORTED || error == EPROTO || error == EPERM)
+                continue;
+            m_waiting.fetch_sub(1); // the listening socket itself failed
+            return;
+        }
+        m_starved = false;
+        // Someone must be waiting for the next client while this one is served. When no thread
+        // can be had for that, this one goes on waiting and the client is turned away: a
+        // server whose threads are all busy with long tunnels never stops accepting.
+        if (m_waiting.fetch_sub(1) == 1 && !AddAcceptors()) {
+            m_waiting.fetch_add(1);
+            m_stats.Add(CProxyStats::REFUSED_OVER_LIMIT);
+            CSocketUtils::CloseSocket(client);
+            continue;
+        }
+        Serve(client, peer);
+        // Wait for the next client, unless enough others do (the thread then goes back to the pool).
+        int waiting = m_waiting.load();
+        do {
+            if (waiting >= ACCEPTORS_WAITING || IsStopping())
+                return;
+        } while (!m_waiting.compare_exchange_weak(waiting, waiting + 1));
     }
+}
+
+void CProxyServer::Serve(int client, const sockaddr_storage& peer)
+{
     const std::shared_ptr<const SActive> active = GetActive();
     if (!Admit(client, peer, *active))
-        return EAccept::Accepted;
-    auto* connection = new CProxyConnection(this, std::shared_ptr<const SProxySettings>(active, &active->settings));
-    connection->SetThreadPool(m_pool);
-    // On failure Init closed the socket and nothing else refers to the connection.
-    if (!connection->Init(client, m_multiPointLayer, m_datagramHandler, m_connectionListener)) {
-        delete connection;
-        return EAccept::Accepted;
-    }
+        return;
+    QOX::CRefCountPtr<CProxyConnection> connection(
+        new CProxyConnection(this, std::shared_ptr<const SProxySettings>(active, &active->settings)));
+    // Registered in the set (by its constructor) before this look: a stop that began before is
+    // seen here, one that begins after terminates it, and the run ends at once.
+    if (IsStopping() || !connection->Prepare(client, peer, m_multiPointLayer, m_datagramHandler, m_connectionListener))
+        return;
     m_stats.Add(CProxyStats::CONNECTIONS_TOTAL);
     m_stats.Add(CProxyStats::CONNECTIONS_ACTIVE);
-    return EAccept::Accepted;
+    connection->RunHere();
+}
+
+void CProxyServer::BackOff()
+{
+    if (!m_starved.exchange(true) && m_observer)
+        m_observer->OnError("out of descriptors: new clients wait in the listen queue");
+    std::unique_lock<std::mutex> hold(m_mutex);
+    m_changed.wait_for(hold, std::chrono::milliseconds(ACCEPT_RETRY_DELAY_MS), [this] { return m_stopping; });
+}
+
+bool CProxyServer::IsStopping() const
+{
+    std::lock_guard<std::mutex> hold(m_mutex);
+    return m_stopping;
+}
+
+void CProxyServer::OnAcceptorEnded()
+{
+    std::lock_guard<std::mutex> hold(m_mutex);
+    --m_acceptors;
+    m_changed.notify_all();
 }
 
 bool CProxyServer::Admit(int client, const sockaddr_storage& peer, const SActive& active)
@@ -246,9 +269,8 @@ bool CProxyServer::Admit(int client, const sockaddr_storage& peer, const SActive
     if (limit > 0 && m_stats.Get(CProxyStats::CONNECTIONS_ACTIVE) >= static_cast<uint64_t>(limit)) {
         m_stats.Add(CProxyStats::REFUSED_OVER_LIMIT);
         // One report per episode: a flood of refusals must not become a flood of log lines.
-        if (!m_overLimit && m_observer)
+        if (!m_overLimit.exchange(true) && m_observer)
             m_observer->OnError("max-clients (" + std::to_string(limit) + ") reached: new clients are closed");
-        m_overLimit = true;
         CSocketUtils::CloseSocket(client);
         return false;
     }
@@ -301,29 +323,33 @@ std::shared_ptr<const CProxyServer::SActive> CProxyServer::GetActive() const
     return m_active;
 }
 
-void CProxyServer::SetThreadPool(QOX::CThreadPool* pool)
-{
-    m_pool = pool;
-    CThread::SetThreadPool(pool);
-}
 
 void CProxyServer::StopProxy()
 {
     const bool wasRunning = m_listenSocket != -1;
+    {
+        std::lock_guard<std::mutex> hold(m_mutex);
+        m_stopping = true;
+        m_changed.notify_all();
+    }
     // Lookups under way fail at once, so no connection waits for one.
     m_addressManager.Terminate();
-    // The thread is stopped before the socket is closed, so it never polls or accepts on a
-    // descriptor number that has been given to someone else.
-    const int socket = m_listenSocket.exchange(-1);
-    const int status = GetThreadStatus();
-    if (status == STATUS_RUNNING || status == STATUS_STOPPING)
-        StopThread(-1);
-    CSocketUtils::CloseSocket(socket);
+    // Every accept returns at once; the socket is closed only when no acceptor can use its
+    // number any more.
+    const int socket = m_listenSocket.load();
+    if (socket >= 0)
+        shutdown(socket, SHUT_RDWR);
+    CloseProxyConnections();
+    {
+        std::unique_lock<std::mutex> hold(m_mutex);
+        m_changed.wait(hold, [this] { return m_acceptors == 0; });
+    }
+    CSocketUtils::CloseSocket(m_listenSocket.exchange(-1));
+    m_waiting = 0;
     m_listenPort = 0;
     m_addressManager.SetProxyPort(0);
-    CloseProxyConnections();
     // Threads kept for reuse would run the engine's code after the host may have unloaded it;
-    // a connection thread past its last report is still on its way out.
+    // an acceptor past its last report is still on its way out.
     if (m_pool)
         m_pool->EndAll();
     else

@@ -3,6 +3,7 @@
 #include <sys/socket.h>
 
 #include <atomic>
+#include <condition_variable>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -17,7 +18,6 @@
 #include "proxy/core/IConnectionProtocol.h"
 #include "proxy/core/IProxyConnection.h"
 #include "proxy/core/SProxySettings.h"
-#include "runtime/CThread.h"
 #include "transport/IConnectionListener.h"
 #include "transport/IDatagramHandler.h"
 #include "transport/IResolveAddress.h"
@@ -32,8 +32,15 @@ namespace Proxy {
 
 class CProxyConnection;
 
-// The engine behind CProxy: listens on one TCP port, accepts clients and gives each to a new
-// CProxyConnection; StopProxy terminates them all. Restartable.
+// The engine behind CProxy: listens on one TCP port and serves each client with a
+// CProxyConnection on the thread that accepted it (CAcceptor); StopProxy terminates them all.
+// Restartable.
+//
+// Accepting: a few acceptor threads wait in a blocking accept (the kernel hands each client to
+// one of them). The one that takes a client serves it; when none is left waiting, it starts
+// more first (and when it cannot, it turns the client away and goes on waiting itself). A thread whose client is done waits for the next one unless enough others do, so
+// short exchanges go from thread to thread without a hand-off or a thread start. StopProxy
+// shuts the listening socket down, which ends every accept at once (Linux, Android).
 //
 // The set of live connections holds plain pointers and no references. A connection removes
 // itself from the set on its own thread before that thread drops its reference, and the set is
@@ -42,18 +49,18 @@ class CProxyConnection;
 //
 // Each proxy has a name cache of its own (GetAddressManager), so two proxies in one process
 // with different resolvers never answer from each other's cache.
-class CProxyServer : private QOX::CThread {
+class CProxyServer {
 public:
     enum EProxyMode { PROXY_MODE_DEFAULT = 0, PROXY_MODE_LOCAL = 1 };
 
     static constexpr int LISTEN_BACKLOG = 16;
-    // Pause of the accept loop when the process is out of descriptors, instead of spinning.
+    // Pause of an acceptor when the process is out of descriptors, instead of spinning.
     static constexpr int ACCEPT_RETRY_DELAY_MS = 100;
-    // Most clients accepted in one wake-up before the stop event is looked at again.
-    static constexpr int ACCEPT_BURST = 64;
+    // Acceptors kept waiting for clients.
+    static constexpr int ACCEPTORS_WAITING = 2;
 
     explicit CProxyServer(EProxyMode mode = PROXY_MODE_DEFAULT);
-    ~CProxyServer() override;
+    ~CProxyServer();
     CProxyServer(const CProxyServer&) = delete;
     CProxyServer& operator=(const CProxyServer&) = delete;
 
@@ -100,17 +107,20 @@ public:
     IProxyObserver* GetObserver() const { return m_observer; }
     // The pool the server's and its connections' threads come from (the process-wide one unless
     // set); set it while stopped. StopProxy ends every thread of it, so none runs afterwards.
-    void SetThreadPool(QOX::CThreadPool* pool);
+    void SetThreadPool(QOX::CThreadPool* pool) { m_pool = pool; }
+    QOX::CThreadPool* GetThreadPool() const { return m_pool; }
+
+    // An acceptor's work: accept a client, serve it, and again while the server runs and the
+    // acceptor is wanted.
+    void AcceptAndServe();
+    // The last thing an acceptor does for the server.
+    void OnAcceptorEnded();
 
     void CloseProxyConnections();
     void OnConnectionCreated(CProxyConnection* connection);
     void OnConnectionDestroyed(CProxyConnection* connection);
 
-protected:
-    int Run() override;
-
 private:
-    enum class EAccept { Accepted, NothingWaiting, OutOfDescriptors };
 
     // The current settings with the allow list in parsed form.
     struct SActive {
@@ -128,11 +138,23 @@ private:
     // Records why a start failed; false.
     bool FailStart(const std::string& reason);
     static std::string DescribeEndpoint(const std::string& address, int port);
-    EAccept AcceptOne(int listenSocket);
+    // Starts acceptors until ACCEPTORS_WAITING wait (counting those on their way); false when
+    // none waits and none could be started.
+    bool AddAcceptors();
+    // Serves one accepted client on this thread.
+    void Serve(int client, const sockaddr_storage& peer);
+    // Out of descriptors: waits a little (or until a stop) before the next accept.
+    void BackOff();
+    bool IsStopping() const;
 
-    // Guards m_connections and m_creator. Taken inside a connection's mutex (a connection leaving
-    // the set), never the other way round.
+    // Guards m_connections, m_creator, m_stopping and m_acceptors. Taken inside a connection's
+    // mutex (a connection leaving the set), never the other way round.
     mutable std::mutex m_mutex;
+    std::condition_variable m_changed; // an acceptor ended, or a stop began
+    bool m_stopping = false;
+    int m_acceptors = 0;                // acceptor threads alive
+    std::atomic<int> m_waiting{0};      // acceptors in (or on their way to) accept
+    std::atomic<bool> m_starved{false}; // out of descriptors, told the observer already
     IZRTMultiPointLayer* m_multiPointLayer = nullptr;
     IDatagramHandler* m_datagramHandler = nullptr;
     IConnectionListener* m_connectionListener = nullptr;
@@ -145,7 +167,7 @@ private:
     // Guards m_active, swapped whole by SetSettings and copied at each accept.
     mutable std::mutex m_settingsMutex;
     std::shared_ptr<const SActive> m_active = std::make_shared<SActive>();
-    bool m_overLimit = false; // accept thread only: told the observer already
+    std::atomic<bool> m_overLimit{false}; // told the observer already
     ProtocolCreator m_creator;
     CProxyStats m_stats;
     IProxyObserver* m_observer = nullptr;
