@@ -11,7 +11,7 @@
 #include <memory>
 #include <string>
 
-#include "host/CEventLoop.h"
+#include "transport/CEventLoop.h"
 #include "host/CSocketPreparer.h"
 #include "host/INameService.h"
 

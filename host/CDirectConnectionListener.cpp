@@ -7,7 +7,7 @@
 #include <algorithm>
 #include <cerrno>
 
-#include "host/CSocketHandle.h"
+#include "transport/CSocketHandle.h"
 #include "host/CTcpDataLayer.h"
 #include "transport/CSocketUtils.h"
 #include "transport/CTCPIPAddress.h"

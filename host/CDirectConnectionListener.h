@@ -5,9 +5,9 @@
 #include <string>
 #include <vector>
 
-#include "host/CEventLoopPool.h"
+#include "transport/CEventLoopPool.h"
 #include "host/CSinkRegistry.h"
-#include "host/IEventHandler.h"
+#include "transport/IEventHandler.h"
 #include "runtime/CRefCount_Base.h"
 #include "runtime/CRefCountPtr.h"
 #include "transport/IConnectionListener.h"

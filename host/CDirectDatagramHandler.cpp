@@ -9,7 +9,7 @@
 #include <cstring>
 #include <vector>
 
-#include "host/CSocketHandle.h"
+#include "transport/CSocketHandle.h"
 #include "transport/CSocketUtils.h"
 #include "transport/CTCPIPAddress.h"
 

@@ -4,10 +4,10 @@
 #include <map>
 #include <mutex>
 
-#include "host/CEventLoopPool.h"
+#include "transport/CEventLoopPool.h"
 #include "host/CSocketPreparer.h"
 #include "host/CSinkRegistry.h"
-#include "host/IEventHandler.h"
+#include "transport/IEventHandler.h"
 #include "runtime/CRefCount_Base.h"
 #include "runtime/CRefCountPtr.h"
 #include "transport/IDatagramHandler.h"

@@ -4,7 +4,7 @@
 #include "host/CDirectDatagramHandler.h"
 #include "host/CDirectMultiPointLayer.h"
 #include "host/CDirectResolver.h"
-#include "host/CEventLoopPool.h"
+#include "transport/CEventLoopPool.h"
 #include "host/CHookNameService.h"
 #include "host/CSocketPreparer.h"
 #include "host/INameService.h"

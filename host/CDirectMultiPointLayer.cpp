@@ -8,7 +8,7 @@
 #include <cerrno>
 #include <chrono>
 
-#include "host/CSocketHandle.h"
+#include "transport/CSocketHandle.h"
 #include "host/CTcpDataLayer.h"
 
 namespace ZRT {

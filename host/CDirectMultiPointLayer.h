@@ -1,6 +1,6 @@
 #pragma once
 
-#include "host/CEventLoopPool.h"
+#include "transport/CEventLoopPool.h"
 #include "host/CSocketPreparer.h"
 #include "transport/IZRTMultiPointLayer.h"
 

@@ -7,7 +7,7 @@
 #include <mutex>
 #include <string>
 
-#include "host/CEventLoop.h"
+#include "transport/CEventLoop.h"
 #include "host/INameService.h"
 
 namespace ZRT {

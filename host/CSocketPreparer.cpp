@@ -8,7 +8,7 @@
 #include <cerrno>
 #include <cstring>
 
-#include "host/CSocketHandle.h"
+#include "transport/CSocketHandle.h"
 
 namespace ZRT {
 namespace Host {

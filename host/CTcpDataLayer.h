@@ -7,10 +7,10 @@
 #include <set>
 
 #include "host/CByteQueue.h"
-#include "host/CEventLoop.h"
+#include "transport/CEventLoop.h"
 #include "host/CSinkRegistry.h"
 #include "host/CSplicePipe.h"
-#include "host/IEventHandler.h"
+#include "transport/IEventHandler.h"
 #include "runtime/CRefCountImpl.h"
 #include "runtime/CRefCountPtr.h"
 #include "transport/IZRTDataLayer.h"

@@ -19,15 +19,14 @@
 #include "fakes/Guarded.h"
 #include "fakes/Polling.h"
 #include "fakes/TestSockets.h"
+#include "host/CAresNameService.h"
 #include "host/CDirectConnectionListener.h"
 #include "host/CDirectDatagramHandler.h"
 #include "host/CDirectMultiPointLayer.h"
-#include "host/CAresNameService.h"
 #include "host/CDirectResolver.h"
-#include "host/CEventLoopPool.h"
-#include "host/INameService.h"
-#include "host/CEventLoopPool.h"
 #include "host/CTcpDataLayer.h"
+#include "host/INameService.h"
+#include "transport/CEventLoopPool.h"
 #include "transport/CTCPIPAddress.h"
 
 using namespace ZRT;

@@ -1,7 +1,6 @@
-#include "host/CEventLoopPool.h"
+#include "transport/CEventLoopPool.h"
 
 namespace ZRT {
-namespace Host {
 
 CEventLoopPool::CEventLoopPool(int threads, const QOX::SThreadHooks& hooks) : m_pool(hooks)
 {
@@ -32,5 +31,4 @@ void CEventLoopPool::Stop()
     m_pool.EndAll();
 }
 
-} // namespace Host
 } // namespace ZRT

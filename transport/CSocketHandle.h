@@ -1,7 +1,6 @@
 #pragma once
 
 namespace ZRT {
-namespace Host {
 
 // Owns one socket descriptor and closes it when it goes out of scope, unless released.
 class CSocketHandle {
@@ -20,5 +19,4 @@ private:
     int m_socket;
 };
 
-} // namespace Host
 } // namespace ZRT

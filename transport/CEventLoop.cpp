@@ -1,4 +1,4 @@
-#include "host/CEventLoop.h"
+#include "transport/CEventLoop.h"
 
 #include <memory>
 
@@ -7,7 +7,6 @@
 #include <cerrno>
 
 namespace ZRT {
-namespace Host {
 
 namespace {
 constexpr int MAX_EVENTS = 64;
@@ -188,5 +187,4 @@ int CEventLoop::NextTimeout()
     return wait.count() < 0 ? 0 : static_cast<int>(wait.count()) + 1;
 }
 
-} // namespace Host
 } // namespace ZRT

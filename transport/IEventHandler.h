@@ -3,7 +3,6 @@
 #include <cstdint>
 
 namespace ZRT {
-namespace Host {
 
 // Something watched by a CEventLoop: reference counted so that the loop can keep it alive while
 // it delivers an event, even when the owner lets go of it on another thread.
@@ -17,5 +16,4 @@ public:
     virtual void OnEvents(uint32_t events) = 0;
 };
 
-} // namespace Host
 } // namespace ZRT

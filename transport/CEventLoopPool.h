@@ -4,11 +4,10 @@
 #include <memory>
 #include <vector>
 
-#include "host/CEventLoop.h"
+#include "transport/CEventLoop.h"
 #include "runtime/CThreadPool.h"
 
 namespace ZRT {
-namespace Host {
 
 // A few transport threads; each new socket is given to the next one in turn and stays on it.
 // The threads come from a pool of the host's own, which runs the hooks on each of them.
@@ -32,5 +31,4 @@ private:
     bool m_running = true;
 };
 
-} // namespace Host
 } // namespace ZRT

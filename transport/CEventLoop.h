@@ -7,17 +7,16 @@
 #include <map>
 #include <mutex>
 
-#include "host/CSocketHandle.h"
-#include "host/IEventHandler.h"
+#include "transport/CSocketHandle.h"
+#include "transport/IEventHandler.h"
 #include "runtime/CEvent.h"
 #include "runtime/CRefCountPtr.h"
 #include "runtime/CThread.h"
 
 namespace ZRT {
-namespace Host {
 
-// One transport thread: an epoll loop over the sockets of the direct host, plus a queue of tasks
-// and delayed tasks run on the same thread. It sleeps in epoll_wait until a socket, a task or the
+// One event thread: an epoll loop over sockets (the proxy's clients, the direct host's links),
+// plus a queue of tasks and delayed tasks run on the same thread. It sleeps in epoll_wait until a socket, a task or the
 // next delayed task is due; nothing wakes it while idle.
 //
 // Registrations are named by tokens, never reused, so an event still in flight for a socket that
@@ -78,5 +77,4 @@ private:
     uint64_t m_nextDelayedId = 1;
 };
 
-} // namespace Host
 } // namespace ZRT

@@ -1,9 +1,8 @@
-#include "host/CSocketHandle.h"
+#include "transport/CSocketHandle.h"
 
 #include "transport/CSocketUtils.h"
 
 namespace ZRT {
-namespace Host {
 
 CSocketHandle::~CSocketHandle()
 {
@@ -24,5 +23,4 @@ void CSocketHandle::Reset(int socket)
     m_socket = socket;
 }
 
-} // namespace Host
 } // namespace ZRT
