@@ -25,6 +25,7 @@ public:
                                              const IZRTConnectionAddress& source) override;
     QOX::CRefCountPtr<IZRTDataLayer> BeginConnect(const IZRTConnectionAddress& destination,
                                                   const IZRTConnectionAddress& source) override;
+    bool ConnectsWithoutBlocking() const override { return true; }
 
 private:
     CEventLoopPool& m_loops;

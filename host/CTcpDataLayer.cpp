@@ -55,7 +55,6 @@ QOX::CRefCountPtr<CTcpDataLayer> CTcpDataLayer::CreateConnecting(int socket, CEv
 
 CTcpDataLayer::CTcpDataLayer(int socket, CEventLoop& loop, EPhase phase) : m_loop(loop), m_socket(socket), m_phase(phase)
 {
-    CSocketUtils::SetSocketBlocking(socket, false);
     const int on = 1;
     setsockopt(socket, IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on));
 }

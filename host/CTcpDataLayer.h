@@ -49,7 +49,7 @@ public:
     static constexpr unsigned int SEND_LOW_WATER = 16 * 1024;
     static constexpr int LINGER_MS = 10000;
 
-    // Takes over a connected socket (made non-blocking here). Never empty.
+    // Takes over a connected, non-blocking socket. Never empty.
     static QOX::CRefCountPtr<CTcpDataLayer> Create(int socket, CEventLoop& loop);
     // Takes over a non-blocking socket whose connect() is in progress; the attempt fails after
     // timeoutMs. Empty (and the socket closed) when the loop cannot watch it.

@@ -87,13 +87,28 @@ void CEventLoop::Remove(uint64_t token, int socket)
     }
 }
 
+void CEventLoop::Forget(uint64_t token)
+{
+    QOX::CRefCountPtr<IEventHandler> handler;
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        auto found = m_handlers.find(token);
+        if (found == m_handlers.end())
+            return;
+        handler = std::move(found->second);
+        m_handlers.erase(found);
+    }
+}
+
 void CEventLoop::Post(Task task)
 {
     {
         std::lock_guard<std::mutex> lock(m_mutex);
         m_tasks.push_back(std::move(task));
     }
-    m_wake.SignalEvent();
+    // The loop's own thread runs the tasks before it sleeps again: no wake-up needed.
+    if (!IsLoopThread())
+        m_wake.SignalEvent();
 }
 
 uint64_t CEventLoop::PostDelayed(int milliseconds, Task task)
@@ -106,7 +121,9 @@ uint64_t CEventLoop::PostDelayed(int milliseconds, Task task)
                                        std::make_pair(id, std::move(task)));
         m_delayedById.emplace(id, entry);
     }
-    m_wake.SignalEvent();
+    // The loop's own thread works out its next time-out before it sleeps again.
+    if (!IsLoopThread())
+        m_wake.SignalEvent();
     return id;
 }
 
@@ -122,7 +139,8 @@ void CEventLoop::CancelDelayed(uint64_t id)
         m_delayedById.erase(found);
         m_tasks.push_back([closure] {});
     }
-    m_wake.SignalEvent();
+    if (!IsLoopThread())
+        m_wake.SignalEvent();
 }
 
 int CEventLoop::Run()

@@ -43,6 +43,9 @@ public:
     // After it returns no new OnEvents starts for this token; one running on the loop's thread
     // may still finish.
     void Remove(uint64_t token, int socket);
+    // As Remove, for a socket the caller closes right after (and holds the only descriptor of):
+    // the close takes it out of epoll, so no call is made for that.
+    void Forget(uint64_t token);
 
     void Post(Task task);
     // Returns an id for CancelDelayed (never 0).

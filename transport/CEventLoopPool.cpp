@@ -2,13 +2,24 @@
 
 namespace ZRT {
 
-CEventLoopPool::CEventLoopPool(int threads, const QOX::SThreadHooks& hooks) : m_pool(hooks)
+CEventLoopPool::CEventLoopPool(int threads, const QOX::SThreadHooks& hooks)
+    : m_ownPool(new QOX::CThreadPool(hooks)), m_pool(m_ownPool.get())
+{
+    StartLoops(threads);
+}
+
+CEventLoopPool::CEventLoopPool(int threads, QOX::CThreadPool& pool) : m_pool(&pool)
+{
+    StartLoops(threads);
+}
+
+void CEventLoopPool::StartLoops(int threads)
 {
     if (threads < 1)
         threads = 1;
     for (int i = 0; i < threads; ++i) {
         m_loops.push_back(std::make_unique<CEventLoop>());
-        m_loops.back()->SetThreadPool(&m_pool);
+        m_loops.back()->SetThreadPool(m_pool);
         m_running = m_loops.back()->Start() && m_running;
     }
 }
@@ -28,7 +39,8 @@ void CEventLoopPool::Stop()
 {
     for (auto& loop : m_loops)
         loop->Stop();
-    m_pool.EndAll();
+    if (m_ownPool)
+        m_ownPool->EndAll();
 }
 
 } // namespace ZRT

@@ -25,6 +25,10 @@ public:
     {
         return Connect(destination, source);
     }
+    // Added so that the engine can serve many clients on one thread: true when BeginConnect
+    // never blocks its caller. The engine then calls it on the client's event thread; otherwise
+    // (the default) on a helper thread, so that one slow connect holds up no other client.
+    virtual bool ConnectsWithoutBlocking() const { return false; }
 };
 
 } // namespace ZRT

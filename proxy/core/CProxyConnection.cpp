@@ -3,15 +3,17 @@
 #include <errno.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
-#include <poll.h>
+#include <sys/epoll.h>
 #include <sys/socket.h>
 
 #include <algorithm>
+#include <utility>
 
 #include "proxy/address/CAddressManager.h"
 #include "proxy/core/CConnectionProtocolFactory.h"
 #include "proxy/core/CProxyServer.h"
 #include "transport/CByteBufferList.h"
+#include "runtime/CThread.h"
 #include "transport/CSocketUtils.h"
 
 namespace ZRT {
@@ -71,7 +73,7 @@ bool ReadSocketAddress(int socket, bool peer, CTCPIPAddress& address)
 int MillisecondsUntil(std::chrono::steady_clock::time_point deadline)
 {
     const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
-    // Rounded up, so the thread never wakes a moment early and spins.
+    // Rounded up, so the connection is never woken a moment early and spun on.
     return left.count() < 0 ? 0 : static_cast<int>(left.count()) + 1;
 }
 } // namespace
@@ -91,7 +93,7 @@ std::shared_ptr<const SProxySettings> SettingsFor(CProxyServer* server, std::sha
 } // namespace
 
 CProxyConnection::CProxyConnection(CProxyServer* proxy, std::shared_ptr<const SProxySettings> settings)
-    : CThread(false), m_proxy(proxy), m_server(proxy), m_id(ms_connID.Increment()),
+    : m_proxy(proxy), m_server(proxy), m_id(ms_connID.Increment()),
       m_settings(SettingsFor(proxy, std::move(settings)))
 {
     if (m_proxy)
@@ -101,8 +103,8 @@ CProxyConnection::CProxyConnection(CProxyServer* proxy, std::shared_ptr<const SP
 CProxyConnection::~CProxyConnection()
 {
     {
-        // Only a connection whose thread never ran is still registered here; a running one
-        // detached on its own thread.
+        // Only a connection that never ran is still registered here; a running one detached
+        // on its thread when it finished.
         std::lock_guard<std::mutex> hold(m_mutex);
         if (m_proxy)
             m_proxy->OnConnectionDestroyed(this);
@@ -115,52 +117,95 @@ CProxyConnection::~CProxyConnection()
     m_protocol = nullptr;
 }
 
-bool CProxyConnection::Init(int socket, IZRTMultiPointLayer* multiPointLayer, IDatagramHandler* datagramHandler,
-                            IConnectionListener* connectionListener)
-{
-    sockaddr_storage peer{};
-    socklen_t length = sizeof(peer);
-    if (getpeername(socket, reinterpret_cast<sockaddr*>(&peer), &length) != 0) {
-        CSocketUtils::CloseSocket(socket);
+// A connect of a host whose multi-point layer may block, on a thread of the proxy's pool, so
+// that the loop never waits for it. It keeps the connection alive until it has answered.
+class CProxyConnection::CConnectCall : private QOX::CThread {
+public:
+    static bool Launch(CProxyConnection& connection, const QOX::CRefCountPtr<IZRTConnectionAddress>& address,
+                       uint64_t attempt)
+    {
+        auto* call = new CConnectCall(connection, address, attempt);
+        call->SetThreadPool(connection.m_server ? connection.m_server->GetThreadPool() : nullptr);
+        if (call->StartThread(false))
+            return true;
+        delete call;
         return false;
     }
-    CSocketUtils::SetSocketBlocking(socket, false);
-    // Relayed segments go out as they come: Nagle would hold a small one back for an ACK.
-    const int on = 1;
-    setsockopt(socket, IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on));
-    if (!Prepare(socket, peer, multiPointLayer, datagramHandler, connectionListener))
-        return false;
-    // Last step: once the thread runs it may finish and destroy the object at any moment.
-    if (StartThread(false))
-        return true;
-    std::lock_guard<std::mutex> hold(m_mutex);
-    m_initialized = false;
-    m_clientSocket = -1;
-    m_multiPointLayer = nullptr;
-    m_datagramHandler = nullptr;
-    m_connectionListener = nullptr;
-    CSocketUtils::CloseSocket(socket);
-    return false;
-}
 
-bool CProxyConnection::Prepare(int socket, const sockaddr_storage& peer, IZRTMultiPointLayer* multiPointLayer,
-                               IDatagramHandler* datagramHandler, IConnectionListener* connectionListener)
+protected:
+    int Run() override
+    {
+        const QOX::CRefCountPtr<IZRTDataLayer> link =
+            m_connection->m_multiPointLayer->BeginConnect(*m_address, m_connection->m_clientAddress);
+        m_connection->OnHelperConnected(link, m_attempt);
+        return 0;
+    }
+    int ThreadFunc() override
+    {
+        const int result = CThread::ThreadFunc();
+        delete this; // on its own thread: it finishes on its shared block alone
+        return result;
+    }
+
+private:
+    CConnectCall(CProxyConnection& connection, const QOX::CRefCountPtr<IZRTConnectionAddress>& address,
+                 uint64_t attempt)
+        : m_connection(&connection), m_address(address), m_attempt(attempt)
+    {
+    }
+
+    QOX::CRefCountPtr<CProxyConnection> m_connection;
+    QOX::CRefCountPtr<IZRTConnectionAddress> m_address;
+    const uint64_t m_attempt;
+};
+
+// Each descriptor the loop watches for a connection: forwards its readiness, on the loop's thread.
+// The connection removes its watches (on that thread) before it can go, so the plain pointer
+// never dangles.
+class CProxyConnection::CWatch : public QOX::CRefCount_Base, public IEventHandler {
+public:
+    CWatch(CProxyConnection& connection, ERole role) : m_connection(connection), m_role(role) {}
+    long AddRef() override { return QOX::CRefCount_Base::AddRef(); }
+    long ReleaseRef() override { return QOX::CRefCount_Base::ReleaseRef(); }
+    void* GetReferencedObject() const override { return QOX::CRefCount_Base::GetReferencedObject(); }
+    void OnEvents(uint32_t events) override { m_connection.OnReady(m_role, events); }
+
+private:
+    CProxyConnection& m_connection;
+    const ERole m_role;
+};
+
+bool CProxyConnection::Start(int socket, const sockaddr_storage& peer, CEventLoop& loop,
+                             IZRTMultiPointLayer* multiPointLayer, IDatagramHandler* datagramHandler,
+                             IConnectionListener* connectionListener)
 {
-    m_initialized = false;
     const socklen_t length = peer.ss_family == AF_INET6 ? sizeof(sockaddr_in6) : sizeof(sockaddr_in);
-    // The wake event is made now: a thread that could never be woken could never be stopped.
-    if (!m_clientAddress.SetAddress(reinterpret_cast<const sockaddr&>(peer), length) ||
-        m_wakeEvent.GetWaitHandle() < 0) {
+    if (!m_clientAddress.SetAddress(reinterpret_cast<const sockaddr&>(peer), length)) {
         CSocketUtils::CloseSocket(socket);
         return false;
     }
-    std::lock_guard<std::mutex> hold(m_mutex);
-    m_clientSocket = socket;
-    m_multiPointLayer = multiPointLayer;
-    m_datagramHandler = datagramHandler;
-    m_connectionListener = connectionListener;
-    m_initialized = true;
-    return true;
+    {
+        std::lock_guard<std::mutex> hold(m_mutex);
+        m_clientSocket = socket;
+        m_multiPointLayer = multiPointLayer;
+        m_datagramHandler = datagramHandler;
+        m_connectionListener = connectionListener;
+    }
+    m_loop = &loop;
+    for (int role = 0; role < ROLE_COUNT; ++role)
+        m_watches[role] = new CWatch(*this, static_cast<ERole>(role));
+    {
+        std::lock_guard<std::mutex> hold(m_endMutex);
+        m_started = true;
+    }
+    m_self = this;
+    // The first step comes with the client's first bytes (or its end, or a deadline).
+    ApplyPlan(PlanStep());
+    if (m_watchTokens[CLIENT] != 0)
+        return true;
+    m_client = EClient::Closed; // the loop would not watch the socket: nothing could be served
+    Finish();
+    return false;
 }
 
 const IZRTConnectionAddress& CProxyConnection::GetLocalAddress() const
@@ -171,15 +216,6 @@ const IZRTConnectionAddress& CProxyConnection::GetLocalAddress() const
     return m_localAddress;
 }
 
-int CProxyConnection::ThreadFunc()
-{
-    AddRef();
-    const int result = CThread::ThreadFunc();
-    DetachFromProxy();
-    ReleaseRef();
-    return result;
-}
-
 void CProxyConnection::DetachFromProxy()
 {
     std::lock_guard<std::mutex> hold(m_mutex);
@@ -188,17 +224,30 @@ void CProxyConnection::DetachFromProxy()
     m_proxy = nullptr;
 }
 
-int CProxyConnection::Run()
+void CProxyConnection::Finish()
 {
-    if (!m_initialized)
-        return 0;
-    while (Turn()) {
-    }
+    // The order matters: a descriptor leaves the loop before it may be closed (its number could
+    // come back at once for another connection of the same loop).
     TerminateHandler();
     ReleaseLink();
+    Watch(HANDLER, -1, 0);
+    Watch(LINK, -1, 0);
+    // The client socket is ours alone and closed below: its close takes it out of epoll.
+    if (m_watchTokens[CLIENT] != 0)
+        m_loop->Forget(m_watchTokens[CLIENT]);
+    m_watchTokens[CLIENT] = 0;
+    if (m_timer != 0)
+        m_loop->CancelDelayed(m_timer);
+    m_timer = 0;
     CloseClientSocket();
     Report();
-    return 0;
+    DetachFromProxy();
+    {
+        std::lock_guard<std::mutex> hold(m_endMutex);
+        m_finished = true;
+    }
+    m_ended.notify_all();
+    m_self.Reset(); // the caller holds its own reference
 }
 
 void CProxyConnection::Report()
@@ -218,7 +267,7 @@ void CProxyConnection::Report()
     record.bytesClientToHost = m_bytesClientToHost.load(std::memory_order_relaxed);
     record.bytesHostToClient = m_bytesHostToClient.load(std::memory_order_relaxed);
     record.durationMs = static_cast<uint64_t>(
-        std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - m_started).count());
+        std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - m_startTime).count());
     observer->OnConnectionFinished(record);
 }
 
@@ -289,65 +338,137 @@ void CProxyConnection::CountHostBytes(uint64_t count)
 
 // ---- the loop ----
 
-bool CProxyConnection::Turn()
+void CProxyConnection::OnReady(ERole role, uint32_t events)
 {
-    const STurn turn = PlanTurn();
-    // An open client is always polled: with no events asked, poll still reports its reset.
-    const bool watchClient = turn.clientEvents != 0 || m_client == EClient::Open;
-    pollfd fds[4] = {{watchClient ? m_clientSocket : -1, turn.clientEvents, 0},
-                     {m_wakeEvent.GetWaitHandle(), POLLIN, 0},
-                     {turn.readHost || turn.connectHost ? m_readerFd : -1,
-                      static_cast<short>(turn.connectHost ? POLLOUT : POLLIN), 0},
-                     {turn.handlerFd, POLLIN, 0}};
-    if (poll(fds, 4, turn.timeout) < 0 && errno != EINTR) {
+    m_ready[role] |= events;
+    Step();
+}
+
+void CProxyConnection::Step()
+{
+    const QOX::CRefCountPtr<CProxyConnection> hold(this); // Finish lets the own reference go
+    if (!m_self)
+        return; // finished already; a late step or timer
+    m_inStep = true;
+    const unsigned notices = m_notices.exchange(0);
+    if (notices & NOTICE_STOP)
         Abort();
-        return false;
-    }
-    // Reset before looking at anything, so a signal after this point wakes the next poll.
-    if (fds[1].revents != 0)
-        m_wakeEvent.ResetEvent();
-    if (m_stopEvent.IsSignalled()) {
-        Abort();
-        return false;
-    }
-    TakeNotices(m_notices.exchange(0));
-    const short ready = fds[0].revents;
-    if ((turn.clientEvents & POLLOUT) && (ready & (POLLOUT | POLLERR | POLLHUP)))
+    TakeNotices(notices);
+    const uint32_t client = std::exchange(m_ready[CLIENT], 0u);
+    const uint32_t asked = m_watchedEvents[CLIENT];
+    if ((asked & EPOLLOUT) && (client & (EPOLLOUT | EPOLLERR | EPOLLHUP)))
         FlushClientOutput();
-    if ((turn.clientEvents & POLLIN) && (ready & (POLLIN | POLLERR | POLLHUP)))
+    if ((asked & EPOLLIN) && (client & (EPOLLIN | EPOLLERR | EPOLLHUP)))
         ReadClient();
-    else if (turn.clientEvents == 0 && (ready & (POLLERR | POLLHUP)))
+    else if (asked == 0 && (client & (EPOLLERR | EPOLLHUP)))
         Abort(); // reset (or shut both ways) while nothing was to be read or written
     if (m_connectOutcome) {
         const bool connected = *m_connectOutcome;
         m_connectOutcome.reset();
         FinishConnect(connected);
     }
+    const uint32_t link = std::exchange(m_ready[LINK], 0u);
     if (m_linkState == ELink::Connecting && Clock::now() >= m_attemptDeadline)
         FinishConnect(false); // too slow: this address is given up
-    else if (fds[2].revents != 0 && turn.connectHost)
+    else if (link != 0 && (m_watchedEvents[LINK] & EPOLLOUT))
         CompleteConnect();
-    else if (fds[2].revents != 0)
+    else if (link != 0)
         m_hostPending = true;
     PumpHost();
-    if (fds[3].revents != 0 && m_protocol && m_client == EClient::Open) {
+    if (std::exchange(m_ready[HANDLER], 0u) != 0 && m_protocol && m_client == EClient::Open) {
         NoteActivity(); // a datagram of an association
         m_protocol->OnDescriptorReady();
     }
     RunHandlerTimer();
     EnforceLimits();
     AdvanceEnds();
-    return m_client != EClient::Closed;
+    m_inStep = false;
+    if (m_client == EClient::Closed) {
+        Finish();
+        return;
+    }
+    ApplyPlan(PlanStep());
 }
 
-CProxyConnection::STurn CProxyConnection::PlanTurn()
+void CProxyConnection::ApplyPlan(const SPlan& plan)
 {
-    STurn turn;
+    // The client stays watched with no events: epoll still reports its reset.
+    Watch(CLIENT, m_clientSocket, plan.clientEvents);
+    Watch(LINK, plan.readHost || plan.connectHost ? m_readerFd : -1,
+          plan.connectHost ? static_cast<uint32_t>(EPOLLOUT) : static_cast<uint32_t>(EPOLLIN));
+    Watch(HANDLER, plan.handlerFd, EPOLLIN);
+    if (plan.timeout == 0) {
+        Schedule();
+        return;
+    }
+    if (plan.timeout < 0) {
+        if (m_timer != 0)
+            m_loop->CancelDelayed(m_timer); // nothing is due any more: no wake-up for nothing
+        m_timer = 0;
+        return;
+    }
+    // A wake-up already set for no later stays: one that comes early only plans again.
+    const Clock::time_point due = Clock::now() + std::chrono::milliseconds(plan.timeout);
+    if (m_timer != 0 && m_timerDue <= due)
+        return;
+    if (m_timer != 0)
+        m_loop->CancelDelayed(m_timer);
+    const QOX::CRefCountPtr<CProxyConnection> self(this);
+    m_timerDue = due;
+    m_timer = m_loop->PostDelayed(plan.timeout, [self] {
+        self->m_timer = 0;
+        self->Step();
+    });
+}
+
+void CProxyConnection::Watch(ERole role, int descriptor, uint32_t events)
+{
+    const bool wanted = descriptor >= 0 && (events != 0 || role == CLIENT);
+    if (m_watchTokens[role] != 0 && (!wanted || descriptor != m_watchedFd[role])) {
+        m_loop->Remove(m_watchTokens[role], m_watchedFd[role]);
+        m_watchTokens[role] = 0;
+        m_watchedFd[role] = -1;
+        m_watchedEvents[role] = 0;
+        m_ready[role] = 0;
+    }
+    if (!wanted)
+        return;
+    if (m_watchTokens[role] != 0) {
+        if (events != m_watchedEvents[role] && m_loop->Modify(m_watchTokens[role], descriptor, events))
+            m_watchedEvents[role] = events;
+        return;
+    }
+    m_watchTokens[role] = m_loop->Add(descriptor, events, QOX::CRefCountPtr<IEventHandler>(m_watches[role].Get()));
+    if (m_watchTokens[role] == 0)
+        return; // the caller notices (a client that cannot be watched cannot be served)
+    m_watchedFd[role] = descriptor;
+    m_watchedEvents[role] = events;
+}
+
+void CProxyConnection::Schedule()
+{
+    if (!m_loop || m_stepPosted.exchange(true))
+        return;
+    const QOX::CRefCountPtr<CProxyConnection> self(this);
+    m_loop->Post([self] {
+        self->m_stepPosted = false;
+        self->Step();
+    });
+}
+
+bool CProxyConnection::OnLoopThread() const
+{
+    return m_loop && m_loop->IsLoopThread();
+}
+
+CProxyConnection::SPlan CProxyConnection::PlanStep()
+{
+    SPlan turn;
     const unsigned int backlog = GetClientBacklog();
     if (m_client != EClient::Closed && backlog > 0)
-        turn.clientEvents |= POLLOUT;
+        turn.clientEvents |= EPOLLOUT;
     if (MayReadClient())
-        turn.clientEvents |= POLLIN;
+        turn.clientEvents |= EPOLLIN;
     const bool relaying = m_protocol && m_client == EClient::Open && m_toClient == EFlow::Open;
     const bool roomForHost = relaying && backlog <= CLIENT_OUTPUT_HIGH_WATER;
     turn.readHost = roomForHost && m_readerFd >= 0 && m_linkState == ELink::Open;
@@ -408,6 +529,8 @@ void CProxyConnection::TakeNotices(unsigned notices)
             m_hostPending = true;
         }
     }
+    if (notices & NOTICE_CONNECTED_LINK)
+        TakeHelperLink();
     if ((notices & NOTICE_HANDLER) && m_protocol && m_client == EClient::Open) {
         NoteActivity(); // a lookup's answer, a BIND peer, a datagram from a host
         m_protocol->Resume();
@@ -612,13 +735,66 @@ void CProxyConnection::FinishConnect(bool connected)
         m_protocol->OnHostConnected(connected);
 }
 
+void CProxyConnection::TakeHelperLink()
+{
+    QOX::CRefCountPtr<IZRTDataLayer> link;
+    uint64_t attempt = 0;
+    {
+        std::lock_guard<std::mutex> hold(m_endMutex);
+        link = std::move(m_helperLink);
+        m_helperLink.Reset();
+        attempt = m_helperAttempt;
+    }
+    // An attempt given up meanwhile (its time ran out, the next address is being tried) is not
+    // the one waited for.
+    if (attempt != m_attempt || m_linkState != ELink::Connecting || CurrentLink()) {
+        if (link)
+            link->Disconnect();
+        return;
+    }
+    if (!link) {
+        m_connectOutcome = false;
+        return;
+    }
+    const bool connecting = link->IsConnecting();
+    m_linkState = ELink::None; // InstallLink sets what it is
+    if (!InstallLink(link, connecting ? ELink::Connecting : ELink::Open)) {
+        link->Disconnect();
+        m_connectOutcome = false;
+        return;
+    }
+    if (!connecting)
+        m_connectOutcome = true;
+}
+
+void CProxyConnection::OnHelperConnected(const QOX::CRefCountPtr<IZRTDataLayer>& link, uint64_t attempt)
+{
+    QOX::CRefCountPtr<IZRTDataLayer> unwanted;
+    {
+        std::lock_guard<std::mutex> hold(m_endMutex);
+        if (m_finished) {
+            unwanted = link;
+        } else {
+            unwanted = std::move(m_helperLink); // an older attempt's, never taken
+            m_helperLink = link;
+            m_helperAttempt = attempt;
+        }
+    }
+    if (unwanted)
+        unwanted->Disconnect();
+    if (!unwanted || unwanted.Get() != link.Get())
+        Notify(NOTICE_CONNECTED_LINK);
+}
+
 // ---- ends ----
 
 void CProxyConnection::AdvanceEnds()
 {
     if (m_client == EClient::Open && m_toClient == EFlow::Ending && GetClientBacklog() == 0) {
-        // Everything the host sent is with the client: pass its end on.
-        shutdown(m_clientSocket, SHUT_WR);
+        // Everything the host sent is with the client: pass its end on (the close does that
+        // when the client has finished too).
+        if (m_toHost != EFlow::Ended && m_linkState != ELink::Closed)
+            shutdown(m_clientSocket, SHUT_WR);
         m_toClient = EFlow::Ended;
     }
     if (m_client == EClient::Open && m_toClient == EFlow::Ended &&
@@ -653,6 +829,7 @@ void CProxyConnection::TerminateHandler()
     m_handlerTimerSet = false;
     if (!m_protocol || m_handlerTerminated)
         return;
+    Watch(HANDLER, -1, 0); // before the handler closes its descriptor
     m_handlerTerminated = true;
     m_protocol->Terminate();
 }
@@ -664,7 +841,9 @@ void CProxyConnection::CloseClientSocket()
     m_clientOutputSize = 0;
     if (m_clientSocket < 0)
         return;
-    DiscardPendingInput(m_clientSocket);
+    // Unread input would make the close a reset; a client that finished sending left none.
+    if (m_toHost != EFlow::Ended)
+        DiscardPendingInput(m_clientSocket);
     CSocketUtils::CloseSocket(m_clientSocket);
     m_clientSocket = -1;
 }
@@ -680,8 +859,11 @@ void CProxyConnection::ReleaseLink()
         m_linkState = ELink::Closed;
     if (!link)
         return;
-    // After RemoveNotification no callback of the link reaches us, so nothing outlives the thread;
-    // what it reported before must not be taken for news of the next link (another address).
+    // Out of the loop before the link may close its descriptor.
+    Watch(LINK, -1, 0);
+    // After RemoveNotification no callback of the link reaches us, so nothing outlives the
+    // connection; what it reported before must not be taken for news of the next link (another
+    // address).
     link->RemoveNotification(this);
     m_notices.fetch_and(~static_cast<unsigned>(NOTICE_LINK_CONNECTED | NOTICE_LINK_CLOSED | NOTICE_HOST_DATA));
     if (m_readerFd >= 0)
@@ -754,20 +936,20 @@ void CProxyConnection::QueueOutputLocked(const char* data, int length)
 
 void CProxyConnection::Terminate()
 {
-    const int status = GetThreadStatus();
-    const bool started = status == STATUS_RUNNING || status == STATUS_STOPPING;
-    m_stopEvent.SignalEvent();
-    m_wakeEvent.SignalEvent();
-    if (started && !IsCurrentThread(*this))
-        StopThread(-1);
+    Notify(NOTICE_STOP);
+    if (!OnLoopThread()) {
+        // A connection that never started has nothing to wait for.
+        std::unique_lock<std::mutex> hold(m_endMutex);
+        m_ended.wait(hold, [this] { return !m_started || m_finished; });
+    }
     std::lock_guard<std::mutex> hold(m_mutex);
     m_proxy = nullptr;
 }
 
 bool CProxyConnection::IsRunning() const
 {
-    const int status = GetThreadStatus();
-    return status == STATUS_RUNNING || status == STATUS_STOPPING;
+    std::lock_guard<std::mutex> hold(m_endMutex);
+    return m_started && !m_finished;
 }
 
 bool CProxyConnection::IsConnectedToClient() const
@@ -782,7 +964,7 @@ bool CProxyConnection::IsConnectedToHost() const
 
 void CProxyConnection::DisconnectClient()
 {
-    if (IsCurrentThread(*this)) {
+    if (OnLoopThread() && m_inStep) {
         BeginClosing();
         return;
     }
@@ -814,8 +996,8 @@ bool CProxyConnection::SendToClient(const char* data, int length)
         Notify(NOTICE_CLIENT_FAILED);
         return false;
     }
-    if (!IsCurrentThread(*this))
-        m_wakeEvent.SignalEvent();
+    if (!(OnLoopThread() && m_inStep))
+        Schedule(); // the queue's rest is written when the socket takes it
     return true;
 }
 
@@ -828,14 +1010,15 @@ unsigned int CProxyConnection::GetClientBacklog() const
 void CProxyConnection::Notify(unsigned notice)
 {
     m_notices |= notice;
-    if (!IsCurrentThread(*this))
-        m_wakeEvent.SignalEvent();
+    // Inside a step the plan sees the notice and steps again; otherwise the loop is asked.
+    if (!(OnLoopThread() && m_inStep))
+        Schedule();
 }
 
 void CProxyConnection::WakeConnection()
 {
-    if (!IsCurrentThread(*this))
-        m_wakeEvent.SignalEvent();
+    if (!(OnLoopThread() && m_inStep))
+        Schedule();
 }
 
 void CProxyConnection::WakeHandler()
@@ -886,7 +1069,7 @@ bool CProxyConnection::NextLimit(Clock::time_point& deadline) const
 {
     const SProxySettings& settings = *m_settings;
     if (!m_requestComplete && settings.handshakeTimeoutMs > 0) {
-        deadline = m_started + std::chrono::milliseconds(settings.handshakeTimeoutMs);
+        deadline = m_startTime + std::chrono::milliseconds(settings.handshakeTimeoutMs);
         return true;
     }
     if (m_requestComplete && settings.idleTimeoutMs > 0) {
@@ -972,6 +1155,14 @@ void CProxyConnection::StartAttempt(const QOX::CRefCountPtr<IZRTConnectionAddres
 {
     const Clock::time_point now = Clock::now();
     m_attemptDeadline = now + (m_connectDeadline - now) / static_cast<int>(1 + m_candidates.size());
+    if (!m_multiPointLayer->ConnectsWithoutBlocking()) {
+        // The loop must not wait for this host: a helper thread asks, the answer comes back as
+        // a notice. Meanwhile the link counts as connecting, within the same time limit.
+        m_linkState = ELink::Connecting;
+        if (!CConnectCall::Launch(*this, address, ++m_attempt))
+            m_connectOutcome = false;
+        return;
+    }
     QOX::CRefCountPtr<IZRTDataLayer> link = m_multiPointLayer->BeginConnect(*address, m_clientAddress);
     if (!link) {
         m_connectOutcome = false; // reported (or the next address tried) next turn

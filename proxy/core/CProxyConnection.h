@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <condition_variable>
 #include <deque>
 #include <memory>
 #include <mutex>
@@ -11,12 +12,11 @@
 #include "proxy/core/IConnectionProtocol.h"
 #include "proxy/core/IProxyConnection.h"
 #include "runtime/CAtomicInt.h"
-#include "runtime/CEvent.h"
 #include "runtime/CRefCountPtr.h"
 #include "runtime/CRefCount_Base.h"
-#include "runtime/CThread.h"
 #include "runtime/Export.h"
 #include "transport/CByteBuffer.h"
+#include "transport/CEventLoop.h"
 #include "transport/CTCPIPAddress.h"
 #include "transport/IZRTDataLayer.h"
 #include "transport/IZRTDataLayerNotification.h"
@@ -27,14 +27,17 @@ namespace Proxy {
 
 class CProxyServer;
 
-// Serves one accepted client: owns the client socket, a thread and the link to the destination
-// host, and runs its protocol handler, whose every operation is called on this thread.
+// Serves one accepted client on one event thread of the proxy (a CEventLoop): owns the client
+// socket and the link to the destination host, and runs its protocol handler, whose every
+// operation is called on that thread ("the connection's thread").
 //
-// The thread sleeps in one poll() on the client socket, a wake event, the host link's reader
-// descriptor (when the link offers one) and the handler's own descriptor, with no time limit
-// unless a handler timer is set. Other threads never act on the connection themselves: link
-// callbacks, DisconnectClient from elsewhere and stop requests leave a notice and signal the
-// wake event, and this thread does the rest.
+// The connection is a state machine driven by its loop: Step runs whenever one of its
+// descriptors is ready (the client socket, the host link's reader descriptor when the link
+// offers one, the handler's own descriptor), when its earliest deadline is due (a handler
+// timer, a connect attempt, the handshake or idle limit), or when another thread left it a
+// notice. Between steps it costs nothing: the loop sleeps in epoll with everyone else's sockets.
+// Other threads never act on the connection themselves: link callbacks, DisconnectClient from
+// elsewhere and stop requests leave a notice and ask the loop for a step.
 //
 // Lifecycles (see ARCHITECTURE.md):
 //  - the client socket: Open -> Closing (nothing more is read or relayed; what is queued for the
@@ -55,20 +58,24 @@ class CProxyServer;
 // peer); the client is not read while the handler's backlog plus the link's send backlog exceed
 // REQUEST_BACKLOG_LIMIT.
 //
-// Lifetime: reference counted; the thread holds a reference for its run, callers from outside
-// (CProxyServer) briefly. The thread unregisters from the link and lets it go before it ends, so no
-// host callback outlives it. It leaves the server's set on its own thread before dropping its
-// reference, and the destructor tells the server last of all.
+// A host whose multi-point layer may block (IZRTMultiPointLayer::ConnectsWithoutBlocking false)
+// is asked for links on a helper thread, so that one slow connect never holds up the other
+// connections of the loop.
+//
+// Lifetime: reference counted; the connection holds a reference to itself from Start until it
+// has finished (handler terminated, link released, client closed, reported, out of the server's
+// set), and the loop holds one while a step or a timer of it is pending. It leaves the server's
+// set on its thread before dropping its own reference; the destructor tells the server last of
+// all.
 class ZRT_EXPORT CProxyConnection : public QOX::CRefCount_Base,
                                     public IZRTDataLayerNotification,
-                                    public IProxyConnection,
-                                    private QOX::CThread {
+                                    public IProxyConnection {
 public:
     static constexpr int CLIENT_READ_SIZE = 32768;
     static constexpr unsigned int CLIENT_OUTPUT_HIGH_WATER = 256 * 1024;
     static constexpr unsigned int CLIENT_OUTPUT_LOW_WATER = 64 * 1024;
     static constexpr unsigned int REQUEST_BACKLOG_LIMIT = 256 * 1024;
-    // Host reads per turn, so client reads interleave with a host burst.
+    // Host reads per step, so client reads (and other connections) interleave with a host burst.
     static constexpr int HOST_READS_PER_TURN = 8;
     // Read size when host bytes go through the handler; the buffer is made on first use, so an
     // idle connection does not pay for it.
@@ -84,22 +91,15 @@ public:
     CProxyConnection(const CProxyConnection&) = delete;
     CProxyConnection& operator=(const CProxyConnection&) = delete;
 
-    // Takes over the accepted socket and starts the thread. On false the socket is closed and the
-    // caller deletes the object (its count is still 0).
-    bool Init(int socket, IZRTMultiPointLayer* multiPointLayer, IDatagramHandler* datagramHandler,
-              IConnectionListener* connectionListener);
-    // Takes over an accepted socket (non-blocking, TCP_NODELAY already) whose peer accept told,
-    // without starting a thread: the caller runs the connection with RunHere. On false the
-    // socket is closed.
-    bool Prepare(int socket, const sockaddr_storage& peer, IZRTMultiPointLayer* multiPointLayer,
-                 IDatagramHandler* datagramHandler, IConnectionListener* connectionListener);
-    // Serves the client on the calling thread until the connection is over.
-    using QOX::CThread::RunHere;
-    // Ends the connection at once (queued bytes for the client are dropped) and waits for the
-    // thread, unless called on it.
+    // Takes over an accepted socket (non-blocking, TCP_NODELAY already) whose peer accept told
+    // and serves it on loop, whose thread calls this or runs. On false the socket is closed.
+    bool Start(int socket, const sockaddr_storage& peer, CEventLoop& loop, IZRTMultiPointLayer* multiPointLayer,
+               IDatagramHandler* datagramHandler, IConnectionListener* connectionListener);
+    // Ends the connection at once (queued bytes for the client are dropped) and waits until it
+    // has finished, unless called on its thread. Any thread.
     void Terminate();
 
-    // IZRTDataLayerNotification: each leaves a notice and wakes the thread.
+    // IZRTDataLayerNotification: each leaves a notice and asks for a step.
     void OnDataReceived(IZRTDataLayer& dataLayer) override;
     void OnConnectionClosed(IZRTDataLayer& dataLayer) override;
     void OnSendDrained(IZRTDataLayer& dataLayer) override;
@@ -134,13 +134,8 @@ public:
     void SetUser(const std::string& user) override;
     void CountDatagram(bool toHost, uint64_t payloadBytes) override;
 
-    // The thread has been started and has not ended yet.
+    // Started and not finished yet.
     bool IsRunning() const;
-    using QOX::CThread::SetThreadPool;
-
-protected:
-    int Run() override;
-    int ThreadFunc() override;
 
 private:
     enum class EClient { Open, Closing, Closed };
@@ -153,21 +148,44 @@ private:
         NOTICE_HOST_DATA = 1u << 2,      // the link has bytes (links without a reader descriptor)
         NOTICE_LINK_CONNECTED = 1u << 3,
         NOTICE_LINK_CLOSED = 1u << 4,
-        NOTICE_HANDLER = 1u << 5         // WakeHandler
+        NOTICE_HANDLER = 1u << 5,        // WakeHandler
+        NOTICE_STOP = 1u << 6,           // Terminate
+        NOTICE_CONNECTED_LINK = 1u << 7  // a helper thread's connect came back (m_helperLink)
     };
+    // The descriptors a connection has its loop watch.
+    enum ERole { CLIENT = 0, LINK = 1, HANDLER = 2, ROLE_COUNT = 3 };
     using Clock = std::chrono::steady_clock;
 
-    struct STurn {
-        short clientEvents = 0;
+    // What the next step waits for: the events per descriptor, and how long at most (-1: no
+    // limit; 0: step again at once).
+    struct SPlan {
+        uint32_t clientEvents = 0;
         bool readHost = false;
         bool connectHost = false;
         int handlerFd = -1;
         int timeout = -1;
     };
 
-    // One wait and what it found; false once the connection is over.
-    bool Turn();
-    STurn PlanTurn();
+    // One descriptor as its loop sees it; forwards readiness to the connection.
+    class CWatch;
+    // A blocking connect of a host that may block, run on a helper thread.
+    class CConnectCall;
+
+    // A round on the loop's thread: notices, whatever is ready, the pumps and the ends; then
+    // the next plan goes to the loop.
+    void Step();
+    SPlan PlanStep();
+    // Hands the plan to the loop: descriptor interests and the wake-up time.
+    void ApplyPlan(const SPlan& plan);
+    // Sets one descriptor's interest (0 takes it out of the loop, unless it is the client's).
+    void Watch(ERole role, int descriptor, uint32_t events);
+    // Readiness from the loop (its thread).
+    void OnReady(ERole role, uint32_t events);
+    // Makes sure a step runs soon on the loop's thread; any thread.
+    void Schedule();
+    // Everything released, reported and told: the end of the connection.
+    void Finish();
+    bool OnLoopThread() const;
     bool MayReadClient();
     void TakeNotices(unsigned notices);
     void ReadClient();
@@ -191,9 +209,12 @@ private:
     void EnforceLimits();
     // Something moved; for the idle limit.
     void NoteActivity() { m_moved = true; }
-    // Leaves a notice for this thread; wakes it unless it is this thread (which looks before
-    // it sleeps).
+    // Leaves a notice for the connection's thread and asks for a step.
     void Notify(unsigned notice);
+    // A helper thread's connect came back with this link (or none); any thread.
+    void OnHelperConnected(const QOX::CRefCountPtr<IZRTDataLayer>& link, uint64_t attempt);
+    // The connection's thread takes that link up, if the attempt still stands.
+    void TakeHelperLink();
     void AdvanceEnds();
     bool InstallLink(const QOX::CRefCountPtr<IZRTDataLayer>& link, ELink state);
     void FlushClientOutput();
@@ -243,7 +264,31 @@ private:
     std::atomic<unsigned> m_notices{0};
     // DisconnectClient came from another thread (or a send failed); never cleared.
     std::atomic<bool> m_disconnectRequested{false};
-    QOX::CEvent m_wakeEvent{true};
+
+    // The loop, set by Start; its thread is the connection's thread.
+    CEventLoop* m_loop = nullptr;
+    // A step is posted and has not begun yet (so another request adds nothing).
+    std::atomic<bool> m_stepPosted{false};
+    // The connection's own reference while it runs (Start to Finish).
+    QOX::CRefCountPtr<CProxyConnection> m_self;
+    // Loop's thread only: what each descriptor is watched for, readiness not acted on yet, and
+    // the wake-up set with the loop.
+    QOX::CRefCountPtr<CWatch> m_watches[ROLE_COUNT];
+    int m_watchedFd[ROLE_COUNT] = {-1, -1, -1};
+    uint64_t m_watchTokens[ROLE_COUNT] = {0, 0, 0};
+    uint32_t m_watchedEvents[ROLE_COUNT] = {0, 0, 0};
+    uint32_t m_ready[ROLE_COUNT] = {0, 0, 0};
+    uint64_t m_timer = 0;
+    Clock::time_point m_timerDue{};
+    bool m_inStep = false;
+    // Guards m_started, m_finished (Terminate waits on it) and m_helperLink.
+    mutable std::mutex m_endMutex;
+    std::condition_variable m_ended;
+    bool m_started = false;
+    bool m_finished = false;
+    QOX::CRefCountPtr<IZRTDataLayer> m_helperLink; // what a helper thread's connect returned
+    uint64_t m_helperAttempt = 0;                  // for which attempt
+    uint64_t m_attempt = 0;                        // loop's thread: the attempt under way
 
     // Created on the connection's thread from the first client chunk; deleted by the destructor.
     IConnectionProtocol* m_protocol = nullptr;
@@ -258,7 +303,7 @@ private:
     // The settings the connection was accepted with (never null).
     const std::shared_ptr<const SProxySettings> m_settings;
     bool m_requestComplete = false;
-    bool m_moved = false;                 // bytes moved this turn
+    bool m_moved = false;                 // bytes moved this step
     Clock::time_point m_lastActivity{};   // for the idle limit, kept only when one is set
 
     // Bytes for the client that the socket has not taken yet, oldest first (under m_mutex).
@@ -271,12 +316,12 @@ private:
     bool m_hostPending = false; // the last pump stopped with bytes maybe left in the link
     bool m_spliceHost = false;
     bool m_spliceClient = false;
-    // A BeginConnectToHost that settled without the link's help; told to the handler next turn.
+    // A BeginConnectToHost that settled without the link's help; told to the handler next step.
     std::optional<bool> m_connectOutcome;
     std::unique_ptr<unsigned char[]> m_hostBuffer;
 
     // What the exchange was, for the record made when it ends (connection's thread only).
-    Clock::time_point m_started = Clock::now();
+    Clock::time_point m_startTime = Clock::now();
     std::string m_exchangeProtocol = "-";
     std::string m_destination = "-";
     std::string m_user = "-";

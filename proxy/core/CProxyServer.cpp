@@ -7,15 +7,15 @@
 #include <netdb.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
-#include <poll.h>
+#include <sys/epoll.h>
 #include <sys/socket.h>
 
 #include <algorithm>
+#include <thread>
 #include <cstdio>
 #include <cstring>
 #include <vector>
 
-#include "proxy/core/CAcceptor.h"
 #include "proxy/core/CConnectionProtocolFactory.h"
 #include "proxy/core/CProxyConnection.h"
 #include "runtime/CRefCountPtr.h"
@@ -46,6 +46,20 @@ bool OutOfDescriptors(int error)
     return error == EMFILE || error == ENFILE || error == ENOBUFS || error == ENOMEM;
 }
 } // namespace
+
+// Forwards the listening socket's readiness to the server, on the watching loop's thread.
+class CProxyServer::CListenWatch : public QOX::CRefCount_Base, public IEventHandler {
+public:
+    CListenWatch(CProxyServer& server, size_t listener) : m_server(server), m_listener(listener) {}
+    long AddRef() override { return QOX::CRefCount_Base::AddRef(); }
+    long ReleaseRef() override { return QOX::CRefCount_Base::ReleaseRef(); }
+    void* GetReferencedObject() const override { return QOX::CRefCount_Base::GetReferencedObject(); }
+    void OnEvents(uint32_t /*events*/) override { m_server.AcceptOn(m_listener); }
+
+private:
+    CProxyServer& m_server;
+    const size_t m_listener;
+};
 
 CProxyServer::CProxyServer(EProxyMode mode) : m_mode(mode) {}
 
@@ -89,20 +103,30 @@ bool CProxyServer::StartProxy(const std::string& listenAddress, int port, IResol
     m_addressManager.SetProxyPort(static_cast<unsigned int>(m_listenPort.load()));
     m_listenSocket = socket;
     m_listenAddressText = listenAddress;
+    m_starved = false;
+    m_overLimit = false;
+    int threads = GetSettings().eventThreads;
+    if (threads <= 0)
+        threads = std::max(1, std::min(static_cast<int>(std::thread::hardware_concurrency()), MAX_DEFAULT_EVENT_THREADS));
+    m_loops.reset(m_pool ? new CEventLoopPool(threads, *m_pool) : new CEventLoopPool(threads));
+    bool watched = m_loops->IsRunning();
     {
         std::lock_guard<std::mutex> hold(m_mutex);
         m_stopping = false;
+        m_listeners.clear();
+        for (size_t i = 0; i < m_loops->Size() && watched; ++i) {
+            m_listeners.push_back(SListener{&m_loops->At(i), new CListenWatch(*this, i), 0});
+            WatchListenerLocked(i);
+            watched = m_listeners[i].token != 0;
+        }
     }
-    m_starved = false;
-    m_overLimit = false;
-    AddAcceptors();
-    if (m_waiting.load() > 0) {
+    if (watched) {
         if (m_observer)
             m_observer->OnStarted(listenAddress, m_listenPort);
         return true;
     }
     StopProxy();
-    return FailStart("cannot start the accept threads");
+    return FailStart("cannot start the event threads");
 }
 
 bool CProxyServer::FailStart(const std::string& reason)
@@ -143,7 +167,8 @@ int CProxyServer::OpenListenSocket(const std::string& listenAddress, int port)
         // call per client. Nagle would hold a small one back for an ACK.
         setsockopt(socket, IPPROTO_TCP, TCP_NODELAY, &one, sizeof(one));
         fcntl(socket, F_SETFD, FD_CLOEXEC);
-        // Blocking: acceptors sleep in accept itself, and the kernel wakes one per client.
+        // Non-blocking: a client that vanished between the wake-up and accept cannot stall a thread.
+        CSocketUtils::SetSocketBlocking(socket, false);
         if (bind(socket, result->ai_addr, result->ai_addrlen) != 0 || listen(socket, m_listenBacklog.load()) != 0) {
             FailStart("cannot listen on " + endpoint + ": " + std::strerror(errno));
             CSocketUtils::CloseSocket(socket);
@@ -154,69 +179,39 @@ int CProxyServer::OpenListenSocket(const std::string& listenAddress, int port)
     return socket;
 }
 
-bool CProxyServer::AddAcceptors()
+void CProxyServer::WatchListenerLocked(size_t listener)
 {
-    while (m_waiting.load() < ACCEPTORS_WAITING) {
-        {
-            std::lock_guard<std::mutex> hold(m_mutex);
-            if (m_stopping)
-                return false;
-            ++m_acceptors;
-        }
-        m_waiting.fetch_add(1);
-        if (CAcceptor::Launch(*this))
-            continue;
-        m_waiting.fetch_sub(1);
-        OnAcceptorEnded();
-        return m_waiting.load() > 0;
-    }
-    return true;
+    SListener& entry = m_listeners[listener];
+    const QOX::CRefCountPtr<IEventHandler> handler(entry.watch.Get());
+#if defined(EPOLLEXCLUSIVE)
+    // One thread woken per client; older kernels refuse the flag, and then every thread wakes
+    // and all but one find nothing to accept.
+    entry.token = entry.loop->Add(m_listenSocket.load(), EPOLLIN | EPOLLEXCLUSIVE, handler);
+    if (entry.token != 0)
+        return;
+#endif
+    entry.token = entry.loop->Add(m_listenSocket.load(), EPOLLIN, handler);
 }
 
-void CProxyServer::AcceptAndServe()
+void CProxyServer::AcceptOn(size_t listener)
 {
-    for (;;) {
+    CEventLoop& loop = *m_listeners[listener].loop;
+    for (int accepted = 0; accepted < ACCEPT_BURST; ++accepted) {
         sockaddr_storage peer{};
         socklen_t peerLength = sizeof(peer);
         const int client = accept4(m_listenSocket.load(), reinterpret_cast<sockaddr*>(&peer), &peerLength,
                                    SOCK_CLOEXEC | SOCK_NONBLOCK);
-        const int error = errno;
-        if (IsStopping()) {
-            m_waiting.fetch_sub(1);
-            CSocketUtils::CloseSocket(client);
-            return;
-        }
         if (client < 0) {
-            if (OutOfDescriptors(error)) {
-                BackOff();
-                continue;
-            }
-            if (error == EINTR || error == ECONNABORTED || error == EPROTO || error == EPERM)
-                continue;
-            m_waiting.fetch_sub(1); // the listening socket itself failed
-            return;
+            if (OutOfDescriptors(errno))
+                PauseAccepting(listener);
+            return; // nothing waiting (or a client that vanished): the next readiness says more
         }
         m_starved = false;
-        // Someone must be waiting for the next client while this one is served. When no thread
-        // can be had for that, this one goes on waiting and the client is turned away: a
-        // server whose threads are all busy with long tunnels never stops accepting.
-        if (m_waiting.fetch_sub(1) == 1 && !AddAcceptors()) {
-            m_waiting.fetch_add(1);
-            m_stats.Add(CProxyStats::REFUSED_OVER_LIMIT);
-            CSocketUtils::CloseSocket(client);
-            continue;
-        }
-        Serve(client, peer);
-        // Wait for the next client, unless enough others do (the thread then goes back to the pool).
-        int waiting = m_waiting.load();
-        do {
-            if (waiting >= ACCEPTORS_WAITING || IsStopping())
-                return;
-        } while (!m_waiting.compare_exchange_weak(waiting, waiting + 1));
+        Serve(client, peer, loop);
     }
 }
 
-void CProxyServer::Serve(int client, const sockaddr_storage& peer)
+void CProxyServer::Serve(int client, const sockaddr_storage& peer, CEventLoop& loop)
 {
     const std::shared_ptr<const SActive> active = GetActive();
     if (!Admit(client, peer, *active))
@@ -224,33 +219,42 @@ void CProxyServer::Serve(int client, const sockaddr_storage& peer)
     QOX::CRefCountPtr<CProxyConnection> connection(
         new CProxyConnection(this, std::shared_ptr<const SProxySettings>(active, &active->settings)));
     // Registered in the set (by its constructor) before this look: a stop that began before is
-    // seen here, one that begins after terminates it, and the run ends at once.
-    if (IsStopping() || !connection->Prepare(client, peer, m_multiPointLayer, m_datagramHandler, m_connectionListener))
+    // seen here, one that begins after terminates it.
+    if (IsStopping()) {
+        CSocketUtils::CloseSocket(client);
         return;
+    }
     m_stats.Add(CProxyStats::CONNECTIONS_TOTAL);
     m_stats.Add(CProxyStats::CONNECTIONS_ACTIVE);
-    connection->RunHere();
+    connection->Start(client, peer, loop, m_multiPointLayer, m_datagramHandler, m_connectionListener);
 }
 
-void CProxyServer::BackOff()
+void CProxyServer::PauseAccepting(size_t listener)
 {
     if (!m_starved.exchange(true) && m_observer)
         m_observer->OnError("out of descriptors: new clients wait in the listen queue");
-    std::unique_lock<std::mutex> hold(m_mutex);
-    m_changed.wait_for(hold, std::chrono::milliseconds(ACCEPT_RETRY_DELAY_MS), [this] { return m_stopping; });
+    CEventLoop* loop = nullptr;
+    {
+        // The socket stays readable while clients wait: unwatched, it cannot spin this thread.
+        std::lock_guard<std::mutex> hold(m_mutex);
+        SListener& entry = m_listeners[listener];
+        if (entry.token == 0)
+            return;
+        entry.loop->Remove(entry.token, m_listenSocket.load());
+        entry.token = 0;
+        loop = entry.loop;
+    }
+    loop->PostDelayed(ACCEPT_RETRY_DELAY_MS, [this, listener] {
+        std::lock_guard<std::mutex> hold(m_mutex);
+        if (!m_stopping && m_listeners[listener].token == 0)
+            WatchListenerLocked(listener);
+    });
 }
 
 bool CProxyServer::IsStopping() const
 {
     std::lock_guard<std::mutex> hold(m_mutex);
     return m_stopping;
-}
-
-void CProxyServer::OnAcceptorEnded()
-{
-    std::lock_guard<std::mutex> hold(m_mutex);
-    --m_acceptors;
-    m_changed.notify_all();
 }
 
 bool CProxyServer::Admit(int client, const sockaddr_storage& peer, const SActive& active)
@@ -328,28 +332,33 @@ void CProxyServer::StopProxy()
 {
     const bool wasRunning = m_listenSocket != -1;
     {
+        // No thread accepts any more, and none starts to again (a paused one comes back only
+        // while not stopping).
         std::lock_guard<std::mutex> hold(m_mutex);
         m_stopping = true;
-        m_changed.notify_all();
+        for (SListener& entry : m_listeners) {
+            if (entry.token != 0)
+                entry.loop->Remove(entry.token, m_listenSocket.load());
+            entry.token = 0;
+        }
     }
     // Lookups under way fail at once, so no connection waits for one.
     m_addressManager.Terminate();
-    // Every accept returns at once; the socket is closed only when no acceptor can use its
-    // number any more.
-    const int socket = m_listenSocket.load();
-    if (socket >= 0)
-        shutdown(socket, SHUT_RDWR);
+    // Each one finishes on its event thread; a client accepted while this began is among them
+    // or sees the stop itself.
     CloseProxyConnections();
+    if (m_loops)
+        m_loops->Stop(); // the threads end, releasing the listener watches and delayed tasks
     {
-        std::unique_lock<std::mutex> hold(m_mutex);
-        m_changed.wait(hold, [this] { return m_acceptors == 0; });
+        std::lock_guard<std::mutex> hold(m_mutex);
+        m_listeners.clear();
     }
+    m_loops.reset();
     CSocketUtils::CloseSocket(m_listenSocket.exchange(-1));
-    m_waiting = 0;
     m_listenPort = 0;
     m_addressManager.SetProxyPort(0);
     // Threads kept for reuse would run the engine's code after the host may have unloaded it;
-    // an acceptor past its last report is still on its way out.
+    // helper threads of connects are waited for too.
     if (m_pool)
         m_pool->EndAll();
     else

@@ -3,7 +3,6 @@
 #include <sys/socket.h>
 
 #include <atomic>
-#include <condition_variable>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -18,6 +17,7 @@
 #include "proxy/core/IConnectionProtocol.h"
 #include "proxy/core/IProxyConnection.h"
 #include "proxy/core/SProxySettings.h"
+#include "transport/CEventLoopPool.h"
 #include "transport/IConnectionListener.h"
 #include "transport/IDatagramHandler.h"
 #include "transport/IResolveAddress.h"
@@ -32,15 +32,13 @@ namespace Proxy {
 
 class CProxyConnection;
 
-// The engine behind CProxy: listens on one TCP port and serves each client with a
-// CProxyConnection on the thread that accepted it (CAcceptor); StopProxy terminates them all.
-// Restartable.
+// The engine behind CProxy: listens on one TCP port and serves every client with a
+// CProxyConnection on one of a few event threads (CEventLoop, one per CPU unless set);
+// StopProxy terminates them all. Restartable.
 //
-// Accepting: a few acceptor threads wait in a blocking accept (the kernel hands each client to
-// one of them). The one that takes a client serves it; when none is left waiting, it starts
-// more first (and when it cannot, it turns the client away and goes on waiting itself). A thread whose client is done waits for the next one unless enough others do, so
-// short exchanges go from thread to thread without a hand-off or a thread start. StopProxy
-// shuts the listening socket down, which ends every accept at once (Linux, Android).
+// Accepting: every event thread watches the listening socket (exclusively where the system
+// allows, so that the kernel wakes one of them per client); the thread that accepts a client
+// serves it for its whole life. No thread is started and none handed a client per connection.
 //
 // The set of live connections holds plain pointers and no references. A connection removes
 // itself from the set on its own thread before that thread drops its reference, and the set is
@@ -54,10 +52,12 @@ public:
     enum EProxyMode { PROXY_MODE_DEFAULT = 0, PROXY_MODE_LOCAL = 1 };
 
     static constexpr int LISTEN_BACKLOG = 16;
-    // Pause of an acceptor when the process is out of descriptors, instead of spinning.
+    // Pause of a thread's accepting when the process is out of descriptors, instead of spinning.
     static constexpr int ACCEPT_RETRY_DELAY_MS = 100;
-    // Acceptors kept waiting for clients.
-    static constexpr int ACCEPTORS_WAITING = 2;
+    // Most clients one thread accepts in one go before it serves the others' events again.
+    static constexpr int ACCEPT_BURST = 16;
+    // Event threads when the settings leave it to the machine: one per CPU, at most this many.
+    static constexpr int MAX_DEFAULT_EVENT_THREADS = 16;
 
     explicit CProxyServer(EProxyMode mode = PROXY_MODE_DEFAULT);
     ~CProxyServer();
@@ -110,17 +110,19 @@ public:
     void SetThreadPool(QOX::CThreadPool* pool) { m_pool = pool; }
     QOX::CThreadPool* GetThreadPool() const { return m_pool; }
 
-    // An acceptor's work: accept a client, serve it, and again while the server runs and the
-    // acceptor is wanted.
-    void AcceptAndServe();
-    // The last thing an acceptor does for the server.
-    void OnAcceptorEnded();
 
     void CloseProxyConnections();
     void OnConnectionCreated(CProxyConnection* connection);
     void OnConnectionDestroyed(CProxyConnection* connection);
 
 private:
+    // The listening socket as one event thread watches it.
+    class CListenWatch;
+    struct SListener {
+        CEventLoop* loop = nullptr;
+        QOX::CRefCountPtr<CListenWatch> watch;
+        uint64_t token = 0;
+    };
 
     // The current settings with the allow list in parsed form.
     struct SActive {
@@ -138,22 +140,23 @@ private:
     // Records why a start failed; false.
     bool FailStart(const std::string& reason);
     static std::string DescribeEndpoint(const std::string& address, int port);
-    // Starts acceptors until ACCEPTORS_WAITING wait (counting those on their way); false when
-    // none waits and none could be started.
-    bool AddAcceptors();
-    // Serves one accepted client on this thread.
-    void Serve(int client, const sockaddr_storage& peer);
-    // Out of descriptors: waits a little (or until a stop) before the next accept.
-    void BackOff();
+    // An event thread's turn at the listening socket: accepts a few clients and serves them.
+    void AcceptOn(size_t listener);
+    // Serves one accepted client on this event thread.
+    void Serve(int client, const sockaddr_storage& peer, CEventLoop& loop);
+    // Out of descriptors: this thread stops watching the socket for a while.
+    void PauseAccepting(size_t listener);
+    // Under m_mutex: (re)starts watching the socket on one thread.
+    void WatchListenerLocked(size_t listener);
     bool IsStopping() const;
 
-    // Guards m_connections, m_creator, m_stopping and m_acceptors. Taken inside a connection's
-    // mutex (a connection leaving the set), never the other way round.
+    // Guards m_connections, m_creator, m_stopping and m_listeners' registrations. Taken inside a
+    // connection's mutex (a connection leaving the set), never the other way round; a loop's
+    // mutex is taken inside it (registering with a loop).
     mutable std::mutex m_mutex;
-    std::condition_variable m_changed; // an acceptor ended, or a stop began
     bool m_stopping = false;
-    int m_acceptors = 0;                // acceptor threads alive
-    std::atomic<int> m_waiting{0};      // acceptors in (or on their way to) accept
+    std::unique_ptr<CEventLoopPool> m_loops;
+    std::vector<SListener> m_listeners;
     std::atomic<bool> m_starved{false}; // out of descriptors, told the observer already
     IZRTMultiPointLayer* m_multiPointLayer = nullptr;
     IDatagramHandler* m_datagramHandler = nullptr;

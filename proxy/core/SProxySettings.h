@@ -17,6 +17,8 @@ struct SProxySettings {
     int lookupLimitMs = 30000;
     // How long opening a host link may take before it counts as failed.
     int connectTimeoutMs = 10000;
+    // Event threads that serve the clients, read at start; 0: one per CPU.
+    int eventThreads = 0;
 
     // Who may use the proxy, name -> password; empty: nobody has to authenticate. When set,
     // SOCKS5 clients must use username/password authentication and HTTP clients must send

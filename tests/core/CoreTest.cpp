@@ -787,29 +787,6 @@ TEST_F(ProxyTest, ParallelClientsAndStopWhileTheyRun)
     EXPECT_EQ(m_proxy.GetConnectionCount(), 0u);
 }
 
-TEST_F(ProxyTest, AThreadThatCannotStartFailsOnlyThatClient)
-{
-    EchoLinks();
-    TestClient before;
-    ASSERT_TRUE(before.Connect(m_port));
-    ASSERT_TRUE(before.Echoes("a"));
-
-    // A stack no address space can hold makes every new thread fail to start.
-    const size_t normal = QOX::CThread::GetDefaultStackSize();
-    QOX::CThread::SetDefaultStackSize(sizeof(size_t) == 8 ? (size_t(1) << 45) : size_t(0xC0000000u));
-    TestClient refused;
-    ASSERT_TRUE(refused.Connect(m_port));
-    const bool closed = refused.WaitForClose();
-    QOX::CThread::SetDefaultStackSize(normal);
-    EXPECT_TRUE(closed);
-    EXPECT_TRUE(WaitUntil([&] { return m_proxy.GetConnectionCount() == 1; }));
-
-    ASSERT_TRUE(before.Echoes("b"));
-    TestClient after;
-    ASSERT_TRUE(after.Connect(m_port));
-    ASSERT_TRUE(after.Echoes("c"));
-}
-
 // Which handler a connection's first chunk gets.
 TEST(ConnectionProtocolFactory, EmptyFirstChunkYieldsNoHandler)
 {
@@ -1084,6 +1061,50 @@ TEST_F(PolicyTest, NameWithSeveralAddressesIsTriedInOrderSkippingTheProxyItself)
     EXPECT_EQ(Socks5Request(looped, request).substr(0, 2), Bytes({5, 5}));
     const auto destinations = m_multiPointLayer.GetDestinations();
     EXPECT_EQ(std::count(destinations.begin(), destinations.end(), itself), 0);
+}
+
+// A host whose connect blocks (and says so) is asked on a helper thread: one event thread
+// serves everyone, so a connect on it would hold up every other client.
+class BlockingLayer : public IZRTMultiPointLayer, public Guarded {
+public:
+    QOX::CRefCountPtr<IZRTDataLayer> Connect(const IZRTConnectionAddress&, const IZRTConnectionAddress&) override
+    {
+        Locked([&] { ++m_waiting; });
+        WaitFor([&] { return m_released; }, 20000);
+        QOX::CRefCountPtr<FakeDataLayer> link(new FakeDataLayer());
+        link->SetOnSend([](FakeDataLayer& self, const std::string& bytes) { self.PushFromRemote(bytes); });
+        return QOX::CRefCountPtr<IZRTDataLayer>(link.GetRawPointer());
+    }
+    int Waiting() const { return Locked([&] { return m_waiting; }); }
+    void Release() { Change([&] { m_released = true; }); }
+
+private:
+    int m_waiting = 0;
+    bool m_released = false;
+};
+
+TEST_F(ProxyTest, AHostConnectThatBlocksHoldsUpNoOtherClient)
+{
+    m_proxy.StopProxy();
+    Proxy::SProxySettings settings = m_proxy.GetSettings();
+    settings.eventThreads = 1;
+    ASSERT_TRUE(m_proxy.SetSettings(settings));
+    BlockingLayer blocking;
+    ASSERT_TRUE(m_proxy.StartProxy("127.0.0.1", 0, &m_resolver, &blocking, &m_datagramHandler, &m_connectionListener));
+    const int port = m_proxy.GetListenPort();
+    UseRealHandlers();
+    TestClient waiting;
+    ASSERT_TRUE(waiting.Connect(port));
+    ASSERT_TRUE(waiting.Send(Bytes({5, 1, 0}) + Bytes({5, 1, 0, 1, 127, 0, 0, 1, 0, 80})));
+    ASSERT_TRUE(WaitUntil([&] { return blocking.Waiting() == 1; }));
+    // The one event thread still answers others while that connect waits.
+    TestClient other;
+    ASSERT_TRUE(other.Connect(port));
+    ASSERT_TRUE(other.Send(Bytes({5, 1, 0})));
+    EXPECT_EQ(other.Read(2, 5000), Bytes({5, 0}));
+    blocking.Release();
+    EXPECT_EQ(waiting.Read(12).substr(0, 4), Bytes({5, 0, 5, 0}));
+    ASSERT_TRUE(waiting.Echoes("through the helper's link"));
 }
 
 } // namespace

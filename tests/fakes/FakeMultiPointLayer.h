@@ -37,6 +37,9 @@ public:
         return QOX::CRefCountPtr<IZRTDataLayer>(link.GetRawPointer());
     }
 
+    // Connects at once, so the engine may call it on its event thread (unless told otherwise).
+    bool ConnectsWithoutBlocking() const override { return Locked([&] { return m_nonBlocking; }); }
+    void SetNonBlocking(bool nonBlocking) { Locked([&] { m_nonBlocking = nonBlocking; }); }
     void SetFail(bool fail) { Locked([&] { m_fail = fail; }); }
     // Destinations (ToString() form) that fail while others connect.
     void SetRefused(std::set<std::string> refused) { Locked([&] { m_refused = std::move(refused); }); }
@@ -53,6 +56,7 @@ public:
 
 private:
     bool m_fail = false;
+    bool m_nonBlocking = true;
     std::set<std::string> m_refused;
     ConnectHook m_hook;
     std::vector<std::string> m_destinations;
