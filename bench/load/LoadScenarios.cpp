@@ -13,6 +13,7 @@
 
 #include "ProcessTree.h"
 #include "Stats.h"
+#include "TxDriver.h"
 
 namespace ZRT::Bench {
 
@@ -241,43 +242,18 @@ void CLoadScenarios::RunUpload() {
 void CLoadScenarios::MeasureTransactions(const SProxyTarget& t, EPath path, int clients,
                                          bool untilClose, double& perSecond, double& p50Ms,
                                          double& p99Ms, long& errors) const {
-  std::vector<std::vector<double>> latencies(static_cast<size_t>(clients));
-  std::vector<long> failures(static_cast<size_t>(clients), 0);
-  std::atomic<bool> go{false};
   const auto length = std::chrono::duration_cast<Clock::duration>(
       std::chrono::duration<double>(m_settings.txSeconds));
-  Clock::time_point start;
-  std::vector<std::thread> threads;
-  threads.reserve(static_cast<size_t>(clients));
-  const CProxyClient client(t, t.IsDirect() ? EPath::Direct : path, m_settings.httpDest);
-  for (int i = 0; i < clients; ++i) {
-    threads.emplace_back([&, i] {
-      while (!go.load()) std::this_thread::yield();
-      const Clock::time_point end = start + length;
-      for (long n = 0; n < 100000000 && Clock::now() < end; ++n) {
-        const SFetchResult r = client.Fetch(m_settings.smallBytes, Clock::now() + kOpTimeout,
-                                            Clock::time_point::max(), untilClose);
-        if (r.ok) {
-          latencies[static_cast<size_t>(i)].push_back(Seconds(r.done - r.start) * 1000.0);
-        } else {
-          ++failures[static_cast<size_t>(i)];
-        }
-      }
-    });
-  }
-  start = Clock::now();
-  go.store(true);
-  for (std::thread& th : threads) th.join();
+  const CTxDriver driver(t, t.IsDirect() ? EPath::Direct : path, m_settings.httpDest, m_settings.smallBytes,
+                         untilClose);
+  const Clock::time_point start = Clock::now();
+  const STxResult result = driver.Run(clients, length, kOpTimeout);
   const double elapsed = Seconds(Clock::now() - start);
-  std::vector<double> all;
-  errors = 0;
-  for (int i = 0; i < clients; ++i) {
-    all.insert(all.end(), latencies[static_cast<size_t>(i)].begin(), latencies[static_cast<size_t>(i)].end());
-    errors += failures[static_cast<size_t>(i)];
-  }
-  perSecond = all.empty() ? std::nan("") : static_cast<double>(all.size()) / elapsed;
-  p50Ms = Percentile(all, 0.50);
-  p99Ms = Percentile(all, 0.99);
+  errors = result.failures;
+  perSecond = result.latenciesMs.empty() ? std::nan("")
+                                         : static_cast<double>(result.latenciesMs.size()) / elapsed;
+  p50Ms = Percentile(result.latenciesMs, 0.50);
+  p99Ms = Percentile(result.latenciesMs, 0.99);
 }
 
 void CLoadScenarios::RunTransactions(EPath path, const std::string& prefix, bool untilClose) {
