@@ -26,8 +26,10 @@ class CProxyServer;
 // from HTTP clients by their first byte and reaches destinations only through the four host
 // services given to StartProxy. Restartable.
 //
-// Threads: the proxy runs one thread to accept and one per client; every call into a host
-// service and the observer comes from those threads (or from inside a service's own callback).
+// Threads: the proxy runs a few event threads (SProxySettings::eventThreads) that accept clients
+// and serve many each; every call into a host service and the observer comes from those threads,
+// from a connect helper thread for a layer that may block, or from inside a service's own
+// callback. Service calls must not block, except such a layer's Connect.
 // StopProxy waits for all of them, so no call comes afterwards: the services and the observer
 // must outlive StopProxy (the destructor stops too). Never call StopProxy or the destructor
 // from one of the proxy's own threads (an observer or service callback): it would wait for

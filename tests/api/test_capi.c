@@ -115,7 +115,7 @@ static void test_options_and_errors(void)
         {"auth", "nocolon"}, {"auth", ":password"}, {"allow", "10.0.0.0/33"}, {"allow", "example.org"},
         {"max-clients", "-1"}, {"handshake-timeout", "1s"}, {"outgoing-address", "eth0"},
         {"log-level", "loud"}, {"metrics", "127.0.0.1"}, {"metrics", "localhost:9100"},
-        {"auth-file", "/nonexistent/users"}, {"access-log", ""}, {"transport-threads", "0"},
+        {"auth-file", "/nonexistent/users"}, {"access-log", ""}, {"transport-threads", "0"}, {"threads", "65"},
     };
     for (size_t i = 0; i < sizeof(refused) / sizeof(refused[0]); ++i) {
         CHECK(zrt_proxy_set_option(proxy, refused[i][0], refused[i][1]) == ZRT_E_BAD_VALUE);
