@@ -50,15 +50,19 @@ bool OutOfDescriptors(int error)
 // Forwards the listening socket's readiness to the server, on the watching loop's thread.
 class CProxyServer::CListenWatch : public QOX::CRefCount_Base, public IEventHandler {
 public:
-    CListenWatch(CProxyServer& server, size_t listener) : m_server(server), m_listener(listener) {}
+    CListenWatch(CProxyServer& server, size_t listener, CEventLoop& loop)
+        : m_server(server), m_listener(listener), m_loop(loop)
+    {
+    }
     long AddRef() override { return QOX::CRefCount_Base::AddRef(); }
     long ReleaseRef() override { return QOX::CRefCount_Base::ReleaseRef(); }
     void* GetReferencedObject() const override { return QOX::CRefCount_Base::GetReferencedObject(); }
-    void OnEvents(uint32_t /*events*/) override { m_server.AcceptOn(m_listener); }
+    void OnEvents(uint32_t /*events*/) override { m_server.AcceptOn(m_listener, m_loop); }
 
 private:
     CProxyServer& m_server;
     const size_t m_listener;
+    CEventLoop& m_loop; // kept here: the server's list may still grow while this loop accepts
 };
 
 CProxyServer::CProxyServer(EProxyMode mode) : m_mode(mode) {}
@@ -114,8 +118,9 @@ bool CProxyServer::StartProxy(const std::string& listenAddress, int port, IResol
         std::lock_guard<std::mutex> hold(m_mutex);
         m_stopping = false;
         m_listeners.clear();
+        m_listeners.reserve(m_loops->Size());
         for (size_t i = 0; i < m_loops->Size() && watched; ++i) {
-            m_listeners.push_back(SListener{&m_loops->At(i), new CListenWatch(*this, i), 0});
+            m_listeners.push_back(SListener{&m_loops->At(i), new CListenWatch(*this, i, m_loops->At(i)), 0});
             WatchListenerLocked(i);
             watched = m_listeners[i].token != 0;
         }
@@ -193,9 +198,8 @@ void CProxyServer::WatchListenerLocked(size_t listener)
     entry.token = entry.loop->Add(m_listenSocket.load(), EPOLLIN, handler);
 }
 
-void CProxyServer::AcceptOn(size_t listener)
+void CProxyServer::AcceptOn(size_t listener, CEventLoop& loop)
 {
-    CEventLoop& loop = *m_listeners[listener].loop;
     for (int accepted = 0; accepted < ACCEPT_BURST; ++accepted) {
         sockaddr_storage peer{};
         socklen_t peerLength = sizeof(peer);

@@ -141,7 +141,7 @@ private:
     bool FailStart(const std::string& reason);
     static std::string DescribeEndpoint(const std::string& address, int port);
     // An event thread's turn at the listening socket: accepts a few clients and serves them.
-    void AcceptOn(size_t listener);
+    void AcceptOn(size_t listener, CEventLoop& loop);
     // Serves one accepted client on this event thread.
     void Serve(int client, const sockaddr_storage& peer, CEventLoop& loop);
     // Out of descriptors: this thread stops watching the socket for a while.
