@@ -253,7 +253,7 @@ const COptionTable::SOption OPTIONS[] = {
      SetOutgoingAddress, [](SEmbeddedSettings& s) { s.host.outgoingIPv4.clear(), s.host.outgoingIPv6.clear(); }},
     {"outgoing-interface", 0, "NAME", "network interface for traffic to destinations (SO_BINDTODEVICE; default: any)",
      SetOutgoingInterface, [](SEmbeddedSettings& s) { s.host.outgoingInterface.clear(); }},
-    {"threads", 0, "N", "threads that accept and serve clients, many each; 0 for one per CPU, at most 16 (default 0)",
+    {"threads", 0, "N", "threads that accept and serve clients, many each; 0 for half the CPUs, at most 16 (default 0)",
      [](SEmbeddedSettings& s, const std::string& v, std::string& e) { return SetCount(v, 64, s.proxy.eventThreads, e); },
      [](SEmbeddedSettings& s) { s.proxy.eventThreads = Defaults().proxy.eventThreads; }},
     {"transport-threads", 0, "N", "threads that move bytes of outgoing sockets (default 2)",

@@ -42,10 +42,10 @@ done
 if [ "$QUICK" = 1 ]; then
   [ "$RUNS" = 5 ] && RUNS=1
   SIZES=(--bulk-bytes $((16 << 20)) --tx-seconds 0.3 --idle-tunnels 100 --idle-seconds 1
-         --udp-seconds 0.3 --ttfb-samples 20)
+         --udp-seconds 0.3 --ttfb-samples 20 --burst-clients 200)
 else
   SIZES=(--bulk-bytes $((1 << 30)) --tx-seconds 1 --idle-tunnels 1000 --idle-seconds 10
-         --udp-seconds 1 --ttfb-samples 200)
+         --udp-seconds 1 --ttfb-samples 200 --burst-clients 2000)
   [ -z "$OUT" ] && OUT="$ROOT/bench/RESULTS.md"
 fi
 

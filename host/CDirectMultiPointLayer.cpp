@@ -71,7 +71,8 @@ QOX::CRefCountPtr<IZRTDataLayer> CDirectMultiPointLayer::BeginConnect(const IZRT
         return {};
     // Even a connect that finished at once is reported through the loop, like every other.
     QOX::CRefCountPtr<CTcpDataLayer> layer =
-        CTcpDataLayer::CreateConnecting(socket.Release(), m_loops.Next(), CONNECT_TIMEOUT_MS);
+        CTcpDataLayer::CreateConnecting(socket.Release(), reinterpret_cast<sockaddr*>(&address),
+                                        static_cast<socklen_t>(length), m_loops.Next(), CONNECT_TIMEOUT_MS);
     return QOX::CRefCountPtr<IZRTDataLayer>(layer.Get());
 }
 

@@ -43,9 +43,15 @@ QOX::CRefCountPtr<CTcpDataLayer> CTcpDataLayer::Create(int socket, CEventLoop& l
     return QOX::CRefCountPtr<CTcpDataLayer>(new CTcpDataLayer(socket, loop, EPhase::Open));
 }
 
-QOX::CRefCountPtr<CTcpDataLayer> CTcpDataLayer::CreateConnecting(int socket, CEventLoop& loop, int timeoutMs)
+QOX::CRefCountPtr<CTcpDataLayer> CTcpDataLayer::CreateConnecting(int socket, const sockaddr* destination,
+                                                                 socklen_t destinationLength, CEventLoop& loop,
+                                                                 int timeoutMs)
 {
     QOX::CRefCountPtr<CTcpDataLayer> link(new CTcpDataLayer(socket, loop, EPhase::Connecting));
+    if (destination && destinationLength <= sizeof(link->m_destination)) {
+        std::memcpy(&link->m_destination, destination, destinationLength);
+        link->m_destinationLength = destinationLength;
+    }
     // The loop watches the attempt (and keeps its time) only once a sink listens without a
     // reader: a reader takes the connect over (CompleteConnect) and keeps its own time.
     link->m_beganConnecting = true;
@@ -359,7 +365,10 @@ void CTcpDataLayer::EndOutputIfDueLocked()
 {
     if (m_output != EOutput::Ending || m_phase != EPhase::Open || m_socket < 0 || UnsentLocked() > 0)
         return;
-    shutdown(m_socket, SHUT_WR);
+    // When the peer has finished too and left nothing unread, the close that follows at once
+    // sends the FIN: no call of its own.
+    if (!m_inputEnded || !m_received.Empty())
+        shutdown(m_socket, SHUT_WR);
     m_output = EOutput::Ended;
 }
 
@@ -520,6 +529,29 @@ void CTcpDataLayer::FinishConnectLocked()
     m_phase = EPhase::Open;
 }
 
+bool CTcpDataLayer::ConnectOutcomeLocked()
+{
+    if (m_destinationLength == 0) {
+        pollfd entry{m_socket, POLLOUT, 0};
+        if (poll(&entry, 1, 0) <= 0)
+            return false;
+        FinishConnectLocked();
+        return true;
+    }
+    // One call instead of a poll and SO_ERROR: connecting again answers "done" (0 or EISCONN),
+    // "still under way" (EALREADY) or the attempt's error.
+    if (::connect(m_socket, reinterpret_cast<const sockaddr*>(&m_destination), m_destinationLength) == 0 ||
+        errno == EISCONN) {
+        CancelTimersLocked();
+        m_phase = EPhase::Open;
+        return true;
+    }
+    if (errno == EALREADY || errno == EINPROGRESS || errno == EINTR)
+        return false;
+    FailLocked();
+    return true;
+}
+
 void CTcpDataLayer::OnEvents(uint32_t events)
 {
     bool connected = false;
@@ -621,10 +653,8 @@ void CTcpDataLayer::CompleteConnect()
         std::lock_guard<std::mutex> lock(m_mutex);
         if (m_phase != EPhase::Connecting)
             return;
-        pollfd entry{m_socket, POLLOUT, 0};
-        if (poll(&entry, 1, 0) <= 0)
+        if (!ConnectOutcomeLocked())
             return; // still under way
-        FinishConnectLocked();
         connected = m_phase == EPhase::Open;
         UpdateInterestLocked();
     }

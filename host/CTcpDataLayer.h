@@ -53,7 +53,10 @@ public:
     static QOX::CRefCountPtr<CTcpDataLayer> Create(int socket, CEventLoop& loop);
     // Takes over a non-blocking socket whose connect() is in progress; the attempt fails after
     // timeoutMs. Empty (and the socket closed) when the loop cannot watch it.
-    static QOX::CRefCountPtr<CTcpDataLayer> CreateConnecting(int socket, CEventLoop& loop, int timeoutMs);
+    // destination is where the socket connects; asking it again is how a reader learns the outcome.
+    static QOX::CRefCountPtr<CTcpDataLayer> CreateConnecting(int socket, const sockaddr* destination,
+                                                            socklen_t destinationLength, CEventLoop& loop,
+                                                            int timeoutMs);
 
     long AddRef() override { return QOX::CRefCountImpl<IZRTDataLayer>::AddRef(); }
     long ReleaseRef() override { return QOX::CRefCountImpl<IZRTDataLayer>::ReleaseRef(); }
@@ -90,6 +93,8 @@ private:
     ~CTcpDataLayer() override;
 
     void FinishConnectLocked();
+    // A reader asks whether the connect has ended; true once it has (Open, or failed).
+    bool ConnectOutcomeLocked();
     void ReadSocket(bool& gotData);
     // Reader mode, with nothing buffered: one read into the reader's buffer; -1 at the end.
     int ReadForReaderLocked(unsigned char* buffer, int size);
@@ -146,6 +151,9 @@ private:
     bool m_sinkAdded = false;
     // Made by CreateConnecting: late sinks still hear OnLinkConnected.
     bool m_beganConnecting = false;
+    // The address a connecting socket was given (CreateConnecting).
+    sockaddr_storage m_destination{};
+    socklen_t m_destinationLength = 0;
     // The loop is between a recv and storing its bytes: a reader must not read past them.
     bool m_loopReading = false;
     uint64_t m_timer = 0; // the connect time-out or the linger's end; 0 when none

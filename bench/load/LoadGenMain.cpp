@@ -4,8 +4,8 @@
 //   zrt-loadgen bench --http-dest A:P --udp-dest A:P [--proxy NAME:CAPS:HOST:PORT:PID]...
 //                     [--ours NAME] [--runs N] [--bulk-bytes N] [--small-bytes N]
 //                     [--tx-seconds S] [--concurrency 1,16,64] [--idle-tunnels N]
-//                     [--idle-seconds S] [--udp-seconds S] [--ttfb-samples N]
-//                     [--tests bulk,upload,tx,txclose,idle,udp,ttfb] [--strict 1]
+//                     [--idle-seconds S] [--udp-seconds S] [--ttfb-samples N] [--burst-clients N]
+//                     [--tests bulk,upload,tx,txclose,idle,udp,ttfb,burst] [--strict 1]
 // CAPS letters: s SOCKS5 CONNECT, u SOCKS5 UDP ASSOCIATE, h HTTP GET, c HTTP CONNECT.
 // The bench command prints the Markdown table on stdout and its progress on stderr. With --strict 1
 // it exits with 3 when a run of the direct path or of --ours failed (for smoke tests).
@@ -106,6 +106,7 @@ bool ParseOption(SBenchSettings& s, const std::string& name, const std::string& 
   else if (name == "--idle-seconds") s.idleSeconds = std::atof(value.c_str());
   else if (name == "--udp-seconds") s.udpSeconds = std::atof(value.c_str());
   else if (name == "--ttfb-samples") s.ttfbSamples = std::atoi(value.c_str());
+  else if (name == "--burst-clients") s.burstClients = std::atoi(value.c_str());
   else if (name == "--concurrency") {
     s.concurrency.clear();
     for (const std::string& c : SplitCommas(value)) s.concurrency.push_back(std::atoi(c.c_str()));

@@ -25,7 +25,8 @@ struct SBenchSettings {
   double idleSeconds = 10.0;
   double udpSeconds = 1.0;
   int ttfbSamples = 200;
-  std::set<std::string> tests{"bulk", "upload", "tx", "txclose", "idle", "udp", "ttfb"};
+  int burstClients = 2000;
+  std::set<std::string> tests{"bulk", "upload", "tx", "txclose", "idle", "udp", "ttfb", "burst"};
 };
 
 class CLoadScenarios {
@@ -45,6 +46,9 @@ class CLoadScenarios {
   void RunIdle();
   void RunUdp();
   void RunTtfb(EPath path, const std::string& prefix);
+  // Every client of a burst connects at the same moment and runs one transaction: a listen
+  // queue that overflows shows as connects retried after 1 s or 3 s.
+  void RunBurst(EPath path, const std::string& prefix);
 
   void MeasureTransactions(const SProxyTarget& t, EPath path, int clients, bool untilClose,
                            double& perSecond, double& p50Ms, double& p99Ms, long& errors) const;

@@ -111,7 +111,7 @@ bool CProxyServer::StartProxy(const std::string& listenAddress, int port, IResol
     m_overLimit = false;
     int threads = GetSettings().eventThreads;
     if (threads <= 0)
-        threads = std::max(1, std::min(static_cast<int>(std::thread::hardware_concurrency()), MAX_DEFAULT_EVENT_THREADS));
+        threads = DefaultEventThreads(static_cast<int>(std::thread::hardware_concurrency()));
     m_loops.reset(m_pool ? new CEventLoopPool(threads, *m_pool) : new CEventLoopPool(threads));
     bool watched = m_loops->IsRunning();
     {
@@ -132,6 +132,11 @@ bool CProxyServer::StartProxy(const std::string& listenAddress, int port, IResol
     }
     StopProxy();
     return FailStart("cannot start the event threads");
+}
+
+int CProxyServer::DefaultEventThreads(int cpus)
+{
+    return std::max(1, std::min((cpus + 1) / 2, MAX_DEFAULT_EVENT_THREADS));
 }
 
 bool CProxyServer::FailStart(const std::string& reason)

@@ -17,7 +17,7 @@ struct SProxySettings {
     int lookupLimitMs = 30000;
     // How long opening a host link may take before it counts as failed.
     int connectTimeoutMs = 10000;
-    // Event threads that serve the clients, read at start; 0: one per CPU.
+    // Event threads that serve the clients, read at start; 0: half the CPUs (at least 1, at most 16).
     int eventThreads = 0;
 
     // Who may use the proxy, name -> password; empty: nobody has to authenticate. When set,
