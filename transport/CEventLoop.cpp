@@ -75,29 +75,27 @@ bool CEventLoop::Modify(uint64_t token, int socket, uint32_t events)
 
 void CEventLoop::Remove(uint64_t token, int socket)
 {
-    QOX::CRefCountPtr<IEventHandler> handler;
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        epoll_ctl(m_epoll.Get(), EPOLL_CTL_DEL, socket, nullptr);
-        auto found = m_handlers.find(token);
-        if (found == m_handlers.end())
-            return;
-        handler = std::move(found->second);
-        m_handlers.erase(found);
-    }
+    QOX::CRefCountPtr<IEventHandler> handler; // released after the lock: its end may call back
+    std::lock_guard<std::mutex> lock(m_mutex);
+    epoll_ctl(m_epoll.Get(), EPOLL_CTL_DEL, socket, nullptr);
+    handler = TakeHandlerLocked(token);
 }
 
 void CEventLoop::Forget(uint64_t token)
 {
-    QOX::CRefCountPtr<IEventHandler> handler;
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        auto found = m_handlers.find(token);
-        if (found == m_handlers.end())
-            return;
-        handler = std::move(found->second);
-        m_handlers.erase(found);
-    }
+    QOX::CRefCountPtr<IEventHandler> handler; // released after the lock: its end may call back
+    std::lock_guard<std::mutex> lock(m_mutex);
+    handler = TakeHandlerLocked(token);
+}
+
+QOX::CRefCountPtr<IEventHandler> CEventLoop::TakeHandlerLocked(uint64_t token)
+{
+    auto found = m_handlers.find(token);
+    if (found == m_handlers.end())
+        return {};
+    QOX::CRefCountPtr<IEventHandler> handler = std::move(found->second);
+    m_handlers.erase(found);
+    return handler;
 }
 
 void CEventLoop::Post(Task task)

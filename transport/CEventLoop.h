@@ -58,6 +58,8 @@ public:
     bool IsRunning() const { return GetThreadStatus() == STATUS_RUNNING; }
 
 private:
+    // Under m_mutex: takes the handler of token out of the table (empty when there is none).
+    QOX::CRefCountPtr<IEventHandler> TakeHandlerLocked(uint64_t token);
     using Clock = std::chrono::steady_clock;
     static constexpr uint64_t STOP_TOKEN = 1;
     static constexpr uint64_t WAKE_TOKEN = 2;

@@ -752,19 +752,8 @@ void CProxyConnection::TakeHelperLink()
             link->Disconnect();
         return;
     }
-    if (!link) {
-        m_connectOutcome = false;
-        return;
-    }
-    const bool connecting = link->IsConnecting();
-    m_linkState = ELink::None; // InstallLink sets what it is
-    if (!InstallLink(link, connecting ? ELink::Connecting : ELink::Open)) {
-        link->Disconnect();
-        m_connectOutcome = false;
-        return;
-    }
-    if (!connecting)
-        m_connectOutcome = true;
+    m_linkState = ELink::None; // AdoptNewLink sets what it is
+    AdoptNewLink(link);
 }
 
 void CProxyConnection::OnHelperConnected(const QOX::CRefCountPtr<IZRTDataLayer>& link, uint64_t attempt)
@@ -1163,7 +1152,11 @@ void CProxyConnection::StartAttempt(const QOX::CRefCountPtr<IZRTConnectionAddres
             m_connectOutcome = false;
         return;
     }
-    QOX::CRefCountPtr<IZRTDataLayer> link = m_multiPointLayer->BeginConnect(*address, m_clientAddress);
+    AdoptNewLink(m_multiPointLayer->BeginConnect(*address, m_clientAddress));
+}
+
+void CProxyConnection::AdoptNewLink(const QOX::CRefCountPtr<IZRTDataLayer>& link)
+{
     if (!link) {
         m_connectOutcome = false; // reported (or the next address tried) next turn
         return;

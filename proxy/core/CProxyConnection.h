@@ -217,6 +217,8 @@ private:
     void TakeHelperLink();
     void AdvanceEnds();
     bool InstallLink(const QOX::CRefCountPtr<IZRTDataLayer>& link, ELink state);
+    // A connect returned this link (or none): installs it, or leaves the failure to report.
+    void AdoptNewLink(const QOX::CRefCountPtr<IZRTDataLayer>& link);
     void FlushClientOutput();
     // Under m_mutex: writes queued output; false on a socket error.
     bool WriteQueuedLocked();
