@@ -60,6 +60,7 @@ private:
         CEventLoop& m_loop;
         CSinkRegistry<IConnectionReceiver> m_receivers;
         QOX::CRefCountPtr<IZRTConnectionAddress> m_address;
+        // Guards m_token (the loop registration) and m_remaining; taken on the loop and by Stop.
         std::mutex m_mutex;
         uint64_t m_token = 0;
     };
@@ -67,6 +68,7 @@ private:
     CEventLoopPool& m_loops;
     std::string m_ipv4Address;
     std::string m_ipv6Address;
+    // Guards m_sockets; never held across a receiver call.
     std::mutex m_mutex;
     std::vector<QOX::CRefCountPtr<CListeningSocket>> m_sockets;
 };

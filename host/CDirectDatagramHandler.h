@@ -68,6 +68,7 @@ private:
 
     CEventLoopPool& m_loops;
     const CSocketPreparer m_preparer;
+    // Guards m_registrations and m_nextHandle; never held across a receiver call.
     std::mutex m_mutex;
     std::map<int, QOX::CRefCountPtr<CRegistration>> m_registrations;
     int m_nextHandle = 1;

@@ -102,6 +102,7 @@ private:
         m_callEnded.notify_all();
     }
 
+    // Guards m_sinks and m_calls (who is being called now, so Remove can wait for it to end).
     mutable std::mutex m_mutex;
     std::condition_variable m_callEnded;
     std::vector<Sink*> m_sinks;

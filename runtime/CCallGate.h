@@ -34,6 +34,7 @@ private:
     void Enter();
     void Leave();
 
+    // Guards m_inside (the threads inside the gate); a leaf.
     std::mutex m_mutex;
     std::condition_variable m_left;
     std::vector<std::thread::id> m_inside;

@@ -34,6 +34,8 @@ private:
     void WriteSignalLocked() const;
     void DrainLocked() const;
 
+    // Serializes signal, reset and the lazy making of the descriptors (m_writeFd, m_readFd),
+    // so a signal is never lost between them; a leaf.
     mutable std::mutex m_mutex;
     std::atomic<bool> m_signalled{false};
     mutable std::atomic<int> m_readFd{-1};

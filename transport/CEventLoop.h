@@ -72,6 +72,9 @@ private:
 
     CSocketHandle m_epoll;
     QOX::CEvent m_wake;
+    // Guards the handler table, the task queue, the delayed tasks and the counters below. A
+    // leaf, except that loop callers may hold their own lock (ARCHITECTURE.md); never held while
+    // a handler or task runs.
     std::mutex m_mutex;
     std::map<uint64_t, QOX::CRefCountPtr<IEventHandler>> m_handlers;
     std::deque<Task> m_tasks;
