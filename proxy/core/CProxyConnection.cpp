@@ -196,7 +196,7 @@ bool CProxyConnection::Start(int socket, const sockaddr_storage& peer, CEventLoo
         m_watches[role] = new CWatch(*this, static_cast<ERole>(role));
     {
         std::lock_guard<std::mutex> hold(m_endMutex);
-        m_started = true;
+        m_run = ERun::Running;
     }
     m_self = this;
     // The first step comes with the client's first bytes (or its end, or a deadline).
@@ -244,7 +244,7 @@ void CProxyConnection::Finish()
     DetachFromProxy();
     {
         std::lock_guard<std::mutex> hold(m_endMutex);
-        m_finished = true;
+        m_run = ERun::Finished;
     }
     m_ended.notify_all();
     m_self.Reset(); // the caller holds its own reference
@@ -481,8 +481,8 @@ CProxyConnection::SPlan CProxyConnection::PlanStep()
         turn.timeout = 0;
         return turn;
     }
-    if (m_handlerTimerSet)
-        turn.timeout = MillisecondsUntil(m_handlerDeadline);
+    if (m_handlerDeadline)
+        turn.timeout = MillisecondsUntil(*m_handlerDeadline);
     if (m_linkState == ELink::Connecting) {
         const int connect = MillisecondsUntil(m_attemptDeadline);
         turn.timeout = turn.timeout < 0 ? connect : std::min(turn.timeout, connect);
@@ -761,7 +761,7 @@ void CProxyConnection::OnHelperConnected(const QOX::CRefCountPtr<IZRTDataLayer>&
     QOX::CRefCountPtr<IZRTDataLayer> unwanted;
     {
         std::lock_guard<std::mutex> hold(m_endMutex);
-        if (m_finished) {
+        if (m_run == ERun::Finished) {
             unwanted = link;
         } else {
             unwanted = std::move(m_helperLink); // an older attempt's, never taken
@@ -815,7 +815,7 @@ void CProxyConnection::Abort()
 
 void CProxyConnection::TerminateHandler()
 {
-    m_handlerTimerSet = false;
+    m_handlerDeadline.reset();
     if (!m_protocol || m_handlerTerminated)
         return;
     Watch(HANDLER, -1, 0); // before the handler closes its descriptor
@@ -929,7 +929,7 @@ void CProxyConnection::Terminate()
     if (!OnLoopThread()) {
         // A connection that never started has nothing to wait for.
         std::unique_lock<std::mutex> hold(m_endMutex);
-        m_ended.wait(hold, [this] { return !m_started || m_finished; });
+        m_ended.wait(hold, [this] { return m_run != ERun::Running; });
     }
     std::lock_guard<std::mutex> hold(m_mutex);
     m_proxy = nullptr;
@@ -938,7 +938,7 @@ void CProxyConnection::Terminate()
 bool CProxyConnection::IsRunning() const
 {
     std::lock_guard<std::mutex> hold(m_endMutex);
-    return m_started && !m_finished;
+    return m_run == ERun::Running;
 }
 
 bool CProxyConnection::IsConnectedToClient() const
@@ -1017,16 +1017,17 @@ void CProxyConnection::WakeHandler()
 
 void CProxyConnection::SetHandlerTimer(int milliseconds)
 {
-    m_handlerTimerSet = milliseconds >= 0;
-    if (m_handlerTimerSet)
+    if (milliseconds < 0)
+        m_handlerDeadline.reset();
+    else
         m_handlerDeadline = Clock::now() + std::chrono::milliseconds(milliseconds);
 }
 
 void CProxyConnection::RunHandlerTimer()
 {
-    if (!m_handlerTimerSet || Clock::now() < m_handlerDeadline)
+    if (!m_handlerDeadline || Clock::now() < *m_handlerDeadline)
         return;
-    m_handlerTimerSet = false;
+    m_handlerDeadline.reset();
     if (m_protocol && m_client == EClient::Open)
         m_protocol->OnTimer();
 }

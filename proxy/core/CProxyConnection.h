@@ -141,6 +141,8 @@ private:
     enum class EClient { Open, Closing, Closed };
     enum class ELink { None, Connecting, Open, Closed };
     enum class EFlow { Open, Ending, Ended };
+    // The connection as a whole: between Start and the end of Finish it is Running.
+    enum class ERun { NotStarted, Running, Finished };
     // Notices left by other threads for this one (bits of m_notices).
     enum ENotice : unsigned {
         NOTICE_DISCONNECT = 1u << 0,     // DisconnectClient from another thread
@@ -283,11 +285,10 @@ private:
     uint64_t m_timer = 0;
     Clock::time_point m_timerDue{};
     bool m_inStep = false;
-    // Guards m_started, m_finished (Terminate waits on it) and m_helperLink.
+    // Guards m_run (Terminate waits for Finished) and m_helperLink.
     mutable std::mutex m_endMutex;
     std::condition_variable m_ended;
-    bool m_started = false;
-    bool m_finished = false;
+    ERun m_run = ERun::NotStarted;
     QOX::CRefCountPtr<IZRTDataLayer> m_helperLink; // what a helper thread's connect returned
     uint64_t m_helperAttempt = 0;                  // for which attempt
     uint64_t m_attempt = 0;                        // loop's thread: the attempt under way
@@ -295,8 +296,7 @@ private:
     // Created on the connection's thread from the first client chunk; deleted by the destructor.
     IConnectionProtocol* m_protocol = nullptr;
     bool m_handlerTerminated = false;
-    Clock::time_point m_handlerDeadline{};
-    bool m_handlerTimerSet = false;
+    std::optional<Clock::time_point> m_handlerDeadline; // the handler's timer, when set
     // When the connect counts as failed; and when the address being tried gives way to the next.
     Clock::time_point m_connectDeadline{};
     Clock::time_point m_attemptDeadline{};
