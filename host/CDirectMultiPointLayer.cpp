@@ -36,22 +36,30 @@ bool WaitConnected(int socket, int timeoutMs)
 }
 } // namespace
 
+CSocketHandle CDirectMultiPointLayer::StartConnect(const IZRTConnectionAddress& destination, SDestination& to,
+                                                  bool& done) const
+{
+    int length = sizeof(to.address);
+    if (!destination.GetSockAddr(reinterpret_cast<sockaddr*>(&to.address), &length))
+        return CSocketHandle();
+    to.length = static_cast<socklen_t>(length);
+    CSocketHandle socket(::socket(to.address.ss_family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, IPPROTO_TCP));
+    if (!socket.IsValid() || !m_preparer.PrepareToConnect(socket.Get(), to.address.ss_family))
+        return CSocketHandle();
+    done = connect(socket.Get(), reinterpret_cast<sockaddr*>(&to.address), to.length) == 0;
+    if (!done && errno != EINPROGRESS && errno != EINTR)
+        return CSocketHandle();
+    return socket;
+}
+
 QOX::CRefCountPtr<IZRTDataLayer> CDirectMultiPointLayer::Connect(const IZRTConnectionAddress& destination,
                                                                  const IZRTConnectionAddress& /*source*/)
 {
-    sockaddr_storage address{};
-    int length = sizeof(address);
-    if (!destination.GetSockAddr(reinterpret_cast<sockaddr*>(&address), &length))
+    SDestination to;
+    bool done = false;
+    CSocketHandle socket = StartConnect(destination, to, done);
+    if (!socket.IsValid() || (!done && !WaitConnected(socket.Get(), CONNECT_TIMEOUT_MS)))
         return {};
-    CSocketHandle socket(::socket(address.ss_family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, IPPROTO_TCP));
-    if (!socket.IsValid() || !m_preparer.PrepareToConnect(socket.Get(), address.ss_family))
-        return {};
-    if (connect(socket.Get(), reinterpret_cast<sockaddr*>(&address), static_cast<socklen_t>(length)) != 0) {
-        if (errno != EINPROGRESS && errno != EINTR)
-            return {};
-        if (!WaitConnected(socket.Get(), CONNECT_TIMEOUT_MS))
-            return {};
-    }
     QOX::CRefCountPtr<CTcpDataLayer> layer = CTcpDataLayer::Create(socket.Release(), m_loops.Next());
     return QOX::CRefCountPtr<IZRTDataLayer>(layer.Get());
 }
@@ -59,20 +67,15 @@ QOX::CRefCountPtr<IZRTDataLayer> CDirectMultiPointLayer::Connect(const IZRTConne
 QOX::CRefCountPtr<IZRTDataLayer> CDirectMultiPointLayer::BeginConnect(const IZRTConnectionAddress& destination,
                                                                       const IZRTConnectionAddress& /*source*/)
 {
-    sockaddr_storage address{};
-    int length = sizeof(address);
-    if (!destination.GetSockAddr(reinterpret_cast<sockaddr*>(&address), &length))
-        return {};
-    CSocketHandle socket(::socket(address.ss_family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, IPPROTO_TCP));
-    if (!socket.IsValid() || !m_preparer.PrepareToConnect(socket.Get(), address.ss_family))
-        return {};
-    const bool done = connect(socket.Get(), reinterpret_cast<sockaddr*>(&address), static_cast<socklen_t>(length)) == 0;
-    if (!done && errno != EINPROGRESS && errno != EINTR)
+    SDestination to;
+    bool done = false;
+    CSocketHandle socket = StartConnect(destination, to, done);
+    if (!socket.IsValid())
         return {};
     // Even a connect that finished at once is reported through the loop, like every other.
     QOX::CRefCountPtr<CTcpDataLayer> layer =
-        CTcpDataLayer::CreateConnecting(socket.Release(), reinterpret_cast<sockaddr*>(&address),
-                                        static_cast<socklen_t>(length), m_loops.Next(), CONNECT_TIMEOUT_MS);
+        CTcpDataLayer::CreateConnecting(socket.Release(), reinterpret_cast<sockaddr*>(&to.address), to.length,
+                                        m_loops.Next(), CONNECT_TIMEOUT_MS);
     return QOX::CRefCountPtr<IZRTDataLayer>(layer.Get());
 }
 

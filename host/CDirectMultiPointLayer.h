@@ -1,6 +1,9 @@
 #pragma once
 
+#include <sys/socket.h>
+
 #include "transport/CEventLoopPool.h"
+#include "transport/CSocketHandle.h"
 #include "host/CSocketPreparer.h"
 #include "transport/IZRTMultiPointLayer.h"
 
@@ -28,6 +31,14 @@ public:
     bool ConnectsWithoutBlocking() const override { return true; }
 
 private:
+    struct SDestination {
+        sockaddr_storage address{};
+        socklen_t length = 0;
+    };
+    // Opens a prepared socket towards destination and starts connecting it; done when the
+    // connect finished at once. Invalid when the address, the socket or the connect fails.
+    CSocketHandle StartConnect(const IZRTConnectionAddress& destination, SDestination& to, bool& done) const;
+
     CEventLoopPool& m_loops;
     const CSocketPreparer m_preparer;
 };

@@ -9,6 +9,13 @@ public:
     ~CSocketHandle();
     CSocketHandle(const CSocketHandle&) = delete;
     CSocketHandle& operator=(const CSocketHandle&) = delete;
+    CSocketHandle(CSocketHandle&& other) noexcept : m_socket(other.Release()) {}
+    CSocketHandle& operator=(CSocketHandle&& other) noexcept
+    {
+        if (this != &other)
+            Reset(other.Release());
+        return *this;
+    }
 
     int Get() const { return m_socket; }
     bool IsValid() const { return m_socket >= 0; }

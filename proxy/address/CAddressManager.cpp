@@ -87,6 +87,35 @@ std::string AddressBytes(const sockaddr* address)
     return std::string(reinterpret_cast<const char*>(bytes), 16);
 }
 
+// Calls visit with the address of every network interface (the interface list, never the
+// system resolver: the host decides how names are looked up).
+template <typename Visit>
+void ForEachInterfaceAddress(Visit visit)
+{
+    ifaddrs* interfaces = nullptr;
+    if (getifaddrs(&interfaces) != 0)
+        return;
+    for (const ifaddrs* entry = interfaces; entry; entry = entry->ifa_next) {
+        if (entry->ifa_addr)
+            visit(entry->ifa_addr);
+    }
+    freeifaddrs(interfaces);
+}
+
+// The numeric text of an IPv4 or IPv6 socket address; empty otherwise.
+std::string AddressText(const sockaddr* address)
+{
+    char text[INET6_ADDRSTRLEN];
+    const void* raw = nullptr;
+    if (address->sa_family == AF_INET)
+        raw = &reinterpret_cast<const sockaddr_in*>(address)->sin_addr;
+    else if (address->sa_family == AF_INET6)
+        raw = &reinterpret_cast<const sockaddr_in6*>(address)->sin6_addr;
+    if (!raw || !inet_ntop(address->sa_family, raw, text, sizeof(text)))
+        return {};
+    return text;
+}
+
 bool IsLoopbackOrUnspecified(const std::string& bytes)
 {
     static const unsigned char zero[16] = {0};
@@ -217,22 +246,11 @@ void CAddressManager::CollectLocalAddressesLocked()
     std::memset(name, 0, sizeof(name));
     if (gethostname(name, 255) == 0 && name[0] != '\0')
         m_localAddresses.insert(name);
-    // The interface list, never the system resolver: the host decides how names are looked up.
-    ifaddrs* interfaces = nullptr;
-    if (getifaddrs(&interfaces) != 0)
-        return;
-    for (const ifaddrs* entry = interfaces; entry; entry = entry->ifa_next) {
-        if (!entry->ifa_addr)
-            continue;
-        const int family = entry->ifa_addr->sa_family;
-        char text[INET6_ADDRSTRLEN];
-        const void* raw = family == AF_INET
-                              ? static_cast<const void*>(&reinterpret_cast<const sockaddr_in*>(entry->ifa_addr)->sin_addr)
-                              : static_cast<const void*>(&reinterpret_cast<const sockaddr_in6*>(entry->ifa_addr)->sin6_addr);
-        if ((family == AF_INET || family == AF_INET6) && inet_ntop(family, raw, text, sizeof(text)))
+    ForEachInterfaceAddress([this](const sockaddr* address) {
+        const std::string text = AddressText(address);
+        if (!text.empty())
             m_localAddresses.insert(text);
-    }
-    freeifaddrs(interfaces);
+    });
 }
 
 bool CAddressManager::IsLocalAddress(const std::string& address)
@@ -522,17 +540,11 @@ void CAddressManager::RefreshOwnAddressesLocked()
         return;
     m_ownAddressesTime = now;
     m_ownAddresses.clear();
-    ifaddrs* interfaces = nullptr;
-    if (getifaddrs(&interfaces) != 0)
-        return;
-    for (const ifaddrs* entry = interfaces; entry; entry = entry->ifa_next) {
-        if (!entry->ifa_addr)
-            continue;
-        const std::string bytes = AddressBytes(entry->ifa_addr);
+    ForEachInterfaceAddress([this](const sockaddr* address) {
+        const std::string bytes = AddressBytes(address);
         if (!bytes.empty())
             m_ownAddresses.insert(bytes);
-    }
-    freeifaddrs(interfaces);
+    });
 }
 
 void CAddressManager::SetLocalAddressesForTesting(const std::set<std::string>& addresses)

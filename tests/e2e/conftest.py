@@ -146,3 +146,44 @@ def http_connect(proxy, host, port, timeout=30):
     sock.sendall(f"CONNECT {target} HTTP/1.1\r\nHost: {target}\r\n\r\n".encode())
     head = recv_until(sock, lambda data: b"\r\n\r\n" in data, 1)
     return sock, head.split(b"\r\n", 1)[0].decode()
+
+
+class StubDns:
+    """A DNS server on 127.0.0.53 that answers A queries with `addresses` in this order, AAAA
+    queries with no record, and never answers names that start with "slow"."""
+
+    def __init__(self, addresses=(DEST_V4,)):
+        self.addresses = addresses
+        self.sock = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+        self.sock.bind(("127.0.0.53", 0))
+        self.port = self.sock.getsockname()[1]
+        self.queries = []
+        threading.Thread(target=self._serve, daemon=True).start()
+
+    @staticmethod
+    def _name(packet):
+        labels, pos = [], 12
+        while packet[pos]:
+            labels.append(packet[pos + 1:pos + 1 + packet[pos]].decode())
+            pos += packet[pos] + 1
+        qtype = struct.unpack("!H", packet[pos + 1:pos + 3])[0]
+        return ".".join(labels), qtype, pos + 5
+
+    def _serve(self):
+        while True:
+            try:
+                packet, peer = self.sock.recvfrom(512)
+            except OSError:
+                return
+            name, qtype, end = self._name(packet)
+            self.queries.append(name)
+            if name.startswith("slow"):
+                continue
+            answers = self.addresses if qtype == 1 else ()
+            reply = packet[:2] + b"\x81\x80" + struct.pack("!HHHH", 1, len(answers), 0, 0) + packet[12:end]
+            for address in answers:
+                reply += b"\xc0\x0c" + struct.pack("!HHIH", 1, 1, 60, 4) + socket.inet_aton(address)
+            self.sock.sendto(reply, peer)
+
+    def close(self):
+        self.sock.close()

@@ -8,48 +8,8 @@ import time
 
 import pytest
 
-from conftest import (DEST_V4, Daemon, http_connect, read_socks5_reply, recv_exact, recv_until,
+from conftest import (DEST_V4, Daemon, StubDns, http_connect, read_socks5_reply, recv_exact, recv_until,
                       socks5_address, socks5_request)
-
-
-class StubDns:
-    """A DNS server on 127.0.0.53 that answers A queries with 127.0.0.2, AAAA queries with no
-    record, and never answers names that start with "slow"."""
-
-    def __init__(self):
-        self.sock = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
-        self.sock.bind(("127.0.0.53", 0))
-        self.port = self.sock.getsockname()[1]
-        self.queries = []
-        threading.Thread(target=self._serve, daemon=True).start()
-
-    @staticmethod
-    def _name(packet):
-        labels, pos = [], 12
-        while packet[pos]:
-            labels.append(packet[pos + 1:pos + 1 + packet[pos]].decode())
-            pos += packet[pos] + 1
-        qtype = struct.unpack("!H", packet[pos + 1:pos + 3])[0]
-        return ".".join(labels), qtype, pos + 5
-
-    def _serve(self):
-        while True:
-            try:
-                packet, peer = self.sock.recvfrom(512)
-            except OSError:
-                return
-            name, qtype, end = self._name(packet)
-            self.queries.append(name)
-            if name.startswith("slow"):
-                continue
-            answers = 1 if qtype == 1 else 0
-            reply = packet[:2] + b"\x81\x80" + struct.pack("!HHHH", 1, answers, 0, 0) + packet[12:end]
-            if answers:
-                reply += b"\xc0\x0c" + struct.pack("!HHIH", 1, 1, 60, 4) + socket.inet_aton(DEST_V4)
-            self.sock.sendto(reply, peer)
-
-    def close(self):
-        self.sock.close()
 
 
 @pytest.fixture(scope="module")

@@ -10,17 +10,15 @@ import select
 import signal
 import socket
 import socketserver
-import struct
 import subprocess
-import threading
 import time
 import urllib.request
 
 import pytest
 from prometheus_client.parser import text_string_to_metric_families
 
-from conftest import (DEST_V4, PROXY_BIN, Daemon, read_socks5_reply, recv_exact, recv_until, socks5_address,
-                      socks5_request)
+from conftest import (DEST_V4, PROXY_BIN, Daemon, StubDns, read_socks5_reply, recv_exact, recv_until,
+                      socks5_address, socks5_request)
 from proxyharness import EchoServer, serve_forever, socks5_connect
 
 BODY = b"from the recorder\n" * 20
@@ -516,36 +514,8 @@ def test_outgoing_address_and_interface(recorder):
         assert value in result.stderr, result.stderr
 
 
-class StubDns:
-    """A DNS server on 127.0.0.53 that answers A queries with ADDRESSES in this order and AAAA
-    queries with no record."""
-    ADDRESSES = ("127.0.0.9", DEST_V4)
-
-    def __init__(self):
-        self.sock = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
-        self.sock.bind(("127.0.0.53", 0))
-        self.port = self.sock.getsockname()[1]
-        threading.Thread(target=self._serve, daemon=True).start()
-
-    def _serve(self):
-        while True:
-            try:
-                packet, peer = self.sock.recvfrom(512)
-            except OSError:
-                return
-            end = 12
-            while packet[end]:
-                end += packet[end] + 1
-            qtype = struct.unpack("!H", packet[end + 1:end + 3])[0]
-            answers = self.ADDRESSES if qtype == 1 else ()
-            reply = packet[:2] + b"\x81\x80" + struct.pack("!HHHH", 1, len(answers), 0, 0) + packet[12:end + 5]
-            for address in answers:
-                reply += b"\xc0\x0c" + struct.pack("!HHIH", 1, 1, 60, 4) + socket.inet_aton(address)
-            self.sock.sendto(reply, peer)
-
-
 def test_name_with_several_addresses_is_tried_in_order(recorder, tmp_path):
-    dns = StubDns()
+    dns = StubDns(addresses=("127.0.0.9", DEST_V4))
     log = str(tmp_path / "access.log")
     with socket.socket() as taken:  # nothing may listen on the first address
         with contextlib.suppress(OSError):
@@ -557,7 +527,7 @@ def test_name_with_several_addresses_is_tried_in_order(recorder, tmp_path):
             sock, (code, _, _) = socks5_request(proxy, 1, "multi.test", recorder.port)
             assert code == 0
             check_entry(log_entry(log, finish(sock)), "socks5", "-", f"multi.test:{recorder.port}", "ok", 0)  # the destination may answer the bare close
-    dns.sock.close()
+    dns.close()
     assert len(recorder.seen("/multi")) == 2
 
 
