@@ -174,6 +174,10 @@ void CEmbeddedProxy::GetStats(zrt_proxy_stats_t& stats) const
     stats.refused_auth_failed = counters.Get(CProxyStats::REFUSED_AUTH_FAILED);
     stats.refused_over_limit = counters.Get(CProxyStats::REFUSED_OVER_LIMIT);
     stats.timed_out = counters.Get(CProxyStats::TIMED_OUT);
+    stats.refused_denied = counters.Get(CProxyStats::REFUSED_DENIED);
+    stats.refused_source_limit = counters.Get(CProxyStats::REFUSED_SOURCE_LIMIT);
+    stats.log_lines_dropped = counters.Get(CProxyStats::LOG_LINES_DROPPED);
+    stats.udp_datagrams_dropped = counters.Get(CProxyStats::UDP_DATAGRAMS_DROPPED);
 }
 
 void CEmbeddedProxy::SetLogCallback(CLogRelay::Callback callback, void* context)

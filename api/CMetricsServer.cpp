@@ -41,6 +41,8 @@ const SMetric METRICS[] = {
     {"zrtproxy_refused_total", "counter", "", "reason=\"not_allowed\"", CProxyStats::REFUSED_NOT_ALLOWED},
     {"zrtproxy_refused_total", "counter", "", "reason=\"auth_failed\"", CProxyStats::REFUSED_AUTH_FAILED},
     {"zrtproxy_refused_total", "counter", "", "reason=\"over_limit\"", CProxyStats::REFUSED_OVER_LIMIT},
+    {"zrtproxy_refused_total", "counter", "", "reason=\"source_limit\"", CProxyStats::REFUSED_SOURCE_LIMIT},
+    {"zrtproxy_refused_total", "counter", "", "reason=\"denied\"", CProxyStats::REFUSED_DENIED},
     {"zrtproxy_timeouts_total", "counter", "Connections closed by the handshake or idle time-out.", "",
      CProxyStats::TIMED_OUT},
     {"zrtproxy_bytes_total", "counter", "Bytes relayed, by direction.", "direction=\"client_to_host\"",
@@ -50,6 +52,10 @@ const SMetric METRICS[] = {
      "direction=\"client_to_host\"", CProxyStats::UDP_DATAGRAMS_CLIENT_TO_HOST},
     {"zrtproxy_udp_datagrams_total", "counter", "", "direction=\"host_to_client\"",
      CProxyStats::UDP_DATAGRAMS_HOST_TO_CLIENT},
+    {"zrtproxy_udp_datagrams_dropped_total", "counter", "UDP datagrams too large to relay whole.", "",
+     CProxyStats::UDP_DATAGRAMS_DROPPED},
+    {"zrtproxy_log_lines_dropped_total", "counter", "Log lines lost because the log sink was behind.", "",
+     CProxyStats::LOG_LINES_DROPPED},
 };
 
 bool SendAll(int socket, const std::string& text)

@@ -4,9 +4,11 @@
 
 #include <cstdlib>
 #include <iterator>
+#include <vector>
 
 #include "api/CUsersFile.h"
 #include "proxy/address/CAddressRange.h"
+#include "proxy/address/CDestinationRule.h"
 
 namespace ZRT {
 namespace Api {
@@ -83,6 +85,15 @@ bool SetAllow(SEmbeddedSettings& settings, const std::string& value, std::string
         return false;
     }
     settings.proxy.allow.push_back(value);
+    return true;
+}
+
+bool AddDestinationRule(std::vector<std::string>& rules, const std::string& value, std::string& error)
+{
+    Proxy::CDestinationRule rule;
+    if (!rule.Parse(value, error))
+        return false;
+    rules.push_back(value);
     return true;
 }
 
@@ -220,6 +231,12 @@ const COptionTable::SOption OPTIONS[] = {
     {"max-clients", COptionTable::LIVE, "N", "most clients served at once, more are closed at accept; 0 for no limit (default 0)",
      [](SEmbeddedSettings& s, const std::string& v, std::string& e) { return SetCount(v, 1000000, s.proxy.maxClients, e); },
      [](SEmbeddedSettings& s) { s.proxy.maxClients = Defaults().proxy.maxClients; }},
+    {"max-clients-per-source", COptionTable::LIVE, "N",
+     "most clients from one address served at once, more are closed at accept; 0 for no limit (default 0)",
+     [](SEmbeddedSettings& s, const std::string& v, std::string& e) {
+         return SetCount(v, 1000000, s.proxy.maxClientsPerSource, e);
+     },
+     [](SEmbeddedSettings& s) { s.proxy.maxClientsPerSource = Defaults().proxy.maxClientsPerSource; }},
     {"handshake-timeout", COptionTable::LIVE, "SECONDS",
      "close a client that has not sent a whole request in this time; 0 for never (default 0)",
      [](SEmbeddedSettings& s, const std::string& v, std::string& e) {
@@ -231,6 +248,25 @@ const COptionTable::SOption OPTIONS[] = {
          return SetSeconds(v, 0, 864000, s.proxy.idleTimeoutMs, e);
      },
      [](SEmbeddedSettings& s) { s.proxy.idleTimeoutMs = Defaults().proxy.idleTimeoutMs; }},
+    {"linger-timeout", COptionTable::LIVE, "SECONDS",
+     "after a client has gone, how long its last bytes may take to reach the destination; 0 for no limit (default 30)",
+     [](SEmbeddedSettings& s, const std::string& v, std::string& e) {
+         return SetSeconds(v, 0, 86400, s.proxy.lingerTimeoutMs, e);
+     },
+     [](SEmbeddedSettings& s) { s.proxy.lingerTimeoutMs = Defaults().proxy.lingerTimeoutMs; }},
+    {"allow-destination", COptionTable::REPEATABLE | COptionTable::LIVE, "CIDR[:PORT[-PORT]]",
+     "destinations that may be reached; with any, no others (default: all but this machine when listening "
+     "beyond loopback)",
+     [](SEmbeddedSettings& s, const std::string& v, std::string& e) {
+         return AddDestinationRule(s.proxy.allowDestinations, v, e);
+     },
+     [](SEmbeddedSettings& s) { s.proxy.allowDestinations.clear(); }},
+    {"deny-destination", COptionTable::REPEATABLE | COptionTable::LIVE, "CIDR[:PORT[-PORT]]",
+     "destinations that are refused, whatever allow-destination says (default: none)",
+     [](SEmbeddedSettings& s, const std::string& v, std::string& e) {
+         return AddDestinationRule(s.proxy.denyDestinations, v, e);
+     },
+     [](SEmbeddedSettings& s) { s.proxy.denyDestinations.clear(); }},
     {"connect-timeout", COptionTable::LIVE, "SECONDS", "how long connecting to a destination may take (default 10)",
      [](SEmbeddedSettings& s, const std::string& v, std::string& e) {
          return SetSeconds(v, 1, 3600, s.proxy.connectTimeoutMs, e);

@@ -4,7 +4,8 @@
 include(CMakePackageConfigHelpers)
 
 set(zrt_public_headers
-  proxy/core/CProxy.h proxy/core/CProxyStats.h proxy/core/IProxyObserver.h proxy/core/SProxySettings.h
+  proxy/core/CProxy.h proxy/core/CProxyStats.h proxy/core/IPasswordVerifier.h proxy/core/IProxyObserver.h
+  proxy/core/SProxySettings.h
   host/CDirectHost.h host/SDirectHostSettings.h
   transport/CTCPIPAddress.h transport/IConnectionListener.h transport/IConnectionReceiver.h
   transport/IDatagramHandler.h transport/IDatagramReceiver.h transport/IResolveAddress.h

@@ -79,6 +79,10 @@ typedef struct zrt_proxy_stats {
     uint64_t refused_auth_failed;    /* clients without valid credentials */
     uint64_t refused_over_limit;     /* clients closed at accept: "max-clients" reached */
     uint64_t timed_out;              /* closed by "handshake-timeout" or "idle-timeout" */
+    uint64_t refused_denied;         /* destinations refused by "allow-destination"/"deny-destination" */
+    uint64_t refused_source_limit;   /* clients closed at accept: "max-clients-per-source" reached */
+    uint64_t log_lines_dropped;      /* log lines lost because the log callback or file was behind */
+    uint64_t udp_datagrams_dropped;  /* datagrams too large to relay whole */
 } zrt_proxy_stats_t;
 
 /* A stopped proxy with default settings, or NULL when out of memory. */

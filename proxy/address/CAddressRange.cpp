@@ -22,6 +22,15 @@ bool SamePrefix(const uint8_t* a, const uint8_t* b, int prefix)
     const uint8_t mask = static_cast<uint8_t>(0xFF << (8 - rest));
     return (a[whole] & mask) == (b[whole] & mask);
 }
+
+bool HostBitsClear(const uint8_t* bytes, int prefix, int bits)
+{
+    for (int bit = prefix; bit < bits; ++bit) {
+        if (bytes[bit / 8] & (0x80 >> (bit % 8)))
+            return false;
+    }
+    return true;
+}
 } // namespace
 
 bool CAddressRange::Parse(const std::string& text)
@@ -46,6 +55,8 @@ bool CAddressRange::Parse(const std::string& text)
         if (prefix > bits)
             return false;
     }
+    if (!HostBitsClear(bytes, prefix, bits))
+        return false;
     m_family = family;
     std::memcpy(m_bytes, bytes, sizeof(m_bytes));
     m_prefix = prefix;

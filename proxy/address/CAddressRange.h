@@ -13,8 +13,9 @@ namespace Proxy {
 // matches IPv4 blocks.
 class CAddressRange {
 public:
-    // False (and the range unchanged) for anything that is not such a block; host bits set
-    // below the prefix are allowed and ignored.
+    // False (and the range unchanged) for anything that is not such a block, including one with
+    // host bits set below the prefix ("10.0.0.1/8"): that is a typing error more often than not,
+    // and the block it would stand for is not what was written.
     bool Parse(const std::string& text);
     bool Contains(const sockaddr_storage& address) const;
 

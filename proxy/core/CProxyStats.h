@@ -28,6 +28,10 @@ public:
         REFUSED_AUTH_FAILED,
         REFUSED_OVER_LIMIT,  // closed at accept: max-clients reached
         TIMED_OUT,           // closed by the handshake or idle limit
+        REFUSED_DENIED,      // a destination the destination rules refuse
+        REFUSED_SOURCE_LIMIT, // closed at accept: max-clients-per-source reached for its address
+        LOG_LINES_DROPPED,   // log lines lost because the sink was behind
+        UDP_DATAGRAMS_DROPPED, // datagrams too large to relay whole
         COUNTER_COUNT
     };
 

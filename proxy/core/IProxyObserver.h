@@ -7,7 +7,10 @@ namespace ZRT {
 namespace Proxy {
 
 // How an exchange with a client ended, as the handler judged it.
-enum class EOutcome { Ok, BadRequest, NoDestination, Unreachable, NotAllowed, AuthFailed, Timeout };
+// NotAllowed: the client, or a destination that is the proxy itself; Denied: a destination that
+// the destination rules refuse; OverLimit: closed at accept by a client limit; NoRequest: the
+// client went (or timed out) before it sent a whole request.
+enum class EOutcome { Ok, BadRequest, NoDestination, Unreachable, NotAllowed, AuthFailed, Timeout, Denied, OverLimit, NoRequest };
 
 // One finished connection (or UDP association): what the access log and the host's log hear.
 struct SConnectionRecord {
@@ -50,6 +53,12 @@ inline const char* OutcomeText(EOutcome outcome)
         return "auth-failed";
     case EOutcome::Timeout:
         return "timeout";
+    case EOutcome::Denied:
+        return "denied";
+    case EOutcome::OverLimit:
+        return "over-limit";
+    case EOutcome::NoRequest:
+        return "no-request";
     }
     return "ok";
 }

@@ -1,8 +1,11 @@
 #pragma once
 
 #include <map>
+#include <memory>
 #include <string>
 #include <vector>
+
+#include "proxy/core/IPasswordVerifier.h"
 
 namespace ZRT {
 namespace Proxy {
@@ -20,20 +23,35 @@ struct SProxySettings {
     // Event threads that serve the clients, read at start; 0: half the CPUs (at least 1, at most 16).
     int eventThreads = 0;
 
-    // Who may use the proxy, name -> password; empty: nobody has to authenticate. When set,
-    // SOCKS5 clients must use username/password authentication and HTTP clients must send
-    // Proxy-Authorization: Basic on their request.
+    // Who may use the proxy, name -> password (or a hash the verifier below recognizes); empty:
+    // nobody has to authenticate. When set, SOCKS5 clients must use username/password
+    // authentication and HTTP clients must send Proxy-Authorization: Basic on their request.
     std::map<std::string, std::string> users;
+    // Checks the users' entries that are hashes; null: every entry is the password itself.
+    std::shared_ptr<const IPasswordVerifier> passwordVerifier;
     // Client addresses allowed in, as CIDR blocks ("192.0.2.0/24", "2001:db8::/32", or one
     // address); empty: every client. Others are closed at accept, before a byte is read.
     std::vector<std::string> allow;
     // Most clients served at once; more are closed at accept. 0: no limit.
     int maxClients = 0;
+    // Most clients from one address served at once, so that one address cannot take every
+    // slot; more from it are closed at accept. 0: no limit.
+    int maxClientsPerSource = 0;
     // A client that has not sent a complete request (SOCKS5 negotiation and command, or an HTTP
     // request header block) this long after it connected is closed. 0: no limit.
     int handshakeTimeoutMs = 0;
     // A connection that moved no byte either way this long is closed. 0: no limit.
     int idleTimeoutMs = 0;
+    // After the client has gone, what it sent is still written to a destination that reads it
+    // for at most this long; then the link is closed. 0: no limit.
+    int lingerTimeoutMs = 30000;
+
+    // Destinations, as rules "CIDR[:PORT[-PORT]]" (IPv6 with a prefix, or in brackets, to carry
+    // ports: "[::1]:80", "2001:db8::/32:443"), judged on the resolved address of every
+    // destination (CONNECT, BIND peers, each UDP datagram, HTTP). A destination that a deny rule
+    // matches is refused; with allow rules, one that no allow rule matches is refused too.
+    std::vector<std::string> allowDestinations;
+    std::vector<std::string> denyDestinations;
 };
 
 } // namespace Proxy
