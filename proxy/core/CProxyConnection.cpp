@@ -179,9 +179,12 @@ bool CProxyConnection::Start(int socket, const sockaddr_storage& peer, CEventLoo
                              IZRTMultiPointLayer* multiPointLayer, IDatagramHandler* datagramHandler,
                              IConnectionListener* connectionListener)
 {
+    m_peer = peer;
     const socklen_t length = peer.ss_family == AF_INET6 ? sizeof(sockaddr_in6) : sizeof(sockaddr_in);
     if (!m_clientAddress.SetAddress(reinterpret_cast<const sockaddr&>(peer), length)) {
         CSocketUtils::CloseSocket(socket);
+        if (m_server)
+            m_server->OnClientFinished(peer);
         return false;
     }
     {
@@ -254,7 +257,10 @@ void CProxyConnection::Report()
 {
     if (!m_server)
         return;
-    m_server->GetStats().Subtract(CProxyStats::CONNECTIONS_ACTIVE);
+    m_server->OnClientFinished(m_peer);
+    // A client that went before its request was whole was never served.
+    if (!m_outcomeSet && !m_requestComplete)
+        m_outcome = EOutcome::NoRequest;
     IProxyObserver* observer = m_server->GetObserver();
     if (!observer)
         return;
@@ -294,8 +300,13 @@ void CProxyConnection::SetOutcome(EOutcome outcome)
         stats.Add(CProxyStats::REFUSED_NO_DESTINATION);
         break;
     case EOutcome::NotAllowed:
-        stats.Add(CProxyStats::REFUSED_NO_DESTINATION);
         stats.Add(CProxyStats::REFUSED_NOT_ALLOWED);
+        break;
+    case EOutcome::Denied:
+        stats.Add(CProxyStats::REFUSED_DENIED);
+        break;
+    case EOutcome::OverLimit: // counted at accept
+    case EOutcome::NoRequest:
         break;
     case EOutcome::Unreachable:
         stats.Add(CProxyStats::REFUSED_UNREACHABLE);

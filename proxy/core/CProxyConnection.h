@@ -98,6 +98,8 @@ public:
     // Ends the connection at once (queued bytes for the client are dropped) and waits until it
     // has finished, unless called on its thread. Any thread.
     void Terminate();
+    // Asks for that end without waiting for it; Terminate afterwards waits. Any thread.
+    void RequestStop() { Notify(NOTICE_STOP); }
 
     // IZRTDataLayerNotification: each leaves a notice and asks for a step.
     void OnDataReceived(IZRTDataLayer& dataLayer) override;
@@ -256,6 +258,7 @@ private:
     int m_clientSocket = -1;
     QOX::CRefCountPtr<IZRTDataLayer> m_link;
     CTCPIPAddress m_clientAddress;
+    sockaddr_storage m_peer{}; // the client's address as accept told it
     mutable CTCPIPAddress m_localAddress; // learnt on first use
     int m_id;
     bool m_initialized = false;

@@ -230,12 +230,19 @@ void CProxyServer::Serve(int client, const sockaddr_storage& peer, CEventLoop& l
     // Registered in the set (by its constructor) before this look: a stop that began before is
     // seen here, one that begins after terminates it.
     if (IsStopping()) {
+        m_clients.Remove(peer);
         CSocketUtils::CloseSocket(client);
         return;
     }
     m_stats.Add(CProxyStats::CONNECTIONS_TOTAL);
     m_stats.Add(CProxyStats::CONNECTIONS_ACTIVE);
     connection->Start(client, peer, loop, m_multiPointLayer, m_datagramHandler, m_connectionListener);
+}
+
+void CProxyServer::OnClientFinished(const sockaddr_storage& peer)
+{
+    m_stats.Subtract(CProxyStats::CONNECTIONS_ACTIVE);
+    m_clients.Remove(peer);
 }
 
 void CProxyServer::PauseAccepting(size_t listener)
@@ -278,17 +285,22 @@ bool CProxyServer::Admit(int client, const sockaddr_storage& peer, const SActive
         CSocketUtils::CloseSocket(client);
         return false;
     }
-    const int limit = active.settings.maxClients;
-    if (limit > 0 && m_stats.Get(CProxyStats::CONNECTIONS_ACTIVE) >= static_cast<uint64_t>(limit)) {
-        m_stats.Add(CProxyStats::REFUSED_OVER_LIMIT);
-        // One report per episode: a flood of refusals must not become a flood of log lines.
-        if (!m_overLimit.exchange(true) && m_observer)
-            m_observer->OnError("max-clients (" + std::to_string(limit) + ") reached: new clients are closed");
-        CSocketUtils::CloseSocket(client);
-        return false;
+    const SProxySettings& settings = active.settings;
+    const CClientCounts::EResult counted =
+        m_clients.TryAdd(peer, static_cast<size_t>(std::max(0, settings.maxClients)),
+                         static_cast<size_t>(std::max(0, settings.maxClientsPerSource)));
+    if (counted == CClientCounts::EResult::Added) {
+        m_overLimit = false;
+        return true;
     }
-    m_overLimit = false;
-    return true;
+    const bool overTotal = counted == CClientCounts::EResult::OverTotal;
+    m_stats.Add(overTotal ? CProxyStats::REFUSED_OVER_LIMIT : CProxyStats::REFUSED_SOURCE_LIMIT);
+    // One warning per episode of a full proxy; the refusals themselves are records.
+    if (overTotal && !m_overLimit.exchange(true) && m_observer)
+        m_observer->OnError("max-clients (" + std::to_string(settings.maxClients) + ") reached: new clients are closed");
+    ReportRefused(peer, EOutcome::OverLimit);
+    CSocketUtils::CloseSocket(client);
+    return false;
 }
 
 void CProxyServer::ReportRefused(const sockaddr_storage& peer, EOutcome outcome)
@@ -387,6 +399,10 @@ void CProxyServer::CloseProxyConnections()
             connections.emplace_back(connection);
         m_connections.clear();
     }
+    // Every connection is told first and waited for after: they end on their event threads
+    // side by side, so a stop costs one turn of each loop, not one per connection.
+    for (auto& connection : connections)
+        connection->RequestStop();
     for (auto& connection : connections)
         connection->Terminate();
     // Releasing may destroy connections; their destructors take their own mutex, so not under ours.

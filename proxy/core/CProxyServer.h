@@ -12,6 +12,7 @@
 
 #include "proxy/address/CAddressManager.h"
 #include "proxy/address/CAddressRange.h"
+#include "proxy/core/CClientCounts.h"
 #include "proxy/core/CProxyStats.h"
 #include "proxy/core/IProxyObserver.h"
 #include "proxy/core/IConnectionProtocol.h"
@@ -118,6 +119,8 @@ public:
     void CloseProxyConnections();
     void OnConnectionCreated(CProxyConnection* connection);
     void OnConnectionDestroyed(CProxyConnection* connection);
+    // A connection that Serve admitted has finished (the thread it finished on).
+    void OnClientFinished(const sockaddr_storage& peer);
 
 private:
     // The listening socket as one event thread watches it.
@@ -175,6 +178,7 @@ private:
     mutable std::mutex m_settingsMutex;
     std::shared_ptr<const SActive> m_active = std::make_shared<SActive>();
     std::atomic<bool> m_overLimit{false}; // told the observer already
+    CClientCounts m_clients; // admitted and not finished, for the client limits
     ProtocolCreator m_creator;
     CProxyStats m_stats;
     IProxyObserver* m_observer = nullptr;

@@ -126,11 +126,14 @@ bool CConnectionProtocol_SOCKS5::HandleClientEnd()
         return m_connection.EndHostOutput();
     case EState::Resolve:
     case EState::Connect:
-    case EState::BindAccept:
         // A client that sent its request (and what follows it) and then finished still gets its
         // answer: the end goes to the host behind those bytes once the relay starts.
         m_clientEnded = true;
         return true;
+    case EState::BindAccept:
+        // A BIND may wait minutes for its peer: a client that went must not hold the listener
+        // and a client slot all that time.
+        return false;
     default:
         return false;
     }

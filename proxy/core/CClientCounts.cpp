@@ -1,0 +1,67 @@
+#include "proxy/core/CClientCounts.h"
+
+#include <netinet/in.h>
+
+#include <cstring>
+
+namespace ZRT {
+namespace Proxy {
+
+std::string CClientCounts::Key(const sockaddr_storage& client)
+{
+    if (client.ss_family == AF_INET) {
+        const auto& v4 = reinterpret_cast<const sockaddr_in&>(client);
+        return std::string(reinterpret_cast<const char*>(&v4.sin_addr), 4);
+    }
+    if (client.ss_family != AF_INET6)
+        return {};
+    const auto& v6 = reinterpret_cast<const sockaddr_in6&>(client);
+    const auto* bytes = reinterpret_cast<const char*>(&v6.sin6_addr);
+    if (IN6_IS_ADDR_V4MAPPED(&v6.sin6_addr))
+        return std::string(bytes + 12, 4);
+    return std::string(bytes, 16);
+}
+
+CClientCounts::EResult CClientCounts::TryAdd(const sockaddr_storage& client, size_t maxTotal, size_t maxPerSource)
+{
+    const std::string key = Key(client);
+    std::lock_guard<std::mutex> hold(m_mutex);
+    if (maxTotal > 0 && m_total >= maxTotal)
+        return EResult::OverTotal;
+    size_t& fromSource = m_bySource[key];
+    if (maxPerSource > 0 && fromSource >= maxPerSource)
+        return EResult::OverSource;
+    ++fromSource;
+    ++m_total;
+    return EResult::Added;
+}
+
+void CClientCounts::Remove(const sockaddr_storage& client)
+{
+    const std::string key = Key(client);
+    std::lock_guard<std::mutex> hold(m_mutex);
+    auto found = m_bySource.find(key);
+    if (found == m_bySource.end())
+        return;
+    if (--found->second == 0)
+        m_bySource.erase(found);
+    if (m_total > 0)
+        --m_total;
+}
+
+size_t CClientCounts::Total() const
+{
+    std::lock_guard<std::mutex> hold(m_mutex);
+    return m_total;
+}
+
+size_t CClientCounts::FromSource(const sockaddr_storage& client) const
+{
+    const std::string key = Key(client);
+    std::lock_guard<std::mutex> hold(m_mutex);
+    const auto found = m_bySource.find(key);
+    return found == m_bySource.end() ? 0 : found->second;
+}
+
+} // namespace Proxy
+} // namespace ZRT

@@ -1,0 +1,39 @@
+#pragma once
+
+#include <sys/socket.h>
+
+#include <cstddef>
+#include <mutex>
+#include <string>
+#include <unordered_map>
+
+namespace ZRT {
+namespace Proxy {
+
+// How many clients the proxy serves now, in all and per client address, so that the accept
+// path can hold the limits (max-clients, max-clients-per-source) without asking the connections.
+// An IPv4 client seen through a dual-stack socket counts as its IPv4 address.
+//
+// Threads: TryAdd on the event thread that accepts, Remove on the thread where a connection
+// finishes; any number at once.
+class CClientCounts {
+public:
+    enum class EResult { Added, OverTotal, OverSource };
+
+    // Counts the client in unless a limit (0: none) is reached.
+    EResult TryAdd(const sockaddr_storage& client, size_t maxTotal, size_t maxPerSource);
+    void Remove(const sockaddr_storage& client);
+    size_t Total() const;
+    size_t FromSource(const sockaddr_storage& client) const;
+
+private:
+    static std::string Key(const sockaddr_storage& client);
+
+    // Guards both members.
+    mutable std::mutex m_mutex;
+    size_t m_total = 0;
+    std::unordered_map<std::string, size_t> m_bySource;
+};
+
+} // namespace Proxy
+} // namespace ZRT
