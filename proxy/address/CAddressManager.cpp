@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cctype>
 #include <chrono>
 #include <cstring>
 
@@ -102,20 +103,6 @@ void ForEachInterfaceAddress(Visit visit)
     freeifaddrs(interfaces);
 }
 
-// The numeric text of an IPv4 or IPv6 socket address; empty otherwise.
-std::string AddressText(const sockaddr* address)
-{
-    char text[INET6_ADDRSTRLEN];
-    const void* raw = nullptr;
-    if (address->sa_family == AF_INET)
-        raw = &reinterpret_cast<const sockaddr_in*>(address)->sin_addr;
-    else if (address->sa_family == AF_INET6)
-        raw = &reinterpret_cast<const sockaddr_in6*>(address)->sin6_addr;
-    if (!raw || !inet_ntop(address->sa_family, raw, text, sizeof(text)))
-        return {};
-    return text;
-}
-
 bool IsLoopbackOrUnspecified(const std::string& bytes)
 {
     static const unsigned char zero[16] = {0};
@@ -128,6 +115,36 @@ bool IsLoopbackOrUnspecified(const std::string& bytes)
         return false;
     // 127.0.0.0/8 and 0.0.0.0 in the mapped form.
     return b[12] == 127 || (b[12] == 0 && b[13] == 0 && b[14] == 0 && b[15] == 0);
+}
+
+bool IsUnspecified(const std::string& bytes)
+{
+    static const unsigned char zero[16] = {0};
+    static const unsigned char mappedZero[16] = {0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0xff, 0xff, 0, 0, 0, 0};
+    return std::memcmp(bytes.data(), zero, 16) == 0 || std::memcmp(bytes.data(), mappedZero, 16) == 0;
+}
+
+// The 16-byte form of a numeric host text in any form the C library reads: IPv6, and IPv4 as
+// inet_aton takes it ("127.1", "2130706433", "0x7f000001", "0177.0.0.1"); empty for a name.
+std::string NumericBytes(const std::string& host)
+{
+    sockaddr_storage storage{};
+    auto& v4 = reinterpret_cast<sockaddr_in&>(storage);
+    auto& v6 = reinterpret_cast<sockaddr_in6&>(storage);
+    if (inet_aton(host.c_str(), &v4.sin_addr) != 0)
+        v4.sin_family = AF_INET;
+    else if (inet_pton(AF_INET6, host.c_str(), &v6.sin6_addr) == 1)
+        v6.sin6_family = AF_INET6;
+    else
+        return {};
+    return AddressBytes(reinterpret_cast<const sockaddr*>(&storage));
+}
+
+std::string LowerCase(std::string text)
+{
+    std::transform(text.begin(), text.end(), text.begin(),
+                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+    return text;
 }
 
 long long NowMilliseconds()
@@ -241,23 +258,49 @@ void CAddressManager::Terminate()
 
 void CAddressManager::CollectLocalAddressesLocked()
 {
-    m_localAddresses.clear();
+    m_localNames.clear();
+    m_localNumeric.clear();
     char name[256];
     std::memset(name, 0, sizeof(name));
     if (gethostname(name, 255) == 0 && name[0] != '\0')
-        m_localAddresses.insert(name);
+        m_localNames.insert(LowerCase(name));
     ForEachInterfaceAddress([this](const sockaddr* address) {
-        const std::string text = AddressText(address);
-        if (!text.empty())
-            m_localAddresses.insert(text);
+        const std::string bytes = AddressBytes(address);
+        if (!bytes.empty())
+            m_localNumeric.insert(bytes);
     });
 }
 
 bool CAddressManager::IsLocalAddress(const std::string& address)
 {
-    const std::string host = address.substr(0, address.find(':'));
+    std::string host = address;
+    unsigned int port = 0;
+    SplitKey(address, host, port);
+    if (host.size() > 2 && host.front() == '[' && host.back() == ']')
+        host = host.substr(1, host.size() - 2);
+    const std::string bytes = NumericBytes(host);
+    std::string name = LowerCase(host);
+    if (!name.empty() && name.back() == '.')
+        name.pop_back();
     std::lock_guard<std::mutex> hold(m_mutex);
-    return m_localAddresses.count(host) != 0;
+    if (!bytes.empty())
+        return IsUnspecified(bytes) || m_localNumeric.count(bytes) != 0;
+    // "localhost" and every name under it are this machine's by definition (RFC 6761).
+    const std::string under = ".localhost";
+    return name == "localhost" || m_localNames.count(name) != 0 ||
+           (name.size() > under.size() && name.compare(name.size() - under.size(), under.size(), under) == 0);
+}
+
+bool CAddressManager::IsThisMachine(const sockaddr_storage& address)
+{
+    const std::string bytes = AddressBytes(reinterpret_cast<const sockaddr*>(&address));
+    if (bytes.empty())
+        return false;
+    if (IsLoopbackOrUnspecified(bytes))
+        return true;
+    std::lock_guard<std::mutex> hold(m_mutex);
+    RefreshOwnAddressesLocked();
+    return m_ownAddresses.count(bytes) != 0;
 }
 
 void CAddressManager::StopRequest()
@@ -369,13 +412,23 @@ CAddressManager::AddressPtr CAddressManager::ResolveLocally(const std::string& /
     return {};
 }
 
+bool CAddressManager::IsPlausibleHostName(const std::string& name)
+{
+    if (name.empty() || name.size() > 255)
+        return false;
+    return std::none_of(name.begin(), name.end(), [](char c) {
+        const auto byte = static_cast<unsigned char>(c);
+        return byte <= 0x20 || byte == 0x7f;
+    });
+}
+
 bool CAddressManager::Lookup(const std::string& key, IWaiter* waiter, AddressPtr& address)
 {
     IResolveAddress* resolver = nullptr;
     {
         std::lock_guard<std::mutex> hold(m_mutex);
         address.Reset();
-        if (!m_initialized || !m_resolver || !waiter)
+        if (!m_initialized || !m_resolver || !waiter || !IsPlausibleHostName(CacheName(key)))
             return true;
         if (FindLocked(key, address))
             return true;
@@ -550,7 +603,15 @@ void CAddressManager::RefreshOwnAddressesLocked()
 void CAddressManager::SetLocalAddressesForTesting(const std::set<std::string>& addresses)
 {
     std::lock_guard<std::mutex> hold(m_mutex);
-    m_localAddresses = addresses;
+    m_localNames.clear();
+    m_localNumeric.clear();
+    for (const std::string& text : addresses) {
+        const std::string bytes = NumericBytes(text);
+        if (bytes.empty())
+            m_localNames.insert(LowerCase(text));
+        else
+            m_localNumeric.insert(bytes);
+    }
 }
 
 void CAddressManager::SetOwnAddressesForTesting(const std::set<std::string>& addresses)

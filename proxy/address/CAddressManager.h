@@ -32,8 +32,8 @@ namespace Proxy {
 // that nobody waits for any more is cancelled there (IResolveAddress::CancelRequest). The
 // synchronous ResolveAddress waits for at most QUERY_TIMEOUT_SECONDS.
 //
-// It also knows the machine's own names and addresses: IsLocalAddress looks at a text as the
-// HTTP side has always done, IsProxyItself at a parsed address and the proxy's own port.
+// It also knows the machine's own names and addresses: IsLocalAddress for the HTTP side's test,
+// IsThisMachine for the destination rules, IsProxyItself for the proxy's own port.
 class ZRT_EXPORT CAddressManager : public IResolveAddressCompletedNotification {
 public:
     using AddressPtr = QOX::CRefCountPtr<IZRTConnectionAddress>;
@@ -72,7 +72,14 @@ public:
     // Unregisters, empties the cache, and fails every waiting lookup. When it returns, no call of
     // the resolver is inside the manager any more.
     void Terminate();
+    // The HTTP side's test for this machine, on a "host:port" text before any lookup: its host
+    // name or "localhost" (any letter case, a name under localhost too), or one of its interface
+    // addresses or the unspecified address in any numeric form ("127.1", "0x7f000001",
+    // "[::ffff:127.0.0.1]"). Other loopback addresses (127.0.0.2) are not this machine's here.
     bool IsLocalAddress(const std::string& address);
+    // Any address of this machine (every loopback address, the unspecified ones, every interface
+    // address), whatever the port: what a proxy serving a network keeps its clients out of.
+    bool IsThisMachine(const sockaddr_storage& address);
     // Makes every waiting ResolveAddress give up.
     void StopRequest();
     bool FindAddressInCache(const std::string& key, AddressPtr& address);
@@ -80,8 +87,12 @@ public:
     AddressPtr QueryAddress(const std::string& key);
     AddressPtr ResolveAddress(const std::string& key);
 
+    // False for a text that cannot be a host name or address: empty, longer than 255 bytes,
+    // or holding NUL, another control character or a space. Such names are never looked up.
+    static bool IsPlausibleHostName(const std::string& name);
+
     // True with the answer (empty for a known failure) when it is known now; false when waiter
-    // will be told.
+    // will be told. An implausible name is a known failure.
     bool Lookup(const std::string& key, IWaiter* waiter, AddressPtr& address);
     // No OnLookupDone reaches waiter after this returns (it waits for one being made on
     // another thread).
@@ -149,7 +160,8 @@ private:
     std::vector<SDelivery> m_deliveries;
     std::set<CSyncWaiter*> m_syncWaiters;
     int m_resolverCalls = 0; // OnResolveAddressCompleted calls in progress
-    std::set<std::string> m_localAddresses;
+    std::set<std::string> m_localNames;   // lower case
+    std::set<std::string> m_localNumeric; // 16-byte forms (IPv4 mapped)
     std::set<std::string> m_ownAddresses; // 16-byte forms (IPv4 mapped)
     long long m_ownAddressesTime = 0;
     bool m_ownAddressesFixed = false;

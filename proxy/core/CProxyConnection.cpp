@@ -90,11 +90,23 @@ std::shared_ptr<const SProxySettings> SettingsFor(CProxyServer* server, std::sha
     static const std::shared_ptr<const SProxySettings> defaults = std::make_shared<SProxySettings>();
     return defaults;
 }
+
+std::shared_ptr<const CDestinationPolicy> PolicyFor(const SProxySettings& settings,
+                                                   std::shared_ptr<const CDestinationPolicy> given)
+{
+    if (given)
+        return given;
+    auto policy = std::make_shared<CDestinationPolicy>();
+    std::string error; // rules that do not parse were refused when they were set
+    policy->Build(settings.allowDestinations, settings.denyDestinations, settings.privatePorts, error);
+    return policy;
+}
 } // namespace
 
-CProxyConnection::CProxyConnection(CProxyServer* proxy, std::shared_ptr<const SProxySettings> settings)
+CProxyConnection::CProxyConnection(CProxyServer* proxy, std::shared_ptr<const SProxySettings> settings,
+                                   std::shared_ptr<const CDestinationPolicy> policy)
     : m_proxy(proxy), m_server(proxy), m_id(ms_connID.Increment()),
-      m_settings(SettingsFor(proxy, std::move(settings)))
+      m_settings(SettingsFor(proxy, std::move(settings))), m_policy(PolicyFor(*m_settings, std::move(policy)))
 {
     if (m_proxy)
         m_proxy->OnConnectionCreated(this);
@@ -1053,6 +1065,15 @@ const SProxySettings& CProxyConnection::GetSettings() const
     return *m_settings;
 }
 
+bool CProxyConnection::IsDestinationAllowed(const IZRTConnectionAddress& destination)
+{
+    sockaddr_storage storage{};
+    int length = sizeof(storage);
+    if (!destination.GetSockAddr(reinterpret_cast<sockaddr*>(&storage), &length))
+        return false;
+    return m_policy->Allows(storage, GetAddressManager(), m_server && m_server->ListensBeyondLoopback());
+}
+
 void CProxyConnection::MarkRequestComplete()
 {
     if (m_requestComplete)
@@ -1195,9 +1216,10 @@ std::deque<QOX::CRefCountPtr<IZRTConnectionAddress>> CProxyConnection::OtherAddr
         auto* address = new CTCPIPAddress();
         QOX::CRefCountPtr<IZRTConnectionAddress> held(address);
         const socklen_t length = alternative.ss_family == AF_INET6 ? sizeof(sockaddr_in6) : sizeof(sockaddr_in);
-        // A name may list the proxy among its addresses: that one would loop back in.
+        // A name may list the proxy among its addresses (that one would loop back in), or
+        // addresses the destination rules refuse.
         if (address->SetAddress(reinterpret_cast<const sockaddr&>(alternative), length) &&
-            !GetAddressManager().IsProxyItself(*address))
+            !GetAddressManager().IsProxyItself(*address) && IsDestinationAllowed(*address))
             others.push_back(held);
     }
     return others;

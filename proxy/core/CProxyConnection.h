@@ -9,6 +9,7 @@
 #include <optional>
 #include <string>
 
+#include "proxy/address/CDestinationPolicy.h"
 #include "proxy/core/IConnectionProtocol.h"
 #include "proxy/core/IProxyConnection.h"
 #include "runtime/CAtomicInt.h"
@@ -86,7 +87,9 @@ public:
 
     // settings: what the connection works with for its whole life (the server's current ones
     // when null).
-    explicit CProxyConnection(CProxyServer* proxy, std::shared_ptr<const SProxySettings> settings = nullptr);
+    // policy: the destination rules of those settings (made from them when null).
+    explicit CProxyConnection(CProxyServer* proxy, std::shared_ptr<const SProxySettings> settings = nullptr,
+                              std::shared_ptr<const CDestinationPolicy> policy = nullptr);
     ~CProxyConnection() override;
     CProxyConnection(const CProxyConnection&) = delete;
     CProxyConnection& operator=(const CProxyConnection&) = delete;
@@ -129,6 +132,7 @@ public:
     CAddressManager& GetAddressManager() override;
     const IZRTConnectionAddress& GetLocalAddress() const override;
     const SProxySettings& GetSettings() const override;
+    bool IsDestinationAllowed(const IZRTConnectionAddress& destination) override;
     void DescribeExchange(const char* protocol, const std::string& destination) override;
     void SetOutcome(EOutcome outcome) override;
     CProxyStats& GetStats() override;
@@ -305,8 +309,9 @@ private:
     Clock::time_point m_attemptDeadline{};
     // Addresses still to try when the current attempt fails.
     std::deque<QOX::CRefCountPtr<IZRTConnectionAddress>> m_candidates;
-    // The settings the connection was accepted with (never null).
+    // The settings the connection was accepted with, and their destination rules (never null).
     const std::shared_ptr<const SProxySettings> m_settings;
+    const std::shared_ptr<const CDestinationPolicy> m_policy;
     bool m_requestComplete = false;
     bool m_moved = false;                 // bytes moved this step
     Clock::time_point m_lastActivity{};   // for the idle limit, kept only when one is set

@@ -2,6 +2,7 @@
 
 #include "runtime/CThreadPool.h"
 
+#include <arpa/inet.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <netdb.h>
@@ -39,6 +40,15 @@ int BoundPort(int socket)
     if (local.ss_family == AF_INET6)
         return ntohs(reinterpret_cast<sockaddr_in6*>(&local)->sin6_port);
     return 0;
+}
+
+bool IsLoopbackText(const std::string& address)
+{
+    in_addr v4{};
+    in6_addr v6{};
+    if (inet_pton(AF_INET, address.c_str(), &v4) == 1)
+        return (ntohl(v4.s_addr) >> 24) == 127;
+    return inet_pton(AF_INET6, address.c_str(), &v6) == 1 && IN6_IS_ADDR_LOOPBACK(&v6);
 }
 
 bool OutOfDescriptors(int error)
@@ -107,6 +117,7 @@ bool CProxyServer::StartProxy(const std::string& listenAddress, int port, IResol
     m_addressManager.SetProxyPort(static_cast<unsigned int>(m_listenPort.load()));
     m_listenSocket = socket;
     m_listenAddressText = listenAddress;
+    m_beyondLoopback = !IsLoopbackText(listenAddress);
     m_starved = false;
     m_overLimit = false;
     int threads = GetSettings().eventThreads;
@@ -226,7 +237,8 @@ void CProxyServer::Serve(int client, const sockaddr_storage& peer, CEventLoop& l
     if (!Admit(client, peer, *active))
         return;
     QOX::CRefCountPtr<CProxyConnection> connection(
-        new CProxyConnection(this, std::shared_ptr<const SProxySettings>(active, &active->settings)));
+        new CProxyConnection(this, std::shared_ptr<const SProxySettings>(active, &active->settings),
+                             std::shared_ptr<const CDestinationPolicy>(active, &active->destinations)));
     // Registered in the set (by its constructor) before this look: a stop that began before is
     // seen here, one that begins after terminates it.
     if (IsStopping()) {
@@ -326,6 +338,9 @@ bool CProxyServer::SetSettings(const SProxySettings& settings)
             return false;
         active->allow.push_back(range);
     }
+    std::string error;
+    if (!active->destinations.Build(settings.allowDestinations, settings.denyDestinations, settings.privatePorts, error))
+        return false;
     std::lock_guard<std::mutex> hold(m_settingsMutex);
     m_active = std::move(active);
     return true;

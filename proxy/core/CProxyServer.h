@@ -12,6 +12,7 @@
 
 #include "proxy/address/CAddressManager.h"
 #include "proxy/address/CAddressRange.h"
+#include "proxy/address/CDestinationPolicy.h"
 #include "proxy/core/CClientCounts.h"
 #include "proxy/core/CProxyStats.h"
 #include "proxy/core/IProxyObserver.h"
@@ -91,13 +92,15 @@ public:
     size_t GetConnectionCount() const;
     EProxyMode GetMode() const { return m_mode; }
     CAddressManager& GetAddressManager() { return m_addressManager; }
-    // Settings for the next start; the connections of a running proxy read them.
     // Settings for connections accepted from now on; false (nothing changes) when an allow entry
-    // is not a CIDR block. Any thread, also while running.
+    // or a destination rule does not parse. Any thread, also while running.
     bool SetSettings(const SProxySettings& settings);
     SProxySettings GetSettings() const;
     // The settings a connection accepted now works with, for its whole life.
     std::shared_ptr<const SProxySettings> GetSettingsSnapshot() const;
+    // True while the proxy listens on an address that is not loopback: clients may then come
+    // from a network, and this machine is no destination for them unless a rule says so.
+    bool ListensBeyondLoopback() const { return m_beyondLoopback; }
 
     // Makes the handler for a client from its first chunk: the protocol factory's choice, or the
     // creator given here (tests put handlers of their own behind a real server this way).
@@ -131,10 +134,11 @@ private:
         uint64_t token = 0;
     };
 
-    // The current settings with the allow list in parsed form.
+    // The current settings with the allow list and the destination rules in parsed form.
     struct SActive {
         SProxySettings settings;
         std::vector<CAddressRange> allow;
+        CDestinationPolicy destinations;
     };
 
     std::shared_ptr<const SActive> GetActive() const;
@@ -179,6 +183,7 @@ private:
     std::shared_ptr<const SActive> m_active = std::make_shared<SActive>();
     std::atomic<bool> m_overLimit{false}; // told the observer already
     CClientCounts m_clients; // admitted and not finished, for the client limits
+    std::atomic<bool> m_beyondLoopback{false};
     ProtocolCreator m_creator;
     CProxyStats m_stats;
     IProxyObserver* m_observer = nullptr;

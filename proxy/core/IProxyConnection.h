@@ -70,6 +70,8 @@ public:
     // The proxy's own address as the client reached it (the accepted socket's local address).
     virtual const IZRTConnectionAddress& GetLocalAddress() const = 0;
     virtual const SProxySettings& GetSettings() const = 0;
+    // Whether the destination rules let the client reach this resolved address (and port).
+    virtual bool IsDestinationAllowed(const IZRTConnectionAddress& destination) = 0;
 
     // Added for the proxy's counters and logs. What the handler serves (socks5, http, connect,
     // udp, bind) and where to, as the client named it; and how the exchange ended, when not well.

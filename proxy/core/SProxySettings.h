@@ -52,6 +52,9 @@ struct SProxySettings {
     // matches is refused; with allow rules, one that no allow rule matches is refused too.
     std::vector<std::string> allowDestinations;
     std::vector<std::string> denyDestinations;
+    // Ports of this machine that are never a destination, on any of its addresses, whatever the
+    // rules say (the metrics listener's).
+    std::vector<unsigned int> privatePorts;
 };
 
 } // namespace Proxy

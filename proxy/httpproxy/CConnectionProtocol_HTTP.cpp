@@ -265,6 +265,15 @@ void CConnectionProtocol_HTTP::UseDestination(const QOX::CRefCountPtr<IZRTConnec
         Refuse(EOutcome::NotAllowed);
         return;
     }
+    if (!m_connection.IsDestinationAllowed(*destination)) {
+        m_connection.SetOutcome(EOutcome::Denied);
+        m_wait = EWait::None;
+        m_held.clear();
+        m_request.Reset();
+        SendErrorToClient(REPLY_FORBIDDEN);
+        m_requestParser.Reset();
+        return;
+    }
     if (!m_connection.BeginConnectToHost(destination)) {
         Refuse(EOutcome::Unreachable);
         return;
@@ -382,6 +391,11 @@ bool CConnectionProtocol_HTTP::GetDestination(const QOX::CRefCountPtr<CHTTPReque
     std::string address;
     if (!ExtractAddress(request, address))
         return false;
+    if (!CAddressManager::IsPlausibleHostName(address.substr(0, address.rfind(':')))) {
+        m_connection.SetOutcome(EOutcome::BadRequest);
+        SendErrorToClient(REPLY_BAD_REQUEST);
+        return true; // answered
+    }
     m_connection.DescribeExchange(strcasecmp(request->m_method.c_str(), TUNNEL_METHOD) == 0 ? "connect" : "http",
                                   address);
     CAddressManager& addresses = m_connection.GetAddressManager();

@@ -65,6 +65,9 @@ public:
     static constexpr char REPLY_CONNECTION_ESTABLISHED[] = "HTTP/1.0 200 Connection established\r\n\r\n";
     static constexpr char REPLY_BAD_REQUEST[] = "HTTP/1.0 400 Bad Request\r\nKeep-Alive: timeout=5, max=100\r\n\r\n";
     static constexpr char REPLY_NOT_FOUND[] = "HTTP/1.0 404 Not Found\r\nKeep-Alive: timeout=5, max=100\r\n\r\n";
+    // Sent when the destination rules refuse the destination.
+    static constexpr char REPLY_FORBIDDEN[] =
+        "HTTP/1.0 403 Forbidden\r\nContent-Length: 0\r\nConnection: close\r\n\r\n";
     // Sent when the proxy has users and the request did not name one of them.
     static constexpr char REPLY_AUTHENTICATION_REQUIRED[] =
         "HTTP/1.0 407 Proxy Authentication Required\r\nProxy-Authenticate: Basic realm=\"zrt-proxy\"\r\n"
@@ -98,8 +101,9 @@ protected:
     void ProcessHTTPResponse(const char* data, int length);
     // Sends the reply (the 400 reply when null) and drops the client, unless it is gone already.
     void SendErrorToClient(const char* reply);
-    // Starts finding the request's destination; false when it has none (no host, or this
-    // machine). The answer comes to UseDestination, at once or from Resume.
+    // Starts finding the request's destination, or answers the request itself (400 for a host
+    // that cannot be a name); false when it has none (no host, or this machine). The answer
+    // comes to UseDestination, at once or from Resume.
     bool GetDestination(const QOX::CRefCountPtr<CHTTPRequest>& request);
     // "host:port" from the Host header, else the target; the port defaults to 80.
     bool ExtractAddress(const QOX::CRefCountPtr<CHTTPRequest>& request, std::string& address);

@@ -35,6 +35,12 @@ enum EReply {
 
 // Room for a sockaddr_in6, the largest address the handler deals with.
 const int SOCKADDR_AREA_LENGTH = 28;
+
+bool IsUnspecifiedAddress(const IZRTConnectionAddress& address)
+{
+    const std::string host = CSocksAddress::HostKey(address);
+    return host.find_first_not_of('\0') == std::string::npos;
+}
 } // namespace
 
 // ---- CBuffer ----
@@ -321,6 +327,11 @@ CConnectionProtocol_SOCKS5::EState CConnectionProtocol_SOCKS5::DoRequest()
         return DoCommand(address);
     }
     m_connection.DescribeExchange(kind, CSocksAddress::DomainKey(request + 3));
+    const std::string name(reinterpret_cast<const char*>(request + 5), request[4]);
+    if (!CAddressManager::IsPlausibleHostName(name)) {
+        Refuse(REP_ADDRESS_TYPE_NOT_SUPPORTED, EOutcome::BadRequest);
+        return EState::Closed;
+    }
     // The command is judged once the name is known, as for an address given as such.
     if (!m_lookup.Start(m_connection.GetAddressManager(), CSocksAddress::DomainKey(request + 3))) {
         m_connection.SetHandlerTimer(m_connection.GetSettings().lookupLimitMs);
@@ -365,6 +376,10 @@ CConnectionProtocol_SOCKS5::EState CConnectionProtocol_SOCKS5::DoConnect(const A
         Refuse(REP_NOT_ALLOWED, EOutcome::NotAllowed);
         return EState::Closed;
     }
+    if (!m_connection.IsDestinationAllowed(*destination)) {
+        Refuse(REP_NOT_ALLOWED, EOutcome::Denied);
+        return EState::Closed;
+    }
     if (!m_connection.BeginConnectToHost(destination)) {
         Refuse(REP_REFUSED, EOutcome::Unreachable);
         return EState::Closed;
@@ -377,6 +392,10 @@ CConnectionProtocol_SOCKS5::EState CConnectionProtocol_SOCKS5::DoBind(const Addr
     IConnectionListener* listener = m_connection.GetConnectionListener();
     if (!listener) {
         Refuse(REP_REFUSED, EOutcome::BadRequest);
+        return EState::Closed;
+    }
+    if (!IsUnspecifiedAddress(*destination) && !m_connection.IsDestinationAllowed(*destination)) {
+        Refuse(REP_NOT_ALLOWED, EOutcome::Denied);
         return EState::Closed;
     }
     m_bind.reset(new CSocks5Bind(m_connection));

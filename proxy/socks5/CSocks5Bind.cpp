@@ -1,5 +1,6 @@
 #include "proxy/socks5/CSocks5Bind.h"
 
+#include "proxy/core/CProxyStats.h"
 #include "proxy/socks5/CSocksAddress.h"
 
 namespace ZRT {
@@ -47,9 +48,13 @@ void CSocks5Bind::OnConnectionEstablished(const IZRTConnectionAddress& peer, con
                                           IZRTDataLayer& stream)
 {
     bool taken = false;
+    // A peer the destination rules refuse is no more welcome than a stranger.
+    const bool allowed = m_connection.IsDestinationAllowed(peer);
+    if (!allowed)
+        m_connection.GetStats().Add(CProxyStats::REFUSED_DENIED);
     {
         std::lock_guard<std::mutex> hold(m_mutex);
-        if (!m_settled && IsExpected(peer)) {
+        if (!m_settled && allowed && IsExpected(peer)) {
             m_settled = true;
             m_stream = QOX::CRefCountPtr<IZRTDataLayer>(&stream);
             m_peer = AddressPtr(peer.Clone());

@@ -9,6 +9,7 @@
 
 #include "proxy/address/CAddressManager.h"
 #include "proxy/core/CProxyStats.h"
+#include "proxy/core/SProxySettings.h"
 #include "proxy/socks5/CSocksAddress.h"
 #include "runtime/Clock.h"
 #include "transport/CSocketUtils.h"
@@ -18,6 +19,15 @@ namespace Proxy {
 
 namespace {
 constexpr size_t MIN_DATAGRAM = 7;
+
+unsigned int PortOf(const sockaddr_storage& address)
+{
+    if (address.ss_family == AF_INET)
+        return ntohs(reinterpret_cast<const sockaddr_in&>(address).sin_port);
+    if (address.ss_family == AF_INET6)
+        return ntohs(reinterpret_cast<const sockaddr_in6&>(address).sin6_port);
+    return 0;
+}
 // Room for a sockaddr_in6, the largest address the relay deals with.
 constexpr int SOCKADDR_AREA_LENGTH = 28;
 } // namespace
@@ -53,6 +63,11 @@ bool CSocks5UdpRelay::Open(IDatagramHandler& handler, const IZRTConnectionAddres
     }
     m_socket = udpSocket;
     m_clientHost = CSocksAddress::HostKey(m_connection.GetClientAddress());
+    // The address and port the client said it will send from, where it said so.
+    const std::string namedHost = CSocksAddress::HostKey(requested);
+    if (namedHost.find_first_not_of('\0') != std::string::npos)
+        m_namedHost = namedHost;
+    m_namedPort = requested.GetPortNumber();
     const int handle = handler.RegisterReceiver(requested, this);
     if (handle == -1) {
         CSocketUtils::CloseSocket(udpSocket);
@@ -97,25 +112,38 @@ bool CSocks5UdpRelay::ParseHeader(const unsigned char* datagram, size_t length, 
 void CSocks5UdpRelay::OnReadable()
 {
     ExpireLookups();
+    if (!m_datagram)
+        m_datagram.reset(new unsigned char[DATAGRAM_SIZE]); // an association that never sends pays nothing
     for (int turn = 0; turn < DATAGRAMS_PER_TURN && m_socket >= 0; ++turn) {
-        unsigned char datagram[DATAGRAM_SIZE];
         sockaddr_storage sender{};
         socklen_t senderLength = sizeof(sender);
-        const ssize_t received = recvfrom(m_socket, datagram, sizeof(datagram), MSG_DONTWAIT,
+        // MSG_TRUNC: the datagram's real length, so that one too long is dropped, never cut.
+        const ssize_t received = recvfrom(m_socket, m_datagram.get(), DATAGRAM_SIZE, MSG_DONTWAIT | MSG_TRUNC,
                                           reinterpret_cast<sockaddr*>(&sender), &senderLength);
         if (received < 0 && errno == EINTR)
             continue;
         if (received < 0)
             return;
-        if (AcceptSender(sender, senderLength))
-            Relay(datagram, static_cast<size_t>(received), sender, senderLength);
+        if (!AcceptSender(sender, senderLength))
+            continue;
+        if (static_cast<size_t>(received) > DATAGRAM_SIZE) {
+            m_connection.GetStats().Add(CProxyStats::UDP_DATAGRAMS_DROPPED);
+            continue;
+        }
+        Relay(m_datagram.get(), static_cast<size_t>(received), sender, senderLength);
     }
 }
 
-// Only the client's own host; once it has sent, only that address and port.
+// Only the client's own host, from the address and port its request named where it named them;
+// otherwise, once it has sent, only the address and port of its first datagram.
 bool CSocks5UdpRelay::AcceptSender(const sockaddr_storage& sender, socklen_t length)
 {
-    if (!m_clientHost.empty() && CSocksAddress::HostKey(reinterpret_cast<const sockaddr*>(&sender)) != m_clientHost)
+    const std::string host = CSocksAddress::HostKey(reinterpret_cast<const sockaddr*>(&sender));
+    if (!m_clientHost.empty() && host != m_clientHost)
+        return false;
+    if (!m_namedHost.empty() && host != m_namedHost)
+        return false;
+    if (m_namedPort != 0 && PortOf(sender) != m_namedPort)
         return false;
     std::lock_guard<std::mutex> hold(m_mutex);
     if (m_clientLength == 0)
@@ -178,8 +206,9 @@ void CSocks5UdpRelay::Resume()
 void CSocks5UdpRelay::ExpireLookups()
 {
     const long long now = QOX::MonotonicMilliseconds();
+    const long long limit = m_connection.GetSettings().lookupLimitMs;
     m_lookups.erase(std::remove_if(m_lookups.begin(), m_lookups.end(),
-                                   [&](const SLookup& pending) { return now - pending.started > LOOKUP_LIMIT_MS; }),
+                                   [&](const SLookup& pending) { return now - pending.started > limit; }),
                     m_lookups.end());
 }
 
@@ -187,6 +216,10 @@ void CSocks5UdpRelay::Forward(const AddressPtr& destination, const unsigned char
 {
     if (m_handle == -1)
         return;
+    if (!m_connection.IsDestinationAllowed(*destination)) {
+        m_connection.GetStats().Add(CProxyStats::REFUSED_DENIED);
+        return;
+    }
     const std::string host = CSocksAddress::HostKey(*destination);
     {
         std::lock_guard<std::mutex> hold(m_mutex);
@@ -228,8 +261,13 @@ void CSocks5UdpRelay::OnDatagramReceived(int /*handle*/, const IZRTConnectionAdd
         return;
     if (length > 0)
         std::memcpy(datagram.data() + 3 + block, data, static_cast<size_t>(length));
-    sendto(m_socket, datagram.data(), 3 + static_cast<size_t>(block) + static_cast<size_t>(length), MSG_NOSIGNAL,
-           reinterpret_cast<const sockaddr*>(&client), clientLength);
+    const ssize_t sent = sendto(m_socket, datagram.data(), 3 + static_cast<size_t>(block) + static_cast<size_t>(length),
+                                MSG_NOSIGNAL, reinterpret_cast<const sockaddr*>(&client), clientLength);
+    // With the SOCKS header in front, the largest datagrams no longer fit: dropped whole.
+    if (sent < 0 && errno == EMSGSIZE) {
+        m_connection.GetStats().Add(CProxyStats::UDP_DATAGRAMS_DROPPED);
+        return;
+    }
     m_connection.CountDatagram(false, static_cast<uint64_t>(length));
 }
 

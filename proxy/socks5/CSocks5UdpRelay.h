@@ -25,19 +25,23 @@ namespace Proxy {
 // service; what the service receives comes back to the client only from hosts the client has
 // sent to, with the SOCKS header in front.
 //
+// When the client's request named the address or port it sends from, only datagrams from
+// there are taken. Datagrams are relayed whole or not at all: one too long for the relay's buffer
+// (or, with the header added, for the client) is dropped and counted. Every destination is judged
+// by the destination rules.
+//
 // Threads: the connection's thread polls the socket (GetSocket) and calls OnReadable, Resume
 // and Close; the datagram service calls OnDatagramReceived on its own thread. A destination
 // given by name is looked up without waiting: the datagram waits with its lookup (at most
-// MAX_LOOKUPS at a time, each for at most LOOKUP_LIMIT_MS), and Resume sends it on.
+// MAX_LOOKUPS at a time, each for at most the proxy's lookup limit), and Resume sends it on.
 class CSocks5UdpRelay : public IDatagramReceiver {
 public:
     using AddressPtr = QOX::CRefCountPtr<IZRTConnectionAddress>;
 
-    // A client datagram longer than this is cut by recvfrom.
-    static constexpr size_t DATAGRAM_SIZE = 8192;
+    // Room for the largest UDP payload of either family (65,507 bytes over IPv4).
+    static constexpr size_t DATAGRAM_SIZE = 65535;
     static constexpr int DATAGRAMS_PER_TURN = 32;
     static constexpr size_t MAX_LOOKUPS = 4;
-    static constexpr long long LOOKUP_LIMIT_MS = 30000;
     // Hosts whose datagrams may come back; the oldest is forgotten beyond this.
     static constexpr size_t MAX_DESTINATIONS = 256;
 
@@ -81,6 +85,9 @@ private:
     int m_handle = -1;
     int m_socket = -1;
     std::string m_clientHost; // the client's TCP address: datagrams come only from there
+    std::string m_namedHost;  // the address the request named, unless it was unspecified
+    unsigned int m_namedPort = 0;
+    std::unique_ptr<unsigned char[]> m_datagram; // DATAGRAM_SIZE, made on first use
     std::vector<SLookup> m_lookups;
 
     // Guards the client's UDP address and the destinations, which the service's thread reads.

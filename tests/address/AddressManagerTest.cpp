@@ -57,15 +57,29 @@ TEST_F(AddressManagerTest, InitRegistersOnceAndIgnoresALaterResolver)
     EXPECT_EQ(m_resolver.GetRequestCount("10.0.0.1:80"), 0);
 }
 
-TEST_F(AddressManagerTest, LocalTestLooksAtTheTextBeforeTheFirstColonOnly)
+TEST_F(AddressManagerTest, LocalTestKnowsTheMachineInEveryWrittenForm)
 {
-    m_manager.SetLocalAddressesForTesting({"localhost", "127.0.0.1"});
-    EXPECT_TRUE(m_manager.IsLocalAddress("localhost:8080"));
-    EXPECT_TRUE(m_manager.IsLocalAddress("127.0.0.1:80"));
-    EXPECT_TRUE(m_manager.IsLocalAddress("localhost"));
-    EXPECT_FALSE(m_manager.IsLocalAddress("LOCALHOST:80"));
-    EXPECT_FALSE(m_manager.IsLocalAddress("127.0.0.2:80"));
-    EXPECT_FALSE(m_manager.IsLocalAddress("[::1]:8080"));
+    m_manager.SetLocalAddressesForTesting({"myhost", "127.0.0.1", "::1", "192.0.2.7"});
+    for (const char* local : {"localhost:8080", "LOCALHOST:80", "localhost.:80", "app.localhost:80", "MyHost:443",
+                              "127.0.0.1:80", "127.1:80", "2130706433:80", "0x7f000001:80", "0177.0.0.1:80",
+                              "[::1]:8080", "[::ffff:127.0.0.1]:80", "0.0.0.0:80", "[::]:80", "192.0.2.7:80",
+                              "3221225991:80", "localhost"})
+        EXPECT_TRUE(m_manager.IsLocalAddress(local)) << local;
+    // Other loopback addresses and other hosts are not this machine's for the HTTP side.
+    for (const char* other : {"127.0.0.2:80", "127.2:80", "[::2]:80", "myhost.example:80", "localhostx:80",
+                              "192.0.2.8:80", "server1:80"})
+        EXPECT_FALSE(m_manager.IsLocalAddress(other)) << other;
+}
+
+TEST_F(AddressManagerTest, NamesThatCannotBeHostNamesAreNeverAsked)
+{
+    for (const std::string& bad : {std::string(), std::string("a\nb"), std::string("a\0b", 3), std::string("a b"),
+                                  std::string("tab\there"), std::string("del\x7f"), std::string(256, 'a')})
+        EXPECT_FALSE(CAddressManager::IsPlausibleHostName(bad)) << bad;
+    EXPECT_TRUE(CAddressManager::IsPlausibleHostName(std::string(255, 'a')));
+    EXPECT_TRUE(CAddressManager::IsPlausibleHostName("xn--bcher-kva.example"));
+    EXPECT_FALSE(m_manager.ResolveAddress(std::string("evil\nname:80")));
+    EXPECT_EQ(m_resolver.GetRequestCount(std::string("evil\nname:80")), 0);
 }
 
 TEST_F(AddressManagerTest, OneAnswerPerNameServesEveryPort)

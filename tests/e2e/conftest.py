@@ -150,10 +150,11 @@ def http_connect(proxy, host, port, timeout=30):
 
 class StubDns:
     """A DNS server on 127.0.0.53 that answers A queries with `addresses` in this order, AAAA
-    queries with no record, and never answers names that start with "slow"."""
+    queries with `v6_addresses` (none by default), and never answers names that start with "slow"."""
 
-    def __init__(self, addresses=(DEST_V4,)):
+    def __init__(self, addresses=(DEST_V4,), v6_addresses=()):
         self.addresses = addresses
+        self.v6_addresses = v6_addresses
         self.sock = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
         self.sock.bind(("127.0.0.53", 0))
         self.port = self.sock.getsockname()[1]
@@ -179,10 +180,12 @@ class StubDns:
             self.queries.append(name)
             if name.startswith("slow"):
                 continue
-            answers = self.addresses if qtype == 1 else ()
+            family = {1: socket.AF_INET, 28: socket.AF_INET6}.get(qtype)
+            answers = {1: self.addresses, 28: self.v6_addresses}.get(qtype, ())
             reply = packet[:2] + b"\x81\x80" + struct.pack("!HHHH", 1, len(answers), 0, 0) + packet[12:end]
             for address in answers:
-                reply += b"\xc0\x0c" + struct.pack("!HHIH", 1, 1, 60, 4) + socket.inet_aton(address)
+                raw = socket.inet_pton(family, address)
+                reply += b"\xc0\x0c" + struct.pack("!HHIH", qtype, 1, 60, len(raw)) + raw
             self.sock.sendto(reply, peer)
 
     def close(self):

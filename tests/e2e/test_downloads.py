@@ -5,7 +5,7 @@ import subprocess
 
 import pytest
 
-from conftest import DEST_V4, DEST_V6
+from conftest import DEST_V4, DEST_V6, Daemon, StubDns
 
 
 def curl(*args):
@@ -36,8 +36,21 @@ def fetch(daemon, kind, host, port, files):
 @pytest.mark.parametrize("kind", KINDS)
 @pytest.mark.parametrize("destination", [DEST_V4, DEST_V6])
 def test_download_through_each_protocol(daemon, http_servers, files, kind, destination):
+    if destination == DEST_V6 and kind.startswith("http"):
+        pytest.skip("::1 is this machine's own address, which the HTTP side refuses; see the test by name")
     host = f"[{destination}]" if ":" in destination else destination
     fetch(daemon, kind, host, http_servers[destination], files)
+
+
+@pytest.mark.parametrize("kind", ["http", "http-connect"])
+def test_http_reaches_an_ipv6_destination_by_name(http_servers, files, kind):
+    dns = StubDns(addresses=(), v6_addresses=(DEST_V6,))
+    proxy = Daemon("--listen", "127.0.0.1", "--dns-server", f"127.0.0.53:{dns.port}")
+    try:
+        fetch(proxy, kind, "six.test", http_servers[DEST_V6], files)
+    finally:
+        assert proxy.stop() == 0
+        dns.close()
 
 
 def test_proxy_resolves_host_names(daemon, http_servers, files):

@@ -8,6 +8,7 @@
 #include "proxy/address/CAddressManager.h"
 #include "proxy/core/IConnectionProtocol.h"
 #include "proxy/core/CProxyStats.h"
+#include "proxy/address/CDestinationPolicy.h"
 #include "proxy/core/IProxyConnection.h"
 #include "proxy/core/SProxySettings.h"
 #include "transport/CTCPIPAddress.h"
@@ -136,6 +137,18 @@ public:
     }
     const IZRTConnectionAddress& GetLocalAddress() const override { return m_localAddress; }
     const Proxy::SProxySettings& GetSettings() const override { return m_settings; }
+    bool IsDestinationAllowed(const IZRTConnectionAddress& destination) override
+    {
+        Proxy::CDestinationPolicy policy;
+        std::string error;
+        sockaddr_storage storage{};
+        int length = sizeof(storage);
+        return policy.Build(m_settings.allowDestinations, m_settings.denyDestinations, m_settings.privatePorts, error) &&
+               destination.GetSockAddr(reinterpret_cast<sockaddr*>(&storage), &length) &&
+               policy.Allows(storage, GetAddressManager(), m_beyondLoopback);
+    }
+    // The proxy listens beyond loopback: this machine is no destination by default.
+    void SetListensBeyondLoopback(bool beyond) { m_beyondLoopback = beyond; }
     void DescribeExchange(const char* protocol, const std::string& destination) override
     {
         Locked([&] {
@@ -267,6 +280,7 @@ private:
     unsigned int m_clientBacklog = 0;
     bool m_disconnected = false;
     bool m_hostClosed = false;
+    bool m_beyondLoopback = false;
 };
 
 } // namespace Testing
