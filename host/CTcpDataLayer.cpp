@@ -608,6 +608,22 @@ void CTcpDataLayer::Disconnect()
     PostAdvance();
 }
 
+void CTcpDataLayer::Abort()
+{
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        if (m_phase == EPhase::Closed)
+            return;
+        if (m_socket >= 0) {
+            // The peer learns of the bytes it will never get: a reset, not a FIN.
+            const linger reset{1, 0};
+            setsockopt(m_socket, SOL_SOCKET, SO_LINGER, &reset, sizeof(reset));
+        }
+        FailLocked();
+    }
+    PostAdvance();
+}
+
 // ---- queries and sinks ----
 
 bool CTcpDataLayer::GetLocalAddress(sockaddr* address, int* length) const

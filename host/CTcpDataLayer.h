@@ -71,6 +71,7 @@ public:
     bool IsConnected() const override;
     unsigned int GetReceiveBacklog() const override;
     void Disconnect() override;
+    void Abort() override;
     unsigned int GetSendBacklog() const override;
     int AttachReader() override;
     void DetachReader() override;

@@ -87,6 +87,10 @@ public:
     // Added for connecting without blocking (IZRTMultiPointLayer::BeginConnect): true while the
     // link is still being opened. Links that are returned open (the default) never are.
     virtual bool IsConnecting() const { return false; }
+    // Closes the link at once: bytes not yet written are dropped (TCP: a reset instead of a
+    // FIN), for a peer that stopped reading them. Sinks hear OnConnectionClosed as after
+    // Disconnect. By default the same as Disconnect.
+    virtual void Abort() { Disconnect(); }
     // Added so that a reader learns the outcome of a connect without a hop through the
     // transport's thread: with a reader attached to a link that is still connecting, the reader
     // polls the descriptor for POLLOUT and calls this when it fires. The link then settles the

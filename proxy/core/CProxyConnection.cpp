@@ -385,6 +385,8 @@ void CProxyConnection::Step()
         ReadClient();
     else if (asked == 0 && (client & (EPOLLERR | EPOLLHUP)))
         Abort(); // reset (or shut both ways) while nothing was to be read or written
+    if ((asked & EPOLLRDHUP) && (client & EPOLLRDHUP) && !m_clientFinishedAt)
+        m_clientFinishedAt = Clock::now(); // its end waits to be read behind bytes the link cannot take yet
     if (m_connectOutcome) {
         const bool connected = *m_connectOutcome;
         m_connectOutcome.reset();
@@ -492,6 +494,8 @@ CProxyConnection::SPlan CProxyConnection::PlanStep()
         turn.clientEvents |= EPOLLOUT;
     if (MayReadClient())
         turn.clientEvents |= EPOLLIN;
+    else if (m_client == EClient::Open && m_toHost == EFlow::Open && m_protocol && !m_clientFinishedAt)
+        turn.clientEvents |= EPOLLRDHUP; // the client's end, while its bytes wait for the link
     const bool relaying = m_protocol && m_client == EClient::Open && m_toClient == EFlow::Open;
     const bool roomForHost = relaying && backlog <= CLIENT_OUTPUT_HIGH_WATER;
     turn.readHost = roomForHost && m_readerFd >= 0 && m_linkState == ELink::Open;
@@ -645,6 +649,8 @@ void CProxyConnection::ClientEnded()
     // the client's end is the end of the exchange.
     if (m_protocol && m_protocol->HandleClientEnd()) {
         m_toHost = EFlow::Ended;
+        if (!m_clientFinishedAt)
+            m_clientFinishedAt = Clock::now();
         return;
     }
     BeginClosing();
@@ -882,8 +888,12 @@ void CProxyConnection::ReleaseLink()
         link->DetachReader();
     m_readerFd = -1;
     m_hostPending = false;
-    // What the client sent is still written to the host, within the link's bound.
-    link->Disconnect();
+    // What the client sent is still written to the host, within the link's bound, unless the
+    // host stopped taking it for longer than the linger time.
+    if (m_abortLink)
+        link->Abort();
+    else
+        link->Disconnect();
 }
 
 // ---- the client's output queue ----
@@ -1090,25 +1100,48 @@ void CProxyConnection::SetUser(const std::string& user)
 bool CProxyConnection::NextLimit(Clock::time_point& deadline) const
 {
     const SProxySettings& settings = *m_settings;
+    bool any = false;
     if (!m_requestComplete && settings.handshakeTimeoutMs > 0) {
         deadline = m_startTime + std::chrono::milliseconds(settings.handshakeTimeoutMs);
-        return true;
+        any = true;
     }
     if (m_requestComplete && settings.idleTimeoutMs > 0) {
         deadline = m_lastActivity + std::chrono::milliseconds(settings.idleTimeoutMs);
-        return true;
+        any = true;
     }
-    return false;
+    const std::optional<Clock::time_point> linger = LingerDeadline();
+    if (linger && (!any || *linger < deadline)) {
+        deadline = *linger;
+        any = true;
+    }
+    return any;
+}
+
+std::optional<CProxyConnection::Clock::time_point> CProxyConnection::LingerDeadline() const
+{
+    // Only while what the client sent is still waiting for a destination that does not take it:
+    // a destination that took everything may answer as late as it likes, and one that still
+    // moves bytes (either way) is not stuck.
+    if (!m_clientFinishedAt || m_settings->lingerTimeoutMs <= 0 || m_linkState != ELink::Open)
+        return std::nullopt;
+    const QOX::CRefCountPtr<IZRTDataLayer> link = CurrentLink();
+    if (!link || link->GetSendBacklog() == 0)
+        return std::nullopt;
+    return std::max(*m_clientFinishedAt, m_lastActivity) + std::chrono::milliseconds(m_settings->lingerTimeoutMs);
 }
 
 void CProxyConnection::EnforceLimits()
 {
-    if (m_moved && m_requestComplete && m_settings->idleTimeoutMs > 0)
+    if (m_moved && ((m_requestComplete && m_settings->idleTimeoutMs > 0) || m_clientFinishedAt))
         m_lastActivity = Clock::now();
     m_moved = false;
     Clock::time_point deadline;
     if (m_client != EClient::Open || !NextLimit(deadline) || Clock::now() < deadline)
         return;
+    const std::optional<Clock::time_point> linger = LingerDeadline();
+    // The client's last bytes are given up: the destination gets a reset, not a FIN after a
+    // part of them.
+    m_abortLink = linger && Clock::now() >= *linger;
     // A served tunnel that fell silent ends as a time-out too, whatever was judged before.
     m_outcomeSet = false;
     SetOutcome(EOutcome::Timeout);

@@ -211,8 +211,11 @@ private:
     // The destination's other addresses (a name's alternatives), except the proxy itself.
     std::deque<QOX::CRefCountPtr<IZRTConnectionAddress>> OtherAddresses(const IZRTConnectionAddress& destination);
     void RunHandlerTimer();
-    // The handshake and idle limits: the earliest of them that applies, or none.
+    // The handshake, idle and linger limits: the earliest of them that applies, or none.
     bool NextLimit(Clock::time_point& deadline) const;
+    // When a client that finished sending gives up on a destination that does not take its
+    // last bytes (the linger limit), if that applies now.
+    std::optional<Clock::time_point> LingerDeadline() const;
     // Ends a connection whose handshake or idle limit passed.
     void EnforceLimits();
     // Something moved; for the idle limit.
@@ -313,8 +316,11 @@ private:
     const std::shared_ptr<const SProxySettings> m_settings;
     const std::shared_ptr<const CDestinationPolicy> m_policy;
     bool m_requestComplete = false;
+    // When the client finished sending (read, or seen behind bytes not read yet).
+    std::optional<Clock::time_point> m_clientFinishedAt;
+    bool m_abortLink = false; // the linger limit passed: the link is reset, not drained
     bool m_moved = false;                 // bytes moved this step
-    Clock::time_point m_lastActivity{};   // for the idle limit, kept only when one is set
+    Clock::time_point m_lastActivity{};   // for the idle and linger limits, kept only when they apply
 
     // Bytes for the client that the socket has not taken yet, oldest first (under m_mutex).
     std::deque<QOX::CRefCountPtr<CByteBuffer>> m_clientOutput;
