@@ -10,6 +10,7 @@
 #include <utility>
 
 #include "proxy/address/CAddressManager.h"
+#include "proxy/auth/CLoginGuard.h"
 #include "proxy/core/CConnectionProtocolFactory.h"
 #include "proxy/core/CProxyServer.h"
 #include "transport/CByteBufferList.h"
@@ -1068,6 +1069,12 @@ void CProxyConnection::RunHandlerTimer()
 CAddressManager& CProxyConnection::GetAddressManager()
 {
     return m_server ? m_server->GetAddressManager() : *CAddressManager::GetInstance();
+}
+
+CLoginGuard& CProxyConnection::GetLoginGuard()
+{
+    static CLoginGuard unowned; // a connection without a server shares one with its kind
+    return m_server ? m_server->GetLoginGuard() : unowned;
 }
 
 const SProxySettings& CProxyConnection::GetSettings() const

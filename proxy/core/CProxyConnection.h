@@ -130,6 +130,7 @@ public:
     void WakeHandler() override;
     void SetHandlerTimer(int milliseconds) override;
     CAddressManager& GetAddressManager() override;
+    CLoginGuard& GetLoginGuard() override;
     const IZRTConnectionAddress& GetLocalAddress() const override;
     const SProxySettings& GetSettings() const override;
     bool IsDestinationAllowed(const IZRTConnectionAddress& destination) override;

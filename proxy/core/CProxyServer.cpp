@@ -113,6 +113,7 @@ bool CProxyServer::StartProxy(const std::string& listenAddress, int port, IResol
     m_multiPointLayer = multiPointLayer;
     m_datagramHandler = datagramHandler;
     m_connectionListener = connectionListener;
+    m_loginGuard.SetThreadPool(m_pool);
     m_listenPort = BoundPort(socket);
     m_addressManager.SetProxyPort(static_cast<unsigned int>(m_listenPort.load()));
     m_listenSocket = socket;

@@ -13,6 +13,7 @@
 #include "proxy/address/CAddressManager.h"
 #include "proxy/address/CAddressRange.h"
 #include "proxy/address/CDestinationPolicy.h"
+#include "proxy/auth/CLoginGuard.h"
 #include "proxy/core/CClientCounts.h"
 #include "proxy/core/CProxyStats.h"
 #include "proxy/core/IProxyObserver.h"
@@ -92,6 +93,7 @@ public:
     size_t GetConnectionCount() const;
     EProxyMode GetMode() const { return m_mode; }
     CAddressManager& GetAddressManager() { return m_addressManager; }
+    CLoginGuard& GetLoginGuard() { return m_loginGuard; }
     // Settings for connections accepted from now on; false (nothing changes) when an allow entry
     // or a destination rule does not parse. Any thread, also while running.
     bool SetSettings(const SProxySettings& settings);
@@ -178,6 +180,7 @@ private:
     EProxyMode m_mode;
     std::atomic<int> m_listenBacklog{LISTEN_BACKLOG};
     CAddressManager m_addressManager;
+    CLoginGuard m_loginGuard;
     // Guards m_active, swapped whole by SetSettings and copied at each accept.
     mutable std::mutex m_settingsMutex;
     std::shared_ptr<const SActive> m_active = std::make_shared<SActive>();

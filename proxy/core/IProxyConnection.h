@@ -13,6 +13,7 @@ namespace ZRT {
 namespace Proxy {
 
 class CAddressManager;
+class CLoginGuard;
 class CProxyStats;
 struct SProxySettings;
 
@@ -67,6 +68,8 @@ public:
     virtual void SetHandlerTimer(int milliseconds) = 0;
     // The name cache of the proxy this connection belongs to.
     virtual CAddressManager& GetAddressManager() = 0;
+    // What the proxy knows about logins (slowed addresses, verified passwords).
+    virtual CLoginGuard& GetLoginGuard() = 0;
     // The proxy's own address as the client reached it (the accepted socket's local address).
     virtual const IZRTConnectionAddress& GetLocalAddress() const = 0;
     virtual const SProxySettings& GetSettings() const = 0;

@@ -6,7 +6,6 @@
 #include <vector>
 
 #include "proxy/address/CAddressManager.h"
-#include "proxy/core/CCredentials.h"
 #include "proxy/core/SProxySettings.h"
 #include "proxy/http/CBase64.h"
 
@@ -128,7 +127,7 @@ CHTTPPacket* CConnectionProtocol_HTTP::CProxyHTTPResponseParser::CreatePacket() 
 }
 
 CConnectionProtocol_HTTP::CConnectionProtocol_HTTP(IProxyConnection& connection)
-    : m_connection(connection), m_lookup([&connection] { connection.WakeHandler(); })
+    : m_connection(connection), m_lookup([&connection] { connection.WakeHandler(); }), m_login(connection)
 {
 }
 
@@ -140,6 +139,7 @@ void CConnectionProtocol_HTTP::Init() {}
 void CConnectionProtocol_HTTP::Terminate()
 {
     m_lookup.Cancel();
+    m_login.Cancel();
     m_wait = EWait::None;
     m_held.clear();
 }
@@ -189,39 +189,59 @@ void CConnectionProtocol_HTTP::ProcessHTTPRequest(const char* data, int length)
 
     m_connection.MarkRequestComplete();
     m_request = QOX::StaticCast<CHTTPRequest>(m_requestParser.m_packet);
-    if (!Authenticate(*m_request))
-        return;
+    if (StartLogin(*m_request))
+        Route();
+}
+
+void CConnectionProtocol_HTTP::Route()
+{
     if (!GetDestination(m_request))
         Refuse(EOutcome::NoDestination);
 }
 
-bool CConnectionProtocol_HTTP::Authenticate(const CHTTPRequest& request)
+bool CConnectionProtocol_HTTP::StartLogin(const CHTTPRequest& request)
 {
-    const CCredentials::Users& users = m_connection.GetSettings().users;
-    if (users.empty())
+    if (m_connection.GetSettings().users.empty())
         return true;
     // "Basic" (any case), spaces, then base64 of user:password.
     const std::string& field = static_cast<const CProxyHTTPRequest&>(request).GetProxyAuthorization();
     const size_t schemeEnd = field.find(' ');
     std::string credentials;
-    bool valid = false;
+    size_t colon = std::string::npos;
     if (schemeEnd != std::string::npos && SameName(field.substr(0, schemeEnd), BASIC_SCHEME)) {
         const size_t start = field.find_first_not_of(' ', schemeEnd);
-        const size_t colon = CBase64::Decode(start == std::string::npos ? std::string() : field.substr(start), credentials)
-                                 ? credentials.find(':')
-                                 : std::string::npos;
-        if (colon != std::string::npos) {
-            const std::string user = credentials.substr(0, colon);
-            m_connection.SetUser(user);
-            valid = CCredentials::Check(users, user, credentials.substr(colon + 1));
-        }
+        if (CBase64::Decode(start == std::string::npos ? std::string() : field.substr(start), credentials))
+            colon = credentials.find(':');
     }
+    if (colon == std::string::npos)
+        return FinishLogin(false);
+    const std::string user = credentials.substr(0, colon);
+    m_connection.SetUser(user);
+    if (m_login.Start(user, credentials.substr(colon + 1)))
+        return TakeLogin();
+    // A slowed address or a password hash: the request waits for the answer.
+    m_wait = EWait::Login;
+    return false;
+}
+
+bool CConnectionProtocol_HTTP::TakeLogin()
+{
+    bool valid = false;
+    if (!m_login.TakeResult(valid))
+        return false;
+    m_wait = EWait::None;
+    return FinishLogin(valid);
+}
+
+bool CConnectionProtocol_HTTP::FinishLogin(bool valid)
+{
     if (valid)
         return true;
-    m_connection.DescribeExchange(strcasecmp(request.m_method.c_str(), TUNNEL_METHOD) == 0 ? "connect" : "http", "");
+    m_connection.DescribeExchange(strcasecmp(m_request->m_method.c_str(), TUNNEL_METHOD) == 0 ? "connect" : "http", "");
     m_connection.SetOutcome(EOutcome::AuthFailed);
     m_request.Reset();
     m_requestParser.Reset();
+    m_held.clear();
     SendErrorToClient(REPLY_AUTHENTICATION_REQUIRED);
     return false;
 }
@@ -238,6 +258,11 @@ void CConnectionProtocol_HTTP::Refuse(EOutcome outcome)
 
 void CConnectionProtocol_HTTP::Resume()
 {
+    if (m_wait == EWait::Login) {
+        if (TakeLogin())
+            Route();
+        return;
+    }
     QOX::CRefCountPtr<IZRTConnectionAddress> destination;
     if (m_wait != EWait::Lookup || !m_lookup.TakeAnswer(destination))
         return;
@@ -247,6 +272,11 @@ void CConnectionProtocol_HTTP::Resume()
 
 void CConnectionProtocol_HTTP::OnTimer()
 {
+    if (m_wait == EWait::Login) {
+        if (m_login.OnTimer() && TakeLogin())
+            Route();
+        return;
+    }
     if (m_wait != EWait::Lookup)
         return;
     // A name that is not answered in time does not resolve.

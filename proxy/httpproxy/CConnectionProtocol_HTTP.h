@@ -3,6 +3,7 @@
 #include <string>
 
 #include "proxy/address/CNameLookup.h"
+#include "proxy/auth/CLoginCheck.h"
 #include "proxy/core/IConnectionProtocol.h"
 #include "proxy/core/IProxyConnection.h"
 #include "proxy/http/CHTTPRequest.h"
@@ -109,16 +110,23 @@ protected:
     bool ExtractAddress(const QOX::CRefCountPtr<CHTTPRequest>& request, std::string& address);
 
 private:
-    // Where the first request stands while its destination is found and connected.
-    enum class EWait { None, Lookup, Connect };
+    // Where the first request stands while its login is checked and its destination is found
+    // and connected.
+    enum class EWait { None, Login, Lookup, Connect };
 
     void UseDestination(const QOX::CRefCountPtr<IZRTConnectionAddress>& destination);
     // The 404 reply, with how the exchange ended.
     void Refuse(EOutcome outcome);
     void ForwardRequest(CHTTPRequest& request);
-    // With users: true when the request names one with the right password (Basic); otherwise
-    // the 407 reply goes out and the client is closed.
-    bool Authenticate(const CHTTPRequest& request);
+    // With users: true when the request names one with the right password (Basic) and the
+    // answer is known now; false when the 407 reply went out (and the client is closed) or the
+    // answer is awaited (EWait::Login).
+    bool StartLogin(const CHTTPRequest& request);
+    // The awaited answer, if it came: as StartLogin.
+    bool TakeLogin();
+    bool FinishLogin(bool valid);
+    // Finds the request's destination (or refuses it).
+    void Route();
 
     CProxyHTTPRequestParser m_requestParser;
     CProxyHTTPResponseParser m_responseParser;
@@ -128,6 +136,7 @@ private:
     EWait m_wait = EWait::None;
     QOX::CRefCountPtr<CHTTPRequest> m_request;
     CNameLookup m_lookup;
+    CLoginCheck m_login;
     // Client bytes that came while the request waited, and whether the client ended meanwhile.
     std::string m_held;
     bool m_clientEnded = false;

@@ -6,7 +6,6 @@
 #include <cstring>
 
 #include "proxy/address/CAddressManager.h"
-#include "proxy/core/CCredentials.h"
 #include "proxy/core/SProxySettings.h"
 #include "proxy/socks5/CSocksAddress.h"
 
@@ -65,7 +64,7 @@ void CConnectionProtocol_SOCKS5::CBuffer::Consume(unsigned int count)
 // ---- life cycle ----
 
 CConnectionProtocol_SOCKS5::CConnectionProtocol_SOCKS5(IProxyConnection& connection)
-    : m_connection(connection), m_lookup([&connection] { connection.WakeHandler(); })
+    : m_connection(connection), m_lookup([&connection] { connection.WakeHandler(); }), m_login(connection)
 {
 }
 
@@ -81,6 +80,7 @@ void CConnectionProtocol_SOCKS5::Terminate()
     m_state = EState::Closed;
     m_buffer.Clear();
     m_lookup.Cancel();
+    m_login.Cancel();
     if (m_bind)
         m_bind->Stop();
     if (m_udp)
@@ -178,6 +178,8 @@ void CConnectionProtocol_SOCKS5::OnTimer()
         Refuse(REP_ADDRESS_TYPE_NOT_SUPPORTED, EOutcome::NoDestination);
     } else if (m_state == EState::BindAccept) {
         Refuse(REP_GENERAL_FAILURE, EOutcome::Timeout);
+    } else if (m_state == EState::Login && m_login.OnTimer()) {
+        DoLoop();
     }
 }
 
@@ -205,6 +207,9 @@ void CConnectionProtocol_SOCKS5::DoLoop()
             break;
         case EState::Authenticate:
             next = DoAuthenticate();
+            break;
+        case EState::Login:
+            next = DoLogin();
             break;
         case EState::Request:
             next = DoRequest();
@@ -284,14 +289,29 @@ CConnectionProtocol_SOCKS5::EState CConnectionProtocol_SOCKS5::DoAuthenticate()
     const bool versionOk = data[0] == AUTH_VERSION;
     m_buffer.Consume(3 + userLength + passwordLength);
     m_connection.SetUser(user);
-    const bool valid = versionOk && CCredentials::Check(m_connection.GetSettings().users, user, password);
-    const char reply[2] = {static_cast<char>(AUTH_VERSION), static_cast<char>(valid ? AUTH_SUCCEEDED : AUTH_FAILED)};
-    m_connection.SendToClient(reply, 2);
-    if (!valid) {
-        m_connection.SetOutcome(EOutcome::AuthFailed);
+    if (!versionOk) {
+        AnswerLogin(false);
         return EState::Closed;
     }
-    return EState::Request;
+    // The answer may have to wait (a slowed address, a password hash): then Login waits for it.
+    return m_login.Start(user, password) ? DoLogin() : EState::Login;
+}
+
+CConnectionProtocol_SOCKS5::EState CConnectionProtocol_SOCKS5::DoLogin()
+{
+    bool valid = false;
+    if (!m_login.TakeResult(valid))
+        return EState::Login;
+    AnswerLogin(valid);
+    return valid ? EState::Request : EState::Closed;
+}
+
+void CConnectionProtocol_SOCKS5::AnswerLogin(bool valid)
+{
+    const char reply[2] = {static_cast<char>(AUTH_VERSION), static_cast<char>(valid ? AUTH_SUCCEEDED : AUTH_FAILED)};
+    m_connection.SendToClient(reply, 2);
+    if (!valid)
+        m_connection.SetOutcome(EOutcome::AuthFailed);
 }
 
 CConnectionProtocol_SOCKS5::EState CConnectionProtocol_SOCKS5::DoRequest()

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "proxy/address/CNameLookup.h"
+#include "proxy/auth/CLoginCheck.h"
 #include "proxy/core/IConnectionProtocol.h"
 #include "proxy/core/IProxyConnection.h"
 #include "proxy/socks5/CSocks5Bind.h"
@@ -24,19 +25,19 @@ namespace Proxy {
 //
 // One state machine on the connection's thread. DoLoop runs the step of the current state
 // until a step has to wait; the waits end through the connection's callbacks on the same thread:
-// Resume (a name lookup answered, a BIND peer arrived), OnHostConnected (CONNECT's link),
-// OnTimer (the limits of a lookup and of a BIND). Client bytes that arrive meanwhile wait in the
+// Resume (a name lookup answered, a BIND peer arrived, a password hash checked), OnHostConnected
+// (CONNECT's link), OnTimer (the limits of a lookup and of a BIND, a slowed login's turn). Client bytes that arrive meanwhile wait in the
 // buffer and go to the host once the relay starts. A BIND's peer becomes the connection's host
 // link, so CONNECT and BIND relay alike, through the connection; UDP ASSOCIATE relays through its
 // own socket, which the connection polls for the handler.
 //
-//   Greeting -> [Authenticate] -> Request -> [Resolve] -> Connect -> Relay
+//   Greeting -> [Authenticate -> Login] -> Request -> [Resolve] -> Connect -> Relay
 //                                    -> BindAccept -> Relay
 //                                    -> UdpAssociated
 //   any state -> Closed (a refusal, an error, the client's end, Terminate)
 class ZRT_EXPORT CConnectionProtocol_SOCKS5 : public IConnectionProtocol {
 public:
-    enum class EState { Greeting, Authenticate, Request, Resolve, Connect, BindAccept, Relay, UdpAssociated, Closed };
+    enum class EState { Greeting, Authenticate, Login, Request, Resolve, Connect, BindAccept, Relay, UdpAssociated, Closed };
 
     // Client bytes not yet processed; the connection's thread alone uses it.
     class ZRT_EXPORT CBuffer {
@@ -81,6 +82,7 @@ private:
     void DoLoop();
     EState DoGreeting();
     EState DoAuthenticate();
+    EState DoLogin();
     EState DoRequest();
     EState DoResolveComplete();
     EState DoCommand(const AddressPtr& destination);
@@ -91,6 +93,8 @@ private:
     EState DoRelay();
     // Leaves for Closed: drops what is buffered and asks the connection to end.
     void Close();
+    // The username/password reply; a failure is recorded.
+    void AnswerLogin(bool valid);
     // Replies with the code (0.0.0.0 and the client's port), records the outcome, and closes.
     void Refuse(int code, EOutcome outcome);
 
@@ -107,6 +111,7 @@ private:
     bool m_clientEnded = false;
     AddressPtr m_destination;
     CNameLookup m_lookup;
+    CLoginCheck m_login;
     std::unique_ptr<CSocks5Bind> m_bind;
     std::unique_ptr<CSocks5UdpRelay> m_udp;
 };

@@ -9,6 +9,7 @@
 #include "proxy/core/IConnectionProtocol.h"
 #include "proxy/core/CProxyStats.h"
 #include "proxy/address/CDestinationPolicy.h"
+#include "proxy/auth/CLoginGuard.h"
 #include "proxy/core/IProxyConnection.h"
 #include "proxy/core/SProxySettings.h"
 #include "transport/CTCPIPAddress.h"
@@ -135,6 +136,7 @@ public:
     {
         return m_addressManager ? *m_addressManager : *Proxy::CAddressManager::GetInstance();
     }
+    Proxy::CLoginGuard& GetLoginGuard() override { return m_loginGuard; }
     const IZRTConnectionAddress& GetLocalAddress() const override { return m_localAddress; }
     const Proxy::SProxySettings& GetSettings() const override { return m_settings; }
     bool IsDestinationAllowed(const IZRTConnectionAddress& destination) override
@@ -257,6 +259,7 @@ private:
     uint64_t m_datagramBytesToClient = 0;
     std::string m_user = "-";
     Proxy::CProxyStats m_stats;
+    Proxy::CLoginGuard m_loginGuard;
     Proxy::CAddressManager* m_addressManager = nullptr;
     std::string m_protocolName;
     std::string m_destinationText;

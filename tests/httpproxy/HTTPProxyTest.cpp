@@ -6,7 +6,7 @@
 #include "fakes/FakeProxyConnection.h"
 #include "fakes/FakeResolver.h"
 #include "proxy/address/CAddressManager.h"
-#include "proxy/core/CCredentials.h"
+#include "proxy/auth/CCredentials.h"
 #include "proxy/http/CBase64.h"
 #include "proxy/httpproxy/CConnectionProtocol_HTTP.h"
 

@@ -325,6 +325,70 @@ INSTANTIATE_TEST_SUITE_P(
                      Bytes({5, 2, 1, 1}), "alice"}),
     [](const ::testing::TestParamInfo<SAuthRefusal>& info) { return std::string(info.param.name); });
 
+// "hash:PASSWORD" entries stand for crypt(3) hashes, checked on another thread.
+class HashVerifier : public Proxy::IPasswordVerifier {
+public:
+    bool Recognizes(const std::string& stored) const override { return stored.rfind("hash:", 0) == 0; }
+    bool Verify(const std::string& stored, const std::string& password) const override
+    {
+        return stored == "hash:" + password;
+    }
+};
+
+class Socks5HashedAuthTest : public Socks5Fixture {
+protected:
+    void SetUp() override
+    {
+        m_connection.Settings().users = {{"alice", "hash:s3cret"}};
+        m_connection.Settings().passwordVerifier = std::make_shared<HashVerifier>();
+        Socks5Fixture::SetUp();
+    }
+};
+
+TEST_F(Socks5HashedAuthTest, TheAnswerWaitsForTheHashAndTheBytesBehindItForTheAnswer)
+{
+    Send(Bytes({5, 1, 2}) + Credentials("alice", "s3cret") + Request(1, {127, 0, 0, 1}, 80) + "payload");
+    // Nothing is answered on this thread while the hash is computed on another.
+    EXPECT_EQ(EState::Login, m_handler->GetState());
+    EXPECT_EQ(Bytes({5, 2}), m_connection.GetToClient());
+    ASSERT_TRUE(m_connection.RunWhenWoken());
+    EXPECT_EQ(Bytes({5, 2, 1, 0}) + CommandReply(0), m_connection.GetToClient());
+    EXPECT_EQ("payload", m_connection.GetToHost());
+}
+
+class Socks5HashedRefusalTest : public Socks5HashedAuthTest, public ::testing::WithParamInterface<const char*> {};
+
+TEST_P(Socks5HashedRefusalTest, WrongHashedPasswordsAndUnknownNamesFailAlike)
+{
+    Send(Bytes({5, 1, 2}) + Credentials(GetParam(), "guess"));
+    ASSERT_TRUE(m_connection.RunWhenWoken());
+    EXPECT_EQ(Bytes({5, 2, 1, 1}), m_connection.GetToClient());
+    EXPECT_TRUE(Dropped());
+    EXPECT_EQ(Proxy::EOutcome::AuthFailed, m_connection.GetOutcome());
+}
+
+INSTANTIATE_TEST_SUITE_P(Users, Socks5HashedRefusalTest, ::testing::Values("alice", "mallory"));
+
+TEST_F(Socks5AuthTest, AnAddressThatGuessedTooOftenWaitsForItsTurnBeforeAnyAnswer)
+{
+    sockaddr_storage client{};
+    int length = sizeof(client);
+    m_connection.GetClientAddress().GetSockAddr(reinterpret_cast<sockaddr*>(&client), &length);
+    for (int i = 0; i < Proxy::CLoginGuard::FREE_FAILURES; ++i) {
+        m_connection.GetLoginGuard().Begin(client);
+        m_connection.GetLoginGuard().End(client, false);
+    }
+    Send(Bytes({5, 1, 2}) + Credentials("bob", "hunter2") + Request(1, {127, 0, 0, 1}, 80));
+    EXPECT_EQ(EState::Login, m_handler->GetState());
+    EXPECT_GE(m_connection.GetTimerMs(), Proxy::CLoginGuard::FIRST_DELAY_MS);
+    EXPECT_EQ(Bytes({5, 2}), m_connection.GetToClient());
+    m_connection.FireTimer();
+    m_connection.RunPending();
+    EXPECT_EQ(Bytes({5, 2, 1, 0}) + CommandReply(0), m_connection.GetToClient());
+    // The right password cleared the address.
+    EXPECT_EQ(m_connection.GetLoginGuard().Begin(client).count(), 0);
+}
+
 TEST_F(Socks5NegotiationTest, WithoutUsersThePasswordMethodAloneIsNotAccepted)
 {
     Send(Bytes({5, 2, 2, 0}));
