@@ -1,6 +1,7 @@
 #include "transport/CEventLoop.h"
 
 #include <memory>
+#include <utility>
 
 #include <sys/epoll.h>
 
@@ -43,7 +44,7 @@ void CEventLoop::Stop()
     if (GetThreadStatus() == STATUS_RUNNING || GetThreadStatus() == STATUS_STOPPING)
         StopThread(-1);
     // Released outside the lock: a handler's destructor may come back to Remove.
-    std::map<uint64_t, QOX::CRefCountPtr<IEventHandler>> handlers;
+    std::map<uint64_t, SWatch> handlers;
     std::deque<Task> tasks;
     DelayedQueue delayed;
     {
@@ -61,7 +62,7 @@ uint64_t CEventLoop::Add(int socket, uint32_t events, QOX::CRefCountPtr<IEventHa
     const uint64_t token = m_nextToken++;
     if (!AddToEpoll(m_epoll.Get(), socket, events, token))
         return 0;
-    m_handlers[token] = std::move(handler);
+    m_handlers[token].handler = std::move(handler);
     return token;
 }
 
@@ -93,9 +94,17 @@ QOX::CRefCountPtr<IEventHandler> CEventLoop::TakeHandlerLocked(uint64_t token)
     auto found = m_handlers.find(token);
     if (found == m_handlers.end())
         return {};
-    QOX::CRefCountPtr<IEventHandler> handler = std::move(found->second);
+    QOX::CRefCountPtr<IEventHandler> handler = std::move(found->second.handler);
     m_handlers.erase(found);
     return handler;
+}
+
+void CEventLoop::SetBulk(uint64_t token, bool bulk)
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    auto found = m_handlers.find(token);
+    if (found != m_handlers.end())
+        found->second.bulk = bulk;
 }
 
 void CEventLoop::Post(Task task)
@@ -148,6 +157,9 @@ int CEventLoop::Run()
         const int count = epoll_wait(m_epoll.Get(), events, MAX_EVENTS, NextTimeout());
         if (count < 0 && errno != EINTR)
             return 0;
+        m_budget = TURN_BUDGET;
+        RunTasks();
+        DispatchDeferred();
         for (int i = 0; i < count; ++i) {
             const uint64_t token = events[i].data.u64;
             if (token == STOP_TOKEN)
@@ -157,7 +169,6 @@ int CEventLoop::Run()
             else
                 Dispatch(token, events[i].events);
         }
-        RunTasks();
     }
 }
 
@@ -169,9 +180,38 @@ void CEventLoop::Dispatch(uint64_t token, uint32_t events)
         auto found = m_handlers.find(token);
         if (found == m_handlers.end())
             return;
-        handler = found->second;
+        SWatch& watch = found->second;
+        if (watch.deferred || (watch.bulk && m_budget == 0)) {
+            // Its turn comes first in the next round; until then it only collects events.
+            watch.deferredEvents |= events;
+            if (!watch.deferred)
+                m_deferred.push_back(token);
+            watch.deferred = true;
+            return;
+        }
+        handler = watch.handler;
     }
     handler->OnEvents(events);
+}
+
+void CEventLoop::DispatchDeferred()
+{
+    for (size_t waiting = m_deferred.size(); waiting > 0 && m_budget > 0; --waiting) {
+        const uint64_t token = m_deferred.front();
+        m_deferred.pop_front();
+        QOX::CRefCountPtr<IEventHandler> handler;
+        uint32_t events = 0;
+        {
+            std::lock_guard<std::mutex> lock(m_mutex);
+            auto found = m_handlers.find(token);
+            if (found == m_handlers.end())
+                continue;
+            found->second.deferred = false;
+            events = std::exchange(found->second.deferredEvents, 0u);
+            handler = found->second.handler;
+        }
+        handler->OnEvents(events);
+    }
 }
 
 void CEventLoop::RunTasks()
@@ -194,7 +234,7 @@ void CEventLoop::RunTasks()
 int CEventLoop::NextTimeout()
 {
     std::lock_guard<std::mutex> lock(m_mutex);
-    if (!m_tasks.empty())
+    if (!m_tasks.empty() || !m_deferred.empty())
         return 0;
     if (m_delayed.empty())
         return -1;

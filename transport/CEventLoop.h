@@ -21,9 +21,17 @@ namespace ZRT {
 //
 // Registrations are named by tokens, never reused, so an event still in flight for a socket that
 // was removed (and whose number may already belong to a new socket) finds nothing.
+//
+// Fair turns: each turn (one epoll_wait, then the tasks, then the events) has a budget of
+// TURN_BUDGET bytes for bulk traffic. Handlers report the bytes they move (SpendTurnBudget); a
+// registration marked bulk (SetBulk: a stream in full flow) is not served once the turn's budget
+// is spent, but kept in a queue that the next turn serves first, in order. Everything else (new
+// clients, negotiations, small exchanges) is served in every turn, so it never waits behind more
+// than one budget's worth of bulk work, however many streams are in full flow.
 class CEventLoop : private QOX::CThread {
 public:
     using Task = std::function<void()>;
+    static constexpr size_t TURN_BUDGET = 1024 * 1024;
 
     CEventLoop();
     ~CEventLoop() override;
@@ -54,10 +62,24 @@ public:
     // lock, since dropping it may destroy what it holds; safe to call under a caller's own lock.
     void CancelDelayed(uint64_t id);
 
+    // Marks a registration as bulk traffic (or no longer). Loop thread.
+    void SetBulk(uint64_t token, bool bulk);
+    // Bytes of bulk traffic the current turn may still move (0: none), and what was moved. Loop
+    // thread.
+    size_t GetTurnBudget() const { return m_budget; }
+    void SpendTurnBudget(size_t bytes) { m_budget = bytes >= m_budget ? 0 : m_budget - bytes; }
+
     bool IsLoopThread() const { return QOX::CThread::IsCurrentThread(*this); }
     bool IsRunning() const { return GetThreadStatus() == STATUS_RUNNING; }
 
 private:
+    struct SWatch {
+        QOX::CRefCountPtr<IEventHandler> handler;
+        bool bulk = false;
+        bool deferred = false;       // in m_deferred
+        uint32_t deferredEvents = 0; // what came while it waited there
+    };
+
     // Under m_mutex: takes the handler of token out of the table (empty when there is none).
     QOX::CRefCountPtr<IEventHandler> TakeHandlerLocked(uint64_t token);
     using Clock = std::chrono::steady_clock;
@@ -67,6 +89,8 @@ private:
 
     int Run() override;
     void Dispatch(uint64_t token, uint32_t events);
+    // Serves the bulk registrations that earlier turns put off, oldest first, while the budget lasts.
+    void DispatchDeferred();
     void RunTasks();
     int NextTimeout();
 
@@ -76,13 +100,16 @@ private:
     // leaf, except that loop callers may hold their own lock (ARCHITECTURE.md); never held while
     // a handler or task runs.
     std::mutex m_mutex;
-    std::map<uint64_t, QOX::CRefCountPtr<IEventHandler>> m_handlers;
+    std::map<uint64_t, SWatch> m_handlers;
     std::deque<Task> m_tasks;
     using DelayedQueue = std::multimap<Clock::time_point, std::pair<uint64_t, Task>>;
     DelayedQueue m_delayed;
     std::map<uint64_t, DelayedQueue::iterator> m_delayedById;
     uint64_t m_nextToken = FIRST_TOKEN;
     uint64_t m_nextDelayedId = 1;
+    // Loop thread only: the bulk registrations put off, and the budget of the current turn.
+    std::deque<uint64_t> m_deferred;
+    size_t m_budget = TURN_BUDGET;
 };
 
 } // namespace ZRT

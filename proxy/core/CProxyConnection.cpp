@@ -423,6 +423,7 @@ void CProxyConnection::ApplyPlan(const SPlan& plan)
     Watch(LINK, plan.readHost || plan.connectHost ? m_readerFd : -1,
           plan.connectHost ? static_cast<uint32_t>(EPOLLOUT) : static_cast<uint32_t>(EPOLLIN));
     Watch(HANDLER, plan.handlerFd, EPOLLIN);
+    MarkBulk(m_spliceHost || m_spliceClient);
     if (plan.timeout == 0) {
         Schedule();
         return;
@@ -469,6 +470,30 @@ void CProxyConnection::Watch(ERole role, int descriptor, uint32_t events)
         return; // the caller notices (a client that cannot be watched cannot be served)
     m_watchedFd[role] = descriptor;
     m_watchedEvents[role] = events;
+    if (m_bulk && role != HANDLER)
+        m_loop->SetBulk(m_watchTokens[role], true);
+}
+
+void CProxyConnection::MarkBulk(bool bulk)
+{
+    if (bulk == m_bulk)
+        return;
+    m_bulk = bulk;
+    for (const ERole role : {CLIENT, LINK}) {
+        if (m_watchTokens[role] != 0)
+            m_loop->SetBulk(m_watchTokens[role], bulk);
+    }
+}
+
+bool CProxyConnection::HasTurnBudget() const
+{
+    return !m_bulk || m_loop->GetTurnBudget() > 0;
+}
+
+void CProxyConnection::SpendTurnBudget(int bytes)
+{
+    if (bytes > 0)
+        m_loop->SpendTurnBudget(static_cast<size_t>(bytes));
 }
 
 void CProxyConnection::Schedule()
@@ -571,6 +596,9 @@ void CProxyConnection::ReadClient()
 {
     if (m_client != EClient::Open || m_toHost != EFlow::Open)
         return;
+    // A stream in full flow waits for the next turn; the descriptor stays ready till then.
+    if (!HasTurnBudget())
+        return;
     if (SpliceClientToHost())
         return;
     char buffer[CLIENT_READ_SIZE];
@@ -584,6 +612,7 @@ void CProxyConnection::ReadClient()
         ClientEnded();
         return;
     }
+    SpendTurnBudget(static_cast<int>(count));
     NoteActivity();
     // Bytes that come after the link closed have nowhere to go; a closure reported while they
     // came counts as before them.
@@ -629,6 +658,7 @@ bool CProxyConnection::SpliceClientToHost()
     const int taken = link->SendFrom(m_clientSocket, CLIENT_SPLICE_SIZE);
     if (taken > 0) {
         CountClientBytes(static_cast<uint64_t>(taken));
+        SpendTurnBudget(taken);
         NoteActivity();
     }
     if (taken > 0 || taken == IZRTDataLayer::SEND_NOTHING_NOW)
@@ -667,10 +697,16 @@ void CProxyConnection::PumpHost()
         m_hostPending = false;
         return;
     }
-    for (int read = 0; read < HOST_READS_PER_TURN; ++read) {
-        if (!MoveHostBytes())
-            return;
+    // A stream in full flow moves no more than the loop's turn budget allows: the loop serves
+    // the other connections before it comes back.
+    for (int move = 0; move < HOST_READS_PER_TURN; ++move) {
+        if (!HasTurnBudget() || !MoveHostBytes())
+            break;
     }
+    // Spliced bytes wait in the host socket, whose descriptor brings the next step (put off by
+    // the loop while the turn's budget is spent); no step needs asking for.
+    if (m_bulk && m_spliceHost && m_readerFd >= 0)
+        m_hostPending = false;
 }
 
 bool CProxyConnection::MoveHostBytes()
@@ -686,6 +722,7 @@ bool CProxyConnection::MoveHostBytes()
         const int moved = link->ReceiveInto(m_clientSocket, HOST_SPLICE_SIZE);
         if (moved > 0) {
             CountHostBytes(static_cast<uint64_t>(moved));
+            SpendTurnBudget(moved);
             NoteActivity();
             return true;
         }
@@ -705,6 +742,7 @@ bool CProxyConnection::MoveHostBytes()
     const int count = link->ReceiveData(HostBuffer(), HOST_READ_SIZE);
     if (count > 0) {
         CountHostBytes(static_cast<uint64_t>(count));
+        SpendTurnBudget(count);
         NoteActivity();
         m_protocol->HandleResponse(reinterpret_cast<const char*>(HostBuffer()), count);
         // A full read means a stream in full flow: once the handler relays unchanged, later

@@ -190,6 +190,10 @@ private:
     void Watch(ERole role, int descriptor, uint32_t events);
     // Readiness from the loop (its thread).
     void OnReady(ERole role, uint32_t events);
+    // A stream in full flow takes its turns with the loop's bulk budget (CEventLoop).
+    void MarkBulk(bool bulk);
+    bool HasTurnBudget() const;
+    void SpendTurnBudget(int bytes);
     // Makes sure a step runs soon on the loop's thread; any thread.
     void Schedule();
     // Everything released, reported and told: the end of the connection.
@@ -333,6 +337,7 @@ private:
     bool m_hostPending = false; // the last pump stopped with bytes maybe left in the link
     bool m_spliceHost = false;
     bool m_spliceClient = false;
+    bool m_bulk = false; // the loop knows the client and link watches as bulk
     // A BeginConnectToHost that settled without the link's help; told to the handler next step.
     std::optional<bool> m_connectOutcome;
     std::unique_ptr<unsigned char[]> m_hostBuffer;
