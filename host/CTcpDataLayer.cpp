@@ -1,5 +1,10 @@
 #include "host/CTcpDataLayer.h"
 
+#if defined(__linux__)
+#include <linux/sockios.h> // SIOCOUTQ
+#endif
+#include <sys/ioctl.h>
+
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
@@ -606,6 +611,19 @@ void CTcpDataLayer::Disconnect()
         }
     }
     PostAdvance();
+}
+
+unsigned int CTcpDataLayer::GetUndeliveredBytes() const
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    unsigned int undelivered = static_cast<unsigned int>(UnsentLocked());
+#ifdef SIOCOUTQ
+    // What the socket holds that the peer has not acknowledged: a peer whose window stays shut.
+    int queued = 0;
+    if (m_socket >= 0 && ioctl(m_socket, SIOCOUTQ, &queued) == 0 && queued > 0)
+        undelivered += static_cast<unsigned int>(queued);
+#endif
+    return undelivered;
 }
 
 void CTcpDataLayer::Abort()

@@ -73,6 +73,7 @@ public:
     void Disconnect() override;
     void Abort() override;
     unsigned int GetSendBacklog() const override;
+    unsigned int GetUndeliveredBytes() const override;
     int AttachReader() override;
     void DetachReader() override;
     int ReceiveInto(int socket, int size) override;

@@ -87,6 +87,10 @@ public:
     // Added for connecting without blocking (IZRTMultiPointLayer::BeginConnect): true while the
     // link is still being opened. Links that are returned open (the default) never are.
     virtual bool IsConnecting() const { return false; }
+    // Bytes given to SendData or SendFrom that the peer has not taken yet, including those the
+    // link handed to the system that the peer did not acknowledge: more than 0 for long means a
+    // peer that does not read. By default GetSendBacklog.
+    virtual unsigned int GetUndeliveredBytes() const { return GetSendBacklog(); }
     // Closes the link at once: bytes not yet written are dropped (TCP: a reset instead of a
     // FIN), for a peer that stopped reading them. Sinks hear OnConnectionClosed as after
     // Disconnect. By default the same as Disconnect.

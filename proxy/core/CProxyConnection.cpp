@@ -1164,13 +1164,9 @@ bool CProxyConnection::NextLimit(Clock::time_point& deadline) const
 
 std::optional<CProxyConnection::Clock::time_point> CProxyConnection::LingerDeadline() const
 {
-    // Only while what the client sent is still waiting for a destination that does not take it:
-    // a destination that took everything may answer as late as it likes, and one that still
-    // moves bytes (either way) is not stuck.
-    if (!m_clientFinishedAt || m_settings->lingerTimeoutMs <= 0 || m_linkState != ELink::Open)
-        return std::nullopt;
-    const QOX::CRefCountPtr<IZRTDataLayer> link = CurrentLink();
-    if (!link || link->GetSendBacklog() == 0)
+    // Counted from the client's end or the last byte moved (either way), whichever is later: a
+    // destination that still moves bytes is not stuck.
+    if (!m_clientFinishedAt || m_lingerSettled || m_settings->lingerTimeoutMs <= 0 || m_linkState != ELink::Open)
         return std::nullopt;
     return std::max(*m_clientFinishedAt, m_lastActivity) + std::chrono::milliseconds(m_settings->lingerTimeoutMs);
 }
@@ -1180,13 +1176,29 @@ void CProxyConnection::EnforceLimits()
     if (m_moved && ((m_requestComplete && m_settings->idleTimeoutMs > 0) || m_clientFinishedAt))
         m_lastActivity = Clock::now();
     m_moved = false;
-    Clock::time_point deadline;
-    if (m_client != EClient::Open || !NextLimit(deadline) || Clock::now() < deadline)
+    if (m_client != EClient::Open)
         return;
+    const Clock::time_point now = Clock::now();
     const std::optional<Clock::time_point> linger = LingerDeadline();
-    // The client's last bytes are given up: the destination gets a reset, not a FIN after a
-    // part of them.
-    m_abortLink = linger && Clock::now() >= *linger;
+    if (linger && now >= *linger) {
+        const QOX::CRefCountPtr<IZRTDataLayer> link = CurrentLink();
+        if (link && link->GetUndeliveredBytes() > 0) {
+            // The client's last bytes are given up: the destination gets a reset, not a FIN
+            // after a part of them.
+            m_abortLink = true;
+            TimeOut();
+            return;
+        }
+        // The destination took everything: how long it takes to answer is its own business.
+        m_lingerSettled = true;
+    }
+    Clock::time_point deadline;
+    if (NextLimit(deadline) && now >= deadline)
+        TimeOut();
+}
+
+void CProxyConnection::TimeOut()
+{
     // A served tunnel that fell silent ends as a time-out too, whatever was judged before.
     m_outcomeSet = false;
     SetOutcome(EOutcome::Timeout);

@@ -218,9 +218,10 @@ private:
     void RunHandlerTimer();
     // The handshake, idle and linger limits: the earliest of them that applies, or none.
     bool NextLimit(Clock::time_point& deadline) const;
-    // When a client that finished sending gives up on a destination that does not take its
-    // last bytes (the linger limit), if that applies now.
+    // When a client that finished sending gives up on a destination that has not taken its last
+    // bytes (the linger limit), if that applies now.
     std::optional<Clock::time_point> LingerDeadline() const;
+    void TimeOut();
     // Ends a connection whose handshake or idle limit passed.
     void EnforceLimits();
     // Something moved; for the idle limit.
@@ -323,7 +324,8 @@ private:
     bool m_requestComplete = false;
     // When the client finished sending (read, or seen behind bytes not read yet).
     std::optional<Clock::time_point> m_clientFinishedAt;
-    bool m_abortLink = false; // the linger limit passed: the link is reset, not drained
+    bool m_abortLink = false;     // the linger limit passed: the link is reset, not drained
+    bool m_lingerSettled = false; // the destination took everything the client sent
     bool m_moved = false;                 // bytes moved this step
     Clock::time_point m_lastActivity{};   // for the idle and linger limits, kept only when they apply
 
