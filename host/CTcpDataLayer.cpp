@@ -126,7 +126,7 @@ int CTcpDataLayer::ReadForReaderLocked(unsigned char* buffer, int size)
             continue;
         if (WouldBlock(errno))
             return 0;
-        FailLocked();
+        FailLocked(errno);
         return -1;
     }
 }
@@ -157,7 +157,7 @@ void CTcpDataLayer::ReadSocket(bool& gotData)
         if (errno == EINTR)
             continue;
         if (!WouldBlock(errno))
-            FailLocked();
+            FailLocked(errno);
         return;
     }
 }
@@ -260,7 +260,7 @@ int CTcpDataLayer::SendData(const unsigned char* data, int size)
             if (sent < 0 && errno == EINTR)
                 continue;
             if (sent < 0 && !WouldBlock(errno))
-                FailLocked();
+                FailLocked(errno);
             break;
         }
         if (!m_failed) {
@@ -301,7 +301,7 @@ int CTcpDataLayer::SendFrom(int socket, int size)
         if (m_unsent.Empty()) {
             size_t out = 0;
             if (m_sendPipe.DrainTo(m_socket, out) == CSplicePipe::EResult::Failed)
-                FailLocked();
+                FailLocked(EPIPE);
         }
         if (UnsentLocked() > SEND_HIGH_WATER)
             m_sendOverHigh = true;
@@ -349,13 +349,13 @@ bool CTcpDataLayer::FlushLocked()
             continue;
         if (sent < 0 && WouldBlock(errno))
             break;
-        FailLocked();
+        FailLocked(errno);
         return false;
     }
     if (m_unsent.Empty() && m_sendPipe.Held() > 0) {
         size_t out = 0;
         if (m_sendPipe.DrainTo(m_socket, out) == CSplicePipe::EResult::Failed) {
-            FailLocked();
+            FailLocked(EPIPE);
             return false;
         }
     }
@@ -379,8 +379,10 @@ void CTcpDataLayer::EndOutputIfDueLocked()
 
 // ---- state ----
 
-void CTcpDataLayer::FailLocked()
+void CTcpDataLayer::FailLocked(int error)
 {
+    if (!m_failed)
+        m_failure = error != 0 ? error : EIO;
     m_failed = true;
     m_unsent.Clear();
     m_sendPipe.Close();
@@ -434,7 +436,7 @@ void CTcpDataLayer::StartConnectTimerLocked()
             std::lock_guard<std::mutex> held(self->m_mutex);
             self->m_timer = 0;
             if (self->m_phase == EPhase::Connecting)
-                self->FailLocked();
+                self->FailLocked(ETIMEDOUT);
         }
         self->Advance();
     });
@@ -448,7 +450,7 @@ void CTcpDataLayer::StartLingerTimerLocked()
             std::lock_guard<std::mutex> lock(self->m_mutex);
             self->m_timer = 0;
             if (self->m_phase == EPhase::Draining)
-                self->FailLocked();
+                self->FailLocked(ETIMEDOUT);
         }
         self->Advance();
     });
@@ -513,7 +515,7 @@ void CTcpDataLayer::UpdateInterestLocked()
         m_token = m_loop.Add(m_socket, wanted, QOX::CRefCountPtr<IEventHandler>(this));
         if (m_token == 0) {
             // Without the loop nothing could be read or flushed: the link is broken.
-            FailLocked();
+            FailLocked(ENOMEM);
             return;
         }
     } else {
@@ -527,7 +529,7 @@ void CTcpDataLayer::FinishConnectLocked()
     int error = 0;
     socklen_t length = sizeof(error);
     if (getsockopt(m_socket, SOL_SOCKET, SO_ERROR, &error, &length) != 0 || error != 0) {
-        FailLocked();
+        FailLocked(error != 0 ? error : errno);
         return;
     }
     CancelTimersLocked();
@@ -553,7 +555,7 @@ bool CTcpDataLayer::ConnectOutcomeLocked()
     }
     if (errno == EALREADY || errno == EINPROGRESS || errno == EINTR)
         return false;
-    FailLocked();
+    FailLocked(errno);
     return true;
 }
 
@@ -595,7 +597,7 @@ void CTcpDataLayer::Disconnect()
     {
         std::lock_guard<std::mutex> lock(m_mutex);
         if (m_phase == EPhase::Connecting)
-            FailLocked();
+            FailLocked(ECANCELED);
         else if (m_phase == EPhase::Open)
             m_phase = EPhase::Draining;
         else
@@ -611,6 +613,12 @@ void CTcpDataLayer::Disconnect()
         }
     }
     PostAdvance();
+}
+
+int CTcpDataLayer::GetFailure() const
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return m_failed ? m_failure : 0;
 }
 
 unsigned int CTcpDataLayer::GetUndeliveredBytes() const
@@ -637,7 +645,7 @@ void CTcpDataLayer::Abort()
             const linger reset{1, 0};
             setsockopt(m_socket, SOL_SOCKET, SO_LINGER, &reset, sizeof(reset));
         }
-        FailLocked();
+        FailLocked(ECONNABORTED);
     }
     PostAdvance();
 }

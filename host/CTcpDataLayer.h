@@ -74,6 +74,7 @@ public:
     void Abort() override;
     unsigned int GetSendBacklog() const override;
     unsigned int GetUndeliveredBytes() const override;
+    int GetFailure() const override;
     int AttachReader() override;
     void DetachReader() override;
     int ReceiveInto(int socket, int size) override;
@@ -104,7 +105,8 @@ private:
     // Writes the queue; true when a backlog over the high mark fell to the low mark.
     bool FlushLocked();
     void EndOutputIfDueLocked();
-    void FailLocked();
+    // The link is broken for good; error (an errno value) says why, for the first failure.
+    void FailLocked(int error);
     void UpdateInterestLocked();
     // The loop's side of every change: reports a due closure, then releases the socket when
     // nothing more is to be written.
@@ -145,6 +147,7 @@ private:
     // The peer's end of sending has been read (or a reset: m_failed).
     bool m_inputEnded = false;
     bool m_failed = false;
+    int m_failure = 0; // why it failed, an errno value
     bool m_halfClose = false;
     // The loop stopped reading because m_received is full; it resumes under RECEIVE_RESUME.
     bool m_readPaused = false;

@@ -87,6 +87,9 @@ public:
     // Added for connecting without blocking (IZRTMultiPointLayer::BeginConnect): true while the
     // link is still being opened. Links that are returned open (the default) never are.
     virtual bool IsConnecting() const { return false; }
+    // Why the link failed (connecting included), as an errno value (ECONNREFUSED, ETIMEDOUT,
+    // EHOSTUNREACH, ENETUNREACH, ...), or 0 when it did not or cannot tell.
+    virtual int GetFailure() const { return 0; }
     // Bytes given to SendData or SendFrom that the peer has not taken yet, including those the
     // link handed to the system that the peer did not acknowledge: more than 0 for long means a
     // peer that does not read. By default GetSendBacklog.
