@@ -78,9 +78,10 @@ std::string LabelValue(const char* text)
     return value;
 }
 
+// Rounded up, so that a poll does not wake just before the deadline and spin to it.
 int MillisecondsUntil(std::chrono::steady_clock::time_point when)
 {
-    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(when - std::chrono::steady_clock::now());
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(when - std::chrono::steady_clock::now());
     return left.count() < 0 ? 0 : static_cast<int>(left.count());
 }
 } // namespace
