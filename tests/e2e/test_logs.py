@@ -252,8 +252,15 @@ def test_sigusr1_reopens_the_access_log_after_a_rename(tmp_path):
         assert logged(tmp_path / "access.log.2", third) and proxy.alive()
 
 
-def test_metrics_let_in_allowed_scrapers_only_and_never_make_one_wait(tmp_path):
+def test_metrics_let_in_allowed_scrapers_only_and_never_make_one_wait():
     port = free_port()
+    with running("--metrics", f"127.0.0.1:{port}") as proxy:  # loopback is let in by default
+        silent = [socket.create_connection(("127.0.0.1", port), timeout=10) for _ in range(10)]
+        started = time.time()
+        assert "zrtproxy_connections_total" in scrape(port)[0]
+        assert time.time() - started < 1.0
+        for sock in silent:
+            sock.close()
     with running("--metrics", f"127.0.0.1:{port}", "--metrics-allow", "127.0.0.1/32") as proxy:
         assert scrape(port)[2][("zrtproxy_connections_active", ())] == 0
         with socket.socket() as outsider:
@@ -265,12 +272,6 @@ def test_metrics_let_in_allowed_scrapers_only_and_never_make_one_wait(tmp_path):
                 assert outsider.recv(100) == b""
             except (ConnectionResetError, BrokenPipeError):
                 pass  # closed before the request arrived
-        silent = [socket.create_connection(("127.0.0.1", port), timeout=10) for _ in range(10)]
-        started = time.time()
-        assert "zrtproxy_connections_total" in scrape(port)[0]
-        assert time.time() - started < 1.0
-        for sock in silent:
-            sock.close()
         assert proxy.alive()
     result = run("--port", "0", "--metrics", "127.0.0.1:0", "--metrics-allow", "127.0.0.1/8")
     assert result.returncode == 2 and "metrics-allow" in result.stderr, result.stderr
