@@ -107,8 +107,9 @@ void LogLine(void* context, int /*level*/, const char* line)
 
 void ReopenLogs(zrt_proxy_t* proxy, const SStandardError& errors)
 {
-    if (zrt_proxy_reopen_logs(proxy) != ZRT_OK)
-        WriteStandardError(errors, std::string("zrt-proxy: cannot reopen the logs: ") + zrt_proxy_last_error(proxy) + "\n");
+    if (zrt_proxy_reopen_logs(proxy) == ZRT_OK)
+        return;
+    WriteStandardError(errors, std::string("zrt-proxy: cannot reopen the logs: ") + zrt_proxy_last_error(proxy) + "\n");
 }
 
 long DescriptorLimit()

@@ -11,6 +11,7 @@ import signal
 import socket
 import threading
 import time
+from pathlib import Path
 
 import pytest
 
@@ -110,9 +111,10 @@ def test_client_bytes_appear_escaped_and_every_client_has_exactly_one_line(tmp_p
     path = str(tmp_path / "access.log")
     with running("--auth", "alice:pw", "--access-log", path if sink == "file" else "-", "--log-level", "info",
                  "--dns-server", dns) as proxy:
-        read = stdout_reader(proxy) if sink == "-" else lambda: open(path, "rb").read() if os.path.exists(path) else b""
+        read = stdout_reader(proxy) if sink == "-" else lambda: Path(path).read_bytes() if os.path.exists(path) else b""
         # Each user from an address of its own: failed logins from one address are rate-limited.
-        fields = {failed_login(proxy, user, f"127.0.0.{10 + i}"): field for i, (user, field) in enumerate(USERS.items())}
+        fields = {failed_login(proxy, user, f"127.0.0.{10 + i}"): field
+                  for i, (user, field) in enumerate(USERS.items())}
         with client(proxy, "127.0.0.20") as sock:
             sock.sendall(b"GET http://127.0.0.2/ HTTP/1.1\r\nProxy-Authorization: Basic " +
                          base64.b64encode(b"ev\nil:pw") + b"\r\n\r\n")
