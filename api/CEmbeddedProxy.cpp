@@ -6,6 +6,7 @@
 
 #include "api/COptionTable.h"
 #include "api/CUsersFile.h"
+#include "proxy/core/CProxyServer.h"
 #include "runtime/CThreadPool.h"
 
 namespace ZRT {
@@ -108,9 +109,13 @@ int CEmbeddedProxy::Start()
     hooks.onStop = m_threadStop;
     hooks.context = m_threadContext;
     m_pool.reset(new QOX::CThreadPool(hooks));
-    if (!m_settings.metricsAddress.empty() &&
-        !m_metrics.Start(m_settings.metricsAddress, m_settings.metricsPort, m_pool.get(), error))
+    if (!m_settings.metricsAddress.empty() && !m_metrics.Start(m_settings.metricsAddress, m_settings.metricsPort,
+                                                               m_settings.metricsAllow, m_pool.get(), error))
         return Fail(ZRT_E_START, error);
+    if (!m_log.Start(m_pool.get(), m_proxy.GetServer().GetStats())) {
+        m_metrics.Stop();
+        return Fail(ZRT_E_START, "cannot start the log thread");
+    }
     ApplyLive(live);
     m_proxy.SetListenBacklog(m_settings.listenBacklog);
     m_proxy.SetObserver(&m_log);
@@ -118,6 +123,7 @@ int CEmbeddedProxy::Start()
     if (!m_proxy.StartProxy(m_settings.listen, m_settings.port, &host->GetResolver(), &host->GetMultiPointLayer(),
                             &host->GetDatagramHandler(), &host->GetConnectionListener())) {
         m_metrics.Stop();
+        m_log.Stop();
         m_log.SetAccessLog(nullptr);
         return Fail(ZRT_E_START, m_proxy.GetStartError());
     }
@@ -146,8 +152,29 @@ void CEmbeddedProxy::Stop()
     // The proxy's threads end first: they use the host's services to their last call.
     m_proxy.StopProxy();
     m_host.reset();
+    m_log.Stop(); // after the proxy: its last lines ("stopped") are written first
     m_log.SetAccessLog(nullptr);
-    m_pool.reset(); // no thread of it is left: the metrics thread ended
+    m_pool.reset(); // no thread of it is left: the metrics and log threads ended
+}
+
+int CEmbeddedProxy::ReopenLogs()
+{
+    if (!IsRunning())
+        return Fail(ZRT_E_NOT_RUNNING, "the proxy does not run");
+    const std::string path = m_log.GetAccessLogPath();
+    if (path.empty() || path == "-")
+        return Succeed();
+    std::string error;
+    std::shared_ptr<const CAccessLog> log = CAccessLog::Open(path, error);
+    if (!log)
+        return Fail(ZRT_E_BAD_VALUE, error);
+    m_log.SetAccessLog(std::move(log));
+    return Succeed();
+}
+
+void CEmbeddedProxy::CountDroppedLogLines(uint64_t lines)
+{
+    m_proxy.GetServer().GetStats().Add(Proxy::CProxyStats::LOG_LINES_DROPPED, lines);
 }
 
 int CEmbeddedProxy::GetPort() const

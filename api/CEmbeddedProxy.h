@@ -39,6 +39,10 @@ public:
     int Start();
     int Reload();
     void Stop();
+    // Opens the access log in use again by its name (after a rotation renamed it).
+    int ReopenLogs();
+    // Lines a log callback had to drop, counted with the library's own.
+    void CountDroppedLogLines(uint64_t lines);
     int GetPort() const;
     int GetMetricsPort() const { return m_metrics.GetPort(); }
     void GetStats(zrt_proxy_stats_t& stats) const;
@@ -75,7 +79,8 @@ private:
     void* m_resolveContext = nullptr;
 
     CLogRelay m_log;
-    // The threads of this layer (the metrics listener), with the host's hooks; made per start.
+    // The threads of this layer (the log writer, the metrics listener), with the host's hooks; made
+    // per start.
     std::unique_ptr<QOX::CThreadPool> m_pool;
     // Declared before the proxy, so it goes after it: the proxy uses its services to the end.
     std::unique_ptr<Host::CDirectHost> m_host;

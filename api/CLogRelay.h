@@ -1,35 +1,49 @@
 #pragma once
 
-#include <atomic>
 #include <memory>
-#include <mutex>
 #include <string>
 
 #include "api/CAccessLog.h"
+#include "api/CLogRateLimit.h"
+#include "api/CLogWriter.h"
+#include "proxy/core/CProxyStats.h"
 #include "proxy/core/IProxyObserver.h"
+
+namespace QOX {
+class CThreadPool;
+}
 
 namespace ZRT {
 namespace Api {
 
-// Hears the proxy's events and hands each to the host's log callback as one line of text (up
-// to the level set), and finished connections to the access log. The callback may run on
-// several of the proxy's threads at once.
+// Hears the proxy's events on whatever thread they happen and turns each into lines for the log
+// writer, which alone writes them: a line for the host's log callback (up to the level set) and,
+// for each client, an access-log line. Both are made here, with every field escaped (CLogText),
+// so the thread that serves clients formats and queues, and never writes. Warnings of one cause
+// from one address (failed logins, refusals by the allow list or a client limit) are rate-limited
+// for the callback (CLogRateLimit); the access log keeps a line for every client.
+//
+// Threads: SetCallback while stopped; Start, Stop, SetAccessLog and GetAccessLogPath on the
+// controlling thread; SetLevel, the observer operations and Emit on any thread.
 class CLogRelay : public Proxy::IProxyObserver {
 public:
-    using Callback = void (*)(void* context, int level, const char* line);
+    using Callback = CLogWriter::Callback;
 
-    // Set while the proxy is stopped.
-    void SetCallback(Callback callback, void* context)
-    {
-        m_callback = callback;
-        m_context = context;
-    }
-    // Any time: lines above the level are dropped; the access log is swapped whole.
-    void SetLevel(int level) { m_level = level; }
-    void SetAccessLog(std::shared_ptr<const CAccessLog> log);
+    CLogRelay() : m_writer(m_limit) {}
 
-    // "client protocol user destination result bytes-up bytes-down duration-ms": the fields of
-    // an access log line after its time.
+    void SetCallback(Callback callback, void* context) { m_writer.SetCallback(callback, context); }
+    // Lines above the level are neither made nor written.
+    void SetLevel(int level) { m_writer.SetLevel(level); }
+    // Swapped whole (a reload, a reopen); null for none.
+    void SetAccessLog(std::shared_ptr<const CAccessLog> log) { m_writer.SetAccessLog(std::move(log)); }
+    std::string GetAccessLogPath() const { return m_writer.GetAccessLogPath(); }
+    // The writer thread, from the pool (the host's hooks run on it); false when none could start.
+    bool Start(QOX::CThreadPool* pool, Proxy::CProxyStats& stats) { return m_writer.Start(pool, stats); }
+    // Writes what was queued (never waiting for a sink) and ends the writer.
+    void Stop() { m_writer.Stop(); }
+
+    // "client protocol user destination result bytes-up bytes-down duration-ms": the fields of an
+    // access-log line after its time, escaped, spaces within them too.
     static std::string Describe(const Proxy::SConnectionRecord& record);
 
     void OnStarted(const std::string& address, int port) override;
@@ -37,16 +51,12 @@ public:
     void OnConnectionFinished(const Proxy::SConnectionRecord& record) override;
     void OnError(const std::string& text) override;
 
-    // A line of the host's own (the C interface's start and reload problems).
-    void Emit(int level, const std::string& line) const;
+    // A line of the host's own (start, reload); escaped like the rest.
+    void Emit(int level, const std::string& line);
 
 private:
-    Callback m_callback = nullptr;
-    void* m_context = nullptr;
-    std::atomic<int> m_level{4};
-    // Guards m_accessLog: held only to copy the pointer, never while writing.
-    mutable std::mutex m_mutex;
-    std::shared_ptr<const CAccessLog> m_accessLog;
+    CLogRateLimit m_limit; // before the writer, which refers to it
+    CLogWriter m_writer;
 };
 
 } // namespace Api

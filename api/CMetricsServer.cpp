@@ -6,10 +6,14 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstring>
+#include <iterator>
+#include <utility>
 
+#include "api/CLogText.h"
 #include "runtime/CThreadPool.h"
 #include "transport/CSocketUtils.h"
 
@@ -23,59 +27,62 @@ struct SMetric {
     const char* name;
     const char* type;
     const char* help;
-    const char* label; // "" or key="value"
+    const char* labelName; // "" for none
+    const char* labelValue;
     CProxyStats::ECounter counter;
 };
 
 // Metrics that share a name are written together under one HELP and TYPE.
 const SMetric METRICS[] = {
-    {"zrtproxy_connections_total", "counter", "Client connections accepted.", "", CProxyStats::CONNECTIONS_TOTAL},
-    {"zrtproxy_connections_active", "gauge", "Client connections open now.", "", CProxyStats::CONNECTIONS_ACTIVE},
-    {"zrtproxy_socks5_connections_total", "counter", "Clients that spoke SOCKS5.", "", CProxyStats::SOCKS5_TOTAL},
-    {"zrtproxy_http_connections_total", "counter", "Clients that spoke the HTTP proxy protocol.", "",
+    {"zrtproxy_connections_total", "counter", "Client connections accepted.", "", "", CProxyStats::CONNECTIONS_TOTAL},
+    {"zrtproxy_connections_active", "gauge", "Client connections open now.", "", "", CProxyStats::CONNECTIONS_ACTIVE},
+    {"zrtproxy_socks5_connections_total", "counter", "Clients that spoke SOCKS5.", "", "", CProxyStats::SOCKS5_TOTAL},
+    {"zrtproxy_http_connections_total", "counter", "Clients that spoke the HTTP proxy protocol.", "", "",
      CProxyStats::HTTP_TOTAL},
-    {"zrtproxy_refused_total", "counter", "Clients refused, by reason.", "reason=\"bad_request\"",
+    {"zrtproxy_refused_total", "counter", "Clients refused, by reason.", "reason", "bad_request",
      CProxyStats::REFUSED_BAD_REQUEST},
-    {"zrtproxy_refused_total", "counter", "", "reason=\"no_destination\"", CProxyStats::REFUSED_NO_DESTINATION},
-    {"zrtproxy_refused_total", "counter", "", "reason=\"unreachable\"", CProxyStats::REFUSED_UNREACHABLE},
-    {"zrtproxy_refused_total", "counter", "", "reason=\"not_allowed\"", CProxyStats::REFUSED_NOT_ALLOWED},
-    {"zrtproxy_refused_total", "counter", "", "reason=\"auth_failed\"", CProxyStats::REFUSED_AUTH_FAILED},
-    {"zrtproxy_refused_total", "counter", "", "reason=\"over_limit\"", CProxyStats::REFUSED_OVER_LIMIT},
-    {"zrtproxy_refused_total", "counter", "", "reason=\"source_limit\"", CProxyStats::REFUSED_SOURCE_LIMIT},
-    {"zrtproxy_refused_total", "counter", "", "reason=\"denied\"", CProxyStats::REFUSED_DENIED},
-    {"zrtproxy_timeouts_total", "counter", "Connections closed by the handshake or idle time-out.", "",
+    {"zrtproxy_refused_total", "counter", "", "reason", "no_destination", CProxyStats::REFUSED_NO_DESTINATION},
+    {"zrtproxy_refused_total", "counter", "", "reason", "unreachable", CProxyStats::REFUSED_UNREACHABLE},
+    {"zrtproxy_refused_total", "counter", "", "reason", "not_allowed", CProxyStats::REFUSED_NOT_ALLOWED},
+    {"zrtproxy_refused_total", "counter", "", "reason", "auth_failed", CProxyStats::REFUSED_AUTH_FAILED},
+    {"zrtproxy_refused_total", "counter", "", "reason", "over_limit", CProxyStats::REFUSED_OVER_LIMIT},
+    {"zrtproxy_refused_total", "counter", "", "reason", "source_limit", CProxyStats::REFUSED_SOURCE_LIMIT},
+    {"zrtproxy_refused_total", "counter", "", "reason", "denied", CProxyStats::REFUSED_DENIED},
+    {"zrtproxy_timeouts_total", "counter", "Connections closed by the handshake or idle time-out.", "", "",
      CProxyStats::TIMED_OUT},
-    {"zrtproxy_bytes_total", "counter", "Bytes relayed, by direction.", "direction=\"client_to_host\"",
+    {"zrtproxy_bytes_total", "counter", "Bytes relayed, by direction.", "direction", "client_to_host",
      CProxyStats::BYTES_CLIENT_TO_HOST},
-    {"zrtproxy_bytes_total", "counter", "", "direction=\"host_to_client\"", CProxyStats::BYTES_HOST_TO_CLIENT},
+    {"zrtproxy_bytes_total", "counter", "", "direction", "host_to_client", CProxyStats::BYTES_HOST_TO_CLIENT},
     {"zrtproxy_udp_datagrams_total", "counter", "UDP datagrams relayed, by direction.",
-     "direction=\"client_to_host\"", CProxyStats::UDP_DATAGRAMS_CLIENT_TO_HOST},
-    {"zrtproxy_udp_datagrams_total", "counter", "", "direction=\"host_to_client\"",
+     "direction", "client_to_host", CProxyStats::UDP_DATAGRAMS_CLIENT_TO_HOST},
+    {"zrtproxy_udp_datagrams_total", "counter", "", "direction", "host_to_client",
      CProxyStats::UDP_DATAGRAMS_HOST_TO_CLIENT},
-    {"zrtproxy_udp_datagrams_dropped_total", "counter", "UDP datagrams too large to relay whole.", "",
+    {"zrtproxy_udp_datagrams_dropped_total", "counter", "UDP datagrams too large to relay whole.", "", "",
      CProxyStats::UDP_DATAGRAMS_DROPPED},
-    {"zrtproxy_log_lines_dropped_total", "counter", "Log lines lost because the log sink was behind.", "",
+    {"zrtproxy_log_lines_dropped_total", "counter", "Log lines lost because the log sink was behind.", "", "",
      CProxyStats::LOG_LINES_DROPPED},
 };
 
-bool SendAll(int socket, const std::string& text)
+const char* const LOOPBACK[] = {"127.0.0.0/8", "::1"};
+
+// A label value as the text format wants it: escaped like a log field (a quote too), and every
+// backslash of that doubled, so that a parser reads back the escaped text.
+std::string LabelValue(const char* text)
 {
-    size_t sent = 0;
-    while (sent < text.size()) {
-        const ssize_t result = send(socket, text.data() + sent, text.size() - sent, MSG_NOSIGNAL);
-        if (result < 0 && errno == EINTR)
-            continue;
-        if (result < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
-            pollfd entry{socket, POLLOUT, 0};
-            if (poll(&entry, 1, CMetricsServer::SCRAPE_TIMEOUT_MS) <= 0)
-                return false;
-            continue;
-        }
-        if (result <= 0)
-            return false;
-        sent += static_cast<size_t>(result);
+    std::string value;
+    for (const char c : CLogText::Escape(text, CLogText::TEXT_LIMIT, "\"")) {
+        value += c;
+        if (c == '\\')
+            value += c;
     }
-    return true;
+    return value;
+}
+
+// Rounded up, so that a poll does not wake just before the deadline and spin to it.
+int MillisecondsUntil(std::chrono::steady_clock::time_point when)
+{
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(when - std::chrono::steady_clock::now());
+    return left.count() < 0 ? 0 : static_cast<int>(left.count());
 }
 } // namespace
 
@@ -84,8 +91,21 @@ CMetricsServer::~CMetricsServer()
     Stop();
 }
 
-bool CMetricsServer::Start(const std::string& address, int port, QOX::CThreadPool* pool, std::string& error)
+bool CMetricsServer::Start(const std::string& address, int port, const std::vector<std::string>& allow,
+                           QOX::CThreadPool* pool, std::string& error)
 {
+    m_allow.clear();
+    std::vector<std::string> blocks = allow;
+    if (blocks.empty())
+        blocks.assign(std::begin(LOOPBACK), std::end(LOOPBACK));
+    for (const std::string& block : blocks) {
+        Proxy::CAddressRange range;
+        if (!range.Parse(block)) {
+            error = "metrics-allow: '" + block + "' is not an address block";
+            return false;
+        }
+        m_allow.push_back(range);
+    }
     sockaddr_storage local{};
     socklen_t length = 0;
     auto& v4 = reinterpret_cast<sockaddr_in&>(local);
@@ -104,7 +124,7 @@ bool CMetricsServer::Start(const std::string& address, int port, QOX::CThreadPoo
     if (socket >= 0)
         setsockopt(socket, SOL_SOCKET, SO_REUSEADDR, &one, sizeof(one));
     if (length == 0 || socket < 0 || bind(socket, reinterpret_cast<sockaddr*>(&local), length) != 0 ||
-        listen(socket, 16) != 0 || getsockname(socket, reinterpret_cast<sockaddr*>(&local), &length) != 0) {
+        listen(socket, 64) != 0 || getsockname(socket, reinterpret_cast<sockaddr*>(&local), &length) != 0) {
         error = "cannot serve metrics on " + address + ":" + std::to_string(port) + ": " + std::strerror(errno);
         CSocketUtils::CloseSocket(socket);
         return false;
@@ -133,46 +153,108 @@ void CMetricsServer::Stop()
 
 int CMetricsServer::Run()
 {
-    const int stop = m_stopEvent.GetWaitHandle();
+    std::vector<SScraper> scrapers;
+    std::vector<pollfd> entries;
     for (;;) {
-        pollfd fds[2] = {{m_listenSocket, POLLIN, 0}, {stop, POLLIN, 0}};
-        if (poll(fds, 2, -1) < 0 && errno != EINTR)
+        entries.assign({{m_stopEvent.GetWaitHandle(), POLLIN, 0}, {m_listenSocket, POLLIN, 0}});
+        int timeout = -1;
+        for (const SScraper& scraper : scrapers) {
+            entries.push_back({scraper.socket.Get(), static_cast<short>(scraper.answer.empty() ? POLLIN : POLLOUT), 0});
+            const int left = MillisecondsUntil(scraper.deadline);
+            timeout = timeout < 0 ? left : std::min(timeout, left);
+        }
+        if (poll(entries.data(), entries.size(), timeout) < 0 && errno != EINTR)
             return 0;
-        if (fds[1].revents != 0)
+        if (entries[0].revents != 0)
             return 0;
-        if (!(fds[0].revents & POLLIN))
-            continue;
-        const int client = accept4(m_listenSocket, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
-        if (client < 0)
-            continue;
-        Serve(client, stop);
-        CSocketUtils::CloseSocket(client);
+        const Clock::time_point now = Clock::now();
+        size_t kept = 0;
+        for (size_t i = 0; i < scrapers.size(); ++i) {
+            const bool ready = entries[i + 2].revents != 0;
+            if ((ready && !Step(scrapers[i])) || (!ready && now >= scrapers[i].deadline))
+                continue; // done with, or out of time: closed as it goes
+            if (kept != i)
+                scrapers[kept] = std::move(scrapers[i]);
+            ++kept;
+        }
+        scrapers.resize(kept);
+        if (entries[1].revents & POLLIN)
+            Accept(scrapers);
     }
 }
 
-void CMetricsServer::Serve(int client, int stop)
+void CMetricsServer::Accept(std::vector<SScraper>& scrapers) const
 {
-    // The request line and headers, up to a blank line, within the time limit.
-    std::string request;
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(SCRAPE_TIMEOUT_MS);
-    while (request.find("\r\n\r\n") == std::string::npos && request.find("\n\n") == std::string::npos) {
-        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
-        pollfd entries[2] = {{client, POLLIN, 0}, {stop, POLLIN, 0}};
-        if (left.count() <= 0 || request.size() > 8192 || poll(entries, 2, static_cast<int>(left.count())) <= 0 ||
-            entries[1].revents != 0)
+    // A few each round, so that a flood of connections cannot keep the scrapers waiting.
+    for (size_t round = 0; round < MAX_SCRAPERS; ++round) {
+        sockaddr_storage peer{};
+        socklen_t length = sizeof(peer);
+        CSocketHandle client(accept4(m_listenSocket, reinterpret_cast<sockaddr*>(&peer), &length,
+                                     SOCK_CLOEXEC | SOCK_NONBLOCK));
+        if (!client.IsValid())
             return;
-        char chunk[2048];
-        const ssize_t got = recv(client, chunk, sizeof(chunk), 0);
-        if (got <= 0)
-            return;
-        request.append(chunk, static_cast<size_t>(got));
+        if (!IsAllowed(peer))
+            continue; // closed at once, before a byte is read
+        if (scrapers.size() >= MAX_SCRAPERS) {
+            // The oldest that has not sent its request yet gives way; with none, the newcomer.
+            auto oldest = scrapers.end();
+            for (auto at = scrapers.begin(); at != scrapers.end(); ++at) {
+                if (at->answer.empty() && (oldest == scrapers.end() || at->deadline < oldest->deadline))
+                    oldest = at;
+            }
+            if (oldest == scrapers.end())
+                continue;
+            scrapers.erase(oldest);
+        }
+        SScraper scraper;
+        scraper.socket = std::move(client);
+        scraper.deadline = Clock::now() + std::chrono::milliseconds(SCRAPE_TIMEOUT_MS);
+        scrapers.push_back(std::move(scraper));
     }
+}
+
+bool CMetricsServer::IsAllowed(const sockaddr_storage& peer) const
+{
+    for (const Proxy::CAddressRange& range : m_allow) {
+        if (range.Contains(peer))
+            return true;
+    }
+    return false;
+}
+
+bool CMetricsServer::Step(SScraper& scraper) const
+{
+    if (scraper.answer.empty()) {
+        // The request line and headers, up to a blank line.
+        char chunk[2048];
+        const ssize_t got = recv(scraper.socket.Get(), chunk, sizeof(chunk), MSG_DONTWAIT);
+        if (got < 0 && (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR))
+            return true;
+        if (got <= 0)
+            return false;
+        scraper.request.append(chunk, static_cast<size_t>(got));
+        if (scraper.request.size() > MAX_REQUEST)
+            return false;
+        if (scraper.request.find("\r\n\r\n") == std::string::npos && scraper.request.find("\n\n") == std::string::npos)
+            return true;
+        scraper.answer = Answer(scraper.request);
+        scraper.deadline = Clock::now() + std::chrono::milliseconds(SCRAPE_TIMEOUT_MS);
+    }
+    const ssize_t sent = send(scraper.socket.Get(), scraper.answer.data() + scraper.sent,
+                              scraper.answer.size() - scraper.sent, MSG_DONTWAIT | MSG_NOSIGNAL);
+    if (sent < 0)
+        return errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR;
+    scraper.sent += static_cast<size_t>(sent);
+    return scraper.sent < scraper.answer.size();
+}
+
+std::string CMetricsServer::Answer(const std::string& request) const
+{
     const bool metrics = request.compare(0, 13, "GET /metrics ") == 0 || request.compare(0, 13, "GET /metrics?") == 0;
     const std::string body = metrics ? Render(m_stats) : "not found: the counters are at /metrics\n";
-    const std::string head = std::string(metrics ? "HTTP/1.0 200 OK\r\n" : "HTTP/1.0 404 Not Found\r\n") +
-                             "Content-Type: text/plain; version=0.0.4; charset=utf-8\r\n" +
-                             "Content-Length: " + std::to_string(body.size()) + "\r\nConnection: close\r\n\r\n";
-    SendAll(client, head + body);
+    return std::string(metrics ? "HTTP/1.0 200 OK\r\n" : "HTTP/1.0 404 Not Found\r\n") +
+           "Content-Type: text/plain; version=0.0.4; charset=utf-8\r\n" +
+           "Content-Length: " + std::to_string(body.size()) + "\r\nConnection: close\r\n\r\n" + body;
 }
 
 std::string CMetricsServer::Render(const Proxy::CProxyStats& stats)
@@ -186,8 +268,8 @@ std::string CMetricsServer::Render(const Proxy::CProxyStats& stats)
             previous = metric.name;
         }
         page += metric.name;
-        if (*metric.label)
-            page += std::string("{") + metric.label + "}";
+        if (*metric.labelName)
+            page += std::string("{") + metric.labelName + "=\"" + LabelValue(metric.labelValue) + "\"}";
         page += " " + std::to_string(stats.Get(metric.counter)) + "\n";
     }
     return page;

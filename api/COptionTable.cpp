@@ -160,6 +160,17 @@ bool SetMetrics(SEmbeddedSettings& settings, const std::string& value, std::stri
     return true;
 }
 
+bool SetMetricsAllow(SEmbeddedSettings& settings, const std::string& value, std::string& error)
+{
+    Proxy::CAddressRange range;
+    if (!range.Parse(value)) {
+        error = "'" + value + "' is not an address block such as 127.0.0.0/8 or ::1 (no host bits below the prefix)";
+        return false;
+    }
+    settings.metricsAllow.push_back(value);
+    return true;
+}
+
 bool SetListen(SEmbeddedSettings& settings, const std::string& value, std::string& error)
 {
     std::string address = value;
@@ -304,6 +315,9 @@ const COptionTable::SOption OPTIONS[] = {
      SetLogLevel, [](SEmbeddedSettings& s) { s.logLevel = Defaults().logLevel; }},
     {"metrics", 0, "ADDR:PORT", "serve the counters for Prometheus at http://ADDR:PORT/metrics (default: off)",
      SetMetrics, [](SEmbeddedSettings& s) { s.metricsAddress.clear(), s.metricsPort = 0; }},
+    {"metrics-allow", COptionTable::REPEATABLE, "CIDR",
+     "scrapers let in to the metrics listener; others are closed at once (default: loopback, 127.0.0.0/8 and ::1)",
+     SetMetricsAllow, [](SEmbeddedSettings& s) { s.metricsAllow.clear(); }},
 };
 } // namespace
 

@@ -4,6 +4,7 @@
 
 #include <map>
 #include <string>
+#include <vector>
 
 #include "host/SDirectHostSettings.h"
 #include "proxy/core/SProxySettings.h"
@@ -34,6 +35,8 @@ struct SEmbeddedSettings {
     // The Prometheus listener: "" for none, else a numeric address and a port.
     std::string metricsAddress;
     int metricsPort = 0;
+    // CIDR blocks of the scrapers let in; none for loopback only.
+    std::vector<std::string> metricsAllow;
 };
 
 } // namespace Api

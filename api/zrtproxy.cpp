@@ -48,6 +48,13 @@ int zrt_proxy_reload(zrt_proxy_t* proxy)
     return proxy->proxy.Reload();
 }
 
+int zrt_proxy_reopen_logs(zrt_proxy_t* proxy)
+{
+    if (!proxy)
+        return ZRT_E_INVALID;
+    return proxy->proxy.ReopenLogs();
+}
+
 void zrt_proxy_stop(zrt_proxy_t* proxy)
 {
     if (proxy)
@@ -85,6 +92,12 @@ void zrt_proxy_set_log_callback(zrt_proxy_t* proxy, void (*callback)(void* conte
 {
     if (proxy)
         proxy->proxy.SetLogCallback(callback, context);
+}
+
+void zrt_proxy_count_dropped_log_lines(zrt_proxy_t* proxy, unsigned count)
+{
+    if (proxy)
+        proxy->proxy.CountDroppedLogLines(count);
 }
 
 void zrt_proxy_set_thread_hooks(zrt_proxy_t* proxy, void (*on_start)(void* context), void (*on_stop)(void* context),

@@ -1,9 +1,15 @@
 // zrt-proxy: the proxy library on this machine's own sockets. SIGHUP reloads the configuration;
-// SIGINT or SIGTERM stops. It uses nothing but the library's C interface.
+// SIGUSR1 reopens the access log; SIGINT or SIGTERM stops. It uses nothing but the library's C
+// interface.
 
+#include <fcntl.h>
+#include <poll.h>
 #include <pthread.h>
 #include <signal.h>
 #include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <cstdio>
 #include <string>
@@ -28,13 +34,82 @@ sigset_t HandledSignals()
     sigaddset(&signals, SIGINT);
     sigaddset(&signals, SIGTERM);
     sigaddset(&signals, SIGHUP);
+    sigaddset(&signals, SIGUSR1);
     return signals;
 }
 
-// The library's lines, up to its log-level, go to standard error.
-void LogLine(void* /*context*/, int /*level*/, const char* line)
+// Standard error as the log lines reach it: never waiting, since the library's log callback must
+// not block. A pipe, FIFO or terminal gets a description of its own with O_NONBLOCK (the inherited
+// one may be shared with a shell, whose flags must stay); a socket (the journal) is sent to with
+// MSG_DONTWAIT; a file is written as it is; where no description of its own can be had, a line
+// goes only when poll says there is room (a page at least, more than a line).
+struct SStandardError {
+    enum class EMode { Write, Send, Polled };
+
+    SStandardError() = default;
+    SStandardError(const SStandardError&) = delete;
+    SStandardError& operator=(const SStandardError&) = delete;
+    ~SStandardError()
+    {
+        if (descriptor != STDERR_FILENO)
+            close(descriptor);
+    }
+
+    int descriptor = STDERR_FILENO;
+    EMode mode = EMode::Write;
+    zrt_proxy_t* proxy = nullptr;
+    unsigned long dropped = 0; // the log thread's: lines not taken since the last that was
+};
+
+void OpenStandardError(SStandardError& errors)
 {
-    std::fprintf(stderr, "zrt-proxy: %s\n", line);
+    struct stat status {};
+    if (fstat(STDERR_FILENO, &status) != 0 || S_ISREG(status.st_mode))
+        return;
+    if (S_ISSOCK(status.st_mode)) {
+        errors.mode = SStandardError::EMode::Send;
+        return;
+    }
+    const int own = open("/proc/self/fd/2", O_WRONLY | O_APPEND | O_NONBLOCK | O_CLOEXEC | O_NOCTTY);
+    if (own >= 0)
+        errors.descriptor = own;
+    else
+        errors.mode = SStandardError::EMode::Polled;
+}
+
+// Whether standard error took the text (lines are shorter than PIPE_BUF: a pipe takes all or none).
+bool WriteStandardError(const SStandardError& errors, const std::string& text)
+{
+    if (errors.mode == SStandardError::EMode::Polled) {
+        pollfd entry{errors.descriptor, POLLOUT, 0};
+        if (poll(&entry, 1, 0) != 1 || !(entry.revents & POLLOUT))
+            return false;
+    }
+    const ssize_t written = errors.mode == SStandardError::EMode::Send
+                                ? send(errors.descriptor, text.data(), text.size(), MSG_DONTWAIT | MSG_NOSIGNAL)
+                                : write(errors.descriptor, text.data(), text.size());
+    return written > 0;
+}
+
+// The library's lines, up to its log-level, go to standard error; one that does not go at once is
+// dropped, counted with the library's own, and told of with the next line that goes.
+void LogLine(void* context, int /*level*/, const char* line)
+{
+    SStandardError& errors = *static_cast<SStandardError*>(context);
+    if (errors.dropped > 0 &&
+        WriteStandardError(errors, "zrt-proxy: " + std::to_string(errors.dropped) + " log lines dropped\n"))
+        errors.dropped = 0;
+    if (errors.dropped > 0 || !WriteStandardError(errors, std::string("zrt-proxy: ") + line + "\n")) {
+        ++errors.dropped;
+        zrt_proxy_count_dropped_log_lines(errors.proxy, 1);
+    }
+}
+
+void ReopenLogs(zrt_proxy_t* proxy, const SStandardError& errors)
+{
+    if (zrt_proxy_reopen_logs(proxy) == ZRT_OK)
+        return;
+    WriteStandardError(errors, std::string("zrt-proxy: cannot reopen the logs: ") + zrt_proxy_last_error(proxy) + "\n");
 }
 
 long DescriptorLimit()
@@ -97,7 +172,10 @@ int Serve(zrt_proxy_t* proxy, const CCommandLine& options)
         std::fprintf(stderr, "zrt-proxy: %s\n", error.c_str());
         return 2;
     }
-    zrt_proxy_set_log_callback(proxy, &LogLine, nullptr);
+    SStandardError errors;
+    OpenStandardError(errors);
+    errors.proxy = proxy;
+    zrt_proxy_set_log_callback(proxy, &LogLine, &errors);
     if (zrt_proxy_start(proxy) != ZRT_OK) {
         std::fprintf(stderr, "zrt-proxy: %s\n", zrt_proxy_last_error(proxy));
         return 1;
@@ -111,6 +189,10 @@ int Serve(zrt_proxy_t* proxy, const CCommandLine& options)
         int received = 0;
         if (sigwait(&signals, &received) != 0)
             continue;
+        if (received == SIGUSR1) {
+            ReopenLogs(proxy, errors);
+            continue;
+        }
         if (received != SIGHUP)
             break;
         Reload(proxy, options, current);

@@ -17,15 +17,16 @@ DEST_V6 = "::1"
 
 
 class Daemon:
-    def __init__(self, *args, limit_fds=None):
+    def __init__(self, *args, limit_fds=None, stderr=None):
         def limit():
             if limit_fds:
                 import resource
                 resource.setrlimit(resource.RLIMIT_NOFILE, (limit_fds, limit_fds))
-        # A file, not a pipe: a sanitizer report must neither block the daemon nor get lost.
-        self.stderr = tempfile.TemporaryFile(mode="w+")
+        # A file, not a pipe: a sanitizer report must neither block the daemon nor get lost. A test
+        # of standard error itself may give another descriptor.
+        self.stderr = tempfile.TemporaryFile(mode="w+") if stderr is None else None
         self.proc = subprocess.Popen([PROXY_BIN, "--port", "0", *args], stdout=subprocess.PIPE,
-                                     stderr=self.stderr, text=True, preexec_fn=limit)
+                                     stderr=self.stderr or stderr, text=True, preexec_fn=limit)
         self.pid = self.proc.pid
         line = self.proc.stdout.readline()
         assert "listening on" in line, line + self.errors()
@@ -34,8 +35,15 @@ class Daemon:
         self.port = int(port)
 
     def errors(self):
+        if self.stderr is None:
+            return ""
         self.stderr.seek(0)
         return self.stderr.read()
+
+    def error_bytes(self):
+        """Standard error as written, undecoded."""
+        self.stderr.flush()
+        return os.pread(self.stderr.fileno(), 1 << 24, 0)
 
     def sanitized(self):
         """True when the daemon runs under ASan or TSan, whose memory use says nothing."""

@@ -116,6 +116,12 @@ ZRT_API int zrt_proxy_start(zrt_proxy_t* proxy);
  * file, an access log that cannot be opened) with the reason in zrt_proxy_last_error.
  * ZRT_E_NOT_RUNNING when stopped. */
 ZRT_API int zrt_proxy_reload(zrt_proxy_t* proxy);
+/* Opens "access-log" again by the name it was opened with, for the lines written from now on
+ * (after a rotation renamed the file; the daemon does it on SIGUSR1); standard output stays. The
+ * log thread closes the old file as it turns to the new one. ZRT_E_BAD_VALUE when the file cannot be
+ * opened (the old one stays in use), ZRT_E_NOT_RUNNING when stopped. The controlling thread's, like
+ * zrt_proxy_reload (which reopens it too). */
+ZRT_API int zrt_proxy_reopen_logs(zrt_proxy_t* proxy);
 /* The TCP port the proxy listens on (the one chosen for "port" 0), or 0 when stopped. */
 ZRT_API int zrt_proxy_port(const zrt_proxy_t* proxy);
 /* Stops serving: closes the port and every client connection at once (connects and lookups
@@ -133,12 +139,29 @@ ZRT_API const char* zrt_proxy_version(void);
  * small for the size field itself. Counters keep counting across stops and starts. */
 ZRT_API int zrt_proxy_get_stats(const zrt_proxy_t* proxy, zrt_proxy_stats_t* out);
 
-/* One line per event (start, stop, each finished connection, each error while running), on
- * whatever thread the event happens, never with a lock of the library held. A failed start is
- * not logged: zrt_proxy_start's result and zrt_proxy_last_error tell it. NULL turns logging
- * off. Set it while the proxy is stopped. */
+/* One line per event: start, stop, each client (the access log's fields: client, protocol, user,
+ * destination, result, bytes up, bytes down, milliseconds) and each error while running. A failed
+ * start is not logged: zrt_proxy_start's result and zrt_proxy_last_error tell it.
+ *
+ * Lines come in order on one thread of the proxy's own (never one that serves clients; the thread
+ * hooks run on it), never with a lock of the library held. The callback must not block: while it
+ * runs, lines queue up, and beyond a bound they are dropped and counted (log_lines_dropped); the
+ * proxy says "N log lines dropped" once it has caught up. A callback whose own sink is full drops
+ * the line rather than wait, and counts it with zrt_proxy_count_dropped_log_lines. zrt_proxy_stop
+ * hands over what was queued before it returns.
+ *
+ * Every line is valid UTF-8 without control characters: bytes a client chose (user names,
+ * destinations) are written \xNN where they are control characters, invalid UTF-8, a backslash or
+ * a space, and a long one is cut, ending in "\...". Repeated warnings of one cause from one address
+ * (failed logins, refusals by "allow" or a client limit) come once, then at most once per 10 s
+ * as "... and N more CAUSE from ADDR".
+ *
+ * NULL turns logging off. Set it while the proxy is stopped. */
 ZRT_API void zrt_proxy_set_log_callback(zrt_proxy_t* proxy, void (*callback)(void* context, int level, const char* line),
                                         void* context);
+/* Adds count to log_lines_dropped: for a log callback that dropped lines because its sink was
+ * full. Any thread, callbacks included. */
+ZRT_API void zrt_proxy_count_dropped_log_lines(zrt_proxy_t* proxy, unsigned count);
 
 /* Called on every thread the proxy starts, as the first and the last thing that thread does
  * (a JNI host attaches and detaches the thread there). Set it while the proxy is stopped. */

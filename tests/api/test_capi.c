@@ -446,6 +446,46 @@ static void test_log_lines(void)
     capi_server_stop(server);
 }
 
+static int socks5_login(int proxy_port, const char* user, const char* password, int dest_port);
+
+/* Bytes a client chose (a destination name, a user name) reach the callback escaped: valid UTF-8
+ * without control bytes, one line per client. */
+static void test_log_lines_escape_client_bytes(void)
+{
+    struct log_lines lines;
+    memset(&lines, 0, sizeof(lines));
+    pthread_mutex_init(&lines.mutex, NULL);
+    zrt_proxy_t* proxy = zrt_proxy_create();
+    lines.proxy = proxy;
+    zrt_proxy_set_log_callback(proxy, collect_line, &lines);
+    CHECK(zrt_proxy_reopen_logs(proxy) == ZRT_E_NOT_RUNNING);
+    CHECK(zrt_proxy_set_option(proxy, "port", "0") == ZRT_OK);
+    CHECK(zrt_proxy_set_option(proxy, "dns-server", "127.0.0.1:9") == ZRT_OK); /* never asked: see below */
+    CHECK(zrt_proxy_start(proxy) == ZRT_OK);
+    CHECK(zrt_proxy_reopen_logs(proxy) == ZRT_OK); /* no access log: nothing to do */
+
+    /* A label longer than 63 bytes: the name cannot be looked up, so no question leaves. */
+    char name[160];
+    memset(name, 'a', 64);
+    strcpy(name + 64, ".x\n1999-01-01T00:00:00.000Z 192.0.2.66:1 socks5 - - auth-failed 0 0 0\xff.invalid");
+    int reply = 0;
+    CHECK(capi_socks5_connect(zrt_proxy_port(proxy), name, 80, &reply) < 0);
+    CHECK(zrt_proxy_set_option(proxy, "auth", "alice:one") == ZRT_OK && zrt_proxy_reload(proxy) == ZRT_OK);
+    CHECK(socks5_login(zrt_proxy_port(proxy), "mal\nlory\x01\xc3\\", "two", 1) == -1);
+    wait_idle(proxy);
+    zrt_proxy_stop(proxy);
+
+    fputs(lines.text, stderr);
+    CHECK(strstr(lines.text, ".x\\x0a1999-01-01T00:00:00.000Z\\x20192.0.2.66:1\\x20socks5") != NULL);
+    CHECK(strstr(lines.text, "\\xff.invalid:80 ") != NULL);
+    CHECK(strstr(lines.text, " socks5 mal\\x0alory\\x01\\xc3\\x5c - auth-failed ") != NULL);
+    CHECK(strstr(lines.text, "\n1999-") == NULL && strstr(lines.text, "\nlory") == NULL);
+    /* The inputs are ASCII but for invalid bytes: every byte handed over is printable ASCII. */
+    for (const char* at = lines.text; *at; ++at)
+        CHECK(*at == '\n' || (*at >= 0x20 && *at < 0x7f));
+    zrt_proxy_destroy(proxy);
+}
+
 /* A SOCKS5 CONNECT with username/password; the reply code, or -1 when the method or the
  * credentials were refused. The tunnel is closed again. */
 static int socks5_login(int proxy_port, const char* user, const char* password, int dest_port)
@@ -561,6 +601,7 @@ static const struct named_test TESTS[] = {
     {"socket_hook_sees_and_refuses", test_socket_hook_sees_and_refuses},
     {"clients_that_vanish_mid_download_do_not_kill_the_host", test_clients_that_vanish_mid_download_do_not_kill_the_host},
     {"log_lines", test_log_lines},
+    {"log_lines_escape_client_bytes", test_log_lines_escape_client_bytes},
     {"reload_applies_live_settings_to_new_clients", test_reload_applies_live_settings_to_new_clients},
     {"a_name_with_several_addresses_is_tried_in_order", test_a_name_with_several_addresses_is_tried_in_order},
 };
