@@ -205,6 +205,8 @@ void CEmbeddedProxy::GetStats(zrt_proxy_stats_t& stats) const
     stats.refused_source_limit = counters.Get(CProxyStats::REFUSED_SOURCE_LIMIT);
     stats.log_lines_dropped = counters.Get(CProxyStats::LOG_LINES_DROPPED);
     stats.udp_datagrams_dropped = counters.Get(CProxyStats::UDP_DATAGRAMS_DROPPED);
+    stats.http_requests = counters.Get(CProxyStats::HTTP_REQUESTS_TOTAL);
+    stats.http_origin_reuses = counters.Get(CProxyStats::HTTP_ORIGINS_REUSED);
 }
 
 void CEmbeddedProxy::SetLogCallback(CLogRelay::Callback callback, void* context)

@@ -61,6 +61,10 @@ const SMetric METRICS[] = {
      CProxyStats::UDP_DATAGRAMS_DROPPED},
     {"zrtproxy_log_lines_dropped_total", "counter", "Log lines lost because the log sink was behind.", "", "",
      CProxyStats::LOG_LINES_DROPPED},
+    {"zrtproxy_http_requests_total", "counter", "Requests answered on persistent HTTP connections.", "", "",
+     CProxyStats::HTTP_REQUESTS_TOTAL},
+    {"zrtproxy_http_origin_reuses_total", "counter", "Requests sent on an idle origin connection kept for them.", "",
+     "", CProxyStats::HTTP_ORIGINS_REUSED},
 };
 
 const char* const LOOPBACK[] = {"127.0.0.0/8", "::1"};

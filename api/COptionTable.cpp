@@ -278,6 +278,13 @@ const COptionTable::SOption OPTIONS[] = {
          return AddDestinationRule(s.proxy.denyDestinations, v, e);
      },
      [](SEmbeddedSettings& s) { s.proxy.denyDestinations.clear(); }},
+    {"http-keep-alive", COptionTable::LIVE, "SECONDS",
+     "keep HTTP client and origin connections open between requests this long; 0 for one request per "
+     "connection (default 0)",
+     [](SEmbeddedSettings& s, const std::string& v, std::string& e) {
+         return SetSeconds(v, 0, 3600, s.proxy.httpKeepAliveMs, e);
+     },
+     [](SEmbeddedSettings& s) { s.proxy.httpKeepAliveMs = Defaults().proxy.httpKeepAliveMs; }},
     {"connect-timeout", COptionTable::LIVE, "SECONDS", "how long connecting to a destination may take (default 10)",
      [](SEmbeddedSettings& s, const std::string& v, std::string& e) {
          return SetSeconds(v, 1, 3600, s.proxy.connectTimeoutMs, e);

@@ -83,6 +83,8 @@ typedef struct zrt_proxy_stats {
     uint64_t refused_source_limit;   /* clients closed at accept: "max-clients-per-source" reached */
     uint64_t log_lines_dropped;      /* log lines lost because the log callback or file was behind */
     uint64_t udp_datagrams_dropped;  /* datagrams too large to relay whole */
+    uint64_t http_requests;          /* requests answered on persistent HTTP connections */
+    uint64_t http_origin_reuses;     /* of those, sent on an idle origin connection */
 } zrt_proxy_stats_t;
 
 /* A stopped proxy with default settings, or NULL when out of memory. */

@@ -11,6 +11,7 @@
 
 #include "proxy/address/CAddressManager.h"
 #include "proxy/auth/CLoginGuard.h"
+#include "proxy/httpproxy/COriginPool.h"
 #include "proxy/core/CConnectionProtocolFactory.h"
 #include "proxy/core/CProxyServer.h"
 #include "transport/CByteBufferList.h"
@@ -275,19 +276,44 @@ void CProxyConnection::Report()
     if (!m_outcomeSet && !m_requestComplete)
         m_outcome = EOutcome::NoRequest;
     IProxyObserver* observer = m_server->GetObserver();
-    if (!observer)
+    // Requests recorded on their own said it all, unless the last one failed unanswered.
+    if (!observer || (m_requestsRecorded > 0 && !m_outcomeSet))
         return;
+    observer->OnConnectionFinished(MakeRecord());
+}
+
+SConnectionRecord CProxyConnection::MakeRecord() const
+{
     SConnectionRecord record;
     record.client = m_clientAddress.ToString();
     record.protocol = m_exchangeProtocol;
     record.user = m_user;
     record.destination = m_destination;
     record.outcome = m_outcome;
-    record.bytesClientToHost = m_bytesClientToHost.load(std::memory_order_relaxed);
-    record.bytesHostToClient = m_bytesHostToClient.load(std::memory_order_relaxed);
+    record.bytesClientToHost = m_bytesClientToHost.load(std::memory_order_relaxed) - m_recordedClientToHost;
+    record.bytesHostToClient = m_bytesHostToClient.load(std::memory_order_relaxed) - m_recordedHostToClient;
     record.durationMs = static_cast<uint64_t>(
         std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - m_startTime).count());
-    observer->OnConnectionFinished(record);
+    return record;
+}
+
+void CProxyConnection::FinishRequest(const std::string& method, int status)
+{
+    SConnectionRecord record = MakeRecord();
+    record.method = method.empty() ? "-" : method;
+    record.status = status;
+    if (!m_outcomeSet)
+        record.outcome = EOutcome::Ok;
+    ++m_requestsRecorded;
+    m_recordedClientToHost += record.bytesClientToHost;
+    m_recordedHostToClient += record.bytesHostToClient;
+    m_startTime = Clock::now();
+    m_outcomeSet = false;
+    m_outcome = EOutcome::Ok;
+    GetStats().Add(CProxyStats::HTTP_REQUESTS_TOTAL);
+    IProxyObserver* observer = m_server ? m_server->GetObserver() : nullptr;
+    if (observer)
+        observer->OnRequestFinished(record);
 }
 
 void CProxyConnection::DescribeExchange(const char* protocol, const std::string& destination)
@@ -642,7 +668,7 @@ void CProxyConnection::ReadClient()
     m_protocol->HandleRequest(buffer, length);
     // A full read means a stream in full flow: while the handler relays unchanged, later bytes
     // may skip user space altogether.
-    if (length == CLIENT_READ_SIZE && m_protocol->PassesRequestsThrough())
+    if (length == CLIENT_READ_SIZE && m_protocol->GetRequestRelayAllowance() > 0)
         m_spliceClient = true;
 }
 
@@ -650,16 +676,18 @@ void CProxyConnection::ReadClient()
 // when that was done; false leaves the turn to the ordinary read.
 bool CProxyConnection::SpliceClientToHost()
 {
-    if (!m_spliceClient || m_linkState != ELink::Open || !m_protocol->PassesRequestsThrough())
+    const unsigned long long allowance = m_protocol ? m_protocol->GetRequestRelayAllowance() : 0;
+    if (!m_spliceClient || m_linkState != ELink::Open || allowance == 0)
         return false;
     const QOX::CRefCountPtr<IZRTDataLayer> link = CurrentLink();
     if (!link)
         return false;
-    const int taken = link->SendFrom(m_clientSocket, CLIENT_SPLICE_SIZE);
+    const int taken = link->SendFrom(m_clientSocket, static_cast<int>(std::min<unsigned long long>(CLIENT_SPLICE_SIZE, allowance)));
     if (taken > 0) {
         CountClientBytes(static_cast<uint64_t>(taken));
         SpendTurnBudget(taken);
         NoteActivity();
+        m_protocol->OnRequestRelayed(static_cast<unsigned long long>(taken));
     }
     if (taken > 0 || taken == IZRTDataLayer::SEND_NOTHING_NOW)
         return true;
@@ -718,13 +746,16 @@ bool CProxyConnection::MoveHostBytes()
         m_hostPending = false;
         return false;
     }
-    if (m_spliceHost && m_readerFd >= 0 && GetClientBacklog() == 0) {
-        const int moved = link->ReceiveInto(m_clientSocket, HOST_SPLICE_SIZE);
+    const unsigned long long allowance = m_protocol->GetResponseRelayAllowance();
+    if (m_spliceHost && m_readerFd >= 0 && allowance > 0 && GetClientBacklog() == 0) {
+        const int moved =
+            link->ReceiveInto(m_clientSocket, static_cast<int>(std::min<unsigned long long>(HOST_SPLICE_SIZE, allowance)));
         if (moved > 0) {
             CountHostBytes(static_cast<uint64_t>(moved));
             SpendTurnBudget(moved);
             NoteActivity();
-            return true;
+            m_protocol->OnResponseRelayed(static_cast<unsigned long long>(moved));
+            return m_client == EClient::Open && m_toClient == EFlow::Open;
         }
         if (moved == IZRTDataLayer::RECEIVE_NOTHING_NOW) {
             m_hostPending = false;
@@ -747,7 +778,7 @@ bool CProxyConnection::MoveHostBytes()
         m_protocol->HandleResponse(reinterpret_cast<const char*>(HostBuffer()), count);
         // A full read means a stream in full flow: once the handler relays unchanged, later
         // bytes may skip user space altogether.
-        if (count == HOST_READ_SIZE && m_protocol->PassesResponsesThrough())
+        if (count == HOST_READ_SIZE && m_protocol->GetResponseRelayAllowance() > 0)
             m_spliceHost = true;
         return m_client == EClient::Open && m_toClient == EFlow::Open;
     }
@@ -787,7 +818,11 @@ void CProxyConnection::FinishConnect(bool connected)
     if (connected) {
         m_linkState = ELink::Open;
         m_candidates.clear();
+        m_connectFailure = 0;
     } else {
+        const QOX::CRefCountPtr<IZRTDataLayer> link = CurrentLink();
+        const int failure = link ? link->GetFailure() : 0;
+        m_connectFailure = Clock::now() >= m_attemptDeadline ? ETIMEDOUT : failure != 0 ? failure : ECONNREFUSED;
         ReleaseLink();
         m_linkState = ELink::None;
         // The next address of the name, while time is left; the handler hears only the end.
@@ -907,32 +942,58 @@ void CProxyConnection::CloseClientSocket()
 
 void CProxyConnection::ReleaseLink()
 {
-    QOX::CRefCountPtr<IZRTDataLayer> link;
-    {
-        std::lock_guard<std::mutex> hold(m_mutex);
-        link = std::move(m_link);
-    }
+    const QOX::CRefCountPtr<IZRTDataLayer> link = DetachLink();
     if (m_linkState != ELink::None)
         m_linkState = ELink::Closed;
     if (!link)
         return;
-    // Out of the loop before the link may close its descriptor.
-    Watch(LINK, -1, 0);
-    // After RemoveNotification no callback of the link reaches us, so nothing outlives the
-    // connection; what it reported before must not be taken for news of the next link (another
-    // address).
-    link->RemoveNotification(this);
-    m_notices.fetch_and(~static_cast<unsigned>(NOTICE_LINK_CONNECTED | NOTICE_LINK_CLOSED | NOTICE_HOST_DATA));
-    if (m_readerFd >= 0)
-        link->DetachReader();
-    m_readerFd = -1;
-    m_hostPending = false;
     // What the client sent is still written to the host, within the link's bound, unless the
     // host stopped taking it for longer than the linger time.
     if (m_abortLink)
         link->Abort();
     else
         link->Disconnect();
+}
+
+QOX::CRefCountPtr<IZRTDataLayer> CProxyConnection::DetachLink()
+{
+    QOX::CRefCountPtr<IZRTDataLayer> link;
+    {
+        std::lock_guard<std::mutex> hold(m_mutex);
+        link = std::move(m_link);
+        m_link.Reset();
+    }
+    if (!link)
+        return link;
+    // Out of the loop before the link may close its descriptor.
+    Watch(LINK, -1, 0);
+    // After RemoveNotification no callback of the link reaches us, so nothing outlives the
+    // connection; what it reported before must not be taken for news of the next link (another
+    // address, the next request's origin).
+    link->RemoveNotification(this);
+    m_notices.fetch_and(~static_cast<unsigned>(NOTICE_LINK_CONNECTED | NOTICE_LINK_CLOSED | NOTICE_HOST_DATA));
+    if (m_readerFd >= 0)
+        link->DetachReader();
+    m_readerFd = -1;
+    m_hostPending = false;
+    m_spliceHost = false;
+    m_spliceClient = false;
+    return link;
+}
+
+QOX::CRefCountPtr<IZRTDataLayer> CProxyConnection::ReleaseHostLink()
+{
+    if (m_linkState != ELink::Open)
+        return {};
+    QOX::CRefCountPtr<IZRTDataLayer> link = DetachLink();
+    m_linkState = ELink::None;
+    return link;
+}
+
+COriginPool& CProxyConnection::GetOriginPool()
+{
+    static COriginPool unowned; // a connection without a server keeps nothing for later
+    return m_server ? m_server->GetOriginPool() : unowned;
 }
 
 // ---- the client's output queue ----

@@ -126,6 +126,9 @@ public:
     void WakeConnection() override;
     bool BeginConnectToHost(QOX::CRefCountPtr<IZRTConnectionAddress> destination) override;
     bool AdoptHostLink(QOX::CRefCountPtr<IZRTDataLayer> link) override;
+    QOX::CRefCountPtr<IZRTDataLayer> ReleaseHostLink() override;
+    int GetConnectFailure() const override { return m_connectFailure; }
+    COriginPool& GetOriginPool() override;
     bool EndHostOutput() override;
     void WakeHandler() override;
     void SetHandlerTimer(int milliseconds) override;
@@ -140,6 +143,7 @@ public:
     void MarkRequestComplete() override;
     void SetUser(const std::string& user) override;
     void CountDatagram(bool toHost, uint64_t payloadBytes) override;
+    void FinishRequest(const std::string& method, int status) override;
 
     // Started and not finished yet.
     bool IsRunning() const;
@@ -249,6 +253,9 @@ private:
     void DetachFromProxy();
     // Counts the bytes and tells the server's observer how the exchange went.
     void Report();
+    SConnectionRecord MakeRecord() const;
+    // Takes the link out of the loop and lets go of its notifications and reader.
+    QOX::CRefCountPtr<IZRTDataLayer> DetachLink();
     void CountClientBytes(uint64_t count);
     void CountHostBytes(uint64_t count);
     QOX::CRefCountPtr<IZRTDataLayer> CurrentLink() const;
@@ -351,6 +358,11 @@ private:
     std::string m_user = "-";
     EOutcome m_outcome = EOutcome::Ok;
     bool m_outcomeSet = false;
+    // Requests of a persistent connection recorded on their own, and where the next one starts.
+    unsigned m_requestsRecorded = 0;
+    uint64_t m_recordedClientToHost = 0;
+    uint64_t m_recordedHostToClient = 0;
+    int m_connectFailure = 0; // errno value of the last failed connect
     // Atomic: datagrams from hosts are counted on the host's threads.
     std::atomic<uint64_t> m_bytesClientToHost{0};
     std::atomic<uint64_t> m_bytesHostToClient{0};

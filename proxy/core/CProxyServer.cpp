@@ -138,6 +138,7 @@ bool CProxyServer::StartProxy(const std::string& listenAddress, int port, IResol
         }
     }
     if (watched) {
+        m_originPool.Start(&m_loops->At(0));
         if (m_observer)
             m_observer->OnStarted(listenAddress, m_listenPort);
         return true;
@@ -381,6 +382,7 @@ void CProxyServer::StopProxy()
     }
     // Lookups under way fail at once, so no connection waits for one.
     m_addressManager.Terminate();
+    m_originPool.Stop();
     // Each one finishes on its event thread; a client accepted while this began is among them
     // or sees the stop itself.
     CloseProxyConnections();

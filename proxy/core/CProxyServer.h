@@ -15,6 +15,7 @@
 #include "proxy/address/CDestinationPolicy.h"
 #include "proxy/auth/CLoginGuard.h"
 #include "proxy/core/CClientCounts.h"
+#include "proxy/httpproxy/COriginPool.h"
 #include "proxy/core/CProxyStats.h"
 #include "proxy/core/IProxyObserver.h"
 #include "proxy/core/IConnectionProtocol.h"
@@ -94,6 +95,7 @@ public:
     EProxyMode GetMode() const { return m_mode; }
     CAddressManager& GetAddressManager() { return m_addressManager; }
     CLoginGuard& GetLoginGuard() { return m_loginGuard; }
+    COriginPool& GetOriginPool() { return m_originPool; }
     // Settings for connections accepted from now on; false (nothing changes) when an allow entry
     // or a destination rule does not parse. Any thread, also while running.
     bool SetSettings(const SProxySettings& settings);
@@ -181,6 +183,7 @@ private:
     std::atomic<int> m_listenBacklog{LISTEN_BACKLOG};
     CAddressManager m_addressManager;
     CLoginGuard m_loginGuard;
+    COriginPool m_originPool;
     // Guards m_active, swapped whole by SetSettings and copied at each accept.
     mutable std::mutex m_settingsMutex;
     std::shared_ptr<const SActive> m_active = std::make_shared<SActive>();

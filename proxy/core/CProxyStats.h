@@ -32,6 +32,8 @@ public:
         REFUSED_SOURCE_LIMIT, // closed at accept: max-clients-per-source reached for its address
         LOG_LINES_DROPPED,   // log lines lost because the sink was behind
         UDP_DATAGRAMS_DROPPED, // datagrams too large to relay whole
+        HTTP_REQUESTS_TOTAL, // requests answered on persistent HTTP connections
+        HTTP_ORIGINS_REUSED, // requests sent on an idle origin connection
         COUNTER_COUNT
     };
 

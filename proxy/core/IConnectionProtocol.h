@@ -31,6 +31,16 @@ public:
     // SendToHost unchanged and at once.
     virtual bool PassesRequestsThrough() const { return false; }
 
+    static constexpr unsigned long long RELAY_ALL = ~0ull;
+    // How many of the next host bytes go to the client unchanged and at once, as HandleResponse
+    // would pass them on (a framed body's rest), so that the connection may move up to that many
+    // without the handler and then tell it with OnResponseRelayed. RELAY_ALL: every later byte.
+    virtual unsigned long long GetResponseRelayAllowance() const { return PassesResponsesThrough() ? RELAY_ALL : 0; }
+    virtual void OnResponseRelayed(unsigned long long /*count*/) {}
+    // The same for client bytes going to the host.
+    virtual unsigned long long GetRequestRelayAllowance() const { return PassesRequestsThrough() ? RELAY_ALL : 0; }
+    virtual void OnRequestRelayed(unsigned long long /*count*/) {}
+
     // Added for half-close. The client finished sending. True when the exchange goes on without
     // it: the handler passed the end on (IProxyConnection::EndHostOutput), or will once the host
     // link it is opening is up. False ends the connection once what is queued for the client was

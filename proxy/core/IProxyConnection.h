@@ -14,6 +14,7 @@ namespace Proxy {
 
 class CAddressManager;
 class CLoginGuard;
+class COriginPool;
 class CProxyStats;
 struct SProxySettings;
 
@@ -54,9 +55,18 @@ public:
     // thread (never inside this call). False, with no call later, when a link exists or is being
     // opened, or the destination is empty.
     virtual bool BeginConnectToHost(QOX::CRefCountPtr<IZRTConnectionAddress> destination) = 0;
-    // Makes an accepted stream (the peer of a SOCKS5 BIND) the host link, as if it had been
-    // opened for this connection. False when a host link exists already.
+    // Makes an open link (the peer of a SOCKS5 BIND, an idle origin connection) the host link,
+    // as if it had been opened for this connection. False when a host link exists already.
     virtual bool AdoptHostLink(QOX::CRefCountPtr<IZRTDataLayer> link) = 0;
+    // Lets go of the open host link without closing it (an origin connection that answered
+    // cleanly, for the next request); the connection may then open or adopt another. Empty when
+    // there is no open link.
+    virtual QOX::CRefCountPtr<IZRTDataLayer> ReleaseHostLink() = 0;
+    // Why the last BeginConnectToHost failed, as an errno value (ETIMEDOUT when its time ran
+    // out, ECONNREFUSED when nothing more precise is known); 0 after a success.
+    virtual int GetConnectFailure() const = 0;
+    // The proxy's idle origin connections.
+    virtual COriginPool& GetOriginPool() = 0;
     // Passes the client's end of sending on to the host, after every byte given to SendToHost.
     // False when the host link cannot end one direction alone.
     virtual bool EndHostOutput() = 0;
@@ -88,6 +98,10 @@ public:
     virtual void SetUser(const std::string& user) = 0;
     // A datagram relayed for the client (UDP ASSOCIATE), with its payload bytes; any thread.
     virtual void CountDatagram(bool toHost, uint64_t payloadBytes) = 0;
+    // One request of a persistent HTTP connection was answered with status: recorded on its
+    // own (bytes and time since the previous one ended), and the next request starts afresh
+    // (its own outcome, its own destination).
+    virtual void FinishRequest(const std::string& method, int status) = 0;
 };
 
 } // namespace Proxy

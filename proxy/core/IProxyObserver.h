@@ -22,6 +22,10 @@ struct SConnectionRecord {
     uint64_t bytesClientToHost = 0;
     uint64_t bytesHostToClient = 0;
     uint64_t durationMs = 0;
+    // One HTTP request of a persistent connection: its method and the status it was answered
+    // with ("-" and 0 for a whole connection).
+    std::string method = "-";
+    int status = 0;
 };
 
 // Told of a proxy's events by the engine, on whatever thread they happen, never with a lock of
@@ -32,6 +36,9 @@ public:
     virtual void OnStarted(const std::string& address, int port) = 0;
     virtual void OnStopped() = 0;
     virtual void OnConnectionFinished(const SConnectionRecord& record) = 0;
+    // One request of a persistent HTTP connection was answered; such a connection then gets no
+    // record of its own at its end.
+    virtual void OnRequestFinished(const SConnectionRecord& record) { OnConnectionFinished(record); }
     virtual void OnError(const std::string& text) = 0;
 };
 

@@ -42,6 +42,10 @@ struct SProxySettings {
     int handshakeTimeoutMs = 0;
     // A connection that moved no byte either way this long is closed. 0: no limit.
     int idleTimeoutMs = 0;
+    // HTTP clients: 0 serves one request per client connection (answered with
+    // "Connection: close"); more keeps client connections open between requests for up to this
+    // long, and idle origin connections as long, for the next request to the same destination.
+    int httpKeepAliveMs = 0;
     // After the client has gone, what it sent is still written to a destination that reads it
     // for at most this long; then the link is closed. 0: no limit.
     int lingerTimeoutMs = 30000;

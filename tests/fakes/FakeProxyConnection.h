@@ -2,6 +2,7 @@
 
 #include <optional>
 #include <string>
+#include <vector>
 #include <utility>
 
 #include "fakes/FakeMultiPointLayer.h"
@@ -10,6 +11,7 @@
 #include "proxy/core/CProxyStats.h"
 #include "proxy/address/CDestinationPolicy.h"
 #include "proxy/auth/CLoginGuard.h"
+#include "proxy/httpproxy/COriginPool.h"
 #include "proxy/core/IProxyConnection.h"
 #include "proxy/core/SProxySettings.h"
 #include "transport/CTCPIPAddress.h"
@@ -62,6 +64,28 @@ public:
             return true;
         });
     }
+    QOX::CRefCountPtr<IZRTDataLayer> ReleaseHostLink() override
+    {
+        QOX::CRefCountPtr<IZRTDataLayer> link;
+        Locked([&] {
+            link = std::move(m_link);
+            m_link.Reset();
+            ++m_released;
+        });
+        return link;
+    }
+    int GetConnectFailure() const override { return Locked([&] { return m_connectFailure; }); }
+    void SetConnectFailure(int failure) { Locked([&] { m_connectFailure = failure; }); }
+    Proxy::COriginPool& GetOriginPool() override { return m_originPool; }
+    void FinishRequest(const std::string& method, int status) override
+    {
+        Locked([&] {
+            m_finishedRequests.push_back(method + " " + std::to_string(status));
+            m_exchangeOutcome.reset();
+        });
+    }
+    std::vector<std::string> GetFinishedRequests() const { return Locked([&] { return m_finishedRequests; }); }
+    int GetReleasedLinks() const { return Locked([&] { return m_released; }); }
     bool AdoptHostLink(QOX::CRefCountPtr<IZRTDataLayer> link) override
     {
         return Locked([&] {
@@ -284,6 +308,10 @@ private:
     bool m_disconnected = false;
     bool m_hostClosed = false;
     bool m_beyondLoopback = false;
+    int m_connectFailure = 0;
+    int m_released = 0;
+    std::vector<std::string> m_finishedRequests;
+    Proxy::COriginPool m_originPool;
 };
 
 } // namespace Testing
