@@ -122,10 +122,8 @@ bool CConfigFile::Read(const std::string& path, std::vector<SEntry>& entries, st
     }
     if (file.bad())
         problems.push_back(path + ": cannot be read to its end");
-    if (problems.size() != before)
-        return false;
     entries.swap(read);
-    return true;
+    return problems.size() == before;
 }
 
 } // namespace Daemon

@@ -21,7 +21,7 @@ public:
         std::string origin; // FILE:LINE, for messages
     };
 
-    // Every entry in order; false with a problem per bad line ("FILE:LINE: reason"), or one
+    // Every good entry in order; false with a problem per bad line ("FILE:LINE: reason"), or one
     // ("FILE: reason") when the file cannot be read or is not a regular file. Names are not
     // checked here.
     static bool Read(const std::string& path, std::vector<SEntry>& entries, std::vector<std::string>& problems);

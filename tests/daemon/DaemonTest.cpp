@@ -88,7 +88,7 @@ TEST(ConfigFileTest, EveryBadLineIsReportedWithItsPlaceAndOnlyRegularFilesAreRea
     EXPECT_EQ(problems[0].rfind(file.Path() + ":2: listen: ", 0), 0u) << problems[0];
     EXPECT_EQ(problems[1].rfind(file.Path() + ":3: auth: ", 0), 0u) << problems[1];
     EXPECT_EQ(problems[2].rfind(file.Path() + ":5: auth: ", 0), 0u) << problems[2];
-    EXPECT_TRUE(entries.empty());
+    EXPECT_EQ(Pairs(entries), (std::vector<std::string>{"port=1", "allow=::1"})); // checked further by the caller
     for (const char* path : {"/nonexistent/zrt.conf", "/tmp", "/dev/null"}) {
         problems.clear();
         EXPECT_FALSE(CConfigFile::Read(path, entries, problems)) << path;

@@ -131,7 +131,8 @@ fi
 # 3. Another C++ standard library: the C interface does not care.
 if command -v clang++-14 >/dev/null && [ -e /usr/lib/llvm-14/include/c++/v1/string ]; then
     clang++-14 -stdlib=libc++ -x c++ "$source/examples/c-host/main.c" -o "$work/c-host-libcxx" $flags $rpath
-    ldd "$work/c-host-libcxx" | grep -q 'libc++.so' || fail "the libc++ build does not use libc++"
+    ldd "$work/c-host-libcxx" >"$work/libcxx.ldd" # grep -q in a pipe would cut ldd short (pipefail)
+    grep -q 'libc++.so' "$work/libcxx.ldd" || fail "the libc++ build does not use libc++"
     check_c_host c-host-libcxx "$work/c-host-libcxx"
 else
     echo "skipped: libc++ (libc++-14-dev not installed)"
