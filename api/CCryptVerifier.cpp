@@ -2,6 +2,7 @@
 
 #include <cctype>
 #include <memory>
+#include <string>
 
 #include "proxy/core/CCredentials.h"
 
@@ -14,9 +15,6 @@ namespace Api {
 
 namespace {
 const char* const PREFIXES[] = {"$y$", "$6$", "$5$", "$2b$", "$2y$", "$2a$"};
-// What crypt(3) writes: its base-64 alphabet, the '$' between the fields, and the '=' of
-// SHA-crypt's "rounds=N".
-const char HASH_CHARACTERS[] = "./0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz$=";
 
 std::string PrefixOf(const std::string& text)
 {
@@ -26,6 +24,19 @@ std::string PrefixOf(const std::string& text)
     }
     return std::string();
 }
+} // namespace
+
+bool CCryptVerifier::LooksLikeHash(const std::string& text)
+{
+    return !PrefixOf(text).empty();
+}
+
+#if defined(ZRT_WITH_CRYPT)
+
+namespace {
+// What crypt(3) writes: its base-64 alphabet, the '$' between the fields, and the '=' of
+// SHA-crypt's "rounds=N".
+const char HASH_CHARACTERS[] = "./0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz$=";
 
 // Whether the part after the salt has the length the method writes (bcrypt: two cost digits
 // from 04 to 31, then salt and hash in one field), so that a hash cut short is refused when it
@@ -43,13 +54,6 @@ bool IsComplete(const std::string& prefix, const std::string& stored)
     return last.size() == length && last.find('=') == std::string::npos;
 }
 } // namespace
-
-bool CCryptVerifier::LooksLikeHash(const std::string& text)
-{
-    return !PrefixOf(text).empty();
-}
-
-#if defined(ZRT_WITH_CRYPT)
 
 bool CCryptVerifier::IsAvailable()
 {

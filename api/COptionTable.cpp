@@ -189,15 +189,14 @@ bool SetListen(SEmbeddedSettings& settings, const std::string& value, std::strin
         error = "'" + value + "' is not a numeric IPv4 or IPv6 address";
         return false;
     }
-    // One form per address, so that the same one written twice is seen.
+    // One form per address: the same one given again (a host setting its options anew before
+    // each start) adds no second socket.
     unsigned char bytes[16];
     char text[INET6_ADDRSTRLEN];
     inet_pton(family, address.c_str(), bytes);
     address = inet_ntop(family, bytes, text, sizeof(text));
-    if (std::find(settings.listen.begin(), settings.listen.end(), address) != settings.listen.end()) {
-        error = "'" + value + "' is given twice";
-        return false;
-    }
+    if (std::find(settings.listen.begin(), settings.listen.end(), address) != settings.listen.end())
+        return true;
     if (settings.listen.size() >= SEmbeddedSettings::MAX_LISTEN) {
         error = "at most " + std::to_string(SEmbeddedSettings::MAX_LISTEN) + " addresses";
         return false;

@@ -133,11 +133,12 @@ TEST(DaemonOptionsTest, CheckReportsEveryProblemWithItsPlace)
     const Entries entries = {{"port", "0", "a.conf:1"},         {"colour", "blue", "a.conf:2"},
                              {"port", "99999", "a.conf:3"},     {"auth-file", comments.Path(), "a.conf:4"},
                              {"auth", "none", "a.conf:5"},      {"auth", "alice:one", "a.conf:6"},
-                             {"listen", "::1", "a.conf:7"},     {"listen", "[::1]", "a.conf:8"}};
+                             {"listen", "::1", "a.conf:7"},     {"listen", "[::1]", "a.conf:8"},
+                             {"listen", "::1/128", "a.conf:9"}};
     const std::vector<std::string> problems = CDaemonOptions::Check(entries);
     const std::vector<std::string> places = {"a.conf:2: unknown option", "a.conf:3: 'port' is given more",
                                              "a.conf:3: port: ", "a.conf:4: auth-file: " + comments.Path() + ": no user",
-                                             "a.conf:6: auth: ", "a.conf:8: listen: "};
+                                             "a.conf:6: auth: ", "a.conf:9: listen: "};
     ASSERT_EQ(problems.size(), places.size()) << ::testing::PrintToString(problems);
     for (size_t i = 0; i < places.size(); ++i)
         EXPECT_EQ(problems[i].rfind(places[i], 0), 0u) << problems[i];

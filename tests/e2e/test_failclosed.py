@@ -109,13 +109,15 @@ def test_check_config_reports_every_problem_and_starts_nothing(tmp_path):
     assert result.returncode == 0 and result.stderr == "", result
     conf.write_text(f'port 1\ncolour blue\nmax-clients many\nauth "open\nauth-file {tmp_path}\nauth none\n'
                     'auth alice:one\n')
-    result = run("--check-config", "--config", str(conf), "--allow", "10.0.0.1/8")
+    blocks = ("allow", "allow-destination", "deny-destination")  # host bits set: a typo, named
+    result = run("--check-config", "--config", str(conf), *[arg for name in blocks for arg in (f"--{name}", "10.0.0.1/8")])
     assert result.returncode == 1 and "listening" not in result.stdout, result
     problems = result.stderr.strip().splitlines()
     for place, word in ((2, "colour"), (3, "many"), (4, "quote"), (5, str(tmp_path)), (7, "auth none")):
         assert any(f"{conf}:{place}: " in line and word in line for line in problems), (place, problems)
-    assert any(line.startswith("zrt-proxy: --allow: ") for line in problems), problems
-    assert len(problems) == 6, problems
+    for name in blocks:
+        assert any(line.startswith(f"zrt-proxy: --{name}: {name}: '10.0.0.1/8'") for line in problems), problems
+    assert len(problems) == 8, problems
     result = run("--check-config", "--config", "/tmp")
     assert result.returncode == 1 and "/tmp: not a regular file" in result.stderr, result
 
