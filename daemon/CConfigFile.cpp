@@ -115,7 +115,8 @@ bool CConfigFile::Read(const std::string& path, std::vector<SEntry>& entries, st
         SEntry entry{name, std::string(), origin};
         std::string reason;
         if (!ParseValue(gap == std::string::npos ? std::string() : line.substr(gap), entry.value, reason)) {
-            problems.push_back(origin + ": " + name + ": " + reason);
+            problems.push_back(origin);
+            problems.back().append(": ").append(name).append(": ").append(reason);
             continue;
         }
         read.push_back(entry);
