@@ -8,7 +8,7 @@ PORT       ?= 1080
 LISTEN     ?= 127.0.0.1
 
 PACKAGES := cmake ninja-build g++ clang libc++-14-dev libc++abi-14-dev pkgconf libgtest-dev libgmock-dev libbenchmark-dev \
-            libc-ares-dev curl ncat proxychains4 \
+            libc-ares-dev libcrypt-dev curl ncat proxychains4 \
             python3-socks python3-pytest python3-prometheus-client
 
 ARMHF_PACKAGES := g++-arm-linux-gnueabihf qemu-user googletest

@@ -4,6 +4,7 @@
 #include <cstring>
 #include <vector>
 
+#include "api/CCryptVerifier.h"
 #include "api/COptionTable.h"
 #include "api/CUsersFile.h"
 #include "proxy/core/CProxyServer.h"
@@ -11,6 +12,9 @@
 
 namespace ZRT {
 namespace Api {
+
+static_assert(SEmbeddedSettings::MAX_LISTEN == Proxy::CProxyServer::MAX_LISTEN_SOCKETS,
+              "every listen address the options take gets a socket");
 
 CEmbeddedProxy::CEmbeddedProxy() : m_metrics(m_proxy.GetStats()) {}
 
@@ -41,12 +45,12 @@ int CEmbeddedProxy::SetOption(const char* name, const char* value)
 Host::SDirectHostSettings CEmbeddedProxy::HostSettings() const
 {
     Host::SDirectHostSettings host = m_settings.host;
-    // BIND listeners use the proxy's own address where it is of the right family.
-    const bool ipv6 = m_settings.listen.find(':') != std::string::npos;
-    if (ipv6)
-        host.bindIPv6 = m_settings.listen;
-    else
-        host.bindIPv4 = m_settings.listen;
+    // BIND listeners use the proxy's own first address of the right family.
+    for (const std::string& address : m_settings.ListenAddresses()) {
+        std::string& bind = address.find(':') != std::string::npos ? host.bindIPv6 : host.bindIPv4;
+        if (bind.empty())
+            bind = address;
+    }
     host.threadStart = m_threadStart;
     host.threadStop = m_threadStop;
     host.threadContext = m_threadContext;
@@ -77,12 +81,23 @@ bool CEmbeddedProxy::MakeLive(SLive& live, std::string& error) const
             return false;
         live.proxy.users.insert(fromFile.begin(), fromFile.end());
     }
+    if (m_settings.authNone && !live.proxy.users.empty()) {
+        error = "auth none cannot be combined with users";
+        return false;
+    }
+    if (CCryptVerifier::IsAvailable())
+        live.proxy.passwordVerifier = std::make_shared<const CCryptVerifier>();
     if (!m_settings.accessLog.empty()) {
         live.accessLog = CAccessLog::Open(m_settings.accessLog, error);
         if (!live.accessLog)
             return false;
     }
     return true;
+}
+
+bool CEmbeddedProxy::DropsEveryUser(const SLive& live) const
+{
+    return live.proxy.users.empty() && !m_settings.authNone && !m_proxy.GetSettings().users.empty();
 }
 
 void CEmbeddedProxy::ApplyLive(const SLive& live)
@@ -120,7 +135,7 @@ int CEmbeddedProxy::Start()
     m_proxy.SetListenBacklog(m_settings.listenBacklog);
     m_proxy.SetObserver(&m_log);
     m_proxy.SetThreadHooks(m_threadStart, m_threadStop, m_threadContext);
-    if (!m_proxy.StartProxy(m_settings.listen, m_settings.port, &host->GetResolver(), &host->GetMultiPointLayer(),
+    if (!m_proxy.StartProxy(m_settings.ListenAddresses(), m_settings.port, &host->GetResolver(), &host->GetMultiPointLayer(),
                             &host->GetDatagramHandler(), &host->GetConnectionListener())) {
         m_metrics.Stop();
         m_log.Stop();
@@ -139,6 +154,9 @@ int CEmbeddedProxy::Reload()
     std::string error;
     if (!MakeLive(live, error))
         return Fail(ZRT_E_BAD_VALUE, error);
+    if (DropsEveryUser(live))
+        return Fail(ZRT_E_BAD_VALUE, "the new settings have no users, which would let every client in; "
+                                     "set auth none to mean that");
     ApplyLive(live);
     m_log.Emit(ZRT_LOG_INFO, "settings reloaded");
     return Succeed();
@@ -180,6 +198,16 @@ void CEmbeddedProxy::CountDroppedLogLines(uint64_t lines)
 int CEmbeddedProxy::GetPort() const
 {
     return m_proxy.GetListenPort();
+}
+
+int CEmbeddedProxy::GetListenCount() const
+{
+    return static_cast<int>(m_proxy.GetListenCount());
+}
+
+int CEmbeddedProxy::GetListenPort(int index) const
+{
+    return index < 0 ? 0 : m_proxy.GetListenPort(static_cast<size_t>(index));
 }
 
 void CEmbeddedProxy::GetStats(zrt_proxy_stats_t& stats) const

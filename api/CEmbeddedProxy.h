@@ -25,8 +25,12 @@ namespace Api {
 
 // What a zrt_proxy_t handle is: the engine with the direct host services, set up by name and
 // driven through the C interface. One thread at a time controls it (set_option, the setters,
-// start, reload, stop) and reads GetLastError; GetPort and GetStats may be called from any
-// thread at any time, callbacks included.
+// start, reload, stop) and reads GetLastError; GetPort, GetListenCount, GetListenPort and
+// GetStats may be called from any thread at any time, callbacks included.
+//
+// Start and Reload make the whole new live state (users read and checked, the access log
+// opened) before anything changes, and put it in place only when all of it worked; a reload
+// that would drop every user without "auth none" is refused.
 class CEmbeddedProxy {
 public:
     CEmbeddedProxy();
@@ -44,6 +48,9 @@ public:
     // Lines a log callback had to drop, counted with the library's own.
     void CountDroppedLogLines(uint64_t lines);
     int GetPort() const;
+    int GetListenCount() const;
+    // The port of the index-th listen address, or 0.
+    int GetListenPort(int index) const;
     int GetMetricsPort() const { return m_metrics.GetPort(); }
     void GetStats(zrt_proxy_stats_t& stats) const;
     const std::string& GetLastError() const { return m_lastError; }
@@ -67,6 +74,9 @@ private:
     Host::SDirectHostSettings HostSettings() const;
     // Reads the users file and opens the access log; false with the reason.
     bool MakeLive(SLive& live, std::string& error) const;
+    // Whether live would let every client in where the running proxy asks for a password,
+    // without "auth none" saying so.
+    bool DropsEveryUser(const SLive& live) const;
     void ApplyLive(const SLive& live);
 
     SEmbeddedSettings m_settings;

@@ -2,6 +2,7 @@
 
 #include <arpa/inet.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <iterator>
 #include <vector>
@@ -57,8 +58,22 @@ bool IsNumericAddress(const std::string& text, int& family)
     return true;
 }
 
+const char AUTH_NONE[] = "none";
+
 bool SetUser(SEmbeddedSettings& settings, const std::string& value, std::string& error)
 {
+    if (value == AUTH_NONE) {
+        if (!settings.users.empty() || !settings.usersFile.empty()) {
+            error = "'none' cannot be combined with users (auth USER:PASSWORD, auth-file)";
+            return false;
+        }
+        settings.authNone = true;
+        return true;
+    }
+    if (settings.authNone) {
+        error = "a user cannot be combined with auth none";
+        return false;
+    }
     std::string user;
     std::string password;
     if (!CUsersFile::ParseEntry(value, user, password, error))
@@ -69,6 +84,10 @@ bool SetUser(SEmbeddedSettings& settings, const std::string& value, std::string&
 
 bool SetUsersFile(SEmbeddedSettings& settings, const std::string& value, std::string& error)
 {
+    if (settings.authNone) {
+        error = "a users file cannot be combined with auth none";
+        return false;
+    }
     // Read now, so that a bad file is reported where it is named; read again at start.
     CUsersFile::Users users;
     if (!CUsersFile::Read(value, users, error))
@@ -176,12 +195,24 @@ bool SetListen(SEmbeddedSettings& settings, const std::string& value, std::strin
     std::string address = value;
     if (address.size() > 2 && address.front() == '[' && address.back() == ']')
         address = address.substr(1, address.size() - 2);
-    unsigned char bytes[16];
-    if (inet_pton(AF_INET, address.c_str(), bytes) != 1 && inet_pton(AF_INET6, address.c_str(), bytes) != 1) {
+    int family = AF_UNSPEC;
+    if (!IsNumericAddress(address, family)) {
         error = "'" + value + "' is not a numeric IPv4 or IPv6 address";
         return false;
     }
-    settings.listen = address;
+    // One form per address: the same one given again (a host setting its options anew before
+    // each start) adds no second socket.
+    unsigned char bytes[16];
+    char text[INET6_ADDRSTRLEN];
+    inet_pton(family, address.c_str(), bytes);
+    address = inet_ntop(family, bytes, text, sizeof(text));
+    if (std::find(settings.listen.begin(), settings.listen.end(), address) != settings.listen.end())
+        return true;
+    if (settings.listen.size() >= SEmbeddedSettings::MAX_LISTEN) {
+        error = "at most " + std::to_string(SEmbeddedSettings::MAX_LISTEN) + " addresses";
+        return false;
+    }
+    settings.listen.push_back(address);
     return true;
 }
 
@@ -225,16 +256,20 @@ const SEmbeddedSettings& Defaults()
 }
 
 const COptionTable::SOption OPTIONS[] = {
-    {"listen", 0, "ADDR", "numeric IPv4 or IPv6 address to listen on (default 127.0.0.1)", SetListen,
-     [](SEmbeddedSettings& s) { s.listen = Defaults().listen; }},
-    {"port", 0, "N", "TCP port to listen on; 0 picks a free one (default 1080)", SetPort,
+    {"listen", COptionTable::REPEATABLE, "ADDR",
+     "numeric IPv4 or IPv6 address to listen on, a socket each, all on the same port (default 127.0.0.1)", SetListen,
+     [](SEmbeddedSettings& s) { s.listen.clear(); }},
+    {"port", 0, "N", "TCP port to listen on; 0 picks a free one for each address (default 1080)", SetPort,
      [](SEmbeddedSettings& s) { s.port = Defaults().port; }},
     {"listen-backlog", 0, "N", "length of the queue of clients not yet accepted (default: the system's most)",
      SetBacklog, [](SEmbeddedSettings& s) { s.listenBacklog = Defaults().listenBacklog; }},
     {"auth", COptionTable::REPEATABLE | COptionTable::LIVE, "USER:PASSWORD",
-     "a user who may use the proxy; with any user, every client must authenticate (default: none)", SetUser,
-     [](SEmbeddedSettings& s) { s.users.clear(); }},
-    {"auth-file", COptionTable::LIVE, "FILE", "more users, one user:password per line, # for comments; read again on reload",
+     "a user who may use the proxy (PASSWORD may be a crypt(3) hash); with any user, every client must "
+     "authenticate; 'none': no users, on purpose (default: no users)",
+     SetUser, [](SEmbeddedSettings& s) { s.users.clear(), s.authNone = false; }},
+    {"auth-file", COptionTable::LIVE, "FILE",
+     "more users, one user:password (or user:HASH) per line, # for comments; read again on reload; a file "
+     "without users is an error",
      SetUsersFile, [](SEmbeddedSettings& s) { s.usersFile.clear(); }},
     {"allow", COptionTable::REPEATABLE | COptionTable::LIVE, "CIDR",
      "clients allowed in (192.0.2.0/24, 2001:db8::/32, or one address); others are closed at once (default: all)",

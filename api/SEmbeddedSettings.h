@@ -16,8 +16,12 @@ namespace Api {
 // CEmbeddedProxy reads at start (and, for the live ones, at reload).
 struct SEmbeddedSettings {
     static constexpr int DEFAULT_PORT = 1080;
+    static constexpr const char* DEFAULT_LISTEN = "127.0.0.1";
+    // Most listen addresses (CProxyServer::MAX_LISTEN_SOCKETS).
+    static constexpr size_t MAX_LISTEN = 16;
 
-    std::string listen = "127.0.0.1";
+    // Numeric addresses to listen on, one socket each; empty: DEFAULT_LISTEN.
+    std::vector<std::string> listen;
     int port = DEFAULT_PORT;
     // A burst of clients must not overflow the listen queue (a refused SYN costs a client 1 s).
     int listenBacklog = SOMAXCONN;
@@ -28,6 +32,8 @@ struct SEmbeddedSettings {
     // Users given one by one (auth), and the file of more (auth-file, read at start and reload).
     std::map<std::string, std::string> users;
     std::string usersFile;
+    // "auth none": no users, on purpose. A reload may drop every user only with it.
+    bool authNone = false;
     // Where finished connections are logged: a file, "-" for standard output, "" for nowhere.
     std::string accessLog;
     // Lines above this level do not reach the log callback.
@@ -37,6 +43,11 @@ struct SEmbeddedSettings {
     int metricsPort = 0;
     // CIDR blocks of the scrapers let in; none for loopback only.
     std::vector<std::string> metricsAllow;
+
+    std::vector<std::string> ListenAddresses() const
+    {
+        return listen.empty() ? std::vector<std::string>{DEFAULT_LISTEN} : listen;
+    }
 };
 
 } // namespace Api

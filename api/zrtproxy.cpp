@@ -41,6 +41,16 @@ int zrt_proxy_port(const zrt_proxy_t* proxy)
     return proxy ? proxy->proxy.GetPort() : 0;
 }
 
+int zrt_proxy_listen_count(const zrt_proxy_t* proxy)
+{
+    return proxy ? proxy->proxy.GetListenCount() : 0;
+}
+
+int zrt_proxy_listen_port(const zrt_proxy_t* proxy, int index)
+{
+    return proxy ? proxy->proxy.GetListenPort(index) : 0;
+}
+
 int zrt_proxy_reload(zrt_proxy_t* proxy)
 {
     if (!proxy)

@@ -8,10 +8,12 @@
 namespace ZRT {
 namespace Daemon {
 
-// The daemon's command line: --help, --version, --config FILE, and the library's settings as
-// long options (--NAME VALUE or --NAME=VALUE, names from zrt_option_name). Values are checked
-// by the library when the daemon applies them, so the daemon learns every new setting without
-// a change here.
+// The daemon's command line: --help, --version, --check-config, --hash-password, --config FILE,
+// and the library's settings as long options (--NAME VALUE or --NAME=VALUE, names from
+// zrt_option_name). Values are checked by the library when the daemon applies them, so the
+// daemon learns every new setting without a change here.
+//
+// Threads: the daemon's main thread.
 class CCommandLine {
 public:
     // False on an unknown option or a missing value; GetError() then says which, in one line.
@@ -22,10 +24,15 @@ public:
     const std::string& GetConfigFile() const { return m_configFile; }
     bool WantsHelp() const { return m_help; }
     bool WantsVersion() const { return m_version; }
+    // Check the settings and exit, instead of serving.
+    bool WantsCheck() const { return m_check; }
+    // Print a hash of the password on standard input and exit.
+    bool WantsHash() const { return m_hash; }
     const std::string& GetError() const { return m_error; }
 
-    // Every option, one per line, from the library's own descriptions.
-    static std::string Usage();
+    // Every option, one per line, from the library's own descriptions; where the daemon has a
+    // default of its own (defaults, CDaemonOptions::Defaults), the line states that one.
+    static std::string Usage(const std::vector<CConfigFile::SEntry>& defaults);
 
 private:
     bool Fail(const std::string& error);
@@ -34,6 +41,8 @@ private:
     std::string m_configFile;
     bool m_help = false;
     bool m_version = false;
+    bool m_check = false;
+    bool m_hash = false;
     std::string m_error;
 };
 

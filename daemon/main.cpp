@@ -1,6 +1,6 @@
 // zrt-proxy: the proxy library on this machine's own sockets. SIGHUP reloads the configuration;
 // SIGUSR1 reopens the access log; SIGINT or SIGTERM stops. It uses nothing but the library's C
-// interface.
+// interface (and libcrypt to make password hashes).
 
 #include <fcntl.h>
 #include <poll.h>
@@ -18,11 +18,13 @@
 #include "daemon/CCommandLine.h"
 #include "daemon/CConfigFile.h"
 #include "daemon/CDaemonOptions.h"
+#include "daemon/CPasswordHash.h"
 #include "zrtproxy/zrtproxy.h"
 
 using ZRT::Daemon::CCommandLine;
 using ZRT::Daemon::CConfigFile;
 using ZRT::Daemon::CDaemonOptions;
+using ZRT::Daemon::CPasswordHash;
 
 namespace {
 
@@ -128,35 +130,40 @@ std::string Endpoint(std::string address, int port)
     return (ipv6 ? "[" + address + "]" : address) + ":" + std::to_string(port);
 }
 
-// The settings from the defaults, the configuration file and the command line.
-bool Gather(const CCommandLine& options, CDaemonOptions::Entries& merged, std::string& error)
+// The settings from the defaults, the configuration file and the command line; every problem
+// of them (the file, each line, each value) in problems.
+CDaemonOptions::Entries Gather(const CCommandLine& options, std::vector<std::string>& problems)
 {
     CDaemonOptions::Entries file;
-    if (!options.GetConfigFile().empty() && !CConfigFile::Read(options.GetConfigFile(), file, error))
-        return false;
-    merged = CDaemonOptions::Merge(CDaemonOptions::Defaults(DescriptorLimit()), file, options.GetSettings());
-    return CDaemonOptions::CheckNames(merged, error);
+    if (!options.GetConfigFile().empty())
+        CConfigFile::Read(options.GetConfigFile(), file, problems);
+    CDaemonOptions::Entries merged =
+        CDaemonOptions::Merge(CDaemonOptions::Defaults(DescriptorLimit()), file, options.GetSettings());
+    const std::vector<std::string> more = CDaemonOptions::Check(merged);
+    problems.insert(problems.end(), more.begin(), more.end());
+    return merged;
 }
 
-// Reads everything again and applies what may change while running; a bad file changes nothing.
+void Report(const std::string& prefix, const std::vector<std::string>& problems)
+{
+    for (const std::string& problem : problems)
+        std::fprintf(stderr, "zrt-proxy: %s%s\n", prefix.c_str(), problem.c_str());
+}
+
+// Reads everything again and applies what may change while running; settings with a problem, or
+// that would drop every user without "auth none", change nothing.
 void Reload(zrt_proxy_t* proxy, const CCommandLine& options, CDaemonOptions::Entries& current)
 {
-    CDaemonOptions::Entries next;
-    std::string error;
-    bool valid = Gather(options, next, error);
-    if (valid) {
-        // Tried on a handle of its own first, so that a bad value is found before anything changes.
-        zrt_proxy_t* trial = zrt_proxy_create();
-        valid = trial && CDaemonOptions::Apply(trial, next, error);
-        zrt_proxy_destroy(trial);
-    }
+    std::vector<std::string> problems;
+    const CDaemonOptions::Entries next = Gather(options, problems);
     std::vector<std::string> restartOnly;
-    if (!valid || !CDaemonOptions::ApplyLive(proxy, current, next, restartOnly, error)) {
-        std::fprintf(stderr, "zrt-proxy: reload failed, nothing changed: %s\n", error.c_str());
-        return;
-    }
-    if (zrt_proxy_reload(proxy) != ZRT_OK) {
-        std::fprintf(stderr, "zrt-proxy: reload failed: %s\n", zrt_proxy_last_error(proxy));
+    std::string error;
+    if (problems.empty() && !CDaemonOptions::ApplyLive(proxy, current, next, restartOnly, error))
+        problems.push_back(error);
+    if (problems.empty() && zrt_proxy_reload(proxy) != ZRT_OK)
+        problems.push_back(zrt_proxy_last_error(proxy));
+    if (!problems.empty()) {
+        Report("reload failed, nothing changed: ", problems);
         return;
     }
     for (const std::string& name : restartOnly)
@@ -164,12 +171,56 @@ void Reload(zrt_proxy_t* proxy, const CCommandLine& options, CDaemonOptions::Ent
     current = next;
 }
 
+// Every problem of the configuration, or none; 0 or 1.
+int CheckConfig(const CCommandLine& options)
+{
+    std::vector<std::string> problems;
+    Gather(options, problems);
+    Report("", problems);
+    if (!problems.empty())
+        return 1;
+    std::printf("zrt-proxy: the configuration is valid\n");
+    return 0;
+}
+
+// A hash of the password line on standard input, on standard output; 0 or 1.
+int HashPassword()
+{
+    std::string password;
+    for (int c = std::getchar(); c != EOF && c != '\n'; c = std::getchar())
+        password += static_cast<char>(c);
+    if (!password.empty() && password.back() == '\r')
+        password.pop_back();
+    std::string hash;
+    std::string error;
+    if (!CPasswordHash::Make(password, hash, error)) {
+        std::fprintf(stderr, "zrt-proxy: %s\n", error.c_str());
+        return 1;
+    }
+    std::printf("%s\n", hash.c_str());
+    return 0;
+}
+
+// One line per listening socket, in the order of the listen values.
+void AnnounceListeners(const zrt_proxy_t* proxy, const CDaemonOptions::Entries& settings)
+{
+    std::vector<std::string> listen = CDaemonOptions::ValuesOf(settings, "listen");
+    if (listen.empty())
+        listen.push_back(CDaemonOptions::LibraryDefault("listen"));
+    for (int i = 0; i < zrt_proxy_listen_count(proxy) && i < static_cast<int>(listen.size()); ++i)
+        std::printf("zrt-proxy listening on %s\n", Endpoint(listen[i], zrt_proxy_listen_port(proxy, i)).c_str());
+    std::fflush(stdout);
+}
+
 int Serve(zrt_proxy_t* proxy, const CCommandLine& options)
 {
-    CDaemonOptions::Entries current;
+    std::vector<std::string> problems;
+    CDaemonOptions::Entries current = Gather(options, problems);
     std::string error;
-    if (!Gather(options, current, error) || !CDaemonOptions::Apply(proxy, current, error)) {
-        std::fprintf(stderr, "zrt-proxy: %s\n", error.c_str());
+    if (problems.empty() && !CDaemonOptions::Apply(proxy, current, error))
+        problems.push_back(error);
+    if (!problems.empty()) {
+        Report("", problems);
         return 2;
     }
     SStandardError errors;
@@ -180,9 +231,8 @@ int Serve(zrt_proxy_t* proxy, const CCommandLine& options)
         std::fprintf(stderr, "zrt-proxy: %s\n", zrt_proxy_last_error(proxy));
         return 1;
     }
-    const std::string listen = CDaemonOptions::ValueOf(current, "listen", "127.0.0.1");
-    std::printf("zrt-proxy listening on %s\n", Endpoint(listen, zrt_proxy_port(proxy)).c_str());
-    std::fflush(stdout);
+    AnnounceListeners(proxy, current);
+    std::fprintf(stderr, "zrt-proxy: %s\n", CDaemonOptions::DescribeLimits(current, DescriptorLimit()).c_str());
 
     const sigset_t signals = HandledSignals();
     for (;;) {
@@ -211,13 +261,17 @@ int main(int argc, char** argv)
         return 2;
     }
     if (options.WantsHelp()) {
-        std::fputs(CCommandLine::Usage().c_str(), stdout);
+        std::fputs(CCommandLine::Usage(CDaemonOptions::Defaults(DescriptorLimit())).c_str(), stdout);
         return 0;
     }
     if (options.WantsVersion()) {
         std::printf("zrt-proxy %s\n", zrt_proxy_version());
         return 0;
     }
+    if (options.WantsHash())
+        return HashPassword();
+    if (options.WantsCheck())
+        return CheckConfig(options);
     const sigset_t signals = HandledSignals();
     pthread_sigmask(SIG_BLOCK, &signals, nullptr);
     zrt_proxy_t* proxy = zrt_proxy_create();

@@ -14,8 +14,9 @@
  *   zrt_proxy_destroy(proxy); // stops first
  *
  * Threads: one thread at a time controls a handle (create, set_option, the set_ functions,
- * start, stop, destroy, last_error). zrt_proxy_port and zrt_proxy_get_stats may be called from
- * any thread at any time, callbacks included. Callbacks run on the library's threads, several
+ * start, stop, destroy, last_error). zrt_proxy_port, zrt_proxy_listen_count,
+ * zrt_proxy_listen_port and zrt_proxy_get_stats may be called from any thread at any time,
+ * callbacks included. Callbacks run on the library's threads, several
  * at once, never with a lock of the library held; they must not call zrt_proxy_stop or
  * zrt_proxy_destroy on their own handle (that waits for the thread the callback runs on).
  */
@@ -124,8 +125,15 @@ ZRT_API int zrt_proxy_reload(zrt_proxy_t* proxy);
  * opened (the old one stays in use), ZRT_E_NOT_RUNNING when stopped. The controlling thread's, like
  * zrt_proxy_reload (which reopens it too). */
 ZRT_API int zrt_proxy_reopen_logs(zrt_proxy_t* proxy);
-/* The TCP port the proxy listens on (the one chosen for "port" 0), or 0 when stopped. */
+/* The TCP port the proxy listens on (the one chosen for "port" 0), or 0 when stopped. With
+ * several "listen" addresses, the first one's port. */
 ZRT_API int zrt_proxy_port(const zrt_proxy_t* proxy);
+/* How many sockets the proxy listens on: one per "listen" value (1 without any), 0 when
+ * stopped. */
+ZRT_API int zrt_proxy_listen_count(const zrt_proxy_t* proxy);
+/* The TCP port of the index-th listening socket (from 0, in the order the "listen" values were
+ * set; "port" 0 picks a free port for each), or 0 when stopped or past the last. */
+ZRT_API int zrt_proxy_listen_port(const zrt_proxy_t* proxy, int index);
 /* Stops serving: closes the port and every client connection at once (connects and lookups
  * under way are abandoned, not waited for). Returns once no thread of the proxy runs and no
  * callback can be called any more; the proxy may be started again. Harmless when stopped. */

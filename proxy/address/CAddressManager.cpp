@@ -9,6 +9,7 @@
 #include <cctype>
 #include <chrono>
 #include <cstring>
+#include <iterator>
 
 #include "runtime/Clock.h"
 #include "transport/CTCPIPAddress.h"
@@ -566,8 +567,14 @@ void CAddressManager::Deliver(const std::vector<SWaiting>& waiters, const Addres
 
 void CAddressManager::SetProxyPort(unsigned int port)
 {
+    SetProxyPorts({port});
+}
+
+void CAddressManager::SetProxyPorts(const std::vector<unsigned int>& ports)
+{
     std::lock_guard<std::mutex> hold(m_mutex);
-    m_proxyPort = port;
+    m_proxyPorts.clear();
+    std::copy_if(ports.begin(), ports.end(), std::back_inserter(m_proxyPorts), [](unsigned int port) { return port != 0; });
 }
 
 bool CAddressManager::IsProxyItself(const IZRTConnectionAddress& address)
@@ -578,7 +585,8 @@ bool CAddressManager::IsProxyItself(const IZRTConnectionAddress& address)
         return false;
     const std::string bytes = AddressBytes(reinterpret_cast<const sockaddr*>(&storage));
     std::lock_guard<std::mutex> hold(m_mutex);
-    if (bytes.empty() || m_proxyPort == 0 || address.GetPortNumber() != m_proxyPort)
+    if (bytes.empty() ||
+        std::find(m_proxyPorts.begin(), m_proxyPorts.end(), address.GetPortNumber()) == m_proxyPorts.end())
         return false;
     if (IsLoopbackOrUnspecified(bytes))
         return true;

@@ -100,6 +100,8 @@ public:
 
     // The proxy's own listening port for IsProxyItself; 0 when it has none.
     void SetProxyPort(unsigned int port);
+    // Every port the proxy listens on (0s are ignored).
+    void SetProxyPorts(const std::vector<unsigned int>& ports);
     // True for an address of this machine (any loopback or unspecified address, their
     // IPv4-mapped forms, every interface address) with the proxy's own port: a connection there
     // would come back into the proxy.
@@ -165,7 +167,7 @@ private:
     std::set<std::string> m_ownAddresses; // 16-byte forms (IPv4 mapped)
     long long m_ownAddressesTime = 0;
     bool m_ownAddressesFixed = false;
-    unsigned int m_proxyPort = 0;
+    std::vector<unsigned int> m_proxyPorts;
 };
 
 } // namespace Proxy

@@ -32,6 +32,14 @@ bool CProxy::StartProxy(const std::string& listenAddress, int port, IResolveAddr
                                 connectionListener);
 }
 
+bool CProxy::StartProxy(const std::vector<std::string>& listenAddresses, int port, IResolveAddress* resolver,
+                        IZRTMultiPointLayer* multiPointLayer, IDatagramHandler* datagramHandler,
+                        IConnectionListener* connectionListener)
+{
+    return m_server->StartProxy(listenAddresses, port, resolver, multiPointLayer, datagramHandler,
+                                connectionListener);
+}
+
 void CProxy::StopProxy()
 {
     m_server->StopProxy();
@@ -55,6 +63,16 @@ std::string CProxy::GetStartError() const
 int CProxy::GetListenPort() const
 {
     return m_server->GetListenPort();
+}
+
+int CProxy::GetListenPort(size_t index) const
+{
+    return m_server->GetListenPort(index);
+}
+
+size_t CProxy::GetListenCount() const
+{
+    return m_server->GetListenCount();
 }
 
 size_t CProxy::GetConnectionCount() const

@@ -3,6 +3,7 @@
 #include <cstddef>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "proxy/core/CProxyStats.h"
 #include "proxy/core/IProxyObserver.h"
@@ -22,7 +23,7 @@ namespace Proxy {
 
 class CProxyServer;
 
-// The proxy a C++ host drives with services of its own: it listens on one TCP port, tells SOCKS5
+// The proxy a C++ host drives with services of its own: it listens on TCP ports, tells SOCKS5
 // from HTTP clients by their first byte and reaches destinations only through the four host
 // services given to StartProxy. Restartable.
 //
@@ -59,10 +60,19 @@ public:
     bool StartProxy(const std::string& listenAddress, int port, IResolveAddress* resolver,
                     IZRTMultiPointLayer* multiPointLayer, IDatagramHandler* datagramHandler,
                     IConnectionListener* connectionListener);
+    // Listens on each of the addresses (at most 16, IPv4 and IPv6 mixed), one socket each, all
+    // serving alike. Port 0 picks a free port per socket (see GetListenPort(index)).
+    bool StartProxy(const std::vector<std::string>& listenAddresses, int port, IResolveAddress* resolver,
+                    IZRTMultiPointLayer* multiPointLayer, IDatagramHandler* datagramHandler,
+                    IConnectionListener* connectionListener);
     // Why the last StartProxy failed, in one line ("" after a good one).
     std::string GetStartError() const;
-    // The port actually bound, or 0 when not started.
+    // The port the first socket is bound to, or 0 when not started. Any thread.
     int GetListenPort() const;
+    // The port of the index-th socket, in the order of the addresses, or 0. Any thread.
+    int GetListenPort(size_t index) const;
+    // How many sockets listen (0 when not started). Any thread.
+    size_t GetListenCount() const;
     size_t GetConnectionCount() const;
     EProxyMode GetMode() const { return m_mode; }
 

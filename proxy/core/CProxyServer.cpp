@@ -57,21 +57,22 @@ bool OutOfDescriptors(int error)
 }
 } // namespace
 
-// Forwards the listening socket's readiness to the server, on the watching loop's thread.
+// Forwards a listening socket's readiness to the server, on the watching loop's thread.
 class CProxyServer::CListenWatch : public QOX::CRefCount_Base, public IEventHandler {
 public:
-    CListenWatch(CProxyServer& server, size_t listener, CEventLoop& loop)
-        : m_server(server), m_listener(listener), m_loop(loop)
+    CListenWatch(CProxyServer& server, size_t listener, int socket, CEventLoop& loop)
+        : m_server(server), m_listener(listener), m_socket(socket), m_loop(loop)
     {
     }
     long AddRef() override { return QOX::CRefCount_Base::AddRef(); }
     long ReleaseRef() override { return QOX::CRefCount_Base::ReleaseRef(); }
     void* GetReferencedObject() const override { return QOX::CRefCount_Base::GetReferencedObject(); }
-    void OnEvents(uint32_t /*events*/) override { m_server.AcceptOn(m_listener, m_loop); }
+    void OnEvents(uint32_t /*events*/) override { m_server.AcceptOn(m_listener, m_socket, m_loop); }
 
 private:
     CProxyServer& m_server;
     const size_t m_listener;
+    const int m_socket;
     CEventLoop& m_loop; // kept here: the server's list may still grow while this loop accepts
 };
 
@@ -94,19 +95,28 @@ bool CProxyServer::StartProxy(const std::string& listenAddress, int port, IResol
                         IZRTMultiPointLayer* multiPointLayer, IDatagramHandler* datagramHandler,
                         IConnectionListener* connectionListener)
 {
-    if (m_listenSocket != -1) {
+    return StartProxy(std::vector<std::string>{listenAddress}, port, resolver, multiPointLayer, datagramHandler,
+                      connectionListener);
+}
+
+bool CProxyServer::StartProxy(const std::vector<std::string>& listenAddresses, int port, IResolveAddress* resolver,
+                        IZRTMultiPointLayer* multiPointLayer, IDatagramHandler* datagramHandler,
+                        IConnectionListener* connectionListener)
+{
+    if (!m_listenSockets.empty()) {
         if (multiPointLayer == m_multiPointLayer && datagramHandler == m_datagramHandler &&
             connectionListener == m_connectionListener)
             return true;
         StopProxy();
     }
     m_startError.clear();
+    if (listenAddresses.empty() || listenAddresses.size() > MAX_LISTEN_SOCKETS)
+        return FailStart("give 1 to " + std::to_string(MAX_LISTEN_SOCKETS) + " addresses to listen on");
     if (!multiPointLayer)
         return FailStart("no multi-point layer to reach destinations through");
     if (!m_addressManager.Init(resolver))
         return FailStart("no resolver, or it refused the proxy's notification");
-    const int socket = OpenListenSocket(listenAddress, port);
-    if (socket < 0) {
+    if (!OpenListenSockets(listenAddresses, port)) {
         m_addressManager.Terminate();
         return false;
     }
@@ -114,11 +124,13 @@ bool CProxyServer::StartProxy(const std::string& listenAddress, int port, IResol
     m_datagramHandler = datagramHandler;
     m_connectionListener = connectionListener;
     m_loginGuard.SetThreadPool(m_pool);
-    m_listenPort = BoundPort(socket);
-    m_addressManager.SetProxyPort(static_cast<unsigned int>(m_listenPort.load()));
-    m_listenSocket = socket;
-    m_listenAddressText = listenAddress;
-    m_beyondLoopback = !IsLoopbackText(listenAddress);
+    // Loops back into the proxy are recognized by any of its ports.
+    std::vector<unsigned int> ports;
+    for (const auto& port : m_listenPorts)
+        ports.push_back(static_cast<unsigned int>(port.load()));
+    m_addressManager.SetProxyPorts(ports);
+    m_beyondLoopback = std::any_of(listenAddresses.begin(), listenAddresses.end(),
+                                   [](const std::string& address) { return !IsLoopbackText(address); });
     m_starved = false;
     m_overLimit = false;
     int threads = GetSettings().eventThreads;
@@ -130,21 +142,52 @@ bool CProxyServer::StartProxy(const std::string& listenAddress, int port, IResol
         std::lock_guard<std::mutex> hold(m_mutex);
         m_stopping = false;
         m_listeners.clear();
-        m_listeners.reserve(m_loops->Size());
-        for (size_t i = 0; i < m_loops->Size() && watched; ++i) {
-            m_listeners.push_back(SListener{&m_loops->At(i), new CListenWatch(*this, i, m_loops->At(i)), 0});
-            WatchListenerLocked(i);
-            watched = m_listeners[i].token != 0;
+        // Reserved whole: a loop accepting on an early entry must not see the list move.
+        m_listeners.reserve(m_listenSockets.size() * m_loops->Size());
+        for (const int socket : m_listenSockets) {
+            for (size_t i = 0; i < m_loops->Size() && watched; ++i) {
+                const size_t listener = m_listeners.size();
+                CEventLoop& loop = m_loops->At(i);
+                m_listeners.push_back(SListener{&loop, socket, new CListenWatch(*this, listener, socket, loop), 0});
+                WatchListenerLocked(listener);
+                watched = m_listeners[listener].token != 0;
+            }
         }
     }
     if (watched) {
         m_originPool.Start(&m_loops->At(0));
-        if (m_observer)
-            m_observer->OnStarted(listenAddress, m_listenPort);
+        for (size_t i = 0; m_observer && i < m_listenSockets.size(); ++i)
+            m_observer->OnStarted(listenAddresses[i], m_listenPorts[i]);
         return true;
     }
     StopProxy();
     return FailStart("cannot start the event threads");
+}
+
+bool CProxyServer::OpenListenSockets(const std::vector<std::string>& listenAddresses, int port)
+{
+    const bool several = listenAddresses.size() > 1;
+    for (const std::string& address : listenAddresses) {
+        const int socket = OpenListenSocket(address, port, several);
+        if (socket < 0) {
+            CloseListenSockets();
+            return false;
+        }
+        m_listenPorts[m_listenSockets.size()] = BoundPort(socket);
+        m_listenSockets.push_back(socket);
+    }
+    m_listenCount = m_listenSockets.size();
+    return true;
+}
+
+void CProxyServer::CloseListenSockets()
+{
+    m_listenCount = 0;
+    for (const int socket : m_listenSockets)
+        CSocketUtils::CloseSocket(socket);
+    m_listenSockets.clear();
+    for (auto& port : m_listenPorts)
+        port = 0;
 }
 
 int CProxyServer::DefaultEventThreads(int cpus)
@@ -165,7 +208,7 @@ std::string CProxyServer::DescribeEndpoint(const std::string& address, int port)
     return (ipv6 ? "[" + address + "]" : address) + ":" + std::to_string(port);
 }
 
-int CProxyServer::OpenListenSocket(const std::string& listenAddress, int port)
+int CProxyServer::OpenListenSocket(const std::string& listenAddress, int port, bool ipv6Only)
 {
     char service[16];
     std::snprintf(service, sizeof(service), "%d", port);
@@ -186,6 +229,8 @@ int CProxyServer::OpenListenSocket(const std::string& listenAddress, int port)
     if (socket >= 0) {
         const int one = 1;
         setsockopt(socket, SOL_SOCKET, SO_REUSEADDR, &one, sizeof(one));
+        if (ipv6Only && result->ai_family == AF_INET6)
+            setsockopt(socket, IPPROTO_IPV6, IPV6_V6ONLY, &one, sizeof(one));
         // Accepted sockets inherit it (Linux): relayed segments go out as they come, without a
         // call per client. Nagle would hold a small one back for an ACK.
         setsockopt(socket, IPPROTO_TCP, TCP_NODELAY, &one, sizeof(one));
@@ -209,19 +254,19 @@ void CProxyServer::WatchListenerLocked(size_t listener)
 #if defined(EPOLLEXCLUSIVE)
     // One thread woken per client; older kernels refuse the flag, and then every thread wakes
     // and all but one find nothing to accept.
-    entry.token = entry.loop->Add(m_listenSocket.load(), EPOLLIN | EPOLLEXCLUSIVE, handler);
+    entry.token = entry.loop->Add(entry.socket, EPOLLIN | EPOLLEXCLUSIVE, handler);
     if (entry.token != 0)
         return;
 #endif
-    entry.token = entry.loop->Add(m_listenSocket.load(), EPOLLIN, handler);
+    entry.token = entry.loop->Add(entry.socket, EPOLLIN, handler);
 }
 
-void CProxyServer::AcceptOn(size_t listener, CEventLoop& loop)
+void CProxyServer::AcceptOn(size_t listener, int socket, CEventLoop& loop)
 {
     for (int accepted = 0; accepted < ACCEPT_BURST; ++accepted) {
         sockaddr_storage peer{};
         socklen_t peerLength = sizeof(peer);
-        const int client = accept4(m_listenSocket.load(), reinterpret_cast<sockaddr*>(&peer), &peerLength,
+        const int client = accept4(socket, reinterpret_cast<sockaddr*>(&peer), &peerLength,
                                    SOCK_CLOEXEC | SOCK_NONBLOCK);
         if (client < 0) {
             if (OutOfDescriptors(errno))
@@ -270,7 +315,7 @@ void CProxyServer::PauseAccepting(size_t listener)
         SListener& entry = m_listeners[listener];
         if (entry.token == 0)
             return;
-        entry.loop->Remove(entry.token, m_listenSocket.load());
+        entry.loop->Remove(entry.token, entry.socket);
         entry.token = 0;
         loop = entry.loop;
     }
@@ -368,7 +413,7 @@ std::shared_ptr<const CProxyServer::SActive> CProxyServer::GetActive() const
 
 void CProxyServer::StopProxy()
 {
-    const bool wasRunning = m_listenSocket != -1;
+    const bool wasRunning = !m_listenSockets.empty();
     {
         // No thread accepts any more, and none starts to again (a paused one comes back only
         // while not stopping).
@@ -376,7 +421,7 @@ void CProxyServer::StopProxy()
         m_stopping = true;
         for (SListener& entry : m_listeners) {
             if (entry.token != 0)
-                entry.loop->Remove(entry.token, m_listenSocket.load());
+                entry.loop->Remove(entry.token, entry.socket);
             entry.token = 0;
         }
     }
@@ -393,8 +438,7 @@ void CProxyServer::StopProxy()
         m_listeners.clear();
     }
     m_loops.reset();
-    CSocketUtils::CloseSocket(m_listenSocket.exchange(-1));
-    m_listenPort = 0;
+    CloseListenSockets();
     m_addressManager.SetProxyPort(0);
     // Threads kept for reuse would run the engine's code after the host may have unloaded it;
     // helper threads of connects are waited for too.
@@ -459,8 +503,7 @@ void CProxyServer::SetProtocolCreator(ProtocolCreator creator)
 
 bool CProxyServer::IsConnected()
 {
-    std::lock_guard<std::mutex> hold(m_mutex);
-    return m_listenSocket != -1;
+    return m_listenCount != 0;
 }
 
 IZRTMultiPointLayer* CProxyServer::GetMultiPointLayer()
@@ -470,7 +513,17 @@ IZRTMultiPointLayer* CProxyServer::GetMultiPointLayer()
 
 int CProxyServer::GetListenPort() const
 {
-    return m_listenPort;
+    return GetListenPort(0);
+}
+
+int CProxyServer::GetListenPort(size_t index) const
+{
+    return index < m_listenCount ? m_listenPorts[index].load() : 0;
+}
+
+size_t CProxyServer::GetListenCount() const
+{
+    return m_listenCount;
 }
 
 size_t CProxyServer::GetConnectionCount() const

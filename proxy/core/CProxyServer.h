@@ -2,6 +2,7 @@
 
 #include <sys/socket.h>
 
+#include <array>
 #include <atomic>
 #include <functional>
 #include <memory>
@@ -36,13 +37,17 @@ namespace Proxy {
 
 class CProxyConnection;
 
-// The engine behind CProxy: listens on one TCP port and serves every client with a
+// The engine behind CProxy: listens on one or more TCP sockets and serves every client with a
 // CProxyConnection on one of a few event threads (CEventLoop, half the CPUs unless set);
 // StopProxy terminates them all. Restartable.
 //
-// Accepting: every event thread watches the listening socket (exclusively where the system
+// Accepting: every event thread watches every listening socket (exclusively where the system
 // allows, so that the kernel wakes one of them per client); the thread that accepts a client
 // serves it for its whole life. No thread is started and none handed a client per connection.
+//
+// Threads: StartProxy, StopProxy, SetListenBacklog, SetObserver, SetThreadPool and
+// GetStartError on the controlling thread; GetListenPort, GetListenCount, GetSettings,
+// SetSettings and GetStats on any thread; the rest on the event threads.
 //
 // The set of live connections holds plain pointers and no references. A connection removes
 // itself from the set on its own thread before that thread drops its reference, and the set is
@@ -56,6 +61,9 @@ public:
     enum EProxyMode { PROXY_MODE_DEFAULT = 0, PROXY_MODE_LOCAL = 1 };
 
     static constexpr int LISTEN_BACKLOG = 16;
+    // Most listening sockets of one proxy (their ports are read from any thread, so they are
+    // kept in a fixed array).
+    static constexpr size_t MAX_LISTEN_SOCKETS = 16;
     // Pause of a thread's accepting when the process is out of descriptors, instead of spinning.
     static constexpr int ACCEPT_RETRY_DELAY_MS = 100;
     // Most clients one thread accepts in one go before it serves the others' events again.
@@ -84,13 +92,23 @@ public:
     bool StartProxy(const std::string& listenAddress, int port, IResolveAddress* resolver,
                     IZRTMultiPointLayer* multiPointLayer, IDatagramHandler* datagramHandler,
                     IConnectionListener* connectionListener);
+    // Listens on each address (1 to MAX_LISTEN_SOCKETS, IPv4 and IPv6 mixed), one socket each,
+    // all serving alike; port 0 picks a free port per socket. With several addresses an IPv6
+    // socket takes IPv6 clients only, so that "::" and "0.0.0.0" may share a port.
+    bool StartProxy(const std::vector<std::string>& listenAddresses, int port, IResolveAddress* resolver,
+                    IZRTMultiPointLayer* multiPointLayer, IDatagramHandler* datagramHandler,
+                    IConnectionListener* connectionListener);
     // The listen queue length for the next start (LISTEN_BACKLOG unless set). A daemon serving
     // bursts of clients wants more than the short default, or clients wait for a SYN retry.
     void SetListenBacklog(int backlog) { m_listenBacklog = backlog > 0 ? backlog : LISTEN_BACKLOG; }
     // Why the last start failed, in one line ("" after a good one).
     const std::string& GetStartError() const { return m_startError; }
-    // The port actually bound, or 0 when not started.
+    // The port the first socket is bound to, or 0 when not started.
     int GetListenPort() const;
+    // The port of the index-th listening socket (in the order of the addresses), or 0.
+    int GetListenPort(size_t index) const;
+    // Listening sockets while running, else 0.
+    size_t GetListenCount() const;
     size_t GetConnectionCount() const;
     EProxyMode GetMode() const { return m_mode; }
     CAddressManager& GetAddressManager() { return m_addressManager; }
@@ -130,10 +148,11 @@ public:
     void OnClientFinished(const sockaddr_storage& peer);
 
 private:
-    // The listening socket as one event thread watches it.
+    // A listening socket as one event thread watches it.
     class CListenWatch;
     struct SListener {
         CEventLoop* loop = nullptr;
+        int socket = -1;
         QOX::CRefCountPtr<CListenWatch> watch;
         uint64_t token = 0;
     };
@@ -151,12 +170,16 @@ private:
     bool Admit(int client, const sockaddr_storage& peer, const SActive& active);
     void ReportRefused(const sockaddr_storage& peer, EOutcome outcome);
 
-    int OpenListenSocket(const std::string& listenAddress, int port);
+    // -1 (and the start error set) on failure; ipv6Only for an IPv6 socket beside others.
+    int OpenListenSocket(const std::string& listenAddress, int port, bool ipv6Only);
+    // Every socket or none: on failure the opened ones are closed again and false returned.
+    bool OpenListenSockets(const std::vector<std::string>& listenAddresses, int port);
+    void CloseListenSockets();
     // Records why a start failed; false.
     bool FailStart(const std::string& reason);
     static std::string DescribeEndpoint(const std::string& address, int port);
-    // An event thread's turn at the listening socket: accepts a few clients and serves them.
-    void AcceptOn(size_t listener, CEventLoop& loop);
+    // An event thread's turn at a listening socket: accepts a few clients and serves them.
+    void AcceptOn(size_t listener, int socket, CEventLoop& loop);
     // Serves one accepted client on this event thread.
     void Serve(int client, const sockaddr_storage& peer, CEventLoop& loop);
     // Out of descriptors: this thread stops watching the socket for a while.
@@ -176,8 +199,11 @@ private:
     IZRTMultiPointLayer* m_multiPointLayer = nullptr;
     IDatagramHandler* m_datagramHandler = nullptr;
     IConnectionListener* m_connectionListener = nullptr;
-    std::atomic<int> m_listenSocket{-1};
-    std::atomic<int> m_listenPort{0};
+    // The listening sockets, in the order of the addresses: the controlling thread's (StartProxy,
+    // StopProxy); the event threads know theirs from their watches.
+    std::vector<int> m_listenSockets;
+    std::array<std::atomic<int>, MAX_LISTEN_SOCKETS> m_listenPorts{};
+    std::atomic<size_t> m_listenCount{0};
     std::set<CProxyConnection*> m_connections;
     EProxyMode m_mode;
     std::atomic<int> m_listenBacklog{LISTEN_BACKLOG};
@@ -194,7 +220,6 @@ private:
     CProxyStats m_stats;
     IProxyObserver* m_observer = nullptr;
     QOX::CThreadPool* m_pool = nullptr;
-    std::string m_listenAddressText;
     std::string m_startError; // the controlling thread's: written and read by StartProxy's caller
 };
 

@@ -9,7 +9,9 @@
 #include <stdatomic.h>
 #include <stdio.h>
 #include <string.h>
+#include <stdlib.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "capi_support.h"
@@ -548,14 +550,137 @@ static void test_reload_applies_live_settings_to_new_clients(void)
     CHECK(strstr(zrt_proxy_last_error(proxy), "access log") != NULL);
     CHECK(socks5_login(proxy_port, "bob", "three", port) == 0);
 
-    /* Without users, clients come in as before. */
+    /* Settings without users do not open the proxy, unless they say so. */
     CHECK(zrt_proxy_set_option(proxy, "access-log", NULL) == ZRT_OK);
     CHECK(zrt_proxy_set_option(proxy, "auth", NULL) == ZRT_OK);
+    CHECK(zrt_proxy_reload(proxy) == ZRT_E_BAD_VALUE);
+    CHECK(strstr(zrt_proxy_last_error(proxy), "auth none") != NULL);
+    CHECK(socks5_login(proxy_port, "bob", "three", port) == 0);
+    CHECK(capi_socks5_connect(proxy_port, "127.0.0.2", port, &reply) < 0);
+    CHECK(zrt_proxy_set_option(proxy, "auth", "none") == ZRT_OK);
+    CHECK(zrt_proxy_set_option(proxy, "auth", "carol:x") == ZRT_E_BAD_VALUE); /* none means none */
     CHECK(zrt_proxy_reload(proxy) == ZRT_OK);
     CHECK(socks5_fetch(proxy, "127.0.0.2", port) > 10);
     wait_idle(proxy);
     zrt_proxy_stats_t stats = stats_of(proxy);
-    CHECK(stats.refused_auth_failed == 3);
+    CHECK(stats.refused_auth_failed == 4);
+    zrt_proxy_destroy(proxy);
+    capi_server_stop(server);
+}
+
+static void write_file(const char* path, const char* text)
+{
+    FILE* file = fopen(path, "w");
+    CHECK(file != NULL);
+    fputs(text, file);
+    fclose(file);
+}
+
+/* A users file that cannot be read, is no regular file or names nobody never opens the proxy:
+ * not when it is set, not at start, not at a reload. */
+static void test_users_file_fails_closed(void)
+{
+    capi_server_t* server = capi_server_start(10);
+    const int port = capi_server_port(server);
+    char dir[] = "/tmp/zrt-capi-XXXXXX";
+    CHECK(mkdtemp(dir) != NULL);
+    char users[64];
+    snprintf(users, sizeof(users), "%s/users", dir);
+    zrt_proxy_t* proxy = zrt_proxy_create();
+    const char* bad[] = {"", "# nobody yet\n\n   # still nobody\n"};
+    for (int i = 0; i < 2; ++i) {
+        write_file(users, bad[i]);
+        CHECK(zrt_proxy_set_option(proxy, "auth-file", users) == ZRT_E_BAD_VALUE);
+        CHECK(strstr(zrt_proxy_last_error(proxy), "no user") != NULL);
+    }
+    CHECK(zrt_proxy_set_option(proxy, "auth-file", dir) == ZRT_E_BAD_VALUE);
+    CHECK(strstr(zrt_proxy_last_error(proxy), "not a regular file") != NULL);
+
+    /* Emptied between set and start: the start fails, nothing listens. */
+    write_file(users, "alice:one # the operator\n");
+    CHECK(zrt_proxy_set_option(proxy, "port", "0") == ZRT_OK);
+    CHECK(zrt_proxy_set_option(proxy, "auth-file", users) == ZRT_OK);
+    CHECK(zrt_proxy_set_option(proxy, "auth", "none") == ZRT_E_BAD_VALUE);
+    write_file(users, "");
+    CHECK(zrt_proxy_start(proxy) == ZRT_E_START);
+    CHECK(strstr(zrt_proxy_last_error(proxy), users) != NULL);
+    CHECK(zrt_proxy_listen_count(proxy) == 0);
+
+    /* Emptied, then turned into a directory, while running: each reload fails, the users stay. */
+    write_file(users, "alice:one # the operator\n");
+    CHECK(zrt_proxy_start(proxy) == ZRT_OK);
+    const int proxy_port = zrt_proxy_port(proxy);
+    CHECK(socks5_login(proxy_port, "alice", "one", port) == 0);
+    write_file(users, "# alice:one\n");
+    CHECK(zrt_proxy_reload(proxy) == ZRT_E_BAD_VALUE);
+    CHECK(unlink(users) == 0 && mkdir(users, 0700) == 0);
+    CHECK(zrt_proxy_reload(proxy) == ZRT_E_BAD_VALUE);
+    CHECK(socks5_login(proxy_port, "alice", "one", port) == 0);
+    int reply = 0;
+    CHECK(capi_socks5_connect(proxy_port, "127.0.0.2", port, &reply) < 0);
+    zrt_proxy_destroy(proxy);
+    rmdir(users);
+    rmdir(dir);
+    capi_server_stop(server);
+}
+
+/* A SOCKS5 greeting to [::1]:port answered with "no authentication": that socket serves. */
+static int serves_on_ipv6_loopback(int port)
+{
+    struct sockaddr_in6 entry;
+    memset(&entry, 0, sizeof(entry));
+    entry.sin6_family = AF_INET6;
+    entry.sin6_port = htons((unsigned short)port);
+    entry.sin6_addr = in6addr_loopback;
+    int fd = socket(AF_INET6, SOCK_STREAM, 0);
+    unsigned char greeting[3] = {5, 1, 0};
+    unsigned char answer[2] = {0, 0};
+    int served = connect(fd, (struct sockaddr*)&entry, sizeof(entry)) == 0 &&
+                 send(fd, greeting, 3, MSG_NOSIGNAL) == 3 && recv(fd, answer, 2, MSG_WAITALL) == 2 &&
+                 answer[0] == 5 && answer[1] == 0;
+    close(fd);
+    return served;
+}
+
+static void test_listen_on_several_addresses(void)
+{
+    capi_server_t* server = capi_server_start(100);
+    zrt_proxy_t* proxy = zrt_proxy_create();
+    CHECK(zrt_proxy_set_option(proxy, "listen", "127.0.0.1") == ZRT_OK);
+    CHECK(zrt_proxy_set_option(proxy, "listen", "[::1]") == ZRT_OK);
+    CHECK(zrt_proxy_set_option(proxy, "listen", "0:0::1") == ZRT_OK); /* ::1 again: no second socket */
+    CHECK(zrt_proxy_set_option(proxy, "port", "0") == ZRT_OK);
+    CHECK(zrt_proxy_start(proxy) == ZRT_OK);
+    CHECK(zrt_proxy_listen_count(proxy) == 2);
+    const int first = zrt_proxy_listen_port(proxy, 0), ipv6 = zrt_proxy_listen_port(proxy, 1);
+    CHECK(first > 0 && ipv6 > 0 && zrt_proxy_port(proxy) == first);
+    CHECK(zrt_proxy_listen_port(proxy, 2) == 0 && zrt_proxy_listen_port(proxy, -1) == 0);
+    CHECK(socks5_fetch(proxy, "127.0.0.2", capi_server_port(server)) > 100);
+    CHECK(serves_on_ipv6_loopback(ipv6));
+    zrt_proxy_stop(proxy);
+    CHECK(zrt_proxy_listen_count(proxy) == 0 && zrt_proxy_listen_port(proxy, 1) == 0);
+
+    /* One port for all (one that was free on ::1 may be taken on 127.0.0.1: a few tries); an
+     * address that cannot be had fails the start and leaves none open. */
+    int shared = 0;
+    for (int attempt = 0; attempt < 10 && shared == 0; ++attempt) {
+        char text[16];
+        CHECK(zrt_proxy_set_option(proxy, "port", "0") == ZRT_OK && zrt_proxy_start(proxy) == ZRT_OK);
+        const int candidate = zrt_proxy_listen_port(proxy, 1);
+        zrt_proxy_stop(proxy);
+        snprintf(text, sizeof(text), "%d", candidate);
+        CHECK(zrt_proxy_set_option(proxy, "port", text) == ZRT_OK);
+        shared = zrt_proxy_start(proxy) == ZRT_OK ? candidate : 0;
+    }
+    CHECK(shared > 0);
+    CHECK(zrt_proxy_listen_port(proxy, 0) == shared && zrt_proxy_listen_port(proxy, 1) == shared);
+    CHECK(serves_on_ipv6_loopback(shared));
+    zrt_proxy_stop(proxy);
+    CHECK(zrt_proxy_set_option(proxy, "listen", "192.0.2.1") == ZRT_OK);
+    CHECK(zrt_proxy_start(proxy) == ZRT_E_START);
+    CHECK(strstr(zrt_proxy_last_error(proxy), "192.0.2.1") != NULL);
+    CHECK(zrt_proxy_listen_count(proxy) == 0);
+    CHECK(!serves_on_ipv6_loopback(shared));
     zrt_proxy_destroy(proxy);
     capi_server_stop(server);
 }
@@ -604,6 +729,8 @@ static const struct named_test TESTS[] = {
     {"log_lines_escape_client_bytes", test_log_lines_escape_client_bytes},
     {"reload_applies_live_settings_to_new_clients", test_reload_applies_live_settings_to_new_clients},
     {"a_name_with_several_addresses_is_tried_in_order", test_a_name_with_several_addresses_is_tried_in_order},
+    {"users_file_fails_closed", test_users_file_fails_closed},
+    {"listen_on_several_addresses", test_listen_on_several_addresses},
 };
 
 int main(int argc, char** argv)

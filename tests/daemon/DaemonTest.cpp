@@ -49,21 +49,52 @@ TEST(ConfigFileTest, ReadsNameValueLinesWithCommentsSpacesAndLineNumbers)
 {
     TempFile file("# a comment\n\n  port   1080  \nauth alice:pass with spaces\r\n\t# indented comment\nallow ::1\n");
     Entries entries;
-    std::string error;
-    ASSERT_TRUE(CConfigFile::Read(file.Path(), entries, error)) << error;
+    std::vector<std::string> problems;
+    ASSERT_TRUE(CConfigFile::Read(file.Path(), entries, problems)) << problems[0];
     EXPECT_EQ(Pairs(entries), (std::vector<std::string>{"port=1080", "auth=alice:pass with spaces", "allow=::1"}));
     EXPECT_EQ(entries[1].origin, file.Path() + ":4");
 }
 
-TEST(ConfigFileTest, ALineWithoutValueOrAMissingFileIsAnErrorWithItsPlace)
+TEST(ConfigFileTest, CommentsFollowWhiteSpaceAndQuotesKeepEverything)
 {
-    TempFile file("port 1\nlisten\n");
+    const std::pair<const char*, const char*> values[] = {
+        {"trail:pw # old", "trail:pw"},          {"trail:pw\t# old", "trail:pw"},
+        {"pw#1", "pw#1"},                         {"a:b#c # d", "a:b#c"},
+        {"\"quoted:pw\"", "quoted:pw"},           {"\"a:# not a comment \" # one", "a:# not a comment "},
+        {"\" lead:trail \"", " lead:trail "},     {R"("say \"hi\" \\o/")", R"(say "hi" \o/)"},
+        {"\"\"", ""},                             {"mid\"quote", "mid\"quote"},
+    };
+    for (const auto& [text, expected] : values) {
+        std::string value;
+        std::string reason;
+        EXPECT_TRUE(CConfigFile::ParseValue(std::string(" ") + text, value, reason)) << text << ": " << reason;
+        EXPECT_EQ(value, expected) << text;
+    }
+    for (const char* text : {"\"open", R"("bad \n escape")", "\"a\"b", "\"a\"#b", "", "  # only a comment"}) {
+        std::string value;
+        std::string reason;
+        EXPECT_FALSE(CConfigFile::ParseValue(text, value, reason)) << text << " gave " << value;
+        EXPECT_FALSE(reason.empty()) << text;
+    }
+}
+
+TEST(ConfigFileTest, EveryBadLineIsReportedWithItsPlaceAndOnlyRegularFilesAreRead)
+{
+    TempFile file("port 1\nlisten\nauth \"open\nallow ::1\nauth \"a\" b\n");
     Entries entries;
-    std::string error;
-    EXPECT_FALSE(CConfigFile::Read(file.Path(), entries, error));
-    EXPECT_EQ(error.rfind(file.Path() + ":2: ", 0), 0u) << error;
-    EXPECT_FALSE(CConfigFile::Read("/nonexistent/zrt.conf", entries, error));
-    EXPECT_NE(error.find("/nonexistent/zrt.conf"), std::string::npos);
+    std::vector<std::string> problems;
+    EXPECT_FALSE(CConfigFile::Read(file.Path(), entries, problems));
+    ASSERT_EQ(problems.size(), 3u);
+    EXPECT_EQ(problems[0].rfind(file.Path() + ":2: listen: ", 0), 0u) << problems[0];
+    EXPECT_EQ(problems[1].rfind(file.Path() + ":3: auth: ", 0), 0u) << problems[1];
+    EXPECT_EQ(problems[2].rfind(file.Path() + ":5: auth: ", 0), 0u) << problems[2];
+    EXPECT_EQ(Pairs(entries), (std::vector<std::string>{"port=1", "allow=::1"})); // checked further by the caller
+    for (const char* path : {"/nonexistent/zrt.conf", "/tmp", "/dev/null"}) {
+        problems.clear();
+        EXPECT_FALSE(CConfigFile::Read(path, entries, problems)) << path;
+        ASSERT_EQ(problems.size(), 1u) << path;
+        EXPECT_EQ(problems[0].rfind(std::string(path) + ": ", 0), 0u) << problems[0];
+    }
 }
 
 TEST(DaemonOptionsTest, LaterSourcesReplaceEveryValueOfANameAndKeepTheRest)
@@ -76,14 +107,42 @@ TEST(DaemonOptionsTest, LaterSourcesReplaceEveryValueOfANameAndKeepTheRest)
               (std::vector<std::string>{"handshake-timeout=30", "log-level=info", "allow=192.0.2.0/24", "port=0"}));
 }
 
-TEST(DaemonOptionsTest, DefaultClientLimitLeavesDescriptorsForEverythingElse)
+TEST(DaemonOptionsTest, DefaultLimitsFollowTheDescriptorLimitAndTheClientLimitGiven)
 {
-    const auto limitFor = [](long descriptors) {
-        return CDaemonOptions::ValueOf(CDaemonOptions::Defaults(descriptors), "max-clients", "");
+    const auto defaults = CDaemonOptions::Defaults(1024);
+    EXPECT_EQ(CDaemonOptions::ValueOf(defaults, "max-clients", ""), "120"); // (1024 - 64) / 8
+    EXPECT_EQ(CDaemonOptions::ValueOf(defaults, "max-clients-per-source", ""), "30");
+    EXPECT_EQ(CDaemonOptions::ValueOf(defaults, "idle-timeout", ""), "3600");
+    EXPECT_EQ(CDaemonOptions::ValueOf(CDaemonOptions::Defaults(10), "max-clients", ""), "1");
+    EXPECT_EQ(CDaemonOptions::ValueOf(CDaemonOptions::Defaults(10), "max-clients-per-source", ""), "8");
+    const auto perSource = [&](const Entries& given) {
+        return CDaemonOptions::ValueOf(CDaemonOptions::Merge(defaults, {}, given), "max-clients-per-source", "");
     };
-    EXPECT_EQ(limitFor(1024), std::to_string((1024 - CDaemonOptions::DESCRIPTORS_RESERVED) /
-                                             CDaemonOptions::DESCRIPTORS_PER_CLIENT));
-    EXPECT_EQ(limitFor(10), "1");
+    EXPECT_EQ(perSource({{"max-clients", "1000", "--max-clients"}}), "250");
+    EXPECT_EQ(perSource({{"max-clients", "0", "--max-clients"}}), "0");
+    EXPECT_EQ(perSource({{"max-clients", "1000", "--max-clients"}, {"max-clients-per-source", "5", "--m"}}), "5");
+    const std::string limits = CDaemonOptions::DescribeLimits(defaults, 1024);
+    for (const char* part : {"max-clients 120,", "max-clients-per-source 30,", "handshake-timeout 30 s,",
+                             "idle-timeout 3600 s,", "linger-timeout 30 s", "descriptor limit 1024"})
+        EXPECT_NE(limits.find(part), std::string::npos) << limits;
+}
+
+TEST(DaemonOptionsTest, CheckReportsEveryProblemWithItsPlace)
+{
+    TempFile comments("# nobody yet\n\n");
+    const Entries entries = {{"port", "0", "a.conf:1"},         {"colour", "blue", "a.conf:2"},
+                             {"port", "99999", "a.conf:3"},     {"auth-file", comments.Path(), "a.conf:4"},
+                             {"auth", "none", "a.conf:5"},      {"auth", "alice:one", "a.conf:6"},
+                             {"listen", "::1", "a.conf:7"},     {"listen", "[::1]", "a.conf:8"},
+                             {"listen", "::1/128", "a.conf:9"}};
+    const std::vector<std::string> problems = CDaemonOptions::Check(entries);
+    const std::vector<std::string> places = {"a.conf:2: unknown option", "a.conf:3: 'port' is given more",
+                                             "a.conf:3: port: ", "a.conf:4: auth-file: " + comments.Path() + ": no user",
+                                             "a.conf:6: auth: ", "a.conf:9: listen: "};
+    ASSERT_EQ(problems.size(), places.size()) << ::testing::PrintToString(problems);
+    for (size_t i = 0; i < places.size(); ++i)
+        EXPECT_EQ(problems[i].rfind(places[i], 0), 0u) << problems[i];
+    EXPECT_TRUE(CDaemonOptions::Check(CDaemonOptions::Defaults(1024)).empty());
 }
 
 TEST(DaemonOptionsTest, ErrorsNameWhereTheBadSettingCameFrom)
@@ -99,8 +158,10 @@ TEST(DaemonOptionsTest, ErrorsNameWhereTheBadSettingCameFrom)
 
 TEST(DaemonOptionsTest, ReloadChangesLiveSettingsAndNamesTheOthers)
 {
+    TempFile users("bob:two\n");
     zrt_proxy_t* proxy = zrt_proxy_create();
-    const Entries current = {{"port", "0", "c"}, {"auth", "alice:one", "c"}, {"idle-timeout", "60", "c"}};
+    const Entries current = {{"port", "0", "c"}, {"auth", "alice:one", "c"}, {"auth-file", users.Path(), "c"},
+                             {"idle-timeout", "60", "c"}};
     std::string error;
     ASSERT_TRUE(CDaemonOptions::Apply(proxy, current, error)) << error;
     ASSERT_EQ(zrt_proxy_start(proxy), ZRT_OK);
@@ -110,6 +171,9 @@ TEST(DaemonOptionsTest, ReloadChangesLiveSettingsAndNamesTheOthers)
     ASSERT_TRUE(CDaemonOptions::ApplyLive(proxy, current, next, restartOnly, error)) << error;
     EXPECT_EQ(restartOnly, (std::vector<std::string>{"listen", "port"}));
     EXPECT_EQ(zrt_proxy_reload(proxy), ZRT_OK);
+    // Every live setting is cleared before any is set: "auth none" does not meet the users file
+    // that it replaces.
+    ASSERT_TRUE(CDaemonOptions::ApplyLive(proxy, current, {{"auth", "none", "n"}}, restartOnly, error)) << error;
     // A bad live value stops the reload with its place.
     EXPECT_FALSE(CDaemonOptions::ApplyLive(proxy, next, {{"allow", "nonsense", "n:9"}}, restartOnly, error));
     EXPECT_EQ(error.rfind("n:9: ", 0), 0u) << error;
@@ -129,9 +193,30 @@ TEST(CommandLineTest, TakesLibraryOptionsInBothFormsAndTheConfigFile)
     CCommandLine incomplete;
     EXPECT_FALSE(incomplete.Parse(2, missing));
     EXPECT_NE(incomplete.GetError().find("needs a value"), std::string::npos);
-    // Every library option is in the help text.
-    for (int i = 0; const char* name = zrt_option_name(i); ++i)
-        EXPECT_NE(CCommandLine::Usage().find(std::string("--") + name + " "), std::string::npos) << name;
+    const char* flags[] = {"zrt-proxy", "--check-config", "--hash-password"};
+    CCommandLine modes;
+    ASSERT_TRUE(modes.Parse(3, flags));
+    EXPECT_TRUE(modes.WantsCheck() && modes.WantsHash());
+}
+
+TEST(CommandLineTest, HelpNamesEveryOptionAndStatesEachDefaultOnceAsTheDaemonHasIt)
+{
+    const Entries defaults = CDaemonOptions::Defaults(1024);
+    const std::string usage = CCommandLine::Usage(defaults);
+    for (int i = 0; const char* name = zrt_option_name(i); ++i) {
+        const std::string start = std::string("  --") + name + " ";
+        const size_t at = usage.find(start);
+        ASSERT_NE(at, std::string::npos) << name;
+        const std::string line = usage.substr(at, usage.find('\n', at) - at);
+        const size_t first = line.find("(default");
+        EXPECT_TRUE(first == std::string::npos || line.find("(default", first + 1) == std::string::npos) << line;
+        const std::string own = CDaemonOptions::ValueOf(defaults, name, "");
+        EXPECT_TRUE(own.empty() || line.find("(default " + own) != std::string::npos) << line;
+    }
+    // Said nowhere else, so nothing contradicts the lines.
+    const std::string tail = usage.substr(usage.find("  --help"));
+    EXPECT_EQ(tail.find("default"), std::string::npos) << tail;
+    EXPECT_NE(usage.find("visible to every user of this machine"), std::string::npos);
 }
 
 } // namespace

@@ -544,8 +544,9 @@ def test_packaged_unit_and_sample_config(tmp_path):
     if not os.path.exists(analyze):
         pytest.skip("no systemd-analyze")
     binary = os.path.abspath(PROXY_BIN)
-    with open(os.path.join(os.path.dirname(binary), "daemon", "zrt-proxy.service")) as unit:
-        text = re.sub(r"^ExecStart=\S+", f"ExecStart={binary}", unit.read(), flags=re.M)
+    with open(os.path.join(os.path.dirname(sample), "zrt-proxy.service.in")) as unit:
+        text = unit.read().replace("@ZRT_SYSCONFDIR@", "/etc")
+        text = re.sub(r"^ExecStart=\S+", f"ExecStart={binary}", text, flags=re.M)
     assert f"ExecStart={binary} " in text
     (tmp_path / "zrt-proxy.service").write_text(text)
     result = subprocess.run([analyze, "verify", "--man=no", str(tmp_path / "zrt-proxy.service")],

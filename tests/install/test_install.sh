@@ -1,7 +1,9 @@
 #!/bin/bash
 # Installs the build into a temporary prefix and uses it as an application developer would:
 # the example hosts built with find_package and with pkg-config (and, where Debian's libc++ is
-# installed, the C example as a C++ program on libc++), each run against curl.
+# installed, the C example as a C++ program on libc++), each run against curl. Checks the
+# service files name the prefix they were installed under, and that a staged install (DESTDIR)
+# puts everything under the stage once.
 #   test_install.sh BUILD_DIR SOURCE_DIR
 set -euo pipefail
 build=$1
@@ -29,6 +31,28 @@ libdir=${libdir%/}
 for folder in runtime transport proxy host; do
     [ ! -e "$prefix/include/$folder" ] || fail "headers in a generic folder include/$folder"
 done
+
+# The service: the unit runs this prefix's daemon on this prefix's configuration, which the
+# daemon accepts; logrotate tells the daemon to reopen its logs.
+unit=$prefix/lib/systemd/system/zrt-proxy.service
+grep -qx "ExecStart=$prefix/bin/zrt-proxy --config $prefix/etc/zrt-proxy.conf" "$unit" ||
+    fail "unit: $(grep ExecStart "$unit")"
+"$prefix/bin/zrt-proxy" --check-config --config "$prefix/etc/zrt-proxy.conf" >/dev/null ||
+    fail "the installed sample configuration does not check"
+grep -q "SIGUSR1" "$prefix/etc/logrotate.d/zrt-proxy" || fail "no logrotate snippet that reopens the logs"
+if [ -x /usr/bin/systemd-analyze ]; then
+    /usr/bin/systemd-analyze verify --man=no "$unit" >"$work/verify.log" 2>&1 || fail "unit: $(cat "$work/verify.log")"
+fi
+stage=$work/stage
+DESTDIR=$stage cmake --install "$build" --prefix /usr >/dev/null
+for file in usr/bin/zrt-proxy usr/lib/systemd/system/zrt-proxy.service etc/zrt-proxy.conf etc/logrotate.d/zrt-proxy; do
+    [ -f "$stage/$file" ] || fail "staged install: no $file"
+done
+grep -qx "ExecStart=/usr/bin/zrt-proxy --config /etc/zrt-proxy.conf" "$stage/usr/lib/systemd/system/zrt-proxy.service" ||
+    fail "staged unit: $(grep ExecStart "$stage/usr/lib/systemd/system/zrt-proxy.service")"
+[ -z "$(find "$stage" -path "$stage$stage*" -print -quit)" ] || fail "staged install: DESTDIR applied twice"
+! grep -rq "$stage" "$stage/etc" "$stage/usr/lib/systemd" || fail "staged install: the stage named in a file"
+echo "ok: service files"
 
 # A destination on 127.0.0.2 (the HTTP side refuses this machine's own addresses).
 mkdir -p "$work/site"
@@ -107,7 +131,8 @@ fi
 # 3. Another C++ standard library: the C interface does not care.
 if command -v clang++-14 >/dev/null && [ -e /usr/lib/llvm-14/include/c++/v1/string ]; then
     clang++-14 -stdlib=libc++ -x c++ "$source/examples/c-host/main.c" -o "$work/c-host-libcxx" $flags $rpath
-    ldd "$work/c-host-libcxx" | grep -q 'libc++.so' || fail "the libc++ build does not use libc++"
+    ldd "$work/c-host-libcxx" >"$work/libcxx.ldd" # grep -q in a pipe would cut ldd short (pipefail)
+    grep -q 'libc++.so' "$work/libcxx.ldd" || fail "the libc++ build does not use libc++"
     check_c_host c-host-libcxx "$work/c-host-libcxx"
 else
     echo "skipped: libc++ (libc++-14-dev not installed)"
