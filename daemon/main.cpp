@@ -150,9 +150,17 @@ void Report(const std::string& prefix, const std::vector<std::string>& problems)
         std::fprintf(stderr, "zrt-proxy: %s%s\n", prefix.c_str(), problem.c_str());
 }
 
+// While serving, standard error is written like the library's lines: never waiting for it, or a
+// full pipe would keep the daemon from its signals.
+void Say(const SStandardError& errors, const std::string& text)
+{
+    WriteStandardError(errors, "zrt-proxy: " + text + "\n");
+}
+
 // Reads everything again and applies what may change while running; settings with a problem, or
 // that would drop every user without "auth none", change nothing.
-void Reload(zrt_proxy_t* proxy, const CCommandLine& options, CDaemonOptions::Entries& current)
+void Reload(zrt_proxy_t* proxy, const CCommandLine& options, CDaemonOptions::Entries& current,
+            const SStandardError& errors)
 {
     std::vector<std::string> problems;
     const CDaemonOptions::Entries next = Gather(options, problems);
@@ -163,11 +171,12 @@ void Reload(zrt_proxy_t* proxy, const CCommandLine& options, CDaemonOptions::Ent
     if (problems.empty() && zrt_proxy_reload(proxy) != ZRT_OK)
         problems.push_back(zrt_proxy_last_error(proxy));
     if (!problems.empty()) {
-        Report("reload failed, nothing changed: ", problems);
+        for (const std::string& problem : problems)
+            Say(errors, "reload failed, nothing changed: " + problem);
         return;
     }
     for (const std::string& name : restartOnly)
-        std::fprintf(stderr, "zrt-proxy: '%s' changed; it takes effect at the next start\n", name.c_str());
+        Say(errors, "'" + name + "' changed; it takes effect at the next start");
     current = next;
 }
 
@@ -232,7 +241,7 @@ int Serve(zrt_proxy_t* proxy, const CCommandLine& options)
         return 1;
     }
     AnnounceListeners(proxy, current);
-    std::fprintf(stderr, "zrt-proxy: %s\n", CDaemonOptions::DescribeLimits(current, DescriptorLimit()).c_str());
+    Say(errors, CDaemonOptions::DescribeLimits(current, DescriptorLimit()));
 
     const sigset_t signals = HandledSignals();
     for (;;) {
@@ -245,7 +254,7 @@ int Serve(zrt_proxy_t* proxy, const CCommandLine& options)
         }
         if (received != SIGHUP)
             break;
-        Reload(proxy, options, current);
+        Reload(proxy, options, current, errors);
     }
     zrt_proxy_stop(proxy);
     return 0;

@@ -59,13 +59,33 @@ class Daemon:
             try:
                 self.proc.wait(timeout=timeout)
             except subprocess.TimeoutExpired:
+                self.hung_stacks = self.stacks()
+                print(f"zrt-proxy did not stop in {timeout} s:\n{self.hung_stacks}")
                 self.proc.kill()
                 self.proc.wait()
                 return None
         return self.proc.returncode
 
+    def stacks(self):
+        """Every thread's stack (gdb), to tell why the daemon hangs."""
+        try:
+            return subprocess.run(["gdb", "-p", str(self.pid), "-batch", "-ex", "thread apply all bt"],
+                                  stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True, timeout=60).stdout
+        except (OSError, subprocess.TimeoutExpired) as error:
+            return f"(no stacks: {error})"
+
     def fds(self):
         return len(os.listdir(f"/proc/{self.pid}/fd"))
+
+    def fd_targets(self):
+        """What each descriptor is, for messages."""
+        targets = []
+        for fd in os.listdir(f"/proc/{self.pid}/fd"):
+            try:
+                targets.append(os.readlink(f"/proc/{self.pid}/fd/{fd}"))
+            except OSError:
+                pass
+        return sorted(targets)
 
     def threads(self):
         return self._status("Threads")

@@ -219,7 +219,7 @@ def test_a_destination_that_never_reads_is_given_up_after_the_linger_time():
     threading.Thread(target=lambda: accepted.append(sink.accept()[0]), daemon=True).start()
     proxy = daemon("--linger-timeout", "1")
     try:
-        baseline = proxy.fds()
+        baseline = settled_fds(proxy)
         sock = socks5_connect(proxy, DEST_V4, sink.getsockname()[1])
         # More than the destination takes, less than the proxy holds for it: the client is done.
         sock.sendall(bytes(300 * 1024))
@@ -231,7 +231,7 @@ def test_a_destination_that_never_reads_is_given_up_after_the_linger_time():
             assert sock.recv(1) != b""
         assert 0.9 < time.monotonic() - started < 8
         sock.close()
-        assert proxy.settle(baseline, proxy.threads(), timeout=10), (proxy.fds(), baseline)
+        assert proxy.settle(baseline, proxy.threads(), timeout=10), f"{proxy.fds()} > {baseline}: {proxy.fd_targets()}"
     finally:
         stopped(proxy)
         sink.close()
