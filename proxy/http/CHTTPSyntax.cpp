@@ -2,6 +2,7 @@
 
 #include <strings.h>
 
+#include <algorithm>
 #include <cstring>
 
 namespace ZRT {
@@ -60,6 +61,7 @@ bool CHTTPSyntax::IsVersion(const std::string& text)
 
 std::string CHTTPSyntax::Trim(const std::string& text, std::string::size_type begin, std::string::size_type end)
 {
+    end = std::min(end, text.size());
     while (begin < end && IsBlank(static_cast<unsigned char>(text[begin])))
         ++begin;
     while (end > begin && IsBlank(static_cast<unsigned char>(text[end - 1])))

@@ -28,7 +28,7 @@ public:
     static bool IsText(const std::string& text);
     // The only versions taken: HTTP/1.0 and HTTP/1.1, exactly.
     static bool IsVersion(const std::string& text);
-    // text[begin, end) without the SP and HTAB at either end.
+    // text[begin, end) without the SP and HTAB at either end; end may be npos.
     static std::string Trim(const std::string& text, std::string::size_type begin, std::string::size_type end);
     // Appends the comma-separated elements of a field value, trimmed; empty elements included,
     // so a caller can refuse them where the field is not a list.
