@@ -88,6 +88,7 @@ std::string CHTTPPacket::GetHead(const std::string& version) const
 {
     std::string head;
     AppendStartLine(head, version);
+    head.reserve(head.size() + GetFieldBlockSize());
     for (const auto& header : m_headers) {
         head += header.first;
         if (header.second.empty()) {
@@ -117,7 +118,19 @@ unsigned int CHTTPPacket::FillSendBuffer(unsigned char* buffer, unsigned int siz
 
 unsigned int CHTTPPacket::CalcSendBufferSize() const
 {
-    return static_cast<unsigned int>(GetHead().size()) + m_content.GetSize();
+    std::string startLine;
+    AppendStartLine(startLine, std::string());
+    return static_cast<unsigned int>(startLine.size() + GetFieldBlockSize()) + m_content.GetSize();
+}
+
+std::string::size_type CHTTPPacket::GetFieldBlockSize() const
+{
+    std::string::size_type size = HTTP_LINE_END.size();
+    for (const auto& header : m_headers) {
+        const std::string::size_type separator = header.second.empty() ? 1 : HTTP_HEADER_SEPARATOR.size();
+        size += header.first.size() + separator + header.second.size() + HTTP_LINE_END.size();
+    }
+    return size;
 }
 
 void CHTTPPacket::AppendStartLine(std::string& /*head*/, const std::string& /*version*/) const {}

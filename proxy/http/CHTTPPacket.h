@@ -59,6 +59,9 @@ protected:
     // Appends the start line with its line end; a bare field block has none.
     virtual void AppendStartLine(std::string& head, const std::string& version) const;
 
+    // The field lines and the blank line, as GetHead writes them.
+    std::string::size_type GetFieldBlockSize() const;
+
     // Declared in this order so destruction drops content before headers.
     HeaderList m_headers;
     CByteBufferList m_content;

@@ -9,14 +9,31 @@ namespace ZRT {
 namespace Proxy {
 
 namespace {
-const char TOKEN_PUNCTUATION[] = "!#$%&'*+-.^_`|~";
+
+// The loops below use these directly: the exported members cannot be inlined into them.
+inline bool TokenByte(unsigned char c)
+{
+    if ((c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9'))
+        return true;
+    switch (c) {
+    case '!': case '#': case '$': case '%': case '&': case '\'': case '*': case '+':
+    case '-': case '.': case '^': case '_': case '`': case '|': case '~':
+        return true;
+    default:
+        return false;
+    }
+}
+
+inline bool TextByte(unsigned char c)
+{
+    return c >= 0x20 ? c != 0x7F : c == '\t';
+}
+
 } // namespace
 
 bool CHTTPSyntax::IsTokenChar(unsigned char c)
 {
-    if ((c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9'))
-        return true;
-    return c != '\0' && std::strchr(TOKEN_PUNCTUATION, c) != nullptr;
+    return TokenByte(c);
 }
 
 bool CHTTPSyntax::IsToken(const std::string& text)
@@ -24,7 +41,7 @@ bool CHTTPSyntax::IsToken(const std::string& text)
     if (text.empty())
         return false;
     for (const char c : text) {
-        if (!IsTokenChar(static_cast<unsigned char>(c)))
+        if (!TokenByte(static_cast<unsigned char>(c)))
             return false;
     }
     return true;
@@ -42,13 +59,13 @@ bool CHTTPSyntax::IsBlank(unsigned char c)
 
 bool CHTTPSyntax::IsTextChar(unsigned char c)
 {
-    return !IsControl(c) || c == '\t';
+    return TextByte(c);
 }
 
 bool CHTTPSyntax::IsText(const std::string& text)
 {
     for (const char c : text) {
-        if (!IsTextChar(static_cast<unsigned char>(c)))
+        if (!TextByte(static_cast<unsigned char>(c)))
             return false;
     }
     return true;
