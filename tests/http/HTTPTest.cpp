@@ -105,7 +105,8 @@ TEST(HTTPHead, RefusedWholeAndSplit)
         {REQUEST, get + "X Evil: 1\r\n\r\n"}, {REQUEST, get + "Host : x\r\n\r\n"}, {REQUEST, get + "Host\t: x\r\n\r\n"},
         {REQUEST, get + ": x\r\n\r\n"}, {REQUEST, get + "X(y): 1\r\n\r\n"}, {REQUEST, get + "\xc3\x84: 1\r\n\r\n"},
         {REQUEST, get + "garbage\r\n\r\n"}, {RESPONSE, ok + "X: a\r\n b\r\n\r\n"}, {RESPONSE, ok + "Host : x\r\n\r\n"},
-        {RESPONSE, ok + "X Evil: 1\r\n\r\n"},
+        {RESPONSE, ok + "X Evil: 1\r\n\r\n"}, {RESPONSE, ok + ": x\r\n\r\n"}, {RESPONSE, ok + "X(y): 1\r\n\r\n"},
+        {RESPONSE, ok + std::string("X: a\0\r\n\r\n", 9)},
         // Request lines.
         {REQUEST, "GET  / HTTP/1.1\r\n\r\n"}, {REQUEST, "GET / HTTP/1.1 \r\n\r\n"}, {REQUEST, " GET / HTTP/1.1\r\n\r\n"},
         {REQUEST, "GET /\r\n\r\n"}, {REQUEST, "GET / x HTTP/1.1\r\n\r\n"}, {REQUEST, "G(T / HTTP/1.1\r\n\r\n"},
