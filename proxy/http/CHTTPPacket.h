@@ -1,6 +1,5 @@
 #pragma once
 
-#include <cstdint>
 #include <list>
 #include <string>
 #include <utility>
@@ -17,9 +16,11 @@ ZRT_EXPORT extern const std::string HTTP_LINE_END;         // "\r\n"
 ZRT_EXPORT extern const std::string HTTP_HEADER_SEPARATOR; // ": "
 ZRT_EXPORT extern const std::string HTTP_FIELD_SEPARATOR;  // " "
 
-// What every HTTP/1.x message has: the header lines, in arrival order and byte for byte, and the
-// content. Every operation is virtual and they call each other through the virtual table, so a
-// derived message that overrides one (say AddHeader) sees every path that leads to it.
+// What every HTTP/1.x message has: the field lines, in arrival order, and the content. Every
+// operation is virtual and they call each other through the virtual table, so a derived message
+// that overrides one (say AddHeader) sees every path that leads to it.
+//
+// Used on the connection's thread only.
 class ZRT_EXPORT CHTTPPacket : public QOX::CRefCount_Base {
 public:
     using HeaderList = std::list<std::pair<std::string, std::string>>;
@@ -29,37 +30,41 @@ public:
     CHTTPPacket(const CHTTPPacket&) = delete;
     CHTTPPacket& operator=(const CHTTPPacket&) = delete;
 
-    // One header line without its line end; false when it has neither a space nor a colon.
+    // One field line without its line end: a token, a colon, the value. The value loses the SP
+    // and HTAB at its ends and keeps every other byte. False, adding nothing, for a line that
+    // starts with white space (a folded line), has white space or any other non-token byte
+    // before the colon, has no name, or holds a control byte other than HTAB.
     virtual bool AddLine(const std::string& line);
+    // Trusts the caller: the name a token, the value without CR, LF or NUL.
     virtual void AddHeader(const std::string& name, const std::string& value);
-    // Gives the first header of that name (any letter case) the value, or adds one.
+    // The first field of that name (any letter case) gets the value and later ones go; without
+    // one, the field is added at the end.
     virtual void SetHeader(const std::string& name, const std::string& value);
     // Keeps its own copy of the bytes.
     virtual void AddContent(unsigned char* data, unsigned int len);
-    virtual int32_t GetContentLen() const;
     virtual const HeaderList& GetHeaders() const;
-    // Replaces the list; the content length keeps its old value unless the list names one.
     virtual void SetHeaders(const HeaderList& headers);
+    // The value of the first field of that name (any letter case).
     virtual bool GetHeader(const std::string& name, std::string& value) const;
     virtual const CByteBufferList& GetContent() const;
-    // Writes headers, blank line and content. A piece is written only when it fits whole; the
-    // first that does not ends the writing. Returns the bytes written (0 for a null buffer).
+    // The start line (with that version, or the message's own when empty), the field lines
+    // ("Name: value", or "Name:" for an empty value) and the blank line; no content.
+    virtual std::string GetHead(const std::string& version = std::string()) const;
+    // Writes the head and the content when both fit in size; otherwise nothing. Returns the
+    // bytes written (0 for a null buffer).
     virtual unsigned int FillSendBuffer(unsigned char* buffer, unsigned int size) const;
     virtual unsigned int CalcSendBufferSize() const;
-    // Records a content-length header; true when the name was content-length.
-    virtual bool ProcessHeader(const std::string& name, const std::string& value);
 
 protected:
-    // Start-line token: skips spaces from pos, takes up to the next space; pos moves behind it.
-    static bool NextToken(const std::string& line, std::string::size_type& pos, std::string& token);
-    // Appends piece at buffer[written] if it fits whole in size; false (nothing written) if not.
-    static bool WritePiece(unsigned char* buffer, unsigned int size, unsigned int& written,
-                           const std::string& piece);
+    // Appends the start line with its line end; a bare field block has none.
+    virtual void AppendStartLine(std::string& head, const std::string& version) const;
+
+    // The field lines and the blank line, as GetHead writes them.
+    std::string::size_type GetFieldBlockSize() const;
 
     // Declared in this order so destruction drops content before headers.
     HeaderList m_headers;
     CByteBufferList m_content;
-    int32_t m_contentLen = 0;
 };
 
 } // namespace Proxy

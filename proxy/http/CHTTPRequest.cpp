@@ -1,7 +1,25 @@
 #include "proxy/http/CHTTPRequest.h"
 
+#include "proxy/http/CHTTPSyntax.h"
+
 namespace ZRT {
 namespace Proxy {
+
+namespace {
+
+bool IsTarget(const std::string& target)
+{
+    if (target.empty())
+        return false;
+    for (const char c : target) {
+        const auto byte = static_cast<unsigned char>(c);
+        if (byte == ' ' || CHTTPSyntax::IsControl(byte))
+            return false;
+    }
+    return true;
+}
+
+} // namespace
 
 CHTTPRequest::CHTTPRequest() = default;
 
@@ -9,33 +27,38 @@ CHTTPRequest::~CHTTPRequest() = default;
 
 bool CHTTPRequest::AddLine(const std::string& line)
 {
-    // The method is only empty until the request line has been taken.
     if (!m_method.empty())
         return CHTTPPacket::AddLine(line);
-    std::string::size_type pos = 0;
-    if (!NextToken(line, pos, m_method) || !NextToken(line, pos, m_uri) || !NextToken(line, pos, m_version))
+    return TakeRequestLine(line);
+}
+
+bool CHTTPRequest::TakeRequestLine(const std::string& line)
+{
+    const std::string::size_type methodEnd = line.find(' ');
+    if (methodEnd == std::string::npos)
         return false;
-    std::string extra;
-    return !NextToken(line, pos, extra);
+    const std::string::size_type targetEnd = line.find(' ', methodEnd + 1);
+    if (targetEnd == std::string::npos)
+        return false;
+    std::string method = line.substr(0, methodEnd);
+    std::string target = line.substr(methodEnd + 1, targetEnd - methodEnd - 1);
+    std::string version = line.substr(targetEnd + 1);
+    if (!CHTTPSyntax::IsToken(method) || !IsTarget(target) || !CHTTPSyntax::IsVersion(version))
+        return false;
+    m_method.swap(method);
+    m_uri.swap(target);
+    m_version.swap(version);
+    return true;
 }
 
-unsigned int CHTTPRequest::FillSendBuffer(unsigned char* buffer, unsigned int size) const
+void CHTTPRequest::AppendStartLine(std::string& head, const std::string& version) const
 {
-    if (!buffer)
-        return 0;
-    unsigned int written = 0;
-    if (!WritePiece(buffer, size, written, m_method) || !WritePiece(buffer, size, written, HTTP_FIELD_SEPARATOR)
-        || !WritePiece(buffer, size, written, m_uri) || !WritePiece(buffer, size, written, HTTP_FIELD_SEPARATOR)
-        || !WritePiece(buffer, size, written, m_version) || !WritePiece(buffer, size, written, HTTP_LINE_END))
-        return written;
-    return written + CHTTPPacket::FillSendBuffer(buffer + written, size - written);
-}
-
-unsigned int CHTTPRequest::CalcSendBufferSize() const
-{
-    const std::string::size_type startLine = m_method.size() + m_uri.size() + m_version.size()
-                                             + 2 * HTTP_FIELD_SEPARATOR.size() + HTTP_LINE_END.size();
-    return static_cast<unsigned int>(startLine) + CHTTPPacket::CalcSendBufferSize();
+    head += m_method;
+    head += HTTP_FIELD_SEPARATOR;
+    head += m_uri;
+    head += HTTP_FIELD_SEPARATOR;
+    head += version.empty() ? m_version : version;
+    head += HTTP_LINE_END;
 }
 
 } // namespace Proxy

@@ -1,7 +1,26 @@
 #include "proxy/http/CHTTPResponse.h"
 
+#include "proxy/http/CHTTPSyntax.h"
+
 namespace ZRT {
 namespace Proxy {
+
+namespace {
+
+// "HTTP/1.1 200": version, SP, three digits.
+const std::string::size_type VERSION_SIZE = 8;
+const std::string::size_type CODE_START = VERSION_SIZE + 1;
+const std::string::size_type CODE_SIZE = 3;
+const std::string::size_type CODE_END = CODE_START + CODE_SIZE;
+
+bool IsStatusCode(const std::string& code)
+{
+    if (code.size() != CODE_SIZE || code[0] < '1' || code[0] > '5')
+        return false;
+    return code[1] >= '0' && code[1] <= '9' && code[2] >= '0' && code[2] <= '9';
+}
+
+} // namespace
 
 CHTTPResponse::CHTTPResponse() = default;
 
@@ -9,35 +28,44 @@ CHTTPResponse::~CHTTPResponse() = default;
 
 bool CHTTPResponse::AddLine(const std::string& line)
 {
-    // The version is only empty until the status line has been taken.
     if (!m_version.empty())
         return CHTTPPacket::AddLine(line);
-    std::string::size_type pos = 0;
-    if (!NextToken(line, pos, m_version) || !NextToken(line, pos, m_statusCode))
+    return TakeStatusLine(line);
+}
+
+bool CHTTPResponse::TakeStatusLine(const std::string& line)
+{
+    if (line.size() < CODE_END || line[VERSION_SIZE] != ' ')
         return false;
-    const std::string::size_type reason = line.find_first_not_of(' ', pos);
-    if (reason != std::string::npos)
-        m_reason = line.substr(reason);
+    if (line.size() > CODE_END && line[CODE_END] != ' ')
+        return false;
+    std::string version = line.substr(0, VERSION_SIZE);
+    std::string code = line.substr(CODE_START, CODE_SIZE);
+    std::string reason = line.size() > CODE_END ? line.substr(CODE_END + 1) : std::string();
+    if (!CHTTPSyntax::IsVersion(version) || !IsStatusCode(code) || !CHTTPSyntax::IsText(reason))
+        return false;
+    m_version.swap(version);
+    m_statusCode.swap(code);
+    m_reason.swap(reason);
     return true;
 }
 
-unsigned int CHTTPResponse::FillSendBuffer(unsigned char* buffer, unsigned int size) const
+unsigned int CHTTPResponse::GetStatusCode() const
 {
-    if (!buffer)
+    if (!IsStatusCode(m_statusCode))
         return 0;
-    unsigned int written = 0;
-    if (!WritePiece(buffer, size, written, m_version) || !WritePiece(buffer, size, written, HTTP_FIELD_SEPARATOR)
-        || !WritePiece(buffer, size, written, m_statusCode) || !WritePiece(buffer, size, written, HTTP_FIELD_SEPARATOR)
-        || !WritePiece(buffer, size, written, m_reason) || !WritePiece(buffer, size, written, HTTP_LINE_END))
-        return written;
-    return written + CHTTPPacket::FillSendBuffer(buffer + written, size - written);
+    return static_cast<unsigned int>((m_statusCode[0] - '0') * 100 + (m_statusCode[1] - '0') * 10
+                                     + (m_statusCode[2] - '0'));
 }
 
-unsigned int CHTTPResponse::CalcSendBufferSize() const
+void CHTTPResponse::AppendStartLine(std::string& head, const std::string& version) const
 {
-    const std::string::size_type startLine = m_version.size() + m_statusCode.size() + m_reason.size()
-                                             + 2 * HTTP_FIELD_SEPARATOR.size() + HTTP_LINE_END.size();
-    return static_cast<unsigned int>(startLine) + CHTTPPacket::CalcSendBufferSize();
+    head += version.empty() ? m_version : version;
+    head += HTTP_FIELD_SEPARATOR;
+    head += m_statusCode;
+    head += HTTP_FIELD_SEPARATOR;
+    head += m_reason;
+    head += HTTP_LINE_END;
 }
 
 } // namespace Proxy

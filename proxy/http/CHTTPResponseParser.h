@@ -5,7 +5,8 @@
 namespace ZRT {
 namespace Proxy {
 
-// Builds CHTTPResponse messages.
+// Builds CHTTPResponse messages; an empty line before the status line is refused. Used on the
+// connection's thread only.
 class ZRT_EXPORT CHTTPResponseParser : public CHTTPParser {
 public:
     CHTTPResponseParser();

@@ -16,11 +16,12 @@ for target in "$build"/tests/fuzz/fuzz_*; do
         "$scratch" "$seeds" 2>&1 | grep -E 'stat::number_of_executed_units|ERROR|SUMMARY|Done|crash-|leak-|timeout-'); then
     :
   fi
-  if ls "$scratch"/crash-* "$scratch"/leak-* "$scratch"/timeout-* "$scratch"/oom-* >/dev/null 2>&1; then
+  found=$(find "$scratch" -maxdepth 1 \( -name 'crash-*' -o -name 'leak-*' -o -name 'timeout-*' -o -name 'oom-*' \) -printf '%f\n')
+  if [ -n "$found" ]; then
     mkdir -p "$build/findings"
-    cp "$scratch"/crash-* "$scratch"/leak-* "$scratch"/timeout-* "$scratch"/oom-* "$build/findings/" 2>/dev/null || true
+    (cd "$scratch" && cp $found "$build/findings/")
     echo "!! $name found a failing input, kept in $build/findings:"
-    ls "$scratch"/crash-* "$scratch"/leak-* "$scratch"/timeout-* "$scratch"/oom-* 2>/dev/null | xargs -n1 basename
+    echo "$found"
     status=1
   fi
   rm -rf "$scratch"
