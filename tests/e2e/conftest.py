@@ -150,13 +150,14 @@ def http_connect(proxy, host, port, timeout=30):
 
 class StubDns:
     """A DNS server on 127.0.0.53 that answers A queries with `addresses` in this order, AAAA
-    queries with `v6_addresses` (none by default), and never answers names that start with "slow"."""
+    queries with `v6_addresses` (none by default), never answers names that start with "slow" and
+    says names that start with "nx" do not exist. `port` 53 serves resolvers that take no port."""
 
-    def __init__(self, addresses=(DEST_V4,), v6_addresses=()):
+    def __init__(self, addresses=(DEST_V4,), v6_addresses=(), port=0):
         self.addresses = addresses
         self.v6_addresses = v6_addresses
         self.sock = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
-        self.sock.bind(("127.0.0.53", 0))
+        self.sock.bind(("127.0.0.53", port))
         self.port = self.sock.getsockname()[1]
         self.queries = []
         threading.Thread(target=self._serve, daemon=True).start()
@@ -182,7 +183,10 @@ class StubDns:
                 continue
             family = {1: socket.AF_INET, 28: socket.AF_INET6}.get(qtype)
             answers = {1: self.addresses, 28: self.v6_addresses}.get(qtype, ())
-            reply = packet[:2] + b"\x81\x80" + struct.pack("!HHHH", 1, len(answers), 0, 0) + packet[12:end]
+            flags = b"\x81\x80"
+            if name.startswith("nx"):
+                answers, flags = (), b"\x81\x83"
+            reply = packet[:2] + flags + struct.pack("!HHHH", 1, len(answers), 0, 0) + packet[12:end]
             for address in answers:
                 raw = socket.inet_pton(family, address)
                 reply += b"\xc0\x0c" + struct.pack("!HHIH", qtype, 1, 60, len(raw)) + raw
