@@ -13,7 +13,8 @@ namespace Api {
 
 // An open access log: a file (created if missing, appended to), a FIFO, or standard output ("-"),
 // written without ever blocking. The lines: one per client, fields separated by spaces:
-//   TIME CLIENT PROTOCOL USER DESTINATION RESULT BYTES-UP BYTES-DOWN DURATION-MS
+//   TIME CLIENT PROTOCOL USER DESTINATION RESULT BYTES-UP BYTES-DOWN DURATION-MS METHOD STATUS
+// (one line per request of a persistent HTTP connection, its method and status; "- -" otherwise)
 // with the time in ISO 8601 (UTC, milliseconds) and every field escaped (CLogText).
 //
 // A FIFO that nobody has open for reading is opened anyway: the log then holds a reading end

@@ -38,7 +38,8 @@ std::string CLogRelay::Describe(const Proxy::SConnectionRecord& record)
            CLogText::Field(record.user, CLogText::USER_LIMIT) + " " +
            CLogText::Field(record.destination, CLogText::DESTINATION_LIMIT) + " " + Proxy::OutcomeText(record.outcome) +
            " " + std::to_string(record.bytesClientToHost) + " " + std::to_string(record.bytesHostToClient) + " " +
-           std::to_string(record.durationMs);
+           std::to_string(record.durationMs) + " " + CLogText::Field(record.method, CLogText::TEXT_LIMIT) + " " +
+           (record.status > 0 ? std::to_string(record.status) : std::string("-"));
 }
 
 void CLogRelay::OnStarted(const std::string& address, int port)

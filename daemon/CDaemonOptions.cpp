@@ -49,6 +49,7 @@ CDaemonOptions::Entries CDaemonOptions::Defaults(long descriptorLimit)
 {
     const long clients = std::max(1L, std::min((descriptorLimit - DESCRIPTORS_RESERVED) / DESCRIPTORS_PER_CLIENT, 1000000L));
     return {{"handshake-timeout", "30", DEFAULT_ORIGIN},
+            {"http-keep-alive", "60", DEFAULT_ORIGIN},
             {"idle-timeout", "3600", DEFAULT_ORIGIN},
             {"log-level", "warning", DEFAULT_ORIGIN},
             {"max-clients", std::to_string(clients), DEFAULT_ORIGIN},

@@ -577,6 +577,12 @@ void CAddressManager::SetProxyPorts(const std::vector<unsigned int>& ports)
     std::copy_if(ports.begin(), ports.end(), std::back_inserter(m_proxyPorts), [](unsigned int port) { return port != 0; });
 }
 
+bool CAddressManager::IsProxyPort(unsigned int port)
+{
+    std::lock_guard<std::mutex> hold(m_mutex);
+    return std::find(m_proxyPorts.begin(), m_proxyPorts.end(), port) != m_proxyPorts.end();
+}
+
 bool CAddressManager::IsProxyItself(const IZRTConnectionAddress& address)
 {
     sockaddr_storage storage{};

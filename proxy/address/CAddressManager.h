@@ -102,6 +102,7 @@ public:
     void SetProxyPort(unsigned int port);
     // Every port the proxy listens on (0s are ignored).
     void SetProxyPorts(const std::vector<unsigned int>& ports);
+    bool IsProxyPort(unsigned int port);
     // True for an address of this machine (any loopback or unspecified address, their
     // IPv4-mapped forms, every interface address) with the proxy's own port: a connection there
     // would come back into the proxy.

@@ -795,8 +795,15 @@ void CProxyConnection::HostEnded()
     if (m_toClient != EFlow::Open || m_client != EClient::Open)
         return;
     m_hostPending = false;
+    if (!m_protocol->HandleHostEnd()) {
+        BeginClosing();
+        return;
+    }
+    // The handler let go of the link (and may be opening another): the exchange goes on.
+    if (m_linkState == ELink::None || m_linkState == ELink::Connecting)
+        return;
     // A link that closed takes no more client bytes either: the exchange is over.
-    if (m_linkState == ELink::Closed || !m_protocol->HandleHostEnd()) {
+    if (m_linkState == ELink::Closed) {
         BeginClosing();
         return;
     }
@@ -983,7 +990,8 @@ QOX::CRefCountPtr<IZRTDataLayer> CProxyConnection::DetachLink()
 
 QOX::CRefCountPtr<IZRTDataLayer> CProxyConnection::ReleaseHostLink()
 {
-    if (m_linkState != ELink::Open)
+    // A link that closed is handed over too: the caller closes it and may open another.
+    if (m_linkState != ELink::Open && m_linkState != ELink::Closed)
         return {};
     QOX::CRefCountPtr<IZRTDataLayer> link = DetachLink();
     m_linkState = ELink::None;

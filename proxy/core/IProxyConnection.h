@@ -58,9 +58,9 @@ public:
     // Makes an open link (the peer of a SOCKS5 BIND, an idle origin connection) the host link,
     // as if it had been opened for this connection. False when a host link exists already.
     virtual bool AdoptHostLink(QOX::CRefCountPtr<IZRTDataLayer> link) = 0;
-    // Lets go of the open host link without closing it (an origin connection that answered
-    // cleanly, for the next request); the connection may then open or adopt another. Empty when
-    // there is no open link.
+    // Lets go of the host link without closing it (an origin connection that answered cleanly,
+    // for the next request; or one that closed, for the caller to close); the connection may then
+    // open or adopt another. Empty when there is no link.
     virtual QOX::CRefCountPtr<IZRTDataLayer> ReleaseHostLink() = 0;
     // Why the last BeginConnectToHost failed, as an errno value (ETIMEDOUT when its time ran
     // out, ECONNREFUSED when nothing more precise is known); 0 after a success.

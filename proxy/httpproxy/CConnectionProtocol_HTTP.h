@@ -1,5 +1,6 @@
 #pragma once
 
+#include <optional>
 #include <string>
 
 #include "proxy/address/CNameLookup.h"
@@ -10,6 +11,9 @@
 #include "proxy/http/CHTTPRequestParser.h"
 #include "proxy/http/CHTTPResponse.h"
 #include "proxy/http/CHTTPResponseParser.h"
+#include "proxy/httpproxy/CHTTPBody.h"
+#include "proxy/httpproxy/CHTTPReplies.h"
+#include "proxy/httpproxy/CHTTPRoute.h"
 #include "runtime/CRefCountPtr.h"
 #include "runtime/Export.h"
 #include "transport/IZRTConnectionAddress.h"
@@ -17,43 +21,40 @@
 namespace ZRT {
 namespace Proxy {
 
-// The HTTP proxy side of one client. A CONNECT request opens a tunnel; any other request has its
-// target reduced to origin form, its version forced to HTTP/1.0 and its hop-by-hop headers
-// dropped, and goes to the host with the body bytes that came with it. Only the first request and
-// the first response of a connection are parsed; everything after them is relayed unchanged.
+// The HTTP proxy side of one client connection. Every request is read, checked (its framing, the
+// user, the destination rules) and routed on its own; nothing a client sends after a request is
+// relayed raw. A CONNECT request (or an upgrade that the origin accepts with 101) turns the
+// connection into a tunnel.
 //
-// Runs on the connection's thread. The destination is looked up and connected without waiting
-// on the thread: the steps continue in Resume (the lookup answered), OnHostConnected and OnTimer
-// (the lookup's limit). Client bytes that arrive meanwhile are held, as the request backlog, and
-// handled once the request is (they travel behind it, or are dropped with a refusal).
+// With http-keep-alive the connection serves request after request (pipelined ones in order)
+// and waits up to that long between them; requests go on as HTTP/1.1 over origin connections
+// that the proxy keeps for the next request to the same destination (COriginPool). Without it,
+// a connection serves one request, forwarded as HTTP/1.0 in origin form, and its answer carries
+// "Connection: close". Bodies are framed by their heads (Content-Length or chunked; a response
+// may also run until its origin closes): a request whose length is not certain is refused (400)
+// and an origin whose answer is not is not believed (502). Fields meant for one connection
+// (Connection and what it names, Proxy-Authorization, Proxy-Authenticate, ...) never pass.
 //
-// A destination that is this machine's name or address (by its text), or that resolves to the
-// proxy's own listening address (by its value), is refused: it would loop through the proxy.
+// One state machine on the connection's thread:
+//
+//   ReadHead -> [Login] -> [Resolve] -> [Connect] -> Exchange -> ReadHead (persistent) | Closing
+//                                                \-> Tunnel (CONNECT, 101)
+//   any state -> Closing (a refusal, the last answer); Terminate stops everything
+//
+// DoLoop runs the current state's step until it has to wait. The waits end through the
+// connection's calls: HandleRequest (client bytes), HandleResponse (origin bytes: the answer is
+// read as it comes, in Exchange), Resume (a name or a password hash answered), OnHostConnected,
+// OnTimer (a slowed login's turn, the lookup's limit, the idle time between requests), and the
+// relay fast path (OnRequestRelayed, OnResponseRelayed) for the bytes of a framed body.
 class ZRT_EXPORT CConnectionProtocol_HTTP : public IConnectionProtocol {
 public:
-    // Drops the hop-by-hop headers "proxy-connection", "connection" and "keep-alive", so the host
-    // sees a request that asks it to close after answering. Proxy-Authorization is the proxy's
-    // alone: kept aside for the check, never forwarded.
-    class ZRT_EXPORT CProxyHTTPRequest : public CHTTPRequest {
-    public:
-        void AddHeader(const std::string& name, const std::string& value) override;
-        const std::string& GetProxyAuthorization() const { return m_proxyAuthorization; }
+    enum class EState { ReadHead, Login, Resolve, Connect, Exchange, Tunnel, Closing, Closed };
 
-    private:
-        std::string m_proxyAuthorization;
-    };
-
-    // Splits a Set-Cookie value that joins several cookies with commas into one header each.
-    // A comma followed by a space (as in an Expires date) does not split.
+    // Splits a Set-Cookie value that joins several cookies with commas into one field each; a
+    // comma followed by a space (as in an Expires date) does not split.
     class ZRT_EXPORT CProxyHTTPResponse : public CHTTPResponse {
     public:
         void AddHeader(const std::string& name, const std::string& value) override;
-    };
-
-    class ZRT_EXPORT CProxyHTTPRequestParser : public CHTTPRequestParser {
-    public:
-        ~CProxyHTTPRequestParser() override;
-        CHTTPPacket* CreatePacket() const override;
     };
 
     class ZRT_EXPORT CProxyHTTPResponseParser : public CHTTPResponseParser {
@@ -61,22 +62,6 @@ public:
         ~CProxyHTTPResponseParser() override;
         CHTTPPacket* CreatePacket() const override;
     };
-
-    // Replies sent to the client; the array sizes include the terminating NUL, never sent.
-    static constexpr char REPLY_CONNECTION_ESTABLISHED[] = "HTTP/1.0 200 Connection established\r\n\r\n";
-    static constexpr char REPLY_BAD_REQUEST[] = "HTTP/1.0 400 Bad Request\r\nKeep-Alive: timeout=5, max=100\r\n\r\n";
-    static constexpr char REPLY_NOT_FOUND[] = "HTTP/1.0 404 Not Found\r\nKeep-Alive: timeout=5, max=100\r\n\r\n";
-    // Sent when the destination rules refuse the destination.
-    static constexpr char REPLY_FORBIDDEN[] =
-        "HTTP/1.0 403 Forbidden\r\nContent-Length: 0\r\nConnection: close\r\n\r\n";
-    // Sent when the proxy has users and the request did not name one of them.
-    static constexpr char REPLY_AUTHENTICATION_REQUIRED[] =
-        "HTTP/1.0 407 Proxy Authentication Required\r\nProxy-Authenticate: Basic realm=\"zrt-proxy\"\r\n"
-        "Content-Length: 0\r\nConnection: close\r\n\r\n";
-    static constexpr int REPLY_CONNECTION_ESTABLISHED_LENGTH = 39;
-
-    // The version written into the forwarded request and the first response.
-    static const std::string ms_httpVersion;
 
     explicit CConnectionProtocol_HTTP(IProxyConnection& connection);
     ~CConnectionProtocol_HTTP() override;
@@ -87,9 +72,13 @@ public:
     void Terminate() override;
     void HandleRequest(const char* data, int length) override;
     void HandleResponse(const char* data, int length) override;
-    unsigned int GetRequestBacklog() const override { return static_cast<unsigned int>(m_held.size()); }
-    bool PassesResponsesThrough() const override { return m_responsePassThrough; }
-    bool PassesRequestsThrough() const override { return m_requestPassThrough && m_connection.IsConnectedToHost(); }
+    unsigned int GetRequestBacklog() const override { return static_cast<unsigned int>(m_input.size()); }
+    bool PassesResponsesThrough() const override { return m_state == EState::Tunnel; }
+    bool PassesRequestsThrough() const override { return m_state == EState::Tunnel && m_input.empty(); }
+    unsigned long long GetResponseRelayAllowance() const override;
+    void OnResponseRelayed(unsigned long long count) override;
+    unsigned long long GetRequestRelayAllowance() const override;
+    void OnRequestRelayed(unsigned long long count) override;
     bool HandleClientEnd() override;
     bool HandleHostEnd() override;
     void OnHostConnected(bool connected) override;
@@ -97,49 +86,81 @@ public:
     void OnTimer() override;
     const char* GetFamily() const override { return "http"; }
 
-protected:
-    void ProcessHTTPRequest(const char* data, int length);
-    void ProcessHTTPResponse(const char* data, int length);
-    // Sends the reply (the 400 reply when null) and drops the client, unless it is gone already.
-    void SendErrorToClient(const char* reply);
-    // Starts finding the request's destination, or answers the request itself (400 for a host
-    // that cannot be a name); false when it has none (no host, or this machine). The answer
-    // comes to UseDestination, at once or from Resume.
-    bool GetDestination(const QOX::CRefCountPtr<CHTTPRequest>& request);
-    // "host:port" from the Host header, else the target; the port defaults to 80.
-    bool ExtractAddress(const QOX::CRefCountPtr<CHTTPRequest>& request, std::string& address);
+    EState GetState() const { return m_state; }
 
 private:
-    // Where the first request stands while its login is checked and its destination is found
-    // and connected.
-    enum class EWait { None, Login, Lookup, Connect };
+    using AddressPtr = QOX::CRefCountPtr<IZRTConnectionAddress>;
+    // Where the answer to the request under way stands.
+    enum class EResponse { Head, Body, Done };
 
-    void UseDestination(const QOX::CRefCountPtr<IZRTConnectionAddress>& destination);
-    // The 404 reply, with how the exchange ended.
-    void Refuse(EOutcome outcome);
-    void ForwardRequest(CHTTPRequest& request);
-    // With users: true when the request names one with the right password (Basic) and the
-    // answer is known now; false when the 407 reply went out (and the client is closed) or the
-    // answer is awaited (EWait::Login).
-    bool StartLogin(const CHTTPRequest& request);
-    // The awaited answer, if it came: as StartLogin.
-    bool TakeLogin();
-    bool FinishLogin(bool valid);
-    // Finds the request's destination (or refuses it).
-    void Route();
+    void DoLoop();
+    EState DoReadHead();
+    EState DoLogin();
+    EState DoResolve();
+    EState DoConnect();
+    EState DoExchange();
+    EState DoTunnel();
 
-    CProxyHTTPRequestParser m_requestParser;
-    CProxyHTTPResponseParser m_responseParser;
+    EState StartRequest();
+    EState StartLogin(const std::string& authorization);
+    EState FindDestination();
+    EState UseDestination(const AddressPtr& destination);
+    EState SendRequest();
+    EState FinishExchange();
+    // The client gets reply (unless an answer to it began already) and the connection ends.
+    EState Fail(CHTTPReplies::EReply reply, EOutcome outcome, const std::string& why = std::string());
+    // An origin that closed before its answer: a new connection when the request allows it.
+    EState OriginLost();
+
+    // Client bytes of the request's body, as many as belong to it; false when its chunked
+    // framing is malformed.
+    bool ForwardBody(const char* data, size_t length, size_t& taken);
+    void ReadResponse(const char* data, size_t length);
+    // The answer's head is complete: interim, upgrade, or the final one and its body's framing.
+    void StartResponse();
+    void FaultResponse(const std::string& why);
+    bool Persistent() const { return m_keepAliveMs > 0; }
+    // The origin connection goes back to the pool when it answered cleanly, else it is closed.
+    void LetGoOfOrigin(bool reusable);
+
     IProxyConnection& m_connection;
-    bool m_requestPassThrough = false;
-    bool m_responsePassThrough = false;
-    EWait m_wait = EWait::None;
-    QOX::CRefCountPtr<CHTTPRequest> m_request;
+    const int m_keepAliveMs;
+    EState m_state = EState::ReadHead;
+    bool m_terminated = false;
+    CHTTPRequestParser m_requestParser;
+    CProxyHTTPResponseParser m_responseParser;
     CNameLookup m_lookup;
     CLoginCheck m_login;
-    // Client bytes that came while the request waited, and whether the client ended meanwhile.
-    std::string m_held;
+    // Client bytes not handled yet: the rest of a request behind its head, the next requests.
+    std::string m_input;
     bool m_clientEnded = false;
+
+    // The request under way.
+    QOX::CRefCountPtr<CHTTPRequest> m_request;
+    std::string m_method;
+    CHTTPRoute m_route;
+    bool m_tunnel = false;           // CONNECT
+    bool m_upgrade = false;          // asks to switch protocols (kept only with keep-alive)
+    bool m_clientHttp10 = false;
+    bool m_clientPersistent = false; // the client lets the connection carry another request
+    CHTTPBody m_requestBody;
+    AddressPtr m_destination;
+    std::string m_originKey;         // the destination's address and port, for the pool
+    bool m_reusedOrigin = false;
+    bool m_retried = false;
+    std::optional<bool> m_connected; // OnHostConnected's news, taken by DoConnect
+
+    // The answer.
+    EResponse m_response = EResponse::Head;
+    CHTTPBody m_responseBody;
+    int m_status = 0;
+    bool m_responseStarted = false;  // bytes of the answer reached the client
+    bool m_originReusable = false;
+    bool m_closeAfter = false;       // the client connection ends with this answer
+    bool m_upgraded = false;         // the origin switched protocols: a tunnel from now on
+    bool m_originLost = false;       // the origin closed before its answer was complete
+    bool m_endPassedOn = false;      // the client's end went on to the origin
+    std::string m_responseFault;     // why the answer cannot be passed on, when it cannot
 };
 
 } // namespace Proxy

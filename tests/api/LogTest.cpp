@@ -306,12 +306,12 @@ TEST(LogRelay, RecordsAreEscapedAndWarningsRateLimitedWhileTheAccessLogKeepsEver
     const std::string user = "eve\\x0a2026-01-01T00:00:00.000Z\\x20198.51.100.9:1\\x20socks5\\x20-\\x20-\\x20auth-"
                              "failed\\x200\\x200\\x200";
     EXPECT_EQ(collector.Lines(), (std::vector<std::string>{
-                                     "192.0.2.7:4000 socks5 " + user + " - auth-failed 0 0 0",
-                                     "[2001:db8::8]:4001 socks5 " + user + " - auth-failed 0 0 0",
-                                     "192.0.2.7:4002 - - - over-limit 0 0 0",
-                                     "192.0.2.7:4002 - - - not-allowed 0 0 0",
-                                     "192.0.2.7:4002 - - - no-request 0 0 0",
-                                     "192.0.2.7:4002 - - - no-request 0 0 0",
+                                     "192.0.2.7:4000 socks5 " + user + " - auth-failed 0 0 0 - -",
+                                     "[2001:db8::8]:4001 socks5 " + user + " - auth-failed 0 0 0 - -",
+                                     "192.0.2.7:4002 - - - over-limit 0 0 0 - -",
+                                     "192.0.2.7:4002 - - - not-allowed 0 0 0 - -",
+                                     "192.0.2.7:4002 - - - no-request 0 0 0 - -",
+                                     "192.0.2.7:4002 - - - no-request 0 0 0 - -",
                                      "... and 2 more auth-failed from 192.0.2.7",
                                      "... and 1 more not-allowed from 192.0.2.7",
                                      "... and 1 more over-limit from 192.0.2.7",
@@ -319,7 +319,7 @@ TEST(LogRelay, RecordsAreEscapedAndWarningsRateLimitedWhileTheAccessLogKeepsEver
     const std::vector<std::string> lines = ReadLines(path);
     ASSERT_EQ(lines.size(), 10u);
     for (const std::string& line : lines)
-        EXPECT_EQ(std::count(line.begin(), line.end(), ' '), 8) << line;
+        EXPECT_EQ(std::count(line.begin(), line.end(), ' '), 10) << line;
     EXPECT_NE(lines[0].find(" socks5 " + user + " - auth-failed "), std::string::npos) << lines[0];
     unlink(path.c_str());
 }

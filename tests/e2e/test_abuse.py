@@ -1,6 +1,7 @@
 """What a hostile client on the same network must not get from the daemon: an open UDP relay, a
 loop through the proxy itself, starved name lookups, a BIND stream meant for someone else, or a
 destination held open after its client reset."""
+import re
 import socket
 import struct
 import threading
@@ -79,7 +80,8 @@ def test_requests_for_the_proxy_itself_are_refused_in_every_form(guarded):
             with socket.create_connection((guarded.host, guarded.port), timeout=10) as sock:
                 sock.sendall(request.encode())
                 reply = recv_until(sock)
-            assert reply.startswith(b"HTTP/1.0 404"), (request, reply)
+            # 404 with one request per connection, 508 (a loop) with persistent ones.
+            assert re.match(rb"HTTP/1\.[01] (404|508) ", reply), (request, reply)
     for host in ("127.0.0.1", "127.0.0.9", "0.0.0.0", "::1"):
         sock, (code, _, _) = socks5_request(guarded, 1, host, guarded.port)
         sock.close()
@@ -180,4 +182,4 @@ def test_destination_is_released_at_once_when_its_client_resets(guarded):
 def test_http_tunnel_to_the_proxy_port_through_a_name_is_refused(guarded):
     sock, status = http_connect(guarded, "localhost", guarded.port)
     sock.close()
-    assert status.startswith("HTTP/1.0 404")
+    assert re.match(r"HTTP/1\.[01] (404|508) ", status), status

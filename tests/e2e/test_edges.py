@@ -105,14 +105,15 @@ def test_a_proxy_on_a_network_keeps_this_machine_to_itself(echo, echo_local):
         stopped(proxy)
 
 
-def test_the_http_side_knows_this_machine_in_every_form(http_servers):
-    proxy = daemon()
+@pytest.mark.parametrize("keep_alive, refused", [("0", 404), ("60", 403)])
+def test_the_http_side_knows_this_machine_in_every_form(http_servers, keep_alive, refused):
+    proxy = daemon("--http-keep-alive", keep_alive)
     try:
         # An HTTP server on 127.0.0.1 would answer 200 to any request that got through.
         port = http_servers["127.0.0.1"]
         for host in ("127.0.0.1", "127.1", "2130706433", "0x7f000001", "0177.0.0.1", "LOCALHOST", "LocalHost.",
                      "[::ffff:127.0.0.1]"):
-            assert http_status(proxy, f"GET http://{host}:{port}/ HTTP/1.1\r\nHost: {host}:{port}\r\n\r\n") == 404, host
+            assert http_status(proxy, f"GET http://{host}:{port}/ HTTP/1.1\r\nHost: {host}:{port}\r\n\r\n") == refused, host
         # Other loopback addresses are not this machine's to the HTTP side.
         port = http_servers[DEST_V4]
         assert http_status(proxy, f"GET http://{DEST_V4}:{port}/ HTTP/1.1\r\nHost: {DEST_V4}:{port}\r\n\r\n") == 200

@@ -79,10 +79,7 @@ public:
     Proxy::COriginPool& GetOriginPool() override { return m_originPool; }
     void FinishRequest(const std::string& method, int status) override
     {
-        Locked([&] {
-            m_finishedRequests.push_back(method + " " + std::to_string(status));
-            m_exchangeOutcome.reset();
-        });
+        Locked([&] { m_finishedRequests.push_back(method + " " + std::to_string(status)); });
     }
     std::vector<std::string> GetFinishedRequests() const { return Locked([&] { return m_finishedRequests; }); }
     int GetReleasedLinks() const { return Locked([&] { return m_released; }); }

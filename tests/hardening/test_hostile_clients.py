@@ -2,6 +2,7 @@
 descriptor and thread it took."""
 import os
 import random
+import re
 import socket
 import struct
 import time
@@ -9,7 +10,6 @@ from concurrent.futures import ThreadPoolExecutor
 
 from conftest import DEST_HOST, echo_round_trip, recv_exact, recv_until, socks5_connect
 
-BAD_REQUEST = b"HTTP/1.0 400 Bad Request\r\nKeep-Alive: timeout=5, max=100\r\n\r\n"
 
 
 def baseline(daemon, echo):
@@ -71,7 +71,7 @@ def test_header_block_past_the_bound_gets_the_400_reply(daemon, echo):
         except OSError:
             pass  # the daemon may already have answered and closed
         reply = recv_until(s)
-    assert reply == BAD_REQUEST
+    assert re.match(rb"HTTP/1\.[01] 400 ", reply), reply
     assert echo_round_trip(daemon, echo.port)
 
 

@@ -1,159 +1,165 @@
+// The HTTP proxy side on a fake connection: each request read, checked and routed on its own,
+// bodies and answers framed, the fixed replies of one-request connections and the worded ones
+// of persistent ones; its parts (routes, bodies, the origin pool) on their own.
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <string>
+#include <thread>
 #include <vector>
 
+#include "fakes/FakeDataLayer.h"
 #include "fakes/FakeProxyConnection.h"
 #include "fakes/FakeResolver.h"
 #include "proxy/address/CAddressManager.h"
 #include "proxy/auth/CCredentials.h"
 #include "proxy/http/CBase64.h"
 #include "proxy/httpproxy/CConnectionProtocol_HTTP.h"
+#include "proxy/httpproxy/CHTTPBody.h"
+#include "proxy/httpproxy/CHTTPRoute.h"
+#include "proxy/httpproxy/COriginPool.h"
 
 namespace ZRT {
 namespace Proxy {
 namespace {
 
+using Testing::FakeDataLayer;
 using Testing::FakeProxyConnection;
 using Testing::FakeResolver;
 
-// Written out here so a change to the handler's texts shows up; 39, 60 and 58 bytes.
+// Written out here so a change to the traditional texts shows up.
 const std::string OK_200 = "HTTP/1.0 200 Connection established\r\n\r\n";
 const std::string BAD_400 = "HTTP/1.0 400 Bad Request\r\nKeep-Alive: timeout=5, max=100\r\n\r\n";
 const std::string NOT_FOUND_404 = "HTTP/1.0 404 Not Found\r\nKeep-Alive: timeout=5, max=100\r\n\r\n";
+const std::string AUTH_407 = "HTTP/1.0 407 Proxy Authentication Required\r\nProxy-Authenticate: Basic "
+                             "realm=\"zrt-proxy\"\r\nContent-Length: 0\r\nConnection: close\r\n\r\n";
 
 const std::string BROWSER_REQUEST = "GET http://server1/index.html HTTP/1.1\r\nHost: server1\r\n"
                                     "Proxy-Connection: keep-alive\r\nUser-Agent: test\r\n\r\n";
 const std::string FORWARDED = "GET /index.html HTTP/1.0\r\nHost: server1\r\nUser-Agent: test\r\n\r\n";
 
-// Counts DisconnectClient calls, including those after the first that change nothing.
-class CCountingConnection : public FakeProxyConnection {
-public:
-    void DisconnectClient() override
-    {
-        ++m_disconnectCalls;
-        FakeProxyConnection::DisconnectClient();
-    }
-    int m_disconnectCalls = 0;
-};
-
-// Opens ExtractAddress to the tests.
-class CTestableHandler : public CConnectionProtocol_HTTP {
-public:
-    using CConnectionProtocol_HTTP::CConnectionProtocol_HTTP;
-    using CConnectionProtocol_HTTP::ExtractAddress;
-};
-
-// Hands a chunk in as the connection would, then runs what it would run next.
-void Feed(FakeProxyConnection& connection, CConnectionProtocol_HTTP& handler, const std::string& bytes)
+std::string WithField(const std::string& request, const std::string& field)
 {
-    handler.HandleRequest(bytes.data(), static_cast<int>(bytes.size()));
-    connection.RunPending();
+    const size_t end = request.find("\r\n") + 2;
+    return request.substr(0, end) + field + "\r\n" + request.substr(end);
 }
 
+// A handler on a fake connection, with keep-alive on or off; names resolve to 127.0.0.1.
 class HTTPProxyTest : public ::testing::Test {
 protected:
     void SetUp() override
     {
-        for (const char* key : {"server1:80", "server1:443", "server1:8080", "server1:9000"})
+        for (const char* key : {"server1:80", "server1:443", "server1:8080", "server2:80"})
             m_resolver.Script(key, "127.0.0.1");
         ASSERT_TRUE(CAddressManager::GetInstance()->Init(&m_resolver));
         CAddressManager::GetInstance()->SetLocalAddressesForTesting({"myself"});
-        m_connection.SetProtocol(&m_handler);
-        m_handler.Init();
     }
-
-    void TearDown() override { CAddressManager::GetInstance()->Terminate(); }
-
-    void Request(const std::string& bytes) { Feed(m_connection, m_handler, bytes); }
+    void TearDown() override
+    {
+        m_handler.reset();
+        CAddressManager::GetInstance()->Terminate();
+    }
+    void Start(int keepAliveMs = 0)
+    {
+        m_connection.Settings().httpKeepAliveMs = keepAliveMs;
+        m_handler.reset(new CConnectionProtocol_HTTP(m_connection));
+        m_connection.SetProtocol(m_handler.get());
+    }
+    void Request(const std::string& bytes)
+    {
+        m_handler->HandleRequest(bytes.data(), static_cast<int>(bytes.size()));
+        m_connection.RunPending();
+    }
+    void Response(const std::string& bytes)
+    {
+        m_handler->HandleResponse(bytes.data(), static_cast<int>(bytes.size()));
+        m_connection.RunPending();
+    }
 
     FakeResolver m_resolver;
     FakeProxyConnection m_connection;
-    CTestableHandler m_handler{m_connection};
+    std::unique_ptr<CConnectionProtocol_HTTP> m_handler;
 };
 
-TEST_F(HTTPProxyTest, ForwardsRewrittenRequestInOneSend)
+TEST_F(HTTPProxyTest, OneRequestPerConnectionKeepsTheTraditionalFormAndEndsWithItsAnswer)
 {
-    Request(BROWSER_REQUEST);
+    Start();
+    Request(BROWSER_REQUEST + "GET http://server2/ HTTP/1.1\r\nHost: server2\r\n\r\n");
     EXPECT_EQ(FORWARDED, m_connection.GetToHost());
-    EXPECT_EQ(1, m_connection.GetSendToHostCalls());
-    EXPECT_EQ(1, m_resolver.GetRequestCount("server1:80"));
-    EXPECT_EQ((std::vector<std::string>{"127.0.0.1:80"}), m_connection.GetMultiPointLayer().GetDestinations());
-    EXPECT_EQ("", m_connection.GetToClient());
+    Response("HTTP/1.1 200 OK\r\nSet-Cookie: a=1; Path=/,b=2\r\nConnection: keep-alive\r\nKeep-Alive: timeout=5\r\n"
+             "Content-Length: 2\r\n\r\nhi");
+    // The answer says the connection ends, and it does; the request behind it never goes.
+    EXPECT_EQ("HTTP/1.0 200 OK\r\nSet-Cookie: a=1; Path=/\r\nSet-Cookie: b=2\r\nContent-Length: 2\r\n"
+              "Connection: close\r\n\r\nhi",
+              m_connection.GetToClient());
+    EXPECT_FALSE(m_connection.IsConnectedToClient());
+    EXPECT_EQ(1, m_connection.GetConnectCalls());
+    EXPECT_EQ((std::vector<std::string>{"GET 200"}), m_connection.GetFinishedRequests());
+}
+
+TEST_F(HTTPProxyTest, PersistentRequestsAreEachRoutedOnTheirOwnAndAnsweredInOrder)
+{
+    Start(60000);
+    // Pipelined: the second waits until the first was answered, then goes to its own host.
+    Request("GET http://server1/a HTTP/1.1\r\nHost: server1\r\nProxy-Authorization: Basic eA==\r\n\r\n"
+            "GET http://server2/b HTTP/1.1\r\nHost: server2\r\n\r\n");
+    EXPECT_EQ("GET /a HTTP/1.1\r\nHost: server1\r\n\r\n", m_connection.GetToHost());
+    EXPECT_EQ(1, m_connection.GetConnectCalls());
+    Response("HTTP/1.1 200 OK\r\nContent-Length: 1\r\n\r\n1");
+    EXPECT_EQ(1, m_connection.GetReleasedLinks());
+    EXPECT_EQ(2, m_connection.GetConnectCalls());
+    EXPECT_EQ("GET /a HTTP/1.1\r\nHost: server1\r\n\r\nGET /b HTTP/1.1\r\nHost: server2\r\n\r\n",
+              m_connection.GetToHost());
+    Response("HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n1\r\n2\r\n0\r\n\r\n");
+    EXPECT_EQ("HTTP/1.1 200 OK\r\nContent-Length: 1\r\n\r\n1HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n"
+              "1\r\n2\r\n0\r\n\r\n",
+              m_connection.GetToClient());
     EXPECT_TRUE(m_connection.IsConnectedToClient());
+    EXPECT_EQ(60000, m_connection.GetTimerMs()) << "idle between requests, for as long as allowed";
+    m_connection.FireTimer();
+    EXPECT_FALSE(m_connection.IsConnectedToClient());
 }
 
-TEST_F(HTTPProxyTest, ByteByByteRequestIsSentOnlyWhenComplete)
+TEST_F(HTTPProxyTest, BodiesAreFramedAndWhatFollowsABodyIsTheNextRequest)
 {
-    for (size_t i = 0; i + 1 < BROWSER_REQUEST.size(); ++i) {
-        Request(BROWSER_REQUEST.substr(i, 1));
-        ASSERT_EQ(0, m_connection.GetConnectCalls()) << "byte " << i;
-    }
-    Request("\n");
-    EXPECT_EQ(FORWARDED, m_connection.GetToHost());
-    EXPECT_EQ(1, m_connection.GetSendToHostCalls());
+    Start(60000);
+    const std::string smuggled = "GET http://server2/evil HTTP/1.1\r\nHost: server2\r\n\r\n";
+    Request("POST http://server1/form HTTP/1.1\r\nHost: server1\r\nContent-Length: " +
+            std::to_string(smuggled.size()) + "\r\n\r\n" + smuggled.substr(0, 10));
+    const std::string next = "GET /next HTTP/1.1\r\nHost: server1\r\n\r\n";
+    Request(smuggled.substr(10) + next);
+    const std::string forwarded = "POST /form HTTP/1.1\r\nHost: server1\r\nContent-Length: " +
+                                  std::to_string(smuggled.size()) + "\r\n\r\n" + smuggled;
+    EXPECT_EQ(forwarded, m_connection.GetToHost());
+    EXPECT_EQ(0, m_resolver.GetRequestCount("server2:80"));
+    EXPECT_EQ(m_handler->GetRequestBacklog(), next.size()) << "the next request waits for the answer";
 }
 
-TEST_F(HTTPProxyTest, RequestRewrites)
+TEST_F(HTTPProxyTest, RequestsWhoseLengthOrRouteIsNotCertainAreRefusedBeforeAnyConnect)
 {
-    const std::pair<std::string, std::string> cases[] = {
-        // Hop-by-hop headers go, in any letter case; the others keep their order.
-        {"GET / HTTP/1.1\r\nA: 1\r\nProxy-Connection: keep-alive\r\nHost: server1\r\nCONNECTION: close\r\n"
-         "keep-alive: 300\r\nB: 2\r\nConnection-Extra: x\r\n\r\n",
-         "GET / HTTP/1.0\r\nA: 1\r\nHost: server1\r\nB: 2\r\nConnection-Extra: x\r\n\r\n"},
-        // Without a Host header, or without a path, the target stays.
-        {"GET http://server1/index.html HTTP/1.1\r\nUser-Agent: test\r\n\r\n",
-         "GET http://server1/index.html HTTP/1.0\r\nUser-Agent: test\r\n\r\n"},
-        {"GET http://server1 HTTP/1.1\r\nHost: server1\r\n\r\n",
-         "GET http://server1 HTTP/1.0\r\nHost: server1\r\n\r\n"},
-        {"HEAD http://server1:8080/a/b?c HTTP/1.1\r\nHost: server1:8080\r\n\r\n",
-         "HEAD /a/b?c HTTP/1.0\r\nHost: server1:8080\r\n\r\n"},
-    };
-    for (const auto& c : cases) {
+    const std::string head = "POST http://server1/ HTTP/1.1\r\nHost: server1\r\n";
+    for (const std::string& request : {head + "Content-Length: 3\r\nTransfer-Encoding: chunked\r\n\r\n",
+                                       head + "Content-Length: 3\r\nContent-Length: 4\r\n\r\n",
+                                       head + "Transfer-Encoding: chunked, gzip\r\n\r\n",
+                                       head + "Content-Length: 3x\r\n\r\n", head + "Host: server2\r\n\r\n",
+                                       head + " folded\r\n\r\n", head + "X Evil: 1\r\n\r\n",
+                                       std::string("GET http://server1/a\rb HTTP/1.1\r\n\r\n"),
+                                       std::string("GET http://ser ver1/ HTTP/1.1\r\n\r\n"),
+                                       std::string("GET / HTTP/1.1\r\nHost: a\x01z\r\n\r\n")}) {
         FakeProxyConnection connection;
+        connection.Settings().httpKeepAliveMs = 60000;
         CConnectionProtocol_HTTP handler(connection);
         connection.SetProtocol(&handler);
-        Feed(connection, handler, c.first);
-        EXPECT_EQ(c.second, connection.GetToHost());
-        EXPECT_EQ(1, connection.GetSendToHostCalls());
+        handler.HandleRequest(request.data(), static_cast<int>(request.size()));
+        connection.RunPending();
+        EXPECT_EQ(connection.GetToClient().rfind("HTTP/1.1 400 Bad Request\r\n", 0), 0u) << request;
+        EXPECT_NE(connection.GetToClient().find("Connection: close\r\n"), std::string::npos) << request;
+        EXPECT_FALSE(connection.IsConnectedToClient()) << request;
+        EXPECT_EQ(0, connection.GetConnectCalls()) << request;
     }
 }
 
-TEST_F(HTTPProxyTest, AddressFromHostHeaderAndTarget)
-{
-    struct SCase {
-        const char* uri;
-        const char* host; // null: no Host header
-        const char* address; // empty: none
-    };
-    const SCase cases[] = {
-        {"http://server1:9000/", "server1:8080", "server1:8080"},
-        {"http://server1:9000/", "server1", "server1:9000"},
-        {"http://server1:9000/", "", "server1:9000"},
-        {"https://server1/x", nullptr, "server1:80"},
-        {"/index.html", "[::1]:8080", "[::1]:8080"},
-        {"/index.html", "[::1]", "[::1]:80"},
-        {"/index.html", "http://h2:7/p", "h2:7"},
-        {"/index.html", nullptr, ""},
-        {"/index.html", ":8080", ""},
-    };
-    for (const SCase& c : cases) {
-        QOX::CRefCountPtr<CHTTPRequest> request(new CHTTPRequest());
-        request->m_method = "GET";
-        request->m_uri = c.uri;
-        if (c.host)
-            request->AddHeader("Host", c.host);
-        std::string address = "stale";
-        const std::string label = std::string(c.uri) + " / " + (c.host ? c.host : "-");
-        EXPECT_EQ(*c.address != '\0', m_handler.ExtractAddress(request, address)) << label;
-        EXPECT_EQ(c.address, address) << label;
-    }
-    std::string address = "stale";
-    EXPECT_FALSE(m_handler.ExtractAddress(QOX::CRefCountPtr<CHTTPRequest>(), address));
-    EXPECT_EQ("", address);
-}
-
-TEST_F(HTTPProxyTest, Refusals)
+TEST_F(HTTPProxyTest, TheTraditionalRepliesOfOneRequestConnections)
 {
     struct SCase {
         std::string request;
@@ -161,10 +167,10 @@ TEST_F(HTTPProxyTest, Refusals)
         bool connectFails;
     };
     const SCase cases[] = {
-        {"GET /index.html\r\n", BAD_400, false},
-        {"GET / HTTP/1.1\r\nbroken\r\n\r\n", BAD_400, false},
+        {"GET /index.html\r\n\r\n", BAD_400, false},
         {"GET / HTTP/1.1\r\n\r\n", NOT_FOUND_404, false},
         {"GET / HTTP/1.1\r\nHost: myself:8080\r\n\r\n", NOT_FOUND_404, false},
+        {"GET / HTTP/1.1\r\nHost: MYSELF\r\n\r\n", NOT_FOUND_404, false},
         {"GET / HTTP/1.1\r\nHost: nowhere\r\n\r\n", NOT_FOUND_404, false},
         {"CONNECT server1:443 HTTP/1.1\r\n\r\n", NOT_FOUND_404, true},
     };
@@ -174,213 +180,257 @@ TEST_F(HTTPProxyTest, Refusals)
         CConnectionProtocol_HTTP handler(connection);
         connection.SetProtocol(&handler);
         connection.GetMultiPointLayer().SetFail(c.connectFails);
-        Feed(connection, handler, c.request);
+        handler.HandleRequest(c.request.data(), static_cast<int>(c.request.size()));
+        connection.RunPending();
         EXPECT_EQ(c.reply, connection.GetToClient()) << c.request;
         EXPECT_FALSE(connection.IsConnectedToClient()) << c.request;
-        EXPECT_EQ(1, connection.GetTerminateCalls());
-        EXPECT_EQ(c.connectFails ? 1 : 0, connection.GetMultiPointLayer().GetConnectCount()) << c.request;
     }
-    EXPECT_EQ(0, m_resolver.GetRequestCount("myself:8080")) << "a local host is never resolved";
-    EXPECT_EQ(1, m_resolver.GetRequestCount("nowhere:80"));
+    EXPECT_EQ(0, m_resolver.GetRequestCount("myself:8080")) << "this machine is never looked up";
 }
 
-TEST_F(HTTPProxyTest, DestinationThatIsTheProxyItselfIsRefusedInEveryForm)
+TEST_F(HTTPProxyTest, PersistentRepliesSayWhatHappened)
 {
-    CAddressManager* manager = CAddressManager::GetInstance();
-    manager->SetProxyPort(3128);
-    manager->SetOwnAddressesForTesting({"192.0.2.7"});
-    m_resolver.Script("proxy.example:3128", "192.0.2.7");
-    // What a system resolver makes of these forms (the fake parses only the plain ones).
-    for (const char* form : {"LocalHost:3128", "127.1:3128", "2130706433:3128", "0x7f000001:3128"})
-        m_resolver.Script(form, "127.0.0.1");
-    for (const std::string host : {"LocalHost:3128", "127.1:3128", "0.0.0.0:3128", "2130706433:3128",
-                                   "0x7f000001:3128", "[::1]:3128", "[::ffff:127.0.0.1]:3128", "proxy.example:3128"}) {
+    struct SCase {
+        std::string request;
+        const char* status;
+        int connectFailure;
+    };
+    m_resolver.SetResolveNumeric(false);
+    const SCase cases[] = {
+        {"GET / HTTP/1.1\r\nHost: nowhere\r\n\r\n", "502 Bad Gateway", 0},
+        {"GET / HTTP/1.1\r\nHost: myself\r\n\r\n", "403 Forbidden", 0},
+        {"CONNECT server1:443 HTTP/1.1\r\n\r\n", "502 Bad Gateway", ECONNREFUSED},
+        {"CONNECT server1:443 HTTP/1.1\r\n\r\n", "504 Gateway Timeout", ETIMEDOUT},
+    };
+    for (const SCase& c : cases) {
         FakeProxyConnection connection;
+        connection.Settings().httpKeepAliveMs = 60000;
         CConnectionProtocol_HTTP handler(connection);
         connection.SetProtocol(&handler);
-        Feed(connection, handler, "GET / HTTP/1.1\r\nHost: " + host + "\r\n\r\n");
-        EXPECT_EQ(NOT_FOUND_404, connection.GetToClient()) << host;
-        EXPECT_EQ(0, connection.GetMultiPointLayer().GetConnectCount()) << host;
+        connection.GetMultiPointLayer().SetFail(c.connectFailure != 0);
+        connection.SetConnectFailure(c.connectFailure);
+        handler.HandleRequest(c.request.data(), static_cast<int>(c.request.size()));
+        connection.RunPending();
+        const std::string reply = connection.GetToClient();
+        EXPECT_EQ(reply.rfind(std::string("HTTP/1.1 ") + c.status + "\r\n", 0), 0u) << reply;
+        const std::string body = reply.substr(reply.find("\r\n\r\n") + 4);
+        EXPECT_NE(reply.find("Content-Length: " + std::to_string(body.size()) + "\r\n"), std::string::npos) << reply;
+        EXPECT_FALSE(body.empty());
+        EXPECT_FALSE(connection.IsConnectedToClient());
     }
-    FakeProxyConnection connection;
-    CConnectionProtocol_HTTP handler(connection);
-    connection.SetProtocol(&handler);
-    Feed(connection, handler, "CONNECT 127.0.0.3:3129 HTTP/1.1\r\n\r\n");
-    EXPECT_EQ(OK_200, connection.GetToClient()) << "another port of this machine is served";
-    manager->SetProxyPort(0);
 }
 
-TEST_F(HTTPProxyTest, LookupIsAwaitedWhileLaterBytesAreHeldAndFollowTheRequest)
+TEST_F(HTTPProxyTest, AnswersThatCannotBeTrustedBecome502AndEndTheConnection)
 {
-    m_resolver.SetMode(FakeResolver::ANSWER_LATER);
-    Request("POST http://server1/ HTTP/1.1\r\nHost: server1\r\n\r\nfirst");
-    Request("second");
-    EXPECT_EQ(0, m_connection.GetConnectCalls());
-    EXPECT_EQ(6u, m_handler.GetRequestBacklog());
-    EXPECT_EQ(30000, m_connection.GetTimerMs());
-    ASSERT_TRUE(m_connection.RunWhenWoken());
-    EXPECT_EQ("POST / HTTP/1.0\r\nHost: server1\r\n\r\nfirstsecond", m_connection.GetToHost());
-    EXPECT_EQ(0u, m_handler.GetRequestBacklog());
-    EXPECT_EQ(-1, m_connection.GetTimerMs());
+    for (const std::string& answer : {std::string("HTTP/1.1 407 Proxy Authentication Required\r\n"
+                                                  "Proxy-Authenticate: Basic realm=\"phish\"\r\n\r\n"),
+                                      std::string("HTTP/1.1\r\n\r\n"),
+                                      std::string("HTTP/1.1 200 OK\r\nContent-Length: 2\r\nContent-Length: 3\r\n\r\n"),
+                                      std::string("HTTP/1.1 200 OK\r\nX: a\rb\r\n\r\n")}) {
+        FakeProxyConnection connection;
+        connection.Settings().httpKeepAliveMs = 60000;
+        CConnectionProtocol_HTTP handler(connection);
+        connection.SetProtocol(&handler);
+        handler.HandleRequest(BROWSER_REQUEST.data(), static_cast<int>(BROWSER_REQUEST.size()));
+        connection.RunPending();
+        handler.HandleResponse(answer.data(), static_cast<int>(answer.size()));
+        EXPECT_EQ(connection.GetToClient().rfind("HTTP/1.1 502 Bad Gateway\r\n", 0), 0u) << answer;
+        EXPECT_EQ(connection.GetToClient().find("phish"), std::string::npos);
+        EXPECT_FALSE(connection.IsConnectedToClient());
+    }
 }
 
-TEST_F(HTTPProxyTest, NameNotAnsweredInTimeIsNotFound)
+TEST_F(HTTPProxyTest, InterimAnswersPassAndAChunkedOneLosesItsChunksForAnHttp10Client)
 {
-    m_resolver.SetMode(FakeResolver::NEVER_ANSWER);
-    Request("GET / HTTP/1.1\r\nHost: slow.example\r\n\r\n");
-    m_connection.FireTimer();
-    EXPECT_EQ(NOT_FOUND_404, m_connection.GetToClient());
-    EXPECT_EQ(1, m_resolver.GetCancelCount("slow.example:80"));
+    Start(60000);
+    Request("GET http://server1/ HTTP/1.0\r\nHost: server1\r\n\r\n");
+    EXPECT_EQ("GET / HTTP/1.1\r\nHost: server1\r\n\r\n", m_connection.GetToHost());
+    Response("HTTP/1.1 103 Early Hints\r\n\r\nHTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n3;x=y\r\nabc\r\n");
+    Response("2\r\nde\r\n0\r\nTrailer: 1\r\n\r\n");
+    // An HTTP/1.0 client knows neither interim answers nor chunks: the data, then the close.
+    EXPECT_EQ("HTTP/1.1 200 OK\r\nConnection: close\r\n\r\nabcde", m_connection.GetToClient());
+    EXPECT_FALSE(m_connection.IsConnectedToClient());
 }
 
-TEST_F(HTTPProxyTest, EndsArePassedOnOnceTheRequestWentOut)
-{
-    EXPECT_FALSE(m_handler.HandleClientEnd());
-    Request(BROWSER_REQUEST);
-    EXPECT_TRUE(m_handler.HandleClientEnd());
-    EXPECT_EQ(1, m_connection.GetHostOutputEnds());
-    // The response has not been seen whole: its end is not passed on as a complete one.
-    m_handler.HandleResponse("HTTP/1.1 200 OK\r\n", 17);
-    EXPECT_FALSE(m_handler.HandleHostEnd());
-    m_handler.HandleResponse("\r\n", 2);
-    EXPECT_TRUE(m_handler.HandleHostEnd());
-}
-
-TEST_F(HTTPProxyTest, ErrorWhenClientIsGoneSendsNothing)
-{
-    CCountingConnection connection;
-    CConnectionProtocol_HTTP handler(connection);
-    connection.DisconnectClient();
-    Feed(connection, handler, "GET /index.html\r\nX: y\r\n");
-    EXPECT_EQ("", connection.GetToClient());
-    EXPECT_EQ(1, connection.m_disconnectCalls) << "only the test's own call";
-}
-
-TEST_F(HTTPProxyTest, ConnectOpensTunnelInEitherCase)
+TEST_F(HTTPProxyTest, ATunnelTakesTheBytesBehindItsRequestAndParsesNothing)
 {
     for (const std::string method : {"CONNECT", "connect"}) {
         FakeProxyConnection connection;
         CConnectionProtocol_HTTP handler(connection);
         connection.SetProtocol(&handler);
-        // Bytes behind the blank line in the same chunk are not relayed; later ones are.
         const std::string request = method + " server1:443 HTTP/1.1\r\nHost: server1:443\r\n\r\nEARLY";
-        Feed(connection, handler, request);
+        handler.HandleRequest(request.data(), static_cast<int>(request.size()));
+        connection.RunPending();
         EXPECT_EQ(OK_200, connection.GetToClient()) << method;
-        EXPECT_EQ("", connection.GetToHost()) << method;
-        EXPECT_EQ((std::vector<std::string>{"127.0.0.1:443"}), connection.GetMultiPointLayer().GetDestinations());
-
+        EXPECT_EQ("EARLY", connection.GetToHost()) << method;
         handler.HandleRequest("GET / HTTP/1.1\r\n\r\n", 18);
-        EXPECT_EQ("GET / HTTP/1.1\r\n\r\n", connection.GetToHost());
-        // Nothing is parsed in a tunnel, in either direction.
-        const std::string fromHost = "HTTP/1.1 200 OK\r\nSet-Cookie: a=1,b=2\r\n\r\n";
+        const std::string fromHost = "HTTP/1.1 200 OK\r\nSet-Cookie: a=1,b=2\r\n\r\ngarbage\n\n";
         handler.HandleResponse(fromHost.data(), static_cast<int>(fromHost.size()));
-        handler.HandleResponse("garbage\n\n", 9);
-        EXPECT_EQ(OK_200 + fromHost + "garbage\n\n", connection.GetToClient());
+        EXPECT_EQ("EARLYGET / HTTP/1.1\r\n\r\n", connection.GetToHost());
+        EXPECT_EQ(OK_200 + fromHost, connection.GetToClient());
         EXPECT_TRUE(connection.IsConnectedToClient());
     }
-    EXPECT_EQ(1, m_resolver.GetRequestCount("server1:443")) << "the second answer comes from the cache";
 }
 
-TEST_F(HTTPProxyTest, PostBodyTravelsWithTheHeaderBlock)
+TEST_F(HTTPProxyTest, LookupIsAwaitedWhileLaterBytesAreHeldAndGoOnAsTheBody)
 {
-    const std::string header =
-        "POST http://server1:8080/form HTTP/1.1\r\nHost: server1:8080\r\nContent-Length: 150\r\n\r\n";
-    const std::string forwarded = "POST /form HTTP/1.0\r\nHost: server1:8080\r\nContent-Length: 150\r\n\r\n";
-    const std::string first(100, 'a');
-    const std::string rest(50, 'b');
-    Request(header + first);
-    EXPECT_EQ(1, m_connection.GetSendToHostCalls());
-    EXPECT_EQ(forwarded + first, m_connection.GetToHost());
-    Request(rest);
-    EXPECT_EQ(2, m_connection.GetSendToHostCalls());
-    EXPECT_EQ(forwarded + first + rest, m_connection.GetToHost());
+    Start();
+    m_resolver.SetMode(FakeResolver::ANSWER_LATER);
+    Request("POST http://server1/ HTTP/1.1\r\nHost: server1\r\nContent-Length: 11\r\n\r\nfirst");
+    Request("second");
+    EXPECT_EQ(0, m_connection.GetConnectCalls());
+    EXPECT_EQ(11u, m_handler->GetRequestBacklog());
+    EXPECT_EQ(30000, m_connection.GetTimerMs());
+    ASSERT_TRUE(m_connection.RunWhenWoken());
+    EXPECT_EQ("POST / HTTP/1.0\r\nHost: server1\r\nContent-Length: 11\r\n\r\nfirstsecond", m_connection.GetToHost());
+    EXPECT_EQ(0u, m_handler->GetRequestBacklog());
 }
 
-TEST_F(HTTPProxyTest, SecondRequestPassesRaw)
+TEST_F(HTTPProxyTest, CredentialsAreCheckedOnEachRequestAndNeverForwarded)
 {
-    Request(BROWSER_REQUEST);
-    const std::string second = "GET http://elsewhere/x HTTP/1.1\r\nHost: elsewhere\r\nConnection: keep-alive\r\n\r\n";
-    Request(second);
-    EXPECT_EQ(FORWARDED + second, m_connection.GetToHost());
-    EXPECT_EQ(1, m_connection.GetMultiPointLayer().GetConnectCount());
-    EXPECT_EQ(0, m_resolver.GetRequestCount("elsewhere:80"));
-
-    // Once the host link is gone, client bytes are dropped.
-    m_connection.SetHostClosed();
-    Request("more");
-    EXPECT_EQ(FORWARDED + second, m_connection.GetToHost());
-}
-
-// Every case starts with a request forwarded to the host, so the next host bytes are its response.
-// ---- Basic authentication (when the proxy has users) ----
-
-const std::string AUTH_407 = "HTTP/1.0 407 Proxy Authentication Required\r\nProxy-Authenticate: Basic "
-                             "realm=\"zrt-proxy\"\r\nContent-Length: 0\r\nConnection: close\r\n\r\n";
-
-std::string WithAuthorization(const std::string& request, const std::string& value)
-{
-    const size_t end = request.find("\r\n") + 2;
-    return request.substr(0, end) + "Proxy-Authorization: " + value + "\r\n" + request.substr(end);
-}
-
-class HTTPProxyAuthTest : public HTTPProxyTest {
-protected:
-    void SetUp() override
-    {
-        m_connection.Settings().users = {{"alice", "s3:cret"}};
-        HTTPProxyTest::SetUp();
-    }
-};
-
-TEST_F(HTTPProxyAuthTest, RightCredentialsAreUsedAndNeverForwarded)
-{
-    // alice:s3:cret (the password may hold a colon: only the first one splits).
-    Request(WithAuthorization(BROWSER_REQUEST, "Basic " + CBase64::Encode("alice:s3:cret")));
-    EXPECT_EQ(FORWARDED, m_connection.GetToHost());
+    m_connection.Settings().users = {{"alice", "s3:cret"}};
+    Start(60000);
+    const std::string good = "Proxy-Authorization: basic   " + CBase64::Encode("alice:s3:cret");
+    Request(WithField(BROWSER_REQUEST, good));
+    EXPECT_EQ("GET /index.html HTTP/1.1\r\nHost: server1\r\nUser-Agent: test\r\n\r\n", m_connection.GetToHost());
     EXPECT_EQ("alice", m_connection.GetUser());
-    EXPECT_FALSE(m_connection.GetOutcome().has_value());
-    EXPECT_TRUE(m_connection.IsRequestComplete());
-}
+    Response("HTTP/1.1 204 No Content\r\n\r\n");
+    // The next request on the same connection must bring its own.
+    Request("GET http://server2/ HTTP/1.1\r\nHost: server2\r\n\r\n");
+    EXPECT_EQ(m_connection.GetToClient().find("HTTP/1.1 407 "), 27u) << m_connection.GetToClient();
+    EXPECT_EQ(1, m_connection.GetConnectCalls());
 
-TEST_F(HTTPProxyAuthTest, SchemeIsCaseInsensitiveAndConnectTunnelsToo)
-{
-    Request(WithAuthorization("CONNECT server1:443 HTTP/1.1\r\nHost: server1:443\r\n\r\n",
-                              "basic   " + CBase64::Encode("alice:s3:cret")));
-    EXPECT_EQ(OK_200, m_connection.GetToClient());
-}
-
-TEST_F(HTTPProxyAuthTest, MissingOrWrongCredentialsGet407AndTheConnectionCloses)
-{
-    const struct {
-        std::string request;
-        std::string user;
-    } cases[] = {
-        {BROWSER_REQUEST, "-"},
-        {WithAuthorization(BROWSER_REQUEST, "Basic " + CBase64::Encode("alice:wrong")), "alice"},
-        {WithAuthorization(BROWSER_REQUEST, "Basic " + CBase64::Encode("mallory:s3:cret")), "mallory"},
-        {WithAuthorization(BROWSER_REQUEST, "Basic " + CBase64::Encode("alices3:cret")), "alices3"},
-        {WithAuthorization(BROWSER_REQUEST, "Basic !!not-base64!!"), "-"},
-        {WithAuthorization(BROWSER_REQUEST, "Bearer " + CBase64::Encode("alice:s3:cret")), "-"},
-        {WithAuthorization("CONNECT server1:443 HTTP/1.1\r\nHost: server1:443\r\n\r\n", "Basic"), "-"},
-    };
-    for (const auto& c : cases) {
+    for (const std::string& field : {std::string(), "Proxy-Authorization: Basic " + CBase64::Encode("alice:wrong"),
+                                     std::string("Proxy-Authorization: Basic !!not-base64!!"),
+                                     "Proxy-Authorization: Bearer " + CBase64::Encode("alice:s3:cret")}) {
         FakeProxyConnection connection;
         connection.Settings().users = {{"alice", "s3:cret"}};
         CConnectionProtocol_HTTP handler(connection);
         connection.SetProtocol(&handler);
-        Feed(connection, handler, c.request);
-        EXPECT_EQ(AUTH_407, connection.GetToClient()) << c.request;
-        EXPECT_FALSE(connection.IsConnectedToClient()) << c.request;
-        EXPECT_EQ(0, connection.GetMultiPointLayer().GetConnectCount()) << c.request;
-        EXPECT_EQ(EOutcome::AuthFailed, connection.GetOutcome()) << c.request;
-        EXPECT_EQ(c.user, connection.GetUser()) << c.request;
+        const std::string request = field.empty() ? BROWSER_REQUEST : WithField(BROWSER_REQUEST, field);
+        handler.HandleRequest(request.data(), static_cast<int>(request.size()));
+        connection.RunPending();
+        EXPECT_EQ(AUTH_407, connection.GetToClient()) << field;
+        EXPECT_EQ(0, connection.GetConnectCalls()) << field;
+        EXPECT_EQ(EOutcome::AuthFailed, connection.GetOutcome()) << field;
     }
 }
 
-TEST_F(HTTPProxyTest, ProxyAuthorizationIsNeverForwardedEvenWithoutUsers)
+TEST(HTTPRouteTest, TheTargetDecidesAndAHostFieldOnlyForAPath)
 {
-    Request(WithAuthorization(BROWSER_REQUEST, "Basic " + CBase64::Encode("someone:secret")));
-    EXPECT_EQ(FORWARDED, m_connection.GetToHost());
+    struct SCase {
+        const char* target;
+        const char* host; // null: no Host field
+        const char* destination; // empty: none
+        const char* originTarget;
+    };
+    const SCase cases[] = {
+        {"http://server1:9000/a?b", "server1:8080", "server1:9000", "/a?b"},
+        {"http://server1", "other", "server1:80", "/"},
+        {"https://server1/x", nullptr, "server1:80", "/x"},
+        {"/index.html", "[::1]:8080", "[::1]:8080", "/index.html"},
+        {"/index.html", "[::1]", "[::1]:80", "/index.html"},
+        {"server1:443", nullptr, "server1:443", "server1:443"},
+        {"/index.html", nullptr, "", ""},
+        {"/index.html", ":8080", "", ""},
+    };
+    for (const SCase& c : cases) {
+        CHTTPRequest request;
+        request.m_method = "GET";
+        request.m_uri = c.target;
+        if (c.host)
+            request.AddHeader("Host", c.host);
+        CHTTPRoute route;
+        const std::string label = std::string(c.target) + " / " + (c.host ? c.host : "-");
+        ASSERT_EQ(*c.destination != '\0', route.Find(request)) << label;
+        if (*c.destination == '\0')
+            continue;
+        EXPECT_EQ(c.destination, route.GetDestination()) << label;
+        EXPECT_EQ(c.originTarget, route.GetOriginTarget()) << label;
+    }
+}
+
+TEST(HTTPBodyTest, RelaysWhatBelongsToTheBodyAndLetsTheRestAlone)
+{
+    std::string sent;
+    const CHTTPBody::Send send = [&](const char* data, size_t length) { sent.append(data, length); };
+    size_t taken = 0;
+    CHTTPBody body;
+    body.Begin(CHTTPFraming::EBody::Length, 5);
+    EXPECT_EQ(body.GetRelayAllowance(), 5u);
+    body.Relayed(2); // moved by the fast path
+    ASSERT_TRUE(body.Relay("abcNEXT", 7, taken, send));
+    EXPECT_EQ(taken, 3u);
+    EXPECT_TRUE(body.IsDone());
+    // Chunked: the framing goes on too, or for data only the data.
+    for (const bool dataOnly : {false, true}) {
+        sent.clear();
+        body.Begin(CHTTPFraming::EBody::Chunked, 0, dataOnly);
+        const std::string chunked = "4\r\nwxyz\r\n0\r\n\r\nNEXT";
+        for (size_t i = 0; i < chunked.size() && !body.IsDone(); i += taken)
+            ASSERT_TRUE(body.Relay(chunked.data() + i, 1, taken, send));
+        EXPECT_EQ(sent, dataOnly ? "wxyz" : "4\r\nwxyz\r\n0\r\n\r\n");
+    }
+    body.Begin(CHTTPFraming::EBody::Chunked, 0);
+    EXPECT_FALSE(body.Relay("zz\r\n", 4, taken, send));
+    body.Begin(CHTTPFraming::EBody::UntilClose, 0);
+    EXPECT_EQ(body.GetRelayAllowance(), ~0ull);
+    EXPECT_FALSE(body.IsDone());
+}
+
+TEST(OriginPoolTest, KeepsIdleConnectionsPerDestinationWithinItsBoundsAndDropsClosedOnes)
+{
+    COriginPool pool;
+    pool.Start(nullptr);
+    const auto idle = std::chrono::milliseconds(60000);
+    std::vector<QOX::CRefCountPtr<FakeDataLayer>> links;
+    for (size_t i = 0; i < COriginPool::MAX_PER_DESTINATION + 2; ++i) {
+        links.emplace_back(new FakeDataLayer());
+        ASSERT_TRUE(pool.Give("a:80", QOX::CRefCountPtr<IZRTDataLayer>(links.back().Get()), idle));
+    }
+    EXPECT_EQ(pool.GetIdleCount(), COriginPool::MAX_PER_DESTINATION);
+    EXPECT_EQ(links[0]->GetDisconnects(), 1) << "the least recently used made way";
+    // The most recent first; another destination gets nothing.
+    EXPECT_EQ(pool.Take("a:80").Get(), links.back().Get());
+    EXPECT_FALSE(pool.Take("b:80"));
+    // An origin that closes, or speaks unasked, while it waits is let go at once.
+    links[5]->CloseFromRemote();
+    links[6]->PushFromRemote("unasked");
+    EXPECT_EQ(pool.GetIdleCount(), COriginPool::MAX_PER_DESTINATION - 3);
+    EXPECT_EQ(links[6]->GetDisconnects(), 1);
+    // Its idle time over, a connection is not handed out.
+    QOX::CRefCountPtr<FakeDataLayer> brief(new FakeDataLayer());
+    ASSERT_TRUE(pool.Give("c:80", QOX::CRefCountPtr<IZRTDataLayer>(brief.Get()), std::chrono::milliseconds(1)));
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    EXPECT_FALSE(pool.Take("c:80"));
+    pool.Stop();
+    EXPECT_EQ(pool.GetIdleCount(), 0u);
+    EXPECT_FALSE(pool.Give("a:80", QOX::CRefCountPtr<IZRTDataLayer>(new FakeDataLayer()), idle)) << "stopped";
+}
+
+TEST_F(HTTPProxyTest, SetCookieValuesAreSplit)
+{
+    struct SCase {
+        std::string value;
+        std::vector<std::string> pieces;
+    };
+    const SCase cases[] = {
+        {"a=1; Path=/,b=2", {"a=1; Path=/", "b=2"}},
+        {"a=1; Expires=Wed, 09 Jun 2010 10:18:14 GMT,b=2", {"a=1; Expires=Wed, 09 Jun 2010 10:18:14 GMT", "b=2"}},
+        {"a=1, b=2", {"a=1, b=2"}},
+        {"a=1,,b=2", {"a=1", "b=2"}},
+        {"a=1,", {"a=1,"}},
+        {",a=1", {"a=1"}},
+        {"", {}},
+    };
+    for (const SCase& c : cases) {
+        QOX::CRefCountPtr<CHTTPPacket> response(new CConnectionProtocol_HTTP::CProxyHTTPResponse());
+        response->AddHeader("SET-COOKIE", c.value);
+        CHTTPPacket::HeaderList expected;
+        for (const std::string& piece : c.pieces)
+            expected.emplace_back("SET-COOKIE", piece);
+        EXPECT_EQ(expected, response->GetHeaders()) << c.value;
+    }
 }
 
 TEST(Base64Test, DecodesWhatEncodeMakesAndRefusesWhatIsNotBase64)
@@ -410,83 +460,6 @@ TEST(CredentialsTest, MatchesOnlyTheWholeNameWithItsOwnPassword)
     EXPECT_FALSE(CCredentials::Check({}, "", ""));
     EXPECT_TRUE(CCredentials::Equal("", ""));
     EXPECT_FALSE(CCredentials::Equal("a", std::string("a\0", 2)));
-}
-
-class HTTPProxyResponseTest : public HTTPProxyTest {
-protected:
-    void SetUp() override
-    {
-        HTTPProxyTest::SetUp();
-        Request("GET / HTTP/1.1\r\nHost: server1\r\n\r\n");
-        ASSERT_TRUE(m_connection.IsConnectedToHost());
-    }
-
-    void Response(const std::string& bytes) { m_handler.HandleResponse(bytes.data(), static_cast<int>(bytes.size())); }
-};
-
-TEST_F(HTTPProxyResponseTest, FirstResponseIsRewrittenLaterOnesPass)
-{
-    Response("HTTP/1.1 200 OK\r\nSet-Cookie: a=1; Path=/,b=2\r\nConnection: keep-alive\r\nContent-Length: 2\r\n\r\nhi");
-    EXPECT_EQ(1, m_connection.GetSendToClientCalls());
-    const std::string first = "HTTP/1.0 200 OK\r\nSet-Cookie: a=1; Path=/\r\nSet-Cookie: b=2\r\n"
-                              "Connection: keep-alive\r\n"
-                              "Content-Length: 2\r\n\r\nhi";
-    EXPECT_EQ(first, m_connection.GetToClient());
-
-    const std::string second = "HTTP/1.1 404 Not Found\r\nSet-Cookie: c=3,d=4\r\n\r\n";
-    Response(second);
-    EXPECT_EQ(first + second, m_connection.GetToClient());
-    EXPECT_TRUE(m_connection.IsConnectedToClient());
-}
-
-TEST_F(HTTPProxyResponseTest, SplitHeaderBlockLeavesInOneSendWithItsBody)
-{
-    Response("HTTP/1.1 204");
-    Response("\r\nServer: x\r");
-    Response("\nProxy-Connection: keep-alive\r");
-    EXPECT_EQ(0, m_connection.GetSendToClientCalls());
-    Response("\n\r\nbody");
-    EXPECT_EQ(1, m_connection.GetSendToClientCalls());
-    // Responses lose no header, hop-by-hop ones included.
-    EXPECT_EQ("HTTP/1.0 204 \r\nServer: x\r\nProxy-Connection: keep-alive\r\n\r\nbody", m_connection.GetToClient());
-}
-
-TEST_F(HTTPProxyResponseTest, SetCookieValuesAreSplit)
-{
-    struct SCase {
-        std::string value;
-        std::vector<std::string> pieces;
-    };
-    const SCase cases[] = {
-        {"a=1; Path=/,b=2", {"a=1; Path=/", "b=2"}},
-        {"a=1; Expires=Wed, 09 Jun 2010 10:18:14 GMT,b=2", {"a=1; Expires=Wed, 09 Jun 2010 10:18:14 GMT", "b=2"}},
-        {"a=1, b=2", {"a=1, b=2"}},
-        {"a=1,,b=2", {"a=1", "b=2"}},
-        {"a=1,", {"a=1,"}},
-        {",a=1", {"a=1"}},
-        {"", {}},
-    };
-    for (const SCase& c : cases) {
-        QOX::CRefCountPtr<CHTTPPacket> response(new CConnectionProtocol_HTTP::CProxyHTTPResponse());
-        response->AddHeader("SET-COOKIE", c.value);
-        CHTTPPacket::HeaderList expected;
-        for (const std::string& piece : c.pieces)
-            expected.emplace_back("SET-COOKIE", piece);
-        EXPECT_EQ(expected, response->GetHeaders()) << c.value;
-    }
-    // An empty Set-Cookie line is missing from what the client receives.
-    Response("HTTP/1.1 200 OK\r\nSet-Cookie:\r\nX: y\r\n\r\n");
-    EXPECT_EQ("HTTP/1.0 200 OK\r\nX: y\r\n\r\n", m_connection.GetToClient());
-}
-
-TEST_F(HTTPProxyResponseTest, MalformedStatusLineIsBadRequest)
-{
-    Response("HTTP/1.1\r\n\r\n");
-    EXPECT_EQ(BAD_400, m_connection.GetToClient());
-    EXPECT_FALSE(m_connection.IsConnectedToClient());
-    // The client is gone: further host bytes are dropped unparsed.
-    Response("HTTP/1.1 200 OK\r\n\r\n");
-    EXPECT_EQ(1, m_connection.GetSendToClientCalls());
 }
 
 } // namespace
