@@ -102,7 +102,11 @@ bool CEmbeddedProxy::DropsEveryUser(const SLive& live) const
 
 void CEmbeddedProxy::ApplyLive(const SLive& live)
 {
-    m_proxy.SetSettings(live.proxy); // the allow list was checked when it was set
+    Proxy::SProxySettings settings = live.proxy;
+    // The metrics listener is this machine's own business, never a destination.
+    if (m_metrics.GetPort() != 0)
+        settings.privatePorts.push_back(static_cast<unsigned int>(m_metrics.GetPort()));
+    m_proxy.SetSettings(settings); // the allow list was checked when it was set
     m_log.SetAccessLog(live.accessLog);
     m_log.SetLevel(m_settings.logLevel);
 }

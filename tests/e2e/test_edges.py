@@ -105,6 +105,19 @@ def test_a_proxy_on_a_network_keeps_this_machine_to_itself(echo, echo_local):
         stopped(proxy)
 
 
+def test_the_metrics_listener_is_never_a_destination():
+    with socket.socket() as probe:
+        probe.bind(("127.0.0.1", 0))
+        port = probe.getsockname()[1]
+    proxy = daemon("--metrics", f"127.0.0.1:{port}", "--allow-destination", "127.0.0.0/8")
+    try:
+        # Even named by a rule, on any address of this machine.
+        for host in ("127.0.0.1", "127.0.0.7"):
+            assert socks5_code(proxy, host, port) == 2, host
+    finally:
+        stopped(proxy)
+
+
 @pytest.mark.parametrize("keep_alive, refused", [("0", 404), ("60", 403)])
 def test_the_http_side_knows_this_machine_in_every_form(http_servers, keep_alive, refused):
     proxy = daemon("--http-keep-alive", keep_alive)
