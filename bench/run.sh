@@ -1,11 +1,13 @@
 #!/usr/bin/env bash
-# Side-by-side benchmark: zrt-proxy against the proxies people use (microsocks, Dante, tinyproxy),
-# plus the direct path as the physical limit. Everything runs on loopback; each peer runs in the
-# foreground as a child of this script with a config file in a temp dir, and is killed at the end.
+# Side-by-side benchmark: zrt-proxy against the proxies people use (microsocks, Dante, tinyproxy,
+# and Squid for HTTP keep-alive and page loads), plus the direct path as the physical limit.
+# Everything runs on loopback; each peer runs in the foreground as a child of this script with a
+# config file in a temp dir, and is killed at the end.
 #
 # usage: bench/run.sh BUILD_DIR [--quick] [--runs N] [--note TEXT] [--out FILE] [--no-peers]
-#   --quick     small sizes, 1 run: a smoke test (writes no results file unless --out is given);
-#               exits non-zero when a run of the direct path or of zrt-proxy failed
+#   --quick     small sizes, 1 run, no Chromium and no package installs for the HTTP groups: a
+#               smoke test (writes no results file unless --out is given); exits non-zero when
+#               a run of the direct path or of zrt-proxy failed
 #   --runs N    runs per figure (default 5; the median is reported)
 #   --note TEXT one more line for the results header (e.g. that the machine was shared)
 #   --out FILE  where the results go (default bench/RESULTS.md for a full run)
@@ -16,7 +18,7 @@ ROOT=$(cd "$(dirname "$0")/.." && pwd)
 COMMAND_LINE="bench/run.sh $*"
 BUILD=${1:-}
 if [ -z "$BUILD" ] || [ "${BUILD#--}" != "$BUILD" ]; then
-  sed -n '2,12p' "$0" | sed 's/^# \{0,1\}//' >&2
+  sed -n '2,14p' "$0" | sed 's/^# \{0,1\}//' >&2
   exit 2
 fi
 shift
@@ -41,11 +43,13 @@ done
 
 if [ "$QUICK" = 1 ]; then
   [ "$RUNS" = 5 ] && RUNS=1
-  SIZES=(--bulk-bytes $((16 << 20)) --tx-seconds 0.3 --idle-tunnels 100 --idle-seconds 1
-         --udp-seconds 0.3 --ttfb-samples 20 --burst-clients 200)
+  SIZES=(--bulk-bytes $((128 << 20)) --tx-seconds 0.3 --idle-tunnels 100 --idle-seconds 1
+         --udp-seconds 0.3 --ttfb-samples 20 --burst-clients 200 --bystander-samples 30
+         --used-tunnels 100 --stalled-downloads 8 --held-headers 100)
 else
   SIZES=(--bulk-bytes $((1 << 30)) --tx-seconds 1 --idle-tunnels 1000 --idle-seconds 10
-         --udp-seconds 1 --ttfb-samples 200 --burst-clients 2000)
+         --udp-seconds 1 --ttfb-samples 200 --burst-clients 2000 --bystander-samples 200
+         --used-tunnels 1000 --stalled-downloads 32 --held-headers 2000)
   [ -z "$OUT" ] && OUT="$ROOT/bench/RESULTS.md"
 fi
 
@@ -80,6 +84,10 @@ if [ "$PEERS" = 1 ] && ! have_peer_binaries; then
     log "peers missing and not root: they are skipped"
   fi
 fi
+
+# shellcheck source=bench/web.sh
+. "$ROOT/bench/web.sh"
+web_packages
 
 # The 1,000-tunnel test needs two descriptors per tunnel in the proxy and one in the client.
 ulimit -n "$(ulimit -Hn)" 2>/dev/null || true
@@ -116,6 +124,13 @@ for _ in $(seq 1 100); do grep -q '^ready' "$WORK/dest.out" 2>/dev/null && break
 HTTP_DEST=$(awk '/^http /{print $2}' "$WORK/dest.out")
 UDP_DEST=$(awk '/^udp /{print $2}' "$WORK/dest.out")
 [ -n "$HTTP_DEST" ] && [ -n "$UDP_DEST" ] || { log "destination server did not start"; exit 1; }
+# The bystander's destination is a process of its own, so the bulk downloads' sender cannot delay it.
+"$TOOLS/zrt-bench-dest" --http 127.0.0.2:0 --udp 127.0.0.2:0 --max-seconds 3000 \
+  >"$WORK/side.out" 2>"$WORK/logs/side.err" &
+PIDS+=($!)
+for _ in $(seq 1 100); do grep -q '^ready' "$WORK/side.out" 2>/dev/null && break; sleep 0.1; done
+SIDE_DEST=$(awk '/^http /{print $2}' "$WORK/side.out")
+[ -n "$SIDE_DEST" ] || { log "second destination server did not start"; exit 1; }
 
 PROXIES=()
 start_proxy() {  # NAME CAPS PORT LOGNAME COMMAND...
@@ -163,13 +178,14 @@ fi
 
 if [ "$PEERS" = 1 ] && command -v tinyproxy >/dev/null; then
   port=$(freeport)
+  # MaxClients leaves room for the 2,000 clients of the burst and unfinished-header tests.
   cat >"$WORK/tinyproxy.conf" <<EOF
 User nobody
 Group nogroup
 Port $port
 Listen 127.0.0.1
 Timeout 600
-MaxClients 256
+MaxClients 4096
 LogFile "$WORK/logs/tinyproxy-own.log"
 LogLevel Critical
 PidFile "$WORK/logs/tinyproxy.pid"
@@ -197,8 +213,11 @@ LOAD_BEFORE=$(cut -d' ' -f1-3 /proc/loadavg)
 START=$(date +%s)
 BUSY0=$(busy_ticks); OWN0=$(( $(children_ticks) + $(started_ticks) ))
 BENCH_RC=0
-"$TOOLS/zrt-loadgen" bench --http-dest "$HTTP_DEST" --udp-dest "$UDP_DEST" --ours zrt-proxy \
+"$TOOLS/zrt-loadgen" bench --http-dest "$HTTP_DEST" --udp-dest "$UDP_DEST" --side-dest "$SIDE_DEST" --ours zrt-proxy \
   --strict "$QUICK" --runs "$RUNS" "${SIZES[@]}" "${PROXIES[@]}" >"$WORK/table.md" || BENCH_RC=$?
+web_run
+"$TOOLS/zrt-loadgen" table --columns direct,zrt-proxy,squid,tinyproxy --ours zrt-proxy \
+  <"$WEB_TSV" >"$WORK/web.md"
 BUSY1=$(busy_ticks); OWN1=$(( $(children_ticks) + $(started_ticks) ))
 ELAPSED=$(( $(date +%s) - START ))
 LOAD_AFTER=$(cut -d' ' -f1-3 /proc/loadavg)
@@ -228,22 +247,68 @@ fi
   [ "$QUICK" = 1 ] && echo "- Quick mode: a smoke test with small sizes; its figures are not comparable to a full run."
   echo "- Build: $(sed -n 's/^CMAKE_BUILD_TYPE:STRING=//p' "$BUILD/CMakeCache.txt") ($BUILD)"
   echo "- zrt-proxy at commit $OURS_REV; microsocks $(version microsocks), dante-server $(version dante-server), tinyproxy $(version tinyproxy)"
+  echo "- HTTP groups: nginx $(nginx -v 2>&1 | sed "s|.*/||" || echo "not installed"), squid $(version squid), apache2-utils $(version apache2-utils), chromium $(version chromium)"
   [ -n "$NOTE" ] && echo "- Note: $NOTE"
   for n in "${NOTES[@]}"; do echo "- $n"; done
   echo
   echo "Each figure is the median of $RUNS run(s); within a run the targets take turns (direct, zrt-proxy,"
   echo "peers, then again). \"direct\" talks to the destination without a proxy: the physical limit."
-  echo "Ratio columns divide zrt-proxy's median by the other column's; read them with the \"better\" column."
-  echo "MB = 10^6 bytes. Destinations: HTTP on $HTTP_DEST (GET /bytes/N, POST /upload), UDP echo on $UDP_DEST."
-  echo "Idle test: CPU is utime+stime of the proxy and its child processes while the tunnels stay idle;"
-  echo "wake-ups are voluntary context switches of all their threads per second. The idle test runs"
-  echo "first; RSS/PSS per tunnel is the footprint while holding the tunnels minus the footprint of the"
-  echo "freshly started proxy, divided by their number (RSS counts shared pages once per process, so"
-  echo "PSS is the fairer figure for Dante's child processes)."
+  echo "Ratio columns divide zrt-proxy's median by the other column's; read them with the \"better\" column"
+  echo "(rows whose \"better\" is \"-\" are context, with no ratio). These are readings of one run on a"
+  echo "shared machine, not assertions. MB = 10^6 bytes, MiB/KiB = 2^20/2^10 bytes."
+  echo "Destinations: HTTP on $HTTP_DEST (GET /bytes/N, POST /upload, POST /echo), UDP echo on $UDP_DEST;"
+  echo "a second HTTP destination process on $SIDE_DEST serves the bystander."
+  echo
+  echo "- **Idle tunnels**: CPU is utime+stime of the proxy and its child processes while the tunnels"
+  echo "  stay idle; wake-ups are voluntary context switches of all their threads per second. The idle"
+  echo "  test runs first; RSS/PSS per tunnel is the footprint while holding the tunnels minus the"
+  echo "  footprint of the freshly started proxy, divided by their number (RSS counts shared pages once"
+  echo "  per process, so PSS is the fairer figure for Dante's child processes)."
+  echo "- **Tunnels that carried 1 MiB each way**: each tunnel posts 1 MiB to the destination's echo and"
+  echo "  reads 1 MiB back, then stays open and idle; right after the idle test, RSS while holding them"
+  echo "  minus the fresh process's, and descriptors (all processes) minus those just before, per tunnel."
+  echo "  SOCKS5 for the SOCKS5 proxies, HTTP CONNECT for tinyproxy; zrt-proxy both ways."
+  echo "- **Proxy CPU per transaction / per GiB**: utime+stime of the proxy (every thread, child processes"
+  echo "  and reaped children included) from /proc/PID/stat over one transaction measurement, divided by"
+  echo "  the transactions completed in it (us), or over one bulk transfer divided by the GiB relayed (s)."
+  echo "  Kernel share: stime over that total (clock ticks of 10 ms: coarse for short quick runs)."
+  echo "- **Bystander**: K SOCKS5 downloads of an endless body (read as fast as they come, all on one"
+  echo "  thread of the load generator) run through the proxy; meanwhile one client runs its samples one"
+  echo "  after another: connect, greeting, CONNECT, GET 100 B from the second destination, read to the"
+  echo "  end, close; each sample is timed from connect to the last byte (at most 8 s of samples per"
+  echo "  figure). \"Together\" is the K downloads' bytes over the sampling time."
+  echo "- **Stalled downloads**: downloads of an endless body whose client never reads; once the system's"
+  echo "  TCP buffer memory stops growing, memory tied up = its growth (/proc/net/sockstat \"mem\" pages:"
+  echo "  every socket, the client's and destination's too) + the proxy's RSS growth + bytes waiting in"
+  echo "  the proxy's pipes (read through pidfd_getfd), per download. The direct column is the client's"
+  echo "  and destination's part alone. SOCKS5 for the SOCKS5 proxies, HTTP GET for tinyproxy."
+  echo "- **Unfinished headers**: each client sends an HTTP proxy request whose header block has 60 KiB"
+  echo "  and never ends; 1 s after the last one, the proxy's RSS growth over just before, per client, and"
+  echo "  the system's TCP buffer memory growth per client (what the proxy has not read waits there)."
+  echo "- **RSS once every client has gone**: the proxy's RSS (all processes) 1 s after the last test."
   echo
   cat "$WORK/table.md"
+  echo
+  echo "## HTTP keep-alive and page load"
+  echo
+  echo "An nginx origin (one worker, keep-alive) on 127.0.0.2 serves a 100-byte and a 20 KB file, and a"
+  echo "page on 127.0.0.2, 127.0.0.3 and 127.0.0.4 with 40 images (1x1 PNG) and 20 async scripts (8 KB)"
+  echo "spread over the three. zrt-proxy runs a second instance here (with --metrics, a DNS server on a"
+  echo "loopback port where nothing answers and --allow-destination 127.0.0.0/8); Squid runs with keep-alive"
+  echo "on both sides, no cache (\"cache deny all\", no cache_dir), listening on 127.0.0.1 only."
+  echo "- **ab**: \`ab -k -r -c C -n N -X 127.0.0.1:PORT\` (no -X for direct); requests/s as ab reports it;"
+  echo "  failed = ab's failed requests plus non-2xx answers. A proxy without client keep-alive makes ab"
+  echo "  reconnect for each request."
+  echo "- **Page load**: headless Chromium with a new profile (\`--headless --no-sandbox --disable-gpu"
+  echo "  --disable-quic --no-first-run --disable-background-networking --disable-component-update"
+  echo "  --disable-sync\`, \`--proxy-server=http://127.0.0.1:PORT --proxy-bypass-list=<-loopback>\` so that"
+  echo "  loopback goes through the proxy, and host-resolver rules that fail every name) loads the page"
+  echo "  with \`--dump-dom\`; the page writes performance.now() at its load event into the DOM. Connections:"
+  echo "  zrt-proxy's zrtproxy_connections_total before and after; Squid's distinct client address:port"
+  echo "  pairs in its access log; direct: distinct nginx connection numbers."
+  echo
+  cat "$WORK/web.md"
 } >"$WORK/results.md"
-
 cat "$WORK/results.md"
 if [ -n "$OUT" ]; then
   cp "$WORK/results.md" "$OUT"

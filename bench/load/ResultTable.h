@@ -15,6 +15,8 @@ class CResultTable {
 
   // Declares a row; rows print in the order declared.
   void AddRow(const std::string& key, const std::string& label, bool higherIsBetter);
+  // A row with no better direction (a share, a count for context): no ratio columns.
+  void AddInfoRow(const std::string& key, const std::string& label);
   // One run's figure; NaN records a failed run.
   void Add(const std::string& key, const std::string& column, double value);
   void Note(const std::string& text) { m_notes.push_back(text); }
@@ -27,6 +29,7 @@ class CResultTable {
     std::string key;
     std::string label;
     bool higherIsBetter = true;
+    bool info = false;
     std::map<std::string, std::vector<double>> values;
   };
   std::string Cell(const SRow& row, const std::string& column) const;
