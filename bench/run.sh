@@ -5,6 +5,7 @@
 # config file in a temp dir, and is killed at the end.
 #
 # usage: bench/run.sh BUILD_DIR [--quick] [--runs N] [--note TEXT] [--out FILE] [--no-peers]
+#                    [--tests LIST]
 #   --quick     small sizes, 1 run, no Chromium and no package installs for the HTTP groups: a
 #               smoke test (writes no results file unless --out is given); exits non-zero when
 #               a run of the direct path or of zrt-proxy failed
@@ -12,13 +13,15 @@
 #   --note TEXT one more line for the results header (e.g. that the machine was shared)
 #   --out FILE  where the results go (default bench/RESULTS.md for a full run)
 #   --no-peers  measure only zrt-proxy and the direct path (no peer packages needed)
+#   --tests L   only these groups, comma-separated: zrt-loadgen's (bulk, upload, tx, txclose, idle,
+#               used, udp, ttfb, burst, bystander, stall, headers) and keepalive, page
 set -euo pipefail
 
 ROOT=$(cd "$(dirname "$0")/.." && pwd)
 COMMAND_LINE="bench/run.sh $*"
 BUILD=${1:-}
 if [ -z "$BUILD" ] || [ "${BUILD#--}" != "$BUILD" ]; then
-  sed -n '2,14p' "$0" | sed 's/^# \{0,1\}//' >&2
+  sed -n '2,17p' "$0" | sed 's/^# \{0,1\}//' >&2
   exit 2
 fi
 shift
@@ -29,6 +32,7 @@ RUNS=5
 NOTE=""
 OUT=""
 PEERS=1
+TESTS=bulk,upload,tx,txclose,idle,used,udp,ttfb,burst,bystander,stall,headers,keepalive,page
 while [ $# -gt 0 ]; do
   case "$1" in
     --quick) QUICK=1 ;;
@@ -36,6 +40,7 @@ while [ $# -gt 0 ]; do
     --note) NOTE=$2; shift ;;
     --out) OUT=$2; shift ;;
     --no-peers) PEERS=0 ;;
+    --tests) TESTS=$2; shift ;;
     *) echo "run.sh: unknown option $1" >&2; exit 2 ;;
   esac
   shift
@@ -45,11 +50,11 @@ if [ "$QUICK" = 1 ]; then
   [ "$RUNS" = 5 ] && RUNS=1
   SIZES=(--bulk-bytes $((128 << 20)) --tx-seconds 0.3 --idle-tunnels 100 --idle-seconds 1
          --udp-seconds 0.3 --ttfb-samples 20 --burst-clients 200 --bystander-samples 30
-         --used-tunnels 100 --stalled-downloads 8 --held-headers 100)
+         --bystander-seconds 2 --used-tunnels 100 --stalled-downloads 8 --held-headers 100)
 else
   SIZES=(--bulk-bytes $((1 << 30)) --tx-seconds 1 --idle-tunnels 1000 --idle-seconds 10
          --udp-seconds 1 --ttfb-samples 200 --burst-clients 2000 --bystander-samples 200
-         --used-tunnels 1000 --stalled-downloads 32 --held-headers 2000)
+         --bystander-seconds 8 --used-tunnels 1000 --stalled-downloads 32 --held-headers 2000)
   [ -z "$OUT" ] && OUT="$ROOT/bench/RESULTS.md"
 fi
 
@@ -214,7 +219,7 @@ START=$(date +%s)
 BUSY0=$(busy_ticks); OWN0=$(( $(children_ticks) + $(started_ticks) ))
 BENCH_RC=0
 "$TOOLS/zrt-loadgen" bench --http-dest "$HTTP_DEST" --udp-dest "$UDP_DEST" --side-dest "$SIDE_DEST" --ours zrt-proxy \
-  --strict "$QUICK" --runs "$RUNS" "${SIZES[@]}" "${PROXIES[@]}" >"$WORK/table.md" || BENCH_RC=$?
+  --strict "$QUICK" --runs "$RUNS" --tests "$TESTS" "${SIZES[@]}" "${PROXIES[@]}" >"$WORK/table.md" || BENCH_RC=$?
 web_run
 "$TOOLS/zrt-loadgen" table --columns direct,zrt-proxy,squid,tinyproxy --ours zrt-proxy \
   <"$WEB_TSV" >"$WORK/web.md"
@@ -275,8 +280,8 @@ fi
   echo "- **Bystander**: K SOCKS5 downloads of an endless body (read as fast as they come, all on one"
   echo "  thread of the load generator) run through the proxy; meanwhile one client runs its samples one"
   echo "  after another: connect, greeting, CONNECT, GET 100 B from the second destination, read to the"
-  echo "  end, close; each sample is timed from connect to the last byte (at most 8 s of samples per"
-  echo "  figure). \"Together\" is the K downloads' bytes over the sampling time."
+  echo "  end, close; each sample is timed from connect to the last byte (samples stop after 8 s, 2 s in"
+  echo "  quick runs). \"Together\" is the K downloads' bytes over the sampling time."
   echo "- **Stalled downloads**: downloads of an endless body whose client never reads; once the system's"
   echo "  TCP buffer memory stops growing, memory tied up = its growth (/proc/net/sockstat \"mem\" pages:"
   echo "  every socket, the client's and destination's too) + the proxy's RSS growth + bytes waiting in"
@@ -304,8 +309,9 @@ fi
   echo "  --disable-sync\`, \`--proxy-server=http://127.0.0.1:PORT --proxy-bypass-list=<-loopback>\` so that"
   echo "  loopback goes through the proxy, and host-resolver rules that fail every name) loads the page"
   echo "  with \`--dump-dom\`; the page writes performance.now() at its load event into the DOM. Connections:"
-  echo "  zrt-proxy's zrtproxy_connections_total before and after; Squid's distinct client address:port"
-  echo "  pairs in its access log; direct: distinct nginx connection numbers."
+  echo "  zrt-proxy's zrtproxy_connections_total before and after (every accepted connection); Squid's"
+  echo "  distinct client address:port pairs in its access log (connections that carried a request);"
+  echo "  direct: distinct nginx connection numbers."
   echo
   cat "$WORK/web.md"
 } >"$WORK/results.md"

@@ -1,7 +1,7 @@
 # shellcheck shell=bash
 # Sourced by run.sh: HTTP keep-alive (ab) and page load (headless Chromium) against an nginx
 # origin on 127.0.0.2-4, through zrt-proxy, Squid and tinyproxy, beside the direct path. Uses
-# run.sh's WORK, PIDS, PROXIES, QUICK, RUNS, PEERS, OURS_BIN, TOOLS, NOTES, log, freeport,
+# run.sh's WORK, PIDS, PROXIES, QUICK, RUNS, PEERS, TESTS, OURS_BIN, TOOLS, NOTES, log, freeport,
 # start_proxy.
 # Figures go to $WORK/web.tsv as "KEY<TAB>BETTER<TAB>LABEL<TAB>COLUMN<TAB>VALUE" lines for
 # `zrt-loadgen table`; a group whose tools are missing is left out with a note.
@@ -251,9 +251,13 @@ web_run() {
     NOTES+=("The keep-alive and page-load groups were skipped: nginx or ab (apache2-utils) is missing.")
     return 0
   fi
+  case ",$TESTS," in *,keepalive,* | *,page,*) ;; *) return 0 ;; esac
   web_origin || { NOTES+=("The keep-alive and page-load groups were skipped: nginx did not start."); return 0; }
   web_proxies
-  if [ "$QUICK" = 1 ]; then web_keepalive 2000; else web_keepalive 20000; fi
+  case ",$TESTS," in
+    *,keepalive,*) if [ "$QUICK" = 1 ]; then web_keepalive 2000; else web_keepalive 20000; fi ;;
+  esac
+  case ",$TESTS," in *,page,*) ;; *) return 0 ;; esac
   if [ "$QUICK" = 1 ]; then
     web_note "Page load with Chromium is left out of quick runs."
     return 0

@@ -5,7 +5,8 @@
 //                     [--ours NAME] [--runs N] [--bulk-bytes N] [--small-bytes N]
 //                     [--tx-seconds S] [--concurrency 1,16,64] [--idle-tunnels N]
 //                     [--idle-seconds S] [--udp-seconds S] [--ttfb-samples N] [--burst-clients N]
-//                     [--side-dest A:P] [--bystander-samples N] [--bulk-streams 1,4,8,32]
+//                     [--side-dest A:P] [--bystander-samples N] [--bystander-seconds S]
+//                     [--bulk-streams 1,4,8,32]
 //                     [--used-tunnels N] [--stalled-downloads N] [--held-headers N]
 //                     [--tests bulk,upload,tx,txclose,idle,used,udp,ttfb,burst,bystander,stall,headers]
 //                     [--strict 1]
@@ -117,6 +118,7 @@ bool ParseOption(SBenchSettings& s, const std::string& name, const std::string& 
   else if (name == "--ttfb-samples") s.ttfbSamples = std::atoi(value.c_str());
   else if (name == "--burst-clients") s.burstClients = std::atoi(value.c_str());
   else if (name == "--bystander-samples") s.bystanderSamples = std::atoi(value.c_str());
+  else if (name == "--bystander-seconds") s.bystanderSeconds = std::atof(value.c_str());
   else if (name == "--used-tunnels") s.usedTunnels = std::atoi(value.c_str());
   else if (name == "--stalled-downloads") s.stalledDownloads = std::atoi(value.c_str());
   else if (name == "--held-headers") s.heldHeaders = std::atoi(value.c_str());

@@ -28,6 +28,7 @@ struct SBenchSettings {
   int ttfbSamples = 200;
   int burstClients = 2000;
   int bystanderSamples = 200;
+  double bystanderSeconds = 8.0;  // at most this long for one figure's samples
   std::vector<int> bulkStreams{1, 4, 8, 32};  // the last one also gets p99 and throughput rows
   int usedTunnels = 1000;
   int stalledDownloads = 32;

@@ -27,16 +27,19 @@ int ClosedByPeer(const std::vector<CBenchSocket>& socks) {
   return closed;
 }
 
-// Waits until the system's TCP buffer memory stops growing (the senders' windows are full).
-void WaitForTcpMemoryToSettle() {
+// Waits until the system's TCP buffer memory holds still (the senders' windows are full, or the
+// sockets of an earlier measurement are gone); false when it did not within the time allowed.
+bool WaitForTcpMemoryToSettle(int maxSteps) {
   uint64_t last = CProcessTree::TcpMemoryBytes();
   int steady = 0;
-  for (int i = 0; i < 40 && steady < 3; ++i) {
+  for (int i = 0; i < maxSteps && steady < 3; ++i) {
     std::this_thread::sleep_for(std::chrono::milliseconds(100));
     const uint64_t now = CProcessTree::TcpMemoryBytes();
-    steady = now <= last + last / 100 ? steady + 1 : 0;
+    const uint64_t change = now > last ? now - last : last - now;
+    steady = change <= std::max<uint64_t>(last / 100, 256 * 1024) ? steady + 1 : 0;
     last = now;
   }
+  return steady >= 3;
 }
 
 }  // namespace
@@ -95,6 +98,9 @@ void CLoadScenarios::RunUsedTunnels(EPath path, const std::string& prefix) {
 double CLoadScenarios::MeasureStalled(const SProxyTarget& t, EPath path) {
   const CProcessTree tree(t.pid);
   const bool proxied = t.pid > 0;
+  if (!WaitForTcpMemoryToSettle(100)) {
+    m_table.Note(t.name + ": the system's TCP buffer memory did not settle before a stalled-download run.");
+  }
   const uint64_t tcpBefore = CProcessTree::TcpMemoryBytes();
   const uint64_t rssBefore = proxied ? tree.Sample().rssKiB : 0;
   const CProxyClient client(t, t.IsDirect() ? EPath::Direct : path, m_settings.httpDest);
@@ -104,7 +110,7 @@ double CLoadScenarios::MeasureStalled(const SProxyTarget& t, EPath path) {
     if (!client.StartDownload(sock, kEndless, Clock::now() + kOpTimeout)) return std::nan("");
     stalled.push_back(std::move(sock));
   }
-  WaitForTcpMemoryToSettle();
+  WaitForTcpMemoryToSettle(40);
   const double tcp = static_cast<double>(CProcessTree::TcpMemoryBytes()) - static_cast<double>(tcpBefore);
   // A helper process that ended meanwhile (Dante's) would make the growth negative.
   const double rss =
@@ -137,6 +143,7 @@ void CLoadScenarios::RunStalled(EPath path, const std::string& key) {
 
 bool CLoadScenarios::MeasureHeldHeaders(const SProxyTarget& t, double& rssKiB, double& tcpKiB) {
   const CProcessTree tree(t.pid);
+  WaitForTcpMemoryToSettle(100);
   const uint64_t rssBefore = tree.Sample().rssKiB;
   const uint64_t tcpBefore = CProcessTree::TcpMemoryBytes();
   const std::string hostPort = m_settings.httpDest.ToString();
