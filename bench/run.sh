@@ -14,7 +14,7 @@
 #   --out FILE  where the results go (default bench/RESULTS.md for a full run)
 #   --no-peers  measure only zrt-proxy and the direct path (no peer packages needed)
 #   --tests L   only these groups, comma-separated: zrt-loadgen's (bulk, upload, tx, txclose, idle,
-#               used, udp, ttfb, burst, bystander, stall, headers) and keepalive, page
+#               used, udp, ttfb, burst, bystander, stall, headers, rssend) and keepalive, page
 set -euo pipefail
 
 ROOT=$(cd "$(dirname "$0")/.." && pwd)
@@ -32,7 +32,7 @@ RUNS=5
 NOTE=""
 OUT=""
 PEERS=1
-TESTS=bulk,upload,tx,txclose,idle,used,udp,ttfb,burst,bystander,stall,headers,keepalive,page
+TESTS=bulk,upload,tx,txclose,idle,used,udp,ttfb,burst,bystander,stall,headers,rssend,keepalive,page
 while [ $# -gt 0 ]; do
   case "$1" in
     --quick) QUICK=1 ;;
@@ -50,11 +50,11 @@ if [ "$QUICK" = 1 ]; then
   [ "$RUNS" = 5 ] && RUNS=1
   SIZES=(--bulk-bytes $((128 << 20)) --tx-seconds 0.3 --idle-tunnels 100 --idle-seconds 1
          --udp-seconds 0.3 --ttfb-samples 20 --burst-clients 200 --bystander-samples 30
-         --bystander-seconds 2 --used-tunnels 100 --stalled-downloads 8 --held-headers 100)
+         --bystander-seconds 2 --used-tunnels 50 --stalled-downloads 8 --held-headers 100)
 else
   SIZES=(--bulk-bytes $((1 << 30)) --tx-seconds 1 --idle-tunnels 1000 --idle-seconds 10
          --udp-seconds 1 --ttfb-samples 200 --burst-clients 2000 --bystander-samples 200
-         --bystander-seconds 8 --used-tunnels 1000 --stalled-downloads 32 --held-headers 2000)
+         --bystander-seconds 5 --used-tunnels 200 --stalled-downloads 32 --held-headers 2000)
   [ -z "$OUT" ] && OUT="$ROOT/bench/RESULTS.md"
 fi
 
@@ -138,34 +138,43 @@ SIDE_DEST=$(awk '/^http /{print $2}' "$WORK/side.out")
 [ -n "$SIDE_DEST" ] || { log "second destination server did not start"; exit 1; }
 
 PROXIES=()
+PROXY_PIDS=()
+note_once() { local n; for n in "${NOTES[@]}"; do [ "$n" = "$1" ] && return 0; done; NOTES+=("$1"); }
 start_proxy() {  # NAME CAPS PORT LOGNAME COMMAND...
   local name=$1 caps=$2 port=$3 logname=$4
   shift 4
   "$@" >"$WORK/logs/$logname.log" 2>&1 &
   local pid=$!
   PIDS+=("$pid")
+  PROXY_PIDS+=("$pid")
   if wait_port "$port" && kill -0 "$pid" 2>/dev/null; then
     PROXIES+=(--proxy "$name:$caps:127.0.0.1:$port:$pid")
     log "$name listening on 127.0.0.1:$port (pid $pid)"
   else
     log "$name did not start:"; tail -5 "$WORK/logs/$logname.log" >&2 || true
-    NOTES+=("$name was not measured: it did not start.")
+    note_once "$name was not measured: it did not start."
   fi
 }
 
-if [ -n "$OURS_BIN" ]; then
-  port=$(freeport)
-  start_proxy zrt-proxy shcu "$port" zrt-proxy "$OURS_BIN" --port "$port" --listen 127.0.0.1
-fi
+# Every proxy under test, freshly started on new ports: the memory groups each get processes
+# whose heaps no earlier load has grown.
+start_proxies() {
+  local port
+  PROXIES=()
+  PROXY_PIDS=()
+  if [ -n "$OURS_BIN" ]; then
+    port=$(freeport)
+    start_proxy zrt-proxy shcu "$port" zrt-proxy "$OURS_BIN" --port "$port" --listen 127.0.0.1
+  fi
 
-if [ "$PEERS" = 1 ] && command -v microsocks >/dev/null; then
-  port=$(freeport)
-  start_proxy microsocks s "$port" microsocks microsocks -i 127.0.0.1 -p "$port"
-fi
+  if [ "$PEERS" = 1 ] && command -v microsocks >/dev/null; then
+    port=$(freeport)
+    start_proxy microsocks s "$port" microsocks microsocks -i 127.0.0.1 -p "$port"
+  fi
 
-if [ "$PEERS" = 1 ] && command -v danted >/dev/null; then
-  port=$(freeport)
-  cat >"$WORK/danted.conf" <<EOF
+  if [ "$PEERS" = 1 ] && command -v danted >/dev/null; then
+    port=$(freeport)
+    cat >"$WORK/danted.conf" <<EOF
 logoutput: stderr
 errorlog: stderr
 internal: 127.0.0.1 port = $port
@@ -178,13 +187,13 @@ client pass { from: 127.0.0.0/8 to: 0.0.0.0/0 }
 socks pass { from: 127.0.0.0/8 to: 0.0.0.0/0 command: connect udpassociate }
 socks pass { from: 0.0.0.0/0 to: 127.0.0.0/8 command: udpreply }
 EOF
-  start_proxy dante su "$port" danted danted -f "$WORK/danted.conf" -p "$WORK/danted.pid"
-fi
+    start_proxy dante su "$port" danted danted -f "$WORK/danted.conf" -p "$WORK/danted.pid"
+  fi
 
-if [ "$PEERS" = 1 ] && command -v tinyproxy >/dev/null; then
-  port=$(freeport)
-  # MaxClients leaves room for the 2,000 clients of the burst and unfinished-header tests.
-  cat >"$WORK/tinyproxy.conf" <<EOF
+  if [ "$PEERS" = 1 ] && command -v tinyproxy >/dev/null; then
+    port=$(freeport)
+    # MaxClients leaves room for the 2,000 clients of the burst and unfinished-header tests.
+    cat >"$WORK/tinyproxy.conf" <<EOF
 User nobody
 Group nogroup
 Port $port
@@ -196,16 +205,32 @@ LogLevel Critical
 PidFile "$WORK/logs/tinyproxy.pid"
 DisableViaHeader Yes
 EOF
-  start_proxy tinyproxy hc "$port" tinyproxy tinyproxy -d -c "$WORK/tinyproxy.conf"
-fi
+    start_proxy tinyproxy hc "$port" tinyproxy tinyproxy -d -c "$WORK/tinyproxy.conf"
+  fi
+}
+
+stop_proxies() {
+  local pid
+  for pid in "${PROXY_PIDS[@]}"; do kill "$pid" 2>/dev/null || true; done
+  for pid in "${PROXY_PIDS[@]}"; do
+    for _ in $(seq 1 50); do kill -0 "$pid" 2>/dev/null || break; sleep 0.1; done
+    kill -9 "$pid" 2>/dev/null || true
+    wait "$pid" 2>/dev/null || true  # reaped, so its CPU counts as this script's
+  done
+  PROXY_PIDS=()
+}
 
 # --- measure -----------------------------------------------------------------------------------
 # How much CPU went to processes other than the benchmark's own: the machine may be shared.
 HZ=$(getconf CLK_TCK)
 # user + nice + system: interrupt time is not charged to any process, so it is left out.
 busy_ticks() { awk '/^cpu /{print $2 + $3 + $4}' /proc/stat; }
-children_ticks() { times | awk -v hz="$HZ" 'NR == 2 {
-  split($1, u, /[ms]/); split($2, s, /[ms]/); printf "%d", (u[1] * 60 + u[2] + s[1] * 60 + s[2]) * hz }'; }
+# `times` must run in this shell, not in a command substitution's subshell (which has no children).
+children_ticks() {  # sets CHILDREN_TICKS: CPU of this script's reaped children
+  times >"$WORK/times.txt"
+  CHILDREN_TICKS=$(awk -v hz="$HZ" 'NR == 2 {
+    split($1, u, /[ms]/); split($2, s, /[ms]/); printf "%d", (u[1] * 60 + u[2] + s[1] * 60 + s[2]) * hz }' "$WORK/times.txt")
+}
 started_ticks() {  # CPU of the processes this script started, with their reaped children
   local pid total=0
   for pid in "${PIDS[@]}"; do
@@ -216,14 +241,35 @@ started_ticks() {  # CPU of the processes this script started, with their reaped
 }
 LOAD_BEFORE=$(cut -d' ' -f1-3 /proc/loadavg)
 START=$(date +%s)
-BUSY0=$(busy_ticks); OWN0=$(( $(children_ticks) + $(started_ticks) ))
+children_ticks
+BUSY0=$(busy_ticks); OWN0=$(( CHILDREN_TICKS + $(started_ticks) ))
 BENCH_RC=0
-"$TOOLS/zrt-loadgen" bench --http-dest "$HTTP_DEST" --udp-dest "$UDP_DEST" --side-dest "$SIDE_DEST" --ours zrt-proxy \
-  --strict "$QUICK" --runs "$RUNS" --tests "$TESTS" "${SIZES[@]}" "${PROXIES[@]}" >"$WORK/table.md" || BENCH_RC=$?
+# Fresh proxies for each phase; the last phase's stay up for the HTTP groups.
+PHASES=("idle,used" stall headers "bulk,upload,tx,txclose,udp,ttfb,burst,bystander,rssend")
+: >"$WORK/figures.tsv"
+for phase in "${PHASES[@]}"; do
+  wanted=""
+  for t in ${phase//,/ }; do
+    case ",$TESTS," in *,"$t",*) wanted="$wanted,$t" ;; esac
+  done
+  [ -n "$wanted" ] || continue
+  stop_proxies
+  start_proxies
+  "$TOOLS/zrt-loadgen" bench --http-dest "$HTTP_DEST" --udp-dest "$UDP_DEST" --side-dest "$SIDE_DEST" \
+    --ours zrt-proxy --strict "$QUICK" --runs "$RUNS" --tests "${wanted#,}" --format figures \
+    "${SIZES[@]}" "${PROXIES[@]}" >>"$WORK/figures.tsv" || BENCH_RC=$?
+done
+[ ${#PROXY_PIDS[@]} -gt 0 ] || start_proxies
+TABLE_COLUMNS=direct
+for p in "${PROXIES[@]}"; do
+  [ "$p" = --proxy ] || TABLE_COLUMNS="$TABLE_COLUMNS,${p%%:*}"
+done
+"$TOOLS/zrt-loadgen" table --columns "$TABLE_COLUMNS" --ours zrt-proxy <"$WORK/figures.tsv" >"$WORK/table.md"
 web_run
 "$TOOLS/zrt-loadgen" table --columns direct,zrt-proxy,squid,tinyproxy --ours zrt-proxy \
   <"$WEB_TSV" >"$WORK/web.md"
-BUSY1=$(busy_ticks); OWN1=$(( $(children_ticks) + $(started_ticks) ))
+children_ticks
+BUSY1=$(busy_ticks); OWN1=$(( CHILDREN_TICKS + $(started_ticks) ))
 ELAPSED=$(( $(date +%s) - START ))
 LOAD_AFTER=$(cut -d' ' -f1-3 /proc/loadavg)
 OTHER_S=$(( (BUSY1 - BUSY0 - (OWN1 - OWN0)) / HZ ))
@@ -258,6 +304,8 @@ fi
   echo
   echo "Each figure is the median of $RUNS run(s); within a run the targets take turns (direct, zrt-proxy,"
   echo "peers, then again). \"direct\" talks to the destination without a proxy: the physical limit."
+  echo "The proxies are started afresh for the idle and used tunnels, for the stalled downloads, for the"
+  echo "unfinished headers, and for everything else (in that order)."
   echo "Ratio columns divide zrt-proxy's median by the other column's; read them with the \"better\" column"
   echo "(rows whose \"better\" is \"-\" are context, with no ratio). These are readings of one run on a"
   echo "shared machine, not assertions. MB = 10^6 bytes, MiB/KiB = 2^20/2^10 bytes."
@@ -266,7 +314,7 @@ fi
   echo
   echo "- **Idle tunnels**: CPU is utime+stime of the proxy and its child processes while the tunnels"
   echo "  stay idle; wake-ups are voluntary context switches of all their threads per second. The idle"
-  echo "  test runs first; RSS/PSS per tunnel is the footprint while holding the tunnels minus the"
+  echo "  test comes first; RSS/PSS per tunnel is the footprint while holding the tunnels minus the"
   echo "  footprint of the freshly started proxy, divided by their number (RSS counts shared pages once"
   echo "  per process, so PSS is the fairer figure for Dante's child processes)."
   echo "- **Tunnels that carried 1 MiB each way**: each tunnel posts 1 MiB to the destination's echo and"
@@ -280,7 +328,7 @@ fi
   echo "- **Bystander**: K SOCKS5 downloads of an endless body (read as fast as they come, all on one"
   echo "  thread of the load generator) run through the proxy; meanwhile one client runs its samples one"
   echo "  after another: connect, greeting, CONNECT, GET 100 B from the second destination, read to the"
-  echo "  end, close; each sample is timed from connect to the last byte (samples stop after 8 s, 2 s in"
+  echo "  end, close; each sample is timed from connect to the last byte (samples stop after 5 s, 2 s in"
   echo "  quick runs). \"Together\" is the K downloads' bytes over the sampling time."
   echo "- **Stalled downloads**: downloads of an endless body whose client never reads; once the system's"
   echo "  TCP buffer memory stops growing, memory tied up = its growth (/proc/net/sockstat \"mem\" pages:"
@@ -290,7 +338,8 @@ fi
   echo "- **Unfinished headers**: each client sends an HTTP proxy request whose header block has 60 KiB"
   echo "  and never ends; 1 s after the last one, the proxy's RSS growth over just before, per client, and"
   echo "  the system's TCP buffer memory growth per client (what the proxy has not read waits there)."
-  echo "- **RSS once every client has gone**: the proxy's RSS (all processes) 1 s after the last test."
+  echo "- **RSS once every client has gone**: the proxy's RSS (all processes) 1 s after the bystander"
+  echo "  test, the last of its phase (bulk to bystander; not the memory groups)."
   echo
   cat "$WORK/table.md"
   echo

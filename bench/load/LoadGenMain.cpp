@@ -8,12 +8,14 @@
 //                     [--side-dest A:P] [--bystander-samples N] [--bystander-seconds S]
 //                     [--bulk-streams 1,4,8,32]
 //                     [--used-tunnels N] [--stalled-downloads N] [--held-headers N]
-//                     [--tests bulk,upload,tx,txclose,idle,used,udp,ttfb,burst,bystander,stall,headers]
+//                     [--tests bulk,upload,tx,txclose,idle,used,udp,ttfb,burst,bystander,stall,headers,
+//                              rssend]
 //                     [--strict 1]
+//                     [--format table|figures]
 //   zrt-loadgen table --columns A,B,... [--ours NAME] < FIGURES
-//                     FIGURES: one "KEY<TAB>BETTER<TAB>LABEL<TAB>COLUMN<TAB>VALUE" a line (BETTER:
-//                     higher, lower or -; VALUE nan for a failed run) or "note<TAB>TEXT"; prints
-//                     the same Markdown table as bench, rows in the order first seen.
+//                     FIGURES: lines as bench --format figures prints them (see
+//                     CResultTable::PrintFigures; VALUE nan for a failed run), from any number of
+//                     runs; prints the same Markdown table as bench, rows in the order first seen.
 // CAPS letters: s SOCKS5 CONNECT, u SOCKS5 UDP ASSOCIATE, h HTTP GET, c HTTP CONNECT.
 // The bench command prints the Markdown table on stdout and its progress on stderr. With --strict 1
 // it exits with 3 when a run of the direct path or of --ours failed (for smoke tests).
@@ -90,13 +92,17 @@ void RaiseDescriptorLimit() {
 }
 
 bool ParseOption(SBenchSettings& s, const std::string& name, const std::string& value,
-                 std::vector<SProxyTarget>& proxies, std::string& ours, bool& strict) {
+                 std::vector<SProxyTarget>& proxies, std::string& ours, bool& strict, bool& figures) {
   if (name == "--http-dest") return SEndpoint::Parse(value, s.httpDest);
   if (name == "--udp-dest") return SEndpoint::Parse(value, s.udpDest);
   if (name == "--side-dest") return SEndpoint::Parse(value, s.sideDest);
   if (name == "--strict") {
     strict = value == "1";
     return true;
+  }
+  if (name == "--format") {
+    figures = value == "figures";
+    return figures || value == "table";
   }
   if (name == "--ours") {
     ours = value;
@@ -143,8 +149,9 @@ int Bench(int argc, char** argv) {
   std::vector<SProxyTarget> proxies;
   std::string ours = "zrt-proxy";
   bool strict = false;
+  bool figures = false;
   for (int i = 2; i + 1 < argc; i += 2) {
-    if (!ParseOption(settings, argv[i], argv[i + 1], proxies, ours, strict)) {
+    if (!ParseOption(settings, argv[i], argv[i + 1], proxies, ours, strict, figures)) {
       std::cerr << "zrt-loadgen: bad option " << argv[i] << ' ' << argv[i + 1] << '\n';
       return Usage();
     }
@@ -164,8 +171,12 @@ int Bench(int argc, char** argv) {
   RaiseDescriptorLimit();
   CLoadScenarios scenarios(settings, proxies, ours);
   scenarios.Run();
-  scenarios.Table().Print(std::cout);
   const CResultTable& table = scenarios.Table();
+  if (figures) {
+    table.PrintFigures(std::cout);
+  } else {
+    table.Print(std::cout);
+  }
   return strict && (table.HasFailure("direct") || table.HasFailure(ours)) ? 3 : 0;
 }
 
@@ -179,6 +190,14 @@ std::vector<std::string> SplitTabs(const std::string& line) {
     from = tab + 1;
   }
   return out;
+}
+
+void DeclareRow(CResultTable& table, const std::string& key, const std::string& better, const std::string& label) {
+  if (better == "-") {
+    table.AddInfoRow(key, label);
+  } else {
+    table.AddRow(key, label, better == "higher");
+  }
 }
 
 // Medians and ratios for figures measured outside the load generator (by run.sh's tools).
@@ -205,14 +224,12 @@ int Table(int argc, char** argv) {
       table.Note(f[1]);
       continue;
     }
-    if (f.size() != 5) continue;
-    if (declared.insert(f[0]).second) {
-      if (f[1] == "-") {
-        table.AddInfoRow(f[0], f[2]);
-      } else {
-        table.AddRow(f[0], f[2], f[1] == "higher");
-      }
+    if (f.size() == 4 && f[0] == "row") {
+      if (declared.insert(f[1]).second) DeclareRow(table, f[1], f[2], f[3]);
+      continue;
     }
+    if (f.size() != 5) continue;
+    if (declared.insert(f[0]).second) DeclareRow(table, f[0], f[1], f[2]);
     table.Add(f[0], f[3], f[4] == "nan" ? std::nan("") : std::atof(f[4].c_str()));
   }
   table.Print(std::cout);

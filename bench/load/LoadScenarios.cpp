@@ -28,7 +28,6 @@ constexpr auto kSettle = std::chrono::milliseconds(200);
 // Bulk downloads for the bystander test ask for more than they can get before they are closed.
 constexpr uint64_t kEndless = 1ull << 40;
 
-
 double Seconds(Clock::duration d) { return std::chrono::duration<double>(d).count(); }
 
 std::vector<std::string> ColumnNames(const std::vector<SProxyTarget>& targets) {
@@ -260,7 +259,7 @@ void CLoadScenarios::Run() {
     RunHeldHeaders();
     CheckAlive("unfinished-header");
   }
-  RecordRssAtEnd();
+  if (tests.count("rssend")) RecordRssAtEnd();
 }
 
 bool CLoadScenarios::Skipping(const std::string& group, const SProxyTarget& t) const {
@@ -393,18 +392,14 @@ void CLoadScenarios::RunTransactions(EPath path, const std::string& prefix, bool
           m_table.Add(key + "-cpu", t->name, f.cpuUsPerTx);
           m_table.Add(key + "-sys", t->name, f.kernelShare);
         }
-        const long errors = f.errors;
-        const double rate = f.perSecond;
-        const double p50 = f.p50Ms;
-        const double p99 = f.p99Ms;
-        if (errors > 0 && failing.find(t->name) == std::string::npos) failing += " " + t->name;
-        totalErrors += errors;
+        if (f.errors > 0 && failing.find(t->name) == std::string::npos) failing += " " + t->name;
+        totalErrors += f.errors;
         Progress(std::string(untilClose ? "[read-until-close transactions " : "[transactions ") +
                  PathName(path) + " x" + std::to_string(clients) +
-                 "] run " + std::to_string(run) + " " + t->name + ": " + FormatFigure(rate) +
-                 " tx/s, p50 " + FormatFigure(p50) + " ms, p99 " + FormatFigure(p99) + " ms" +
+                 "] run " + std::to_string(run) + " " + t->name + ": " + FormatFigure(f.perSecond) +
+                 " tx/s, p50 " + FormatFigure(f.p50Ms) + " ms, p99 " + FormatFigure(f.p99Ms) + " ms" +
                  (t->pid > 0 ? ", proxy CPU " + FormatFigure(f.cpuUsPerTx) + " us/tx" : "") +
-                 (errors ? ", " + std::to_string(errors) + " failed" : ""));
+                 (f.errors ? ", " + std::to_string(f.errors) + " failed" : ""));
         std::this_thread::sleep_for(kSettle);
       }
     }
@@ -624,10 +619,6 @@ void CLoadScenarios::RunBurst(EPath path, const std::string& prefix) {
     }
   }
 }
-
-}  // namespace ZRT::Bench
-
-namespace ZRT::Bench {
 
 bool CLoadScenarios::MeasureBystander(const SProxyTarget& t, int streams, double& p50Ms, double& p99Ms,
                                       double& bulkMBps) {

@@ -34,8 +34,8 @@ struct SBenchSettings {
   int stalledDownloads = 32;
   int heldHeaders = 2000;
   size_t heldHeaderBytes = 60 * 1024;
-  std::set<std::string> tests{"bulk", "upload", "tx",      "txclose", "idle",  "used",
-                              "udp",  "ttfb",   "burst",   "bystander", "stall", "headers"};
+  std::set<std::string> tests{"bulk", "upload", "tx",        "txclose", "idle",    "used",  "udp",
+                              "ttfb", "burst",  "bystander", "stall",   "headers", "rssend"};
 };
 
 // One measurement of closed-loop transactions.

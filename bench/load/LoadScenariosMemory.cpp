@@ -83,13 +83,15 @@ void CLoadScenarios::RunUsedTunnels(EPath path, const std::string& prefix) {
       if (path == EPath::HttpConnect && t->Supports(EPath::Socks5) && t->name != m_ours) continue;
       double rss = std::nan(""), fds = std::nan("");
       const bool skip = Skipping(prefix, *t);
+      const auto start = Clock::now();
       const bool ok = !skip && t->pid > 0 && MeasureUsedTunnels(*t, path, rss, fds);
+      const double seconds = std::chrono::duration<double>(Clock::now() - start).count();
       if (!skip) Record(prefix, *t, ok);
       m_table.Add(prefix + "-rss", t->name, rss);
       m_table.Add(prefix + "-fds", t->name, fds);
       Progress("[used tunnels " + std::string(PathName(path)) + "] run " + std::to_string(run) + " " + t->name +
                ": " + (ok ? "RSS +" + FormatFigure(rss) + " KiB/tunnel, " + FormatFigure(fds) + " descriptors/tunnel"
-                          : skip ? "skipped" : "failed"));
+                          : skip ? "skipped" : "failed") + " (" + FormatFigure(seconds) + " s)");
       if (!skip) std::this_thread::sleep_for(std::chrono::seconds(1));
     }
   }

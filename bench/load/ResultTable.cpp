@@ -109,4 +109,20 @@ void CResultTable::Print(std::ostream& out) const {
   }
 }
 
+void CResultTable::PrintFigures(std::ostream& out) const {
+  const auto better = [](const SRow& row) { return row.info ? "-" : row.higherIsBetter ? "higher" : "lower"; };
+  for (const SRow& row : m_rows) out << "row\t" << row.key << '\t' << better(row) << '\t' << row.label << '\n';
+  char text[64];
+  for (const SRow& row : m_rows) {
+    for (const auto& column : row.values) {
+      for (const double v : column.second) {
+        std::snprintf(text, sizeof text, "%.6g", v);
+        out << row.key << '\t' << better(row) << '\t' << row.label << '\t' << column.first << '\t'
+            << (std::isnan(v) ? "nan" : text) << '\n';
+      }
+    }
+  }
+  for (const std::string& note : m_notes) out << "note\t" << note << '\n';
+}
+
 }  // namespace ZRT::Bench

@@ -21,6 +21,10 @@ class CResultTable {
   void Add(const std::string& key, const std::string& column, double value);
   void Note(const std::string& text) { m_notes.push_back(text); }
   void Print(std::ostream& out) const;
+  // Every row and figure as lines for `zrt-loadgen table`, which merges several such outputs:
+  // "row KEY BETTER LABEL", then "KEY BETTER LABEL COLUMN VALUE" per run, then "note TEXT"
+  // (tab-separated; BETTER is higher, lower or -).
+  void PrintFigures(std::ostream& out) const;
   // True when a run recorded for the column failed.
   bool HasFailure(const std::string& column) const;
 
