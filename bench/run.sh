@@ -266,8 +266,11 @@ for p in "${PROXIES[@]}"; do
 done
 "$TOOLS/zrt-loadgen" table --columns "$TABLE_COLUMNS" --ours zrt-proxy <"$WORK/figures.tsv" >"$WORK/table.md"
 web_run
-"$TOOLS/zrt-loadgen" table --columns direct,zrt-proxy,squid,tinyproxy --ours zrt-proxy \
-  <"$WEB_TSV" >"$WORK/web.md"
+WEB_COLUMNS=direct
+for t in "${WEB_TARGETS[@]}"; do
+  [ "${t%%:*}" = direct ] || WEB_COLUMNS="$WEB_COLUMNS,${t%%:*}"
+done
+"$TOOLS/zrt-loadgen" table --columns "$WEB_COLUMNS" --ours zrt-proxy <"$WEB_TSV" >"$WORK/web.md"
 children_ticks
 BUSY1=$(busy_ticks); OWN1=$(( CHILDREN_TICKS + $(started_ticks) ))
 ELAPSED=$(( $(date +%s) - START ))
@@ -342,27 +345,29 @@ fi
   echo "  test, the last of its phase (bulk to bystander; not the memory groups)."
   echo
   cat "$WORK/table.md"
-  echo
-  echo "## HTTP keep-alive and page load"
-  echo
-  echo "An nginx origin (one worker, keep-alive) on 127.0.0.2 serves a 100-byte and a 20 KB file, and a"
-  echo "page on 127.0.0.2, 127.0.0.3 and 127.0.0.4 with 40 images (1x1 PNG) and 20 async scripts (8 KB)"
-  echo "spread over the three. zrt-proxy runs a second instance here (with --metrics, a DNS server on a"
-  echo "loopback port where nothing answers and --allow-destination 127.0.0.0/8); Squid runs with keep-alive"
-  echo "on both sides, no cache (\"cache deny all\", no cache_dir), listening on 127.0.0.1 only."
-  echo "- **ab**: \`ab -k -r -c C -n N -X 127.0.0.1:PORT\` (no -X for direct); requests/s as ab reports it;"
-  echo "  failed = ab's failed requests plus non-2xx answers. A proxy without client keep-alive makes ab"
-  echo "  reconnect for each request."
-  echo "- **Page load**: headless Chromium with a new profile (\`--headless --no-sandbox --disable-gpu"
-  echo "  --disable-quic --no-first-run --disable-background-networking --disable-component-update"
-  echo "  --disable-sync\`, \`--proxy-server=http://127.0.0.1:PORT --proxy-bypass-list=<-loopback>\` so that"
-  echo "  loopback goes through the proxy, and host-resolver rules that fail every name) loads the page"
-  echo "  with \`--dump-dom\`; the page writes performance.now() at its load event into the DOM. Connections:"
-  echo "  zrt-proxy's zrtproxy_connections_total before and after (every accepted connection); Squid's"
-  echo "  distinct client address:port pairs in its access log (connections that carried a request);"
-  echo "  direct: distinct nginx connection numbers."
-  echo
-  cat "$WORK/web.md"
+  if [ -s "$WEB_TSV" ]; then  # unless the HTTP groups did not run
+    echo
+    echo "## HTTP keep-alive and page load"
+    echo
+    echo "An nginx origin (one worker, keep-alive) on 127.0.0.2 serves a 100-byte and a 20 KB file, and a"
+    echo "page on 127.0.0.2, 127.0.0.3 and 127.0.0.4 with 40 images (1x1 PNG) and 20 async scripts (8 KB)"
+    echo "spread over the three. zrt-proxy runs a second instance here (with --metrics, a DNS server on a"
+    echo "loopback port where nothing answers and --allow-destination 127.0.0.0/8); Squid runs with keep-alive"
+    echo "on both sides, no cache (\"cache deny all\", no cache_dir), listening on 127.0.0.1 only."
+    echo "- **ab**: \`ab -k -r -c C -n N -X 127.0.0.1:PORT\` (no -X for direct); requests/s as ab reports it;"
+    echo "  failed = ab's failed requests plus non-2xx answers. A proxy without client keep-alive makes ab"
+    echo "  reconnect for each request."
+    echo "- **Page load**: headless Chromium with a new profile (\`--headless --no-sandbox --disable-gpu"
+    echo "  --disable-quic --no-first-run --disable-background-networking --disable-component-update"
+    echo "  --disable-sync\`, \`--proxy-server=http://127.0.0.1:PORT --proxy-bypass-list=<-loopback>\` so that"
+    echo "  loopback goes through the proxy, and host-resolver rules that fail every name) loads the page"
+    echo "  with \`--dump-dom\`; the page writes performance.now() at its load event into the DOM. Connections:"
+    echo "  zrt-proxy's zrtproxy_connections_total before and after (every accepted connection); Squid's"
+    echo "  distinct client address:port pairs in its access log (connections that carried a request);"
+    echo "  direct: distinct nginx connection numbers."
+    echo
+    cat "$WORK/web.md"
+  fi
 } >"$WORK/results.md"
 cat "$WORK/results.md"
 if [ -n "$OUT" ]; then
