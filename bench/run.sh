@@ -341,8 +341,8 @@ fi
   echo "- **Unfinished headers**: each client sends an HTTP proxy request whose header block has 60 KiB"
   echo "  and never ends; 1 s after the last one, the proxy's RSS growth over just before, per client, and"
   echo "  the system's TCP buffer memory growth per client (what the proxy has not read waits there)."
-  echo "- **RSS once every client has gone**: the proxy's RSS (all processes) 1 s after the bystander"
-  echo "  test, the last of its phase (bulk to bystander; not the memory groups)."
+  echo "- **RSS once every client has gone**: the proxy's RSS (all processes) 1 s after the last run of"
+  echo "  the unfinished headers, and 1 s after the bystander test, the last of the load tests."
   echo
   cat "$WORK/table.md"
   if [ -s "$WEB_TSV" ]; then  # unless the HTTP groups did not run

@@ -163,9 +163,10 @@ void CLoadScenarios::DeclareLaterRows() {
                  SizeText(m_settings.heldHeaderBytes) + " HTTP request header: proxy RSS per client (KiB)",
                  false);
   m_table.AddRow("headers-tcp", "... the same clients: TCP buffer memory (all sockets) per client (KiB)", false);
-  m_table.AddRow("rss-end", "RSS once every client has gone, after all tests (MiB)", false);
-  m_table.AddRow("rss-end-ratio", "RSS once every client has gone over the freshly started process (ratio)",
-                 false);
+  m_table.AddRow("rss-headers", "RSS once the clients holding unfinished headers have gone (MiB)", false);
+  m_table.AddRow("rss-headers-ratio", "... over the freshly started process (ratio)", false);
+  m_table.AddRow("rss-end", "RSS once every client of the load tests (bulk to bystander) has gone (MiB)", false);
+  m_table.AddRow("rss-end-ratio", "... over the freshly started process (ratio)", false);
 }
 
 void CLoadScenarios::Progress(const std::string& text) const { std::cerr << text << std::endl; }
@@ -258,8 +259,9 @@ void CLoadScenarios::Run() {
   if (tests.count("headers")) {
     RunHeldHeaders();
     CheckAlive("unfinished-header");
+    RecordRssAtEnd("rss-headers", true);
   }
-  if (tests.count("rssend")) RecordRssAtEnd();
+  if (tests.count("rssend")) RecordRssAtEnd("rss-end", false);
 }
 
 bool CLoadScenarios::Skipping(const std::string& group, const SProxyTarget& t) const {

@@ -82,7 +82,9 @@ class CLoadScenarios {
   // Clients that each sent most of an HTTP request header and never end it.
   void RunHeldHeaders();
   bool MeasureHeldHeaders(const SProxyTarget& t, double& rssKiB, double& tcpKiB);
-  void RecordRssAtEnd();
+  // The proxies' RSS once every client has gone, in MiB and over the freshly started process
+  // (httpOnly: of the proxies that serve HTTP GET).
+  void RecordRssAtEnd(const std::string& key, bool httpOnly);
 
   STxFigures MeasureTransactions(const SProxyTarget& t, EPath path, int clients, bool untilClose) const;
   // Records the proxy's CPU between two samples per GiB relayed, and its kernel share.

@@ -199,15 +199,15 @@ void CLoadScenarios::RunHeldHeaders() {
   }
 }
 
-void CLoadScenarios::RecordRssAtEnd() {
+void CLoadScenarios::RecordRssAtEnd(const std::string& key, bool httpOnly) {
   std::this_thread::sleep_for(std::chrono::seconds(1));
   for (const SProxyTarget& t : m_targets) {
-    if (t.pid <= 0 || !CProcessTree(t.pid).Alive()) continue;
+    if (t.pid <= 0 || (httpOnly && !t.Supports(EPath::HttpGet)) || !CProcessTree(t.pid).Alive()) continue;
     const SProcessSample now = CProcessTree(t.pid).Sample();
     const SProcessSample& fresh = m_fresh[t.name];
-    m_table.Add("rss-end", t.name, static_cast<double>(now.rssKiB) / 1024.0);
+    m_table.Add(key, t.name, static_cast<double>(now.rssKiB) / 1024.0);
     if (fresh.rssKiB > 0) {
-      m_table.Add("rss-end-ratio", t.name, static_cast<double>(now.rssKiB) / static_cast<double>(fresh.rssKiB));
+      m_table.Add(key + "-ratio", t.name, static_cast<double>(now.rssKiB) / static_cast<double>(fresh.rssKiB));
     }
   }
 }
