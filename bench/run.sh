@@ -244,21 +244,25 @@ START=$(date +%s)
 children_ticks
 BUSY0=$(busy_ticks); OWN0=$(( CHILDREN_TICKS + $(started_ticks) ))
 BENCH_RC=0
-# Fresh proxies for each phase; the last phase's stay up for the HTTP groups.
-PHASES=("idle,used" stall headers "bulk,upload,tx,txclose,udp,ttfb,burst,bystander,rssend")
-: >"$WORK/figures.tsv"
-for phase in "${PHASES[@]}"; do
-  wanted=""
-  for t in ${phase//,/ }; do
+# The memory groups get freshly started proxies for every run (a heap grown by an earlier run would
+# hide the cost); the load groups run all their runs on one set, which stays up for the HTTP groups.
+run_phase() {  # GROUPS RUNS
+  local wanted="" t
+  for t in ${1//,/ }; do
     case ",$TESTS," in *,"$t",*) wanted="$wanted,$t" ;; esac
   done
-  [ -n "$wanted" ] || continue
+  [ -n "$wanted" ] || return 0
   stop_proxies
   start_proxies
   "$TOOLS/zrt-loadgen" bench --http-dest "$HTTP_DEST" --udp-dest "$UDP_DEST" --side-dest "$SIDE_DEST" \
-    --ours zrt-proxy --strict "$QUICK" --runs "$RUNS" --tests "${wanted#,}" --format figures \
+    --ours zrt-proxy --strict "$QUICK" --runs "$2" --tests "${wanted#,}" --format figures \
     "${SIZES[@]}" "${PROXIES[@]}" >>"$WORK/figures.tsv" || BENCH_RC=$?
+}
+: >"$WORK/figures.tsv"
+for phase in "idle,used" stall headers; do
+  for _ in $(seq 1 "$RUNS"); do run_phase "$phase" 1; done
 done
+run_phase "bulk,upload,tx,txclose,udp,ttfb,burst,bystander,rssend" "$RUNS"
 [ ${#PROXY_PIDS[@]} -gt 0 ] || start_proxies
 TABLE_COLUMNS=direct
 for p in "${PROXIES[@]}"; do
@@ -307,8 +311,8 @@ fi
   echo
   echo "Each figure is the median of $RUNS run(s); within a run the targets take turns (direct, zrt-proxy,"
   echo "peers, then again). \"direct\" talks to the destination without a proxy: the physical limit."
-  echo "The proxies are started afresh for the idle and used tunnels, for the stalled downloads, for the"
-  echo "unfinished headers, and for everything else (in that order)."
+  echo "The proxies are started afresh for every run of the idle and used tunnels, of the stalled"
+  echo "downloads and of the unfinished headers (in that order), then once for all runs of the rest."
   echo "Ratio columns divide zrt-proxy's median by the other column's; read them with the \"better\" column"
   echo "(rows whose \"better\" is \"-\" are context, with no ratio). These are readings of one run on a"
   echo "shared machine, not assertions. MB = 10^6 bytes, MiB/KiB = 2^20/2^10 bytes."
