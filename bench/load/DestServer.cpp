@@ -82,7 +82,7 @@ void CDestServer::Serve(const std::atomic<bool>& stopFlag, double maxSeconds) {
       if (events[i].events & (EPOLLERR | EPOLLHUP)) {
         Drop(fd);
       } else if (events[i].events & EPOLLOUT) {
-        if (Flush(c)) Drop(fd);
+        if (Flush(c)) Answered(c);
       } else {
         OnReadable(c);
       }
@@ -144,7 +144,9 @@ void CDestServer::OnReadable(SClient& c) {
       }
     }
     if (c.headDone && c.bodyToRead == 0) {
-      c.out = "HTTP/1.1 200 OK\r\nContent-Length: 0\r\nConnection: close\r\n\r\n";
+      c.out = c.keepOpen ? "HTTP/1.1 200 OK\r\nContent-Length: " + std::to_string(c.echoBytes) + "\r\n\r\n"
+                         : "HTTP/1.1 200 OK\r\nContent-Length: 0\r\nConnection: close\r\n\r\n";
+      c.bodyToSend = c.keepOpen ? c.echoBytes : 0;
       Want(c, true);
       return;
     }
@@ -169,13 +171,27 @@ void CDestServer::OnHead(SClient& c, size_t headLen) {
     return;
   }
   const int64_t length = HeaderNumber(head, "content-length:");
-  if (head.compare(0, 13, "POST /upload ") == 0 && length >= 0) {
+  const bool echo = head.compare(0, 11, "POST /echo ") == 0;
+  if ((echo || head.compare(0, 13, "POST /upload ") == 0) && length >= 0) {
     const uint64_t want = static_cast<uint64_t>(length);
     c.bodyToRead = extra >= want ? 0 : want - extra;
+    c.keepOpen = echo;
+    c.echoBytes = echo ? want : 0;
     return;
   }
   c.out = "HTTP/1.1 404 Not Found\r\nContent-Length: 0\r\nConnection: close\r\n\r\n";
   Want(c, true);
+}
+
+void CDestServer::Answered(SClient& c) {
+  if (!c.keepOpen) {
+    Drop(c.fd);
+    return;
+  }
+  const int fd = c.fd;
+  c = SClient();
+  c.fd = fd;
+  Want(c, false);
 }
 
 // Returns true when everything is sent and the connection should close.

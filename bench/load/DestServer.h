@@ -2,6 +2,8 @@
 // Loopback destination for the load tests: one epoll thread serving
 //   GET /bytes/N      -> 200 with Content-Length N and N bytes, then close
 //   POST /upload      -> reads Content-Length bytes, answers 200, then close
+//   POST /echo        -> reads Content-Length bytes, answers 200 with as many bytes, and keeps the
+//                        connection open (idle) until its peer closes
 // and holding any connection that sends nothing (the idle tunnels) until its peer closes.
 #include <atomic>
 #include <cstdint>
@@ -34,13 +36,16 @@ class CDestServer {
     size_t outOffset = 0;
     uint64_t bodyToSend = 0;  // GET: body bytes still to send
     uint64_t bodyToRead = 0;  // POST: body bytes still to read
+    uint64_t echoBytes = 0;   // POST /echo: the answer's length
     bool headDone = false;
+    bool keepOpen = false;
   };
 
   void Accept();
   void OnReadable(SClient& c);
   void OnHead(SClient& c, size_t headLen);
   bool Flush(SClient& c);
+  void Answered(SClient& c);
   void Want(SClient& c, bool writable);
   void Drop(int fd);
 

@@ -11,6 +11,7 @@
 #include <iostream>
 #include <thread>
 
+#include "BulkLoad.h"
 #include "ProcessTree.h"
 #include "Stats.h"
 #include "TxDriver.h"
@@ -24,6 +25,8 @@ constexpr auto kOpTimeout = std::chrono::seconds(5);
 // done; this keeps the full run bounded even for a slow proxy.
 constexpr auto kBulkCap = std::chrono::seconds(20);
 constexpr auto kSettle = std::chrono::milliseconds(200);
+// Bulk downloads for the bystander test ask for more than they can get before they are closed.
+constexpr uint64_t kEndless = 1ull << 40;
 
 double Seconds(Clock::duration d) { return std::chrono::duration<double>(d).count(); }
 
@@ -37,6 +40,16 @@ std::vector<std::string> ColumnNames(const std::vector<SProxyTarget>& targets) {
 std::vector<SProxyTarget> WithDirect(std::vector<SProxyTarget> proxies) {
   proxies.insert(proxies.begin(), SProxyTarget::Direct());
   return proxies;
+}
+
+void ChargeCpu(const SProcessSample& before, const SProcessSample& after, double units, double scale,
+               double& perUnit, double& kernelShare) {
+  // A helper process that ended unreaped between the samples takes its time with it.
+  const bool monotonic = after.cpuTicks >= before.cpuTicks && after.systemTicks >= before.systemTicks;
+  const double ticks = monotonic ? static_cast<double>(after.cpuTicks - before.cpuTicks) : std::nan("");
+  const double system = monotonic ? static_cast<double>(after.systemTicks - before.systemTicks) : std::nan("");
+  perUnit = units > 0 ? CProcessTree::TicksToMillis(1) * ticks / 1000.0 * scale / units : std::nan("");
+  kernelShare = ticks > 0 ? 100.0 * system / ticks : std::nan("");
 }
 
 struct SUdpSocket {
@@ -59,6 +72,7 @@ CLoadScenarios::CLoadScenarios(const SBenchSettings& settings, std::vector<SProx
                                const std::string& ours)
     : m_settings(settings),
       m_targets(WithDirect(std::move(proxies))),
+      m_ours(ours),
       m_table(ColumnNames(m_targets), ours) {
   DeclareRows();
 }
@@ -69,6 +83,13 @@ void CLoadScenarios::DeclareRows() {
   m_table.AddRow("bulk-http", "Download " + bulk + ", 1 stream, HTTP GET (MB/s)", true);
   m_table.AddRow("bulk-connect", "Download " + bulk + ", 1 stream, HTTP CONNECT (MB/s)", true);
   m_table.AddRow("upload-socks", "Upload " + bulk + ", 1 stream, SOCKS5 (MB/s)", true);
+  for (const char* key : {"bulk-socks", "bulk-http", "bulk-connect", "upload-socks"}) {
+    const std::string k(key);
+    const std::string what = (k == "upload-socks" ? "Upload, SOCKS5" : k == "bulk-socks" ? "Download, SOCKS5"
+                              : k == "bulk-http"  ? "Download, HTTP GET" : "Download, HTTP CONNECT");
+    m_table.AddRow("cpu-" + k, what + ": proxy CPU per GiB relayed (s)", false);
+    m_table.AddInfoRow("cpu-" + k + "-sys", what + ": kernel share of that CPU (%)");
+  }
   const std::string small = SizeText(m_settings.smallBytes);
   for (const char* shape : {"tx", "txc"}) {
     const bool untilClose = std::string(shape) == "txc";
@@ -81,6 +102,9 @@ void CLoadScenarios::DeclareRows() {
         m_table.AddRow(key + "-rate", what + " (tx/s)", true);
         m_table.AddRow(key + "-p50", what + ", p50 (ms)", false);
         m_table.AddRow(key + "-p99", what + ", p99 (ms)", false);
+        if (c == 1) continue;
+        m_table.AddRow(key + "-cpu", what + ": proxy CPU per transaction (us)", false);
+        m_table.AddInfoRow(key + "-sys", what + ": kernel share of that CPU (%)");
       }
     }
   }
@@ -92,6 +116,14 @@ void CLoadScenarios::DeclareRows() {
   m_table.AddRow("idle-threads", idle + ": threads (all processes) while held", false);
   m_table.AddRow("idle-rss", idle + ": RSS over the fresh process, per tunnel (KiB)", false);
   m_table.AddRow("idle-pss", idle + ": PSS over the fresh process, per tunnel (KiB)", false);
+  for (const char* proto : {"socks", "connect"}) {
+    const std::string used = std::to_string(m_settings.usedTunnels) + " idle " +
+                             (std::string(proto) == "socks" ? "SOCKS5" : "HTTP CONNECT") +
+                             " tunnels that carried 1 MiB each way";
+    m_table.AddRow(std::string("used-") + proto + "-rss", used + ": RSS over the fresh process, per tunnel (KiB)",
+                   false);
+    m_table.AddRow(std::string("used-") + proto + "-fds", used + ": descriptors per tunnel", false);
+  }
   m_table.AddRow("udp", "UDP echo round trips, 64 B, one client (1/s)", true);
   for (const char* proto : {"socks", "http"}) {
     const std::string name = std::string(proto) == "socks" ? "SOCKS5" : "HTTP GET";
@@ -106,6 +138,35 @@ void CLoadScenarios::DeclareRows() {
     m_table.AddRow(key + "-max", what + ": slowest (ms)", false);
     m_table.AddRow(key + "-late", what + ": over 900 ms, i.e. a SYN retried (clients)", false);
   }
+  DeclareLaterRows();
+}
+
+void CLoadScenarios::DeclareLaterRows() {
+  const std::string bystander = "Bystander SOCKS5 transaction (GET 100 B)";
+  m_table.AddRow("bys-0-p50", bystander + ", no bulk download, p50 (ms)", false);
+  m_table.AddRow("bys-0-p99", bystander + ", no bulk download, p99 (ms)", false);
+  for (const int streams : m_settings.bulkStreams) {
+    const std::string key = "bys-" + std::to_string(streams);
+    const std::string beside = bystander + " beside " + std::to_string(streams) + " SOCKS5 bulk download" +
+                               (streams == 1 ? "" : "s");
+    m_table.AddRow(key + "-p50", beside + ", p50 (ms)", false);
+    if (streams != m_settings.bulkStreams.back()) continue;
+    m_table.AddRow(key + "-p99", beside + ", p99 (ms)", false);
+    m_table.AddRow(key + "-rate", "The " + std::to_string(streams) +
+                   " SOCKS5 bulk downloads beside the bystander, together (MB/s)", true);
+  }
+  const std::string stalled = std::to_string(m_settings.stalledDownloads) +
+                              " stalled downloads (the client never reads), ";
+  m_table.AddRow("stall-socks", stalled + "SOCKS5: memory tied up per download (KiB)", false);
+  m_table.AddRow("stall-http", stalled + "HTTP GET: memory tied up per download (KiB)", false);
+  m_table.AddRow("headers", std::to_string(m_settings.heldHeaders) + " clients each holding an unfinished " +
+                 SizeText(m_settings.heldHeaderBytes) + " HTTP request header: proxy RSS per client (KiB)",
+                 false);
+  m_table.AddRow("headers-tcp", "... the same clients: TCP buffer memory (all sockets) per client (KiB)", false);
+  m_table.AddRow("rss-headers", "RSS once the clients holding unfinished headers have gone (MiB)", false);
+  m_table.AddRow("rss-headers-ratio", "... over the freshly started process (ratio)", false);
+  m_table.AddRow("rss-end", "RSS once every client of the load tests (bulk to bystander) has gone (MiB)", false);
+  m_table.AddRow("rss-end-ratio", "... over the freshly started process (ratio)", false);
 }
 
 void CLoadScenarios::Progress(const std::string& text) const { std::cerr << text << std::endl; }
@@ -146,6 +207,12 @@ void CLoadScenarios::Run() {
     RunIdle();
     CheckAlive("idle-tunnel");
   }
+  // Right after the idle test, so no heavier load has grown the heaps first.
+  if (tests.count("used")) {
+    RunUsedTunnels(EPath::Socks5, "used-socks");
+    RunUsedTunnels(EPath::HttpConnect, "used-connect");
+    CheckAlive("used-tunnel");
+  }
   if (tests.count("bulk")) {
     RunBulk(EPath::Socks5, "bulk-socks");
     RunBulk(EPath::HttpGet, "bulk-http");
@@ -180,6 +247,21 @@ void CLoadScenarios::Run() {
     RunBurst(EPath::HttpGet, "burst-http");
     CheckAlive("burst");
   }
+  if (tests.count("bystander")) {
+    RunBystander();
+    CheckAlive("bystander");
+  }
+  if (tests.count("stall")) {
+    RunStalled(EPath::Socks5, "stall-socks");
+    RunStalled(EPath::HttpGet, "stall-http");
+    CheckAlive("stalled-download");
+  }
+  if (tests.count("headers")) {
+    RunHeldHeaders();
+    CheckAlive("unfinished-header");
+    RecordRssAtEnd("rss-headers", true);
+  }
+  if (tests.count("rssend")) RecordRssAtEnd("rss-end", false);
 }
 
 bool CLoadScenarios::Skipping(const std::string& group, const SProxyTarget& t) const {
@@ -203,10 +285,12 @@ void CLoadScenarios::RunBulk(EPath path, const std::string& key) {
         continue;
       }
       const EPath p = t->IsDirect() ? EPath::Direct : path;
+      const SProcessSample before = t->pid > 0 ? CProcessTree(t->pid).Sample() : SProcessSample();
       const auto now = Clock::now();
       const SFetchResult r = CProxyClient(*t, p, m_settings.httpDest)
                                  .Fetch(m_settings.bulkBytes, now + kBulkCap + kOpTimeout, now + kBulkCap);
       const bool ok = (r.ok || r.cut) && r.bodyBytes > 0;
+      RecordCpuPerGiB("cpu-" + key, *t, before, ok ? r.bodyBytes : 0);
       const double rate =
           ok ? static_cast<double>(r.bodyBytes) / 1e6 / Seconds(r.done - r.requested) : std::nan("");
       m_table.Add(key, t->name, rate);
@@ -231,6 +315,7 @@ void CLoadScenarios::RunUpload() {
         continue;
       }
       const EPath p = t->IsDirect() ? EPath::Direct : EPath::Socks5;
+      const SProcessSample before = t->pid > 0 ? CProcessTree(t->pid).Sample() : SProcessSample();
       const auto now = Clock::now();
       double seconds = 0;
       uint64_t sent = 0;
@@ -239,6 +324,7 @@ void CLoadScenarios::RunUpload() {
                                   sent, seconds) &&
                       sent > 0 && seconds > 0;
       const double rate = ok ? static_cast<double>(sent) / 1e6 / seconds : std::nan("");
+      RecordCpuPerGiB("cpu-" + key, *t, before, ok ? sent : 0);
       m_table.Add(key, t->name, rate);
       Record(key, *t, ok);
       if (ok && sent < m_settings.bulkBytes) {
@@ -251,21 +337,37 @@ void CLoadScenarios::RunUpload() {
   }
 }
 
-void CLoadScenarios::MeasureTransactions(const SProxyTarget& t, EPath path, int clients,
-                                         bool untilClose, double& perSecond, double& p50Ms,
-                                         double& p99Ms, long& errors) const {
+STxFigures CLoadScenarios::MeasureTransactions(const SProxyTarget& t, EPath path, int clients,
+                                                bool untilClose) const {
   const auto length = std::chrono::duration_cast<Clock::duration>(
       std::chrono::duration<double>(m_settings.txSeconds));
   const CTxDriver driver(t, t.IsDirect() ? EPath::Direct : path, m_settings.httpDest, m_settings.smallBytes,
                          untilClose);
+  const CProcessTree tree(t.pid);
+  const SProcessSample before = t.pid > 0 ? tree.Sample() : SProcessSample();
   const Clock::time_point start = Clock::now();
   const STxResult result = driver.Run(clients, length, kOpTimeout);
   const double elapsed = Seconds(Clock::now() - start);
-  errors = result.failures;
-  perSecond = result.latenciesMs.empty() ? std::nan("")
-                                         : static_cast<double>(result.latenciesMs.size()) / elapsed;
-  p50Ms = Percentile(result.latenciesMs, 0.50);
-  p99Ms = Percentile(result.latenciesMs, 0.99);
+  STxFigures f;
+  f.errors = result.failures;
+  const double done = static_cast<double>(result.latenciesMs.size());
+  f.perSecond = done > 0 ? done / elapsed : std::nan("");
+  f.p50Ms = Percentile(result.latenciesMs, 0.50);
+  f.p99Ms = Percentile(result.latenciesMs, 0.99);
+  f.cpuUsPerTx = std::nan("");
+  f.kernelShare = std::nan("");
+  if (t.pid > 0) ChargeCpu(before, tree.Sample(), done, 1e6, f.cpuUsPerTx, f.kernelShare);
+  return f;
+}
+
+void CLoadScenarios::RecordCpuPerGiB(const std::string& key, const SProxyTarget& t,
+                                     const SProcessSample& before, uint64_t bytes) {
+  if (t.pid <= 0) return;
+  double perGiB = std::nan("");
+  double share = std::nan("");
+  ChargeCpu(before, CProcessTree(t.pid).Sample(), static_cast<double>(bytes) / (1ull << 30), 1.0, perGiB, share);
+  m_table.Add(key, t.name, perGiB);
+  m_table.Add(key + "-sys", t.name, share);
 }
 
 void CLoadScenarios::RunTransactions(EPath path, const std::string& prefix, bool untilClose) {
@@ -277,26 +379,29 @@ void CLoadScenarios::RunTransactions(EPath path, const std::string& prefix, bool
     std::map<std::string, uint64_t> overflows;
     for (int run = 1; run <= m_settings.runs; ++run) {
       for (const SProxyTarget* t : TargetsFor(path, true)) {
-        double rate = std::nan("");
-        double p50 = std::nan("");
-        double p99 = std::nan("");
-        long errors = 0;
+        STxFigures f;
+        f.perSecond = f.p50Ms = f.p99Ms = f.cpuUsPerTx = f.kernelShare = std::nan("");
         if (!Skipping(key, *t)) {
           const uint64_t overflowsBefore = CProcessTree::ListenOverflows();
-          MeasureTransactions(*t, path, clients, untilClose, rate, p50, p99, errors);
-          Record(key, *t, !std::isnan(rate));
+          f = MeasureTransactions(*t, path, clients, untilClose);
+          Record(key, *t, !std::isnan(f.perSecond));
           overflows[t->name] += CProcessTree::ListenOverflows() - overflowsBefore;
         }
-        m_table.Add(key + "-rate", t->name, rate);
-        m_table.Add(key + "-p50", t->name, p50);
-        m_table.Add(key + "-p99", t->name, p99);
-        if (errors > 0 && failing.find(t->name) == std::string::npos) failing += " " + t->name;
-        totalErrors += errors;
+        m_table.Add(key + "-rate", t->name, f.perSecond);
+        m_table.Add(key + "-p50", t->name, f.p50Ms);
+        m_table.Add(key + "-p99", t->name, f.p99Ms);
+        if (t->pid > 0) {
+          m_table.Add(key + "-cpu", t->name, f.cpuUsPerTx);
+          m_table.Add(key + "-sys", t->name, f.kernelShare);
+        }
+        if (f.errors > 0 && failing.find(t->name) == std::string::npos) failing += " " + t->name;
+        totalErrors += f.errors;
         Progress(std::string(untilClose ? "[read-until-close transactions " : "[transactions ") +
                  PathName(path) + " x" + std::to_string(clients) +
-                 "] run " + std::to_string(run) + " " + t->name + ": " + FormatFigure(rate) +
-                 " tx/s, p50 " + FormatFigure(p50) + " ms, p99 " + FormatFigure(p99) + " ms" +
-                 (errors ? ", " + std::to_string(errors) + " failed" : ""));
+                 "] run " + std::to_string(run) + " " + t->name + ": " + FormatFigure(f.perSecond) +
+                 " tx/s, p50 " + FormatFigure(f.p50Ms) + " ms, p99 " + FormatFigure(f.p99Ms) + " ms" +
+                 (t->pid > 0 ? ", proxy CPU " + FormatFigure(f.cpuUsPerTx) + " us/tx" : "") +
+                 (f.errors ? ", " + std::to_string(f.errors) + " failed" : ""));
         std::this_thread::sleep_for(kSettle);
       }
     }
@@ -513,6 +618,76 @@ void CLoadScenarios::RunBurst(EPath path, const std::string& prefix) {
       }
       Progress("[burst " + std::string(PathName(path)) + "] run " + std::to_string(run) + " " + t->name + ": " +
                (ok ? "slowest " + FormatFigure(slowest) + " ms, " + std::to_string(late) + " late" : "failed"));
+    }
+  }
+}
+
+bool CLoadScenarios::MeasureBystander(const SProxyTarget& t, int streams, double& p50Ms, double& p99Ms,
+                                      double& bulkMBps) {
+  const EPath path = t.IsDirect() ? EPath::Direct : EPath::Socks5;
+  const SEndpoint& side = m_settings.sideDest.port != 0 ? m_settings.sideDest : m_settings.httpDest;
+  CBulkLoad bulk;
+  if (streams > 0) {
+    if (!bulk.Start(CProxyClient(t, path, m_settings.httpDest), streams, kEndless, Clock::now() + kOpTimeout)) {
+      return false;
+    }
+    // Until every download moves bytes, then a little longer for the windows to open.
+    for (int i = 0; i < 50 && bulk.Bytes() < static_cast<uint64_t>(streams) << 20; ++i) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+  }
+  const CProxyClient bystander(t, path, side);
+  std::vector<double> samples;
+  const auto start = Clock::now();
+  // Samples stop at the cap even if fewer were taken: a proxy that starves the bystander must not
+  // stretch the run.
+  const auto cap = start + std::chrono::duration_cast<Clock::duration>(
+                               std::chrono::duration<double>(m_settings.bystanderSeconds));
+  const uint64_t bytesBefore = bulk.Bytes();
+  int failed = 0;
+  for (int i = 0; i < m_settings.bystanderSamples && failed < 3 && Clock::now() < cap; ++i) {
+    const SFetchResult r = bystander.Fetch(m_settings.smallBytes, Clock::now() + kOpTimeout);
+    if (r.ok) samples.push_back(Seconds(r.done - r.start) * 1e3);
+    failed += r.ok ? 0 : 1;
+  }
+  const double elapsed = Seconds(Clock::now() - start);
+  bulkMBps = static_cast<double>(bulk.Bytes() - bytesBefore) / 1e6 / elapsed;
+  if (bulk.Ended() > 0) {
+    m_table.Note(t.name + ": " + std::to_string(bulk.Ended()) + " of " + std::to_string(streams) +
+                 " bulk downloads ended early in the bystander test.");
+  }
+  if (static_cast<int>(samples.size()) < m_settings.bystanderSamples) {
+    m_table.Note(t.name + ", bystander beside " + std::to_string(streams) + " downloads: " +
+                 std::to_string(samples.size()) + " of " + std::to_string(m_settings.bystanderSamples) +
+                 " samples in the time allowed (" + std::to_string(failed) + " failed).");
+  }
+  if (failed >= 3 || samples.empty()) return false;
+  p50Ms = Percentile(samples, 0.50);
+  p99Ms = Percentile(samples, 0.99);
+  return true;
+}
+
+void CLoadScenarios::RunBystander() {
+  WarmUp(EPath::Socks5);
+  std::vector<int> levels{0};
+  levels.insert(levels.end(), m_settings.bulkStreams.begin(), m_settings.bulkStreams.end());
+  for (int run = 1; run <= m_settings.runs; ++run) {
+    for (const SProxyTarget* t : TargetsFor(EPath::Socks5, true)) {
+      for (const int streams : levels) {
+        const std::string key = "bys-" + std::to_string(streams);
+        double p50 = std::nan(""), p99 = std::nan(""), rate = std::nan("");
+        const bool ok = !Skipping(key, *t) && MeasureBystander(*t, streams, p50, p99, rate);
+        Record(key, *t, ok);
+        m_table.Add(key + "-p50", t->name, ok ? p50 : std::nan(""));
+        m_table.Add(key + "-p99", t->name, ok ? p99 : std::nan(""));
+        m_table.Add(key + "-rate", t->name, ok ? rate : std::nan(""));
+        Progress("[bystander] run " + std::to_string(run) + " " + t->name + ", " + std::to_string(streams) +
+                 " downloads: " + (ok ? "p50 " + FormatFigure(p50) + " ms, p99 " + FormatFigure(p99) + " ms, bulk " +
+                                            FormatFigure(rate) + " MB/s"
+                                      : std::string("failed")));
+        std::this_thread::sleep_for(kSettle);
+      }
     }
   }
 }

@@ -1,11 +1,14 @@
 #include "ProcessTree.h"
 
 #include <dirent.h>
+#include <sys/ioctl.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <cstdlib>
 #include <fstream>
 #include <map>
+#include <set>
 #include <sstream>
 #include <string>
 
@@ -50,6 +53,27 @@ std::vector<int> NumericEntries(const std::string& dir) {
   return ids;
 }
 
+// Every entry but "." and "..", descriptor 0 included.
+int DescriptorCount(const std::string& fdDir) {
+  int count = 0;
+  DIR* d = ::opendir(fdDir.c_str());
+  if (d == nullptr) return 0;
+  for (dirent* e = ::readdir(d); e != nullptr; e = ::readdir(d)) count += e->d_name[0] == '.' ? 0 : 1;
+  ::closedir(d);
+  return count;
+}
+
+// A descriptor of another process, duplicated into this one and closed on scope exit.
+struct SBorrowedFd {
+  int fd;
+  SBorrowedFd(int pidfd, int theirs) : fd(static_cast<int>(::syscall(SYS_pidfd_getfd, pidfd, theirs, 0))) {}
+  ~SBorrowedFd() {
+    if (fd >= 0) ::close(fd);
+  }
+  SBorrowedFd(const SBorrowedFd&) = delete;
+  SBorrowedFd& operator=(const SBorrowedFd&) = delete;
+};
+
 }  // namespace
 
 bool CProcessTree::Alive() const {
@@ -75,10 +99,14 @@ SProcessSample CProcessTree::Sample() const {
   SProcessSample s;
   for (int pid : Members()) {
     const std::vector<std::string> f = StatFields(pid);
-    if (f.size() < 13) continue;
+    if (f.size() < 15) continue;
     ++s.processes;
-    s.cpuTicks += std::strtoull(f[11].c_str(), nullptr, 10) + std::strtoull(f[12].c_str(), nullptr, 10);
+    // Reaped children's time (cutime, cstime) too: a helper process that ended still counts.
+    const uint64_t system = std::strtoull(f[12].c_str(), nullptr, 10) + std::strtoull(f[14].c_str(), nullptr, 10);
+    s.cpuTicks += std::strtoull(f[11].c_str(), nullptr, 10) + std::strtoull(f[13].c_str(), nullptr, 10) + system;
+    s.systemTicks += system;
     const std::string base = "/proc/" + std::to_string(pid);
+    s.descriptors += DescriptorCount(base + "/fd");
     s.rssKiB += StatusValue(ReadFile(base + "/status"), "VmRSS:");
     s.pssKiB += StatusValue(ReadFile(base + "/smaps_rollup"), "\nPss:");
     for (int tid : NumericEntries(base + "/task")) {
@@ -105,6 +133,44 @@ uint64_t CProcessTree::ListenOverflows() {
     }
   }
   return 0;
+}
+
+uint64_t CProcessTree::TcpMemoryBytes() {
+  std::istringstream sockstat(ReadFile("/proc/net/sockstat"));
+  std::string line;
+  for (int i = 0; i < 16 && std::getline(sockstat, line); ++i) {
+    if (line.compare(0, 4, "TCP:") != 0) continue;
+    const size_t at = line.find(" mem ");
+    if (at == std::string::npos) return 0;
+    return std::strtoull(line.c_str() + at + 5, nullptr, 10) * static_cast<uint64_t>(::sysconf(_SC_PAGESIZE));
+  }
+  return 0;
+}
+
+int64_t CProcessTree::PipeBytes() const {
+  int64_t total = 0;
+  std::set<std::string> seen;
+  for (int pid : Members()) {
+    const int pidfd = static_cast<int>(::syscall(SYS_pidfd_open, pid, 0));
+    if (pidfd < 0) return -1;
+    const std::string dir = "/proc/" + std::to_string(pid) + "/fd/";
+    bool denied = false;
+    for (int fd : NumericEntries(dir)) {
+      char target[64] = {};
+      if (::readlink((dir + std::to_string(fd)).c_str(), target, sizeof target - 1) <= 0) continue;
+      if (std::string(target).compare(0, 5, "pipe:") != 0 || !seen.insert(target).second) continue;
+      const SBorrowedFd pipe(pidfd, fd);
+      int queued = 0;
+      if (pipe.fd < 0 || ::ioctl(pipe.fd, FIONREAD, &queued) != 0) {
+        denied = true;
+        break;
+      }
+      total += queued;
+    }
+    ::close(pidfd);
+    if (denied) return -1;
+  }
+  return total;
 }
 
 double CProcessTree::TicksToMillis(uint64_t ticks) {

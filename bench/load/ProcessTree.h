@@ -7,12 +7,14 @@
 namespace ZRT::Bench {
 
 struct SProcessSample {
-  uint64_t cpuTicks = 0;          // utime + stime
+  uint64_t cpuTicks = 0;          // utime + stime, with those of reaped children
+  uint64_t systemTicks = 0;       // stime (and reaped children's): the kernel's part of cpuTicks
   uint64_t voluntarySwitches = 0;  // summed over every thread
   uint64_t rssKiB = 0;
   uint64_t pssKiB = 0;
   int processes = 0;
   int threads = 0;
+  int descriptors = 0;
 };
 
 class CProcessTree {
@@ -25,6 +27,11 @@ class CProcessTree {
   // System-wide count of connections dropped because a listen queue was full (TcpExt
   // ListenOverflows): a client then waits for its SYN to be retransmitted, about 1 s later.
   static uint64_t ListenOverflows();
+  // System-wide memory of TCP socket buffers (the "mem" pages of /proc/net/sockstat), in bytes.
+  static uint64_t TcpMemoryBytes();
+  // Bytes waiting in the pipes the processes hold (each pipe once), read through duplicates of
+  // their descriptors (pidfd_getfd); -1 when that is not permitted.
+  int64_t PipeBytes() const;
 
  private:
   std::vector<int> Members() const;

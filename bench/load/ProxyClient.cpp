@@ -219,6 +219,39 @@ SFetchResult CProxyClient::Fetch(uint64_t bytes, Clock::time_point deadline,
   return r;
 }
 
+bool CProxyClient::StartDownload(CBenchSocket& sock, uint64_t bytes, Clock::time_point deadline) const {
+  if (!Open(sock, deadline)) return false;
+  return sock.SendAll(RequestLine("GET", "/bytes/" + std::to_string(bytes)) + "Connection: close\r\n\r\n",
+                      deadline);
+}
+
+bool CProxyClient::Exchange(CBenchSocket& sock, uint64_t bytes, Clock::time_point deadline) const {
+  if (!Open(sock, deadline)) return false;
+  const std::string head =
+      RequestLine("POST", "/echo") + "Content-Length: " + std::to_string(bytes) + "\r\n\r\n";
+  if (!sock.SendAll(head, deadline)) return false;
+  char* io = IoBuffer();
+  for (uint64_t sent = 0; sent < bytes;) {
+    const size_t n = static_cast<size_t>(std::min<uint64_t>(bytes - sent, kIoChunk));
+    if (!sock.SendAll(io, n, deadline)) return false;
+    sent += n;
+  }
+  std::string answer;
+  size_t headLen = 0;
+  if (!sock.RecvHeaderBlock(answer, headLen, deadline)) return false;
+  int status = 0;
+  int64_t length = 0;
+  if (!ParseResponseHead(answer, status, length) || status != 200 || length != static_cast<int64_t>(bytes)) {
+    return false;
+  }
+  for (uint64_t got = answer.size() - headLen; got < bytes;) {
+    const long n = sock.RecvSome(io, static_cast<size_t>(std::min<uint64_t>(bytes - got, kIoChunk)), deadline);
+    if (n <= 0) return false;
+    got += static_cast<uint64_t>(n);
+  }
+  return true;
+}
+
 bool CProxyClient::Upload(uint64_t bytes, Clock::time_point deadline, Clock::time_point cap,
                           uint64_t& sent, double& seconds) const {
   sent = 0;

@@ -55,6 +55,12 @@ class CProxyClient {
   bool Upload(uint64_t bytes, Clock::time_point deadline, Clock::time_point cap, uint64_t& sent,
               double& seconds) const;
 
+  // Opens the path and sends GET /bytes/N without reading anything back.
+  bool StartDownload(CBenchSocket& sock, uint64_t bytes, Clock::time_point deadline) const;
+  // Opens a tunnel (SOCKS5 or HTTP CONNECT) and sends N bytes to the destination's echo, which
+  // answers with N bytes and then leaves the connection open and idle.
+  bool Exchange(CBenchSocket& sock, uint64_t bytes, Clock::time_point deadline) const;
+
   static bool Socks5Connect(CBenchSocket& sock, const SEndpoint& dest, Clock::time_point deadline);
   // UDP ASSOCIATE: on success relay holds the address to send datagrams to.
   static bool Socks5UdpAssociate(CBenchSocket& sock, const SEndpoint& proxy, sockaddr_in& relay,

@@ -30,6 +30,11 @@ void CResultTable::AddRow(const std::string& key, const std::string& label, bool
   m_rows.push_back(row);
 }
 
+void CResultTable::AddInfoRow(const std::string& key, const std::string& label) {
+  AddRow(key, label, false);
+  m_rows.back().info = true;
+}
+
 void CResultTable::Add(const std::string& key, const std::string& column, double value) {
   for (SRow& row : m_rows) {
     if (row.key == key) {
@@ -63,7 +68,7 @@ std::string CResultTable::RatioCell(const SRow& row, const std::string& column) 
   bool peerPresent = false;
   const double ours = MedianOf(row, m_ours, oursPresent);
   const double peer = MedianOf(row, column, peerPresent);
-  if (!oursPresent || !peerPresent || std::isnan(ours) || std::isnan(peer) || peer == 0) return "-";
+  if (row.info || !oursPresent || !peerPresent || std::isnan(ours) || std::isnan(peer) || peer == 0) return "-";
   char text[32];
   std::snprintf(text, sizeof text, "%.2f", ours / peer);
   return text;
@@ -93,7 +98,7 @@ void CResultTable::Print(std::ostream& out) const {
   out << '\n';
   for (const SRow& row : m_rows) {
     if (row.values.empty()) continue;
-    out << "| " << row.label << " | " << (row.higherIsBetter ? "higher" : "lower") << " |";
+    out << "| " << row.label << " | " << (row.info ? "-" : row.higherIsBetter ? "higher" : "lower") << " |";
     for (const std::string& c : m_columns) out << ' ' << Cell(row, c) << " |";
     for (const std::string& c : ratioColumns) out << ' ' << RatioCell(row, c) << " |";
     out << '\n';
@@ -102,6 +107,22 @@ void CResultTable::Print(std::ostream& out) const {
     out << '\n';
     for (const std::string& note : m_notes) out << "- " << note << '\n';
   }
+}
+
+void CResultTable::PrintFigures(std::ostream& out) const {
+  const auto better = [](const SRow& row) { return row.info ? "-" : row.higherIsBetter ? "higher" : "lower"; };
+  for (const SRow& row : m_rows) out << "row\t" << row.key << '\t' << better(row) << '\t' << row.label << '\n';
+  char text[64];
+  for (const SRow& row : m_rows) {
+    for (const auto& column : row.values) {
+      for (const double v : column.second) {
+        std::snprintf(text, sizeof text, "%.6g", v);
+        out << row.key << '\t' << better(row) << '\t' << row.label << '\t' << column.first << '\t'
+            << (std::isnan(v) ? "nan" : text) << '\n';
+      }
+    }
+  }
+  for (const std::string& note : m_notes) out << "note\t" << note << '\n';
 }
 
 }  // namespace ZRT::Bench
