@@ -141,6 +141,10 @@ void CConnectionProtocol_HTTP::Init() {}
 
 void CConnectionProtocol_HTTP::Terminate()
 {
+    // A kept origin connection outlives its client: another client may use it.
+    if (m_parked && !m_terminated)
+        LetGoOfOrigin(true);
+    m_parked = false;
     m_terminated = true;
     m_state = EState::Closed;
     m_lookup.Cancel();
@@ -182,7 +186,12 @@ void CConnectionProtocol_HTTP::HandleResponse(const char* data, int length)
         return;
     }
     if (m_state != EState::Exchange) {
-        m_originReusable = false; // an origin that speaks unasked is out of step
+        // An origin that speaks unasked is out of step: its connection serves nobody more.
+        m_originReusable = false;
+        if (m_parked) {
+            m_parked = false;
+            LetGoOfOrigin(false);
+        }
         return;
     }
     ReadResponse(data, static_cast<size_t>(length));
@@ -249,6 +258,12 @@ bool CConnectionProtocol_HTTP::HandleHostEnd()
 {
     if (m_state == EState::Tunnel)
         return true;
+    if (m_parked) {
+        // The kept origin connection closed between requests: the client stays.
+        m_parked = false;
+        LetGoOfOrigin(false);
+        return true;
+    }
     if (m_state != EState::Exchange)
         return false;
     if (m_response == EResponse::Body && m_responseBody.RunsUntilClose()) {
@@ -454,10 +469,22 @@ CConnectionProtocol_HTTP::EState CConnectionProtocol_HTTP::UseDestination(const 
         return Fail(Persistent() ? EReply::LoopDetected : EReply::NotFound, EOutcome::NotAllowed);
     if (!m_connection.IsDestinationAllowed(*destination))
         return Fail(EReply::Forbidden, EOutcome::Denied);
-    m_destination = destination;
-    m_originKey = destination->ToString();
+    const std::string key = destination->ToString();
     m_reusedOrigin = false;
     m_retried = false;
+    if (m_parked) {
+        // The origin connection kept from the previous request, when it goes to the same place.
+        m_parked = false;
+        if (!m_tunnel && key == m_originKey) {
+            m_destination = destination;
+            m_reusedOrigin = true;
+            m_connection.GetStats().Add(CProxyStats::HTTP_ORIGINS_REUSED);
+            return SendRequest();
+        }
+        LetGoOfOrigin(true);
+    }
+    m_destination = destination;
+    m_originKey = key;
     if (!m_tunnel && Persistent()) {
         const QOX::CRefCountPtr<IZRTDataLayer> idle = m_connection.GetOriginPool().Take(m_originKey);
         if (idle && m_connection.AdoptHostLink(idle)) {
@@ -577,9 +604,14 @@ CConnectionProtocol_HTTP::EState CConnectionProtocol_HTTP::OriginLost()
 CConnectionProtocol_HTTP::EState CConnectionProtocol_HTTP::FinishExchange()
 {
     m_connection.FinishRequest(m_method, m_status);
-    LetGoOfOrigin(m_originReusable && m_requestBody.IsDone());
+    const bool reusable = m_originReusable && m_requestBody.IsDone() && Persistent();
     m_request.Reset();
     m_destination.Reset();
+    // Kept for the client's next request, which most often goes to the same origin; to the pool
+    // when it goes elsewhere or the client goes.
+    m_parked = reusable && !m_closeAfter && !m_clientEnded;
+    if (!m_parked)
+        LetGoOfOrigin(reusable);
     if (m_closeAfter || m_clientEnded) {
         m_connection.DisconnectClient();
         return EState::Closing;

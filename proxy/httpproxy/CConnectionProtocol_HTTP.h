@@ -146,6 +146,7 @@ private:
     CHTTPBody m_requestBody;
     AddressPtr m_destination;
     std::string m_originKey;         // the destination's address and port, for the pool
+    bool m_parked = false;           // its origin connection stays attached, idle, for the next request
     bool m_reusedOrigin = false;
     bool m_retried = false;
     std::optional<bool> m_connected; // OnHostConnected's news, taken by DoConnect

@@ -49,8 +49,9 @@ class HTTPProxyTest : public ::testing::Test {
 protected:
     void SetUp() override
     {
-        for (const char* key : {"server1:80", "server1:443", "server1:8080", "server2:80"})
+        for (const char* key : {"server1:80", "server1:443", "server1:8080"})
             m_resolver.Script(key, "127.0.0.1");
+        m_resolver.Script("server2:80", "127.0.0.2");
         ASSERT_TRUE(CAddressManager::GetInstance()->Init(&m_resolver));
         CAddressManager::GetInstance()->SetLocalAddressesForTesting({"myself"});
     }
@@ -106,6 +107,8 @@ TEST_F(HTTPProxyTest, PersistentRequestsAreEachRoutedOnTheirOwnAndAnsweredInOrde
     EXPECT_EQ("GET /a HTTP/1.1\r\nHost: server1\r\n\r\n", m_connection.GetToHost());
     EXPECT_EQ(1, m_connection.GetConnectCalls());
     Response("HTTP/1.1 200 OK\r\nContent-Length: 1\r\n\r\n1");
+    // The first origin's connection makes way for the second's (it would have served a request
+    // to the same place).
     EXPECT_EQ(1, m_connection.GetReleasedLinks());
     EXPECT_EQ(2, m_connection.GetConnectCalls());
     EXPECT_EQ("GET /a HTTP/1.1\r\nHost: server1\r\n\r\nGET /b HTTP/1.1\r\nHost: server2\r\n\r\n",
@@ -118,6 +121,28 @@ TEST_F(HTTPProxyTest, PersistentRequestsAreEachRoutedOnTheirOwnAndAnsweredInOrde
     EXPECT_EQ(60000, m_connection.GetTimerMs()) << "idle between requests, for as long as allowed";
     m_connection.FireTimer();
     EXPECT_FALSE(m_connection.IsConnectedToClient());
+}
+
+TEST_F(HTTPProxyTest, AnOriginConnectionStaysForTheNextRequestToTheSamePlaceUntilItsOriginCloses)
+{
+    Start(60000);
+    const std::string request = "GET http://server1/a HTTP/1.1\r\nHost: server1\r\n\r\n";
+    const std::string answer = "HTTP/1.1 200 OK\r\nContent-Length: 1\r\n\r\n1";
+    Request(request);
+    Response(answer);
+    Request(request);
+    EXPECT_EQ(1, m_connection.GetConnectCalls());
+    EXPECT_EQ(0, m_connection.GetReleasedLinks());
+    EXPECT_EQ(m_connection.GetStats().Get(CProxyStats::HTTP_ORIGINS_REUSED), 1u);
+    Response(answer);
+    // Its origin closes between requests: the client stays, and its next request goes anew.
+    EXPECT_TRUE(m_handler->HandleHostEnd());
+    EXPECT_EQ(1, m_connection.GetReleasedLinks());
+    EXPECT_TRUE(m_connection.IsConnectedToClient());
+    Request(request);
+    EXPECT_EQ(2, m_connection.GetConnectCalls());
+    const std::string forwarded = "GET /a HTTP/1.1\r\nHost: server1\r\n\r\n";
+    EXPECT_EQ(m_connection.GetToHost(), forwarded + forwarded + forwarded);
 }
 
 TEST_F(HTTPProxyTest, BodiesAreFramedAndWhatFollowsABodyIsTheNextRequest)
