@@ -1,6 +1,7 @@
 #include "transport/CSocketUtils.h"
 
 #include <fcntl.h>
+#include <sys/socket.h>
 #include <signal.h>
 #include <time.h>
 #include <unistd.h>
@@ -15,6 +16,49 @@ void CSocketUtils::CloseSocket(int socket)
     // close a number that another thread has just been given.
     if (socket >= 0)
         close(socket);
+}
+
+bool CSocketUtils::IsWouldBlock(int error)
+{
+    return error == EAGAIN || error == EWOULDBLOCK;
+}
+
+ssize_t CSocketUtils::SendSome(int socket, const void* data, size_t length)
+{
+#ifdef MSG_NOSIGNAL
+    constexpr int FLAGS = MSG_NOSIGNAL;
+#else
+    constexpr int FLAGS = 0;
+#endif
+    const auto* bytes = static_cast<const char*>(data);
+    size_t sent = 0;
+    while (sent < length) {
+        const ssize_t result = send(socket, bytes + sent, length - sent, FLAGS);
+        if (result > 0) {
+            sent += static_cast<size_t>(result);
+            continue;
+        }
+        if (result < 0 && errno == EINTR)
+            continue;
+        if (result < 0 && !IsWouldBlock(errno))
+            return -1;
+        break;
+    }
+    return static_cast<ssize_t>(sent);
+}
+
+std::string CSocketUtils::StripBrackets(const std::string& address)
+{
+    if (address.size() > 2 && address.front() == '[' && address.back() == ']')
+        return address.substr(1, address.size() - 2);
+    return address;
+}
+
+std::string CSocketUtils::FormatEndpoint(const std::string& address, int port)
+{
+    const std::string bare = StripBrackets(address);
+    const bool ipv6 = bare.find(':') != std::string::npos;
+    return (ipv6 ? "[" + bare + "]" : bare) + ":" + std::to_string(port);
 }
 
 void CSocketUtils::ConsumeBrokenPipeSignal()

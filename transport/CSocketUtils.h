@@ -1,11 +1,31 @@
 #pragma once
 
+#include <sys/types.h>
+
+#include <cstddef>
+#include <string>
+
 #include "runtime/Export.h"
 
 namespace ZRT {
 
+// What every socket user of the engine and the direct host needs, once. Any thread.
 class ZRT_EXPORT CSocketUtils {
 public:
+    // Room for the largest socket address the engine deals with (sockaddr_in6).
+    static constexpr int MAX_ADDRESS_LENGTH = 28;
+
+    // The call found nothing to do now (a non-blocking socket would wait); EINTR is not this:
+    // callers try again at once.
+    static bool IsWouldBlock(int error);
+    // Sends what the socket takes now (without SIGPIPE, retrying EINTR): the count sent, or -1
+    // on a failure of the socket.
+    static ssize_t SendSome(int socket, const void* data, size_t length);
+    // "address:port", with the address in brackets when it is IPv6 ("[::1]:1080"); an address
+    // given in brackets already keeps them once.
+    static std::string FormatEndpoint(const std::string& address, int port);
+    // "::1" for "[::1]"; any other text as it is.
+    static std::string StripBrackets(const std::string& address);
     static void CloseSocket(int socket);
     static bool SetSocketBlocking(int socket, bool blocking);
     // After EPIPE from a write that could not say MSG_NOSIGNAL (splice, write to a pipe): the
