@@ -34,12 +34,12 @@ public:
     // SendData are still written, within a bounded time.
     virtual void Disconnect() = 0;
 
-    // Added for flow control: bytes accepted by SendData and not yet written to the peer.
+    // Bytes accepted by SendData and not yet written to the peer.
     // Senders pause past a bound of their own and resume on OnSendDrained.
     virtual unsigned int GetSendBacklog() const { return 0; }
 
-    // Added so that one reader can take the link's bytes on its own thread, without a hop
-    // through the transport's thread and its copy. Returns a descriptor to poll for POLLIN, or
+    // Lets one reader take the link's bytes on its own thread, without a hop through the
+    // transport's thread and its copy. Returns a descriptor to poll for POLLIN, or
     // -1 when the link works only through OnDataReceived (the default). From a successful call
     // on, the link no longer reads ahead and sends no OnDataReceived for new bytes: the reader
     // calls ReceiveData whenever the descriptor polls readable (bytes the link read before may
@@ -52,7 +52,7 @@ public:
 
     // Results of ReceiveInto besides a positive count.
     enum { RECEIVE_NOTHING_NOW = 0, RECEIVE_END = -1, RECEIVE_USE_RECEIVE_DATA = -2, RECEIVE_SOCKET_FAILED = -3 };
-    // Added for the relay fast path, with a reader attached: moves up to size bytes of the link
+    // With a reader attached: moves up to size bytes of the link
     // straight into the connected, non-blocking stream socket `socket`, without copying them through user
     // space where the platform allows. Returns the count that reached the socket, or
     // RECEIVE_NOTHING_NOW, RECEIVE_END (as ReceiveData's -1), RECEIVE_SOCKET_FAILED (the socket
@@ -64,7 +64,7 @@ public:
 
     // Results of SendFrom besides a positive count.
     enum { SEND_NOTHING_NOW = 0, SEND_SOCKET_ENDED = -1, SEND_USE_SEND_DATA = -2, SEND_SOCKET_FAILED = -3 };
-    // Added for the relay fast path: reads up to size bytes from the connected, non-blocking
+    // Reads up to size bytes from the connected, non-blocking
     // stream socket `socket` and sends them as SendData would, without copying them through the caller where
     // the platform allows. Returns the count taken from the socket, SEND_NOTHING_NOW (nothing to
     // read), SEND_SOCKET_ENDED (the socket's peer closed; nothing was taken), SEND_SOCKET_FAILED
@@ -73,18 +73,18 @@ public:
     // if given to SendData, and count in GetSendBacklog until written.
     virtual int SendFrom(int /*socket*/, int /*size*/) { return SEND_USE_SEND_DATA; }
 
-    // Added for half-close. A sink that calls this (and gets true) takes the end of the peer's
+    // A sink that calls this (and gets true) takes the end of the peer's
     // sending apart from the closure: once every byte before the end was taken, ReceiveData
     // returns -1 (a sink hears OnDataReceived for it), and the link stays open for SendData.
     // OnConnectionClosed then comes when both directions have ended (the peer's end was taken and
     // ShutdownSend's end was written), on a failure or reset, or after Disconnect. False when the
     // link cannot (the default): the peer's end then closes the link, as before.
     virtual bool EnableHalfClose() { return false; }
-    // Added for half-close: ends the sending direction (TCP: FIN) once every byte given to
+    // Ends the sending direction (TCP: FIN) once every byte given to
     // SendData or SendFrom has been written; reading goes on. False when the link cannot; the
     // caller then ends the whole link instead.
     virtual bool ShutdownSend() { return false; }
-    // Added for connecting without blocking (IZRTMultiPointLayer::BeginConnect): true while the
+    // For links from IZRTMultiPointLayer::BeginConnect: true while the
     // link is still being opened. Links that are returned open (the default) never are.
     virtual bool IsConnecting() const { return false; }
     // Why the link failed (connecting included), as an errno value (ECONNREFUSED, ETIMEDOUT,
@@ -98,8 +98,8 @@ public:
     // FIN), for a peer that stopped reading them. Sinks hear OnConnectionClosed as after
     // Disconnect. By default the same as Disconnect.
     virtual void Abort() { Disconnect(); }
-    // Added so that a reader learns the outcome of a connect without a hop through the
-    // transport's thread: with a reader attached to a link that is still connecting, the reader
+    // Lets a reader learn the outcome of a connect without a hop through the transport's
+    // thread: with a reader attached to a link that is still connecting, the reader
     // polls the descriptor for POLLOUT and calls this when it fires. The link then settles the
     // attempt (IsConnecting turns false; IsConnected tells the outcome) and tells its sinks as
     // usual. Does nothing while the attempt is still under way, and by default. A reader that

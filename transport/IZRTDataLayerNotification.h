@@ -11,11 +11,11 @@ public:
     // link reads no more from its peer until its pending bytes are taken.
     virtual void OnDataReceived(IZRTDataLayer& dataLayer) = 0;
 
-    // Added for flow control: the link's send backlog, after having passed its high-water mark,
+    // The link's send backlog, after having passed its high-water mark,
     // fell back under its low-water mark, so a sender that paused may send again.
     virtual void OnSendDrained(IZRTDataLayer& /*dataLayer*/) {}
 
-    // Added for connecting without blocking: a link that IZRTMultiPointLayer::BeginConnect
+    // A link that IZRTMultiPointLayer::BeginConnect
     // returned still connecting is now open. A failed attempt is reported as OnConnectionClosed.
     virtual void OnLinkConnected(IZRTDataLayer& /*dataLayer*/) {}
 };

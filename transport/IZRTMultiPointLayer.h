@@ -15,7 +15,7 @@ public:
     virtual QOX::CRefCountPtr<IZRTDataLayer> Connect(const IZRTConnectionAddress& destination,
                                                      const IZRTConnectionAddress& source) = 0;
 
-    // Added so that opening a link need not block the caller: returns a link that may still be
+    // Opens a link without blocking the caller: returns a link that may still be
     // connecting (IZRTDataLayer::IsConnecting), or empty when the attempt failed at once. The
     // outcome reaches the sinks registered on the link, also those that register after it came:
     // OnLinkConnected once the link is usable, OnConnectionClosed when the attempt failed or ran
@@ -25,7 +25,7 @@ public:
     {
         return Connect(destination, source);
     }
-    // Added so that the engine can serve many clients on one thread: true when BeginConnect
+    // True when BeginConnect
     // never blocks its caller. The engine then calls it on the client's event thread; otherwise
     // (the default) on a helper thread, so that one slow connect holds up no other client.
     virtual bool ConnectsWithoutBlocking() const { return false; }

@@ -199,12 +199,6 @@ private:
     AddressPtr m_result;
 };
 
-CAddressManager* CAddressManager::GetInstance()
-{
-    static CAddressManager instance;
-    return &instance;
-}
-
 CAddressManager::CAddressManager() = default;
 
 // Terminate is the owner's duty (CProxyServer::StopProxy): at unload the resolver may be gone.

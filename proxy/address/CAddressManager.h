@@ -20,9 +20,8 @@
 namespace ZRT {
 namespace Proxy {
 
-// The name cache in front of the host's asynchronous resolver. Each proxy has one of its own
-// (GetInstance is a process-wide one for callers without a proxy). It turns "host:port" texts
-// into addresses: answers are kept for an hour, failures for a minute, keyed by the name alone
+// The name cache in front of the host's asynchronous resolver. Each proxy has one of its own. It
+// turns "host:port" texts into addresses: answers are kept for an hour, failures for a minute, keyed by the name alone
 // (the port of each request is applied to the cached address), at most GetCacheLimit() names,
 // the least recently used leaving first. Expired names are swept as new ones come in; nothing
 // runs on a timer.
@@ -60,7 +59,6 @@ public:
     // The machine's addresses are read again when asked after this long.
     static constexpr int OWN_ADDRESS_REFRESH_MS = 10000;
 
-    static CAddressManager* GetInstance();
 
     CAddressManager();
     ~CAddressManager() override;

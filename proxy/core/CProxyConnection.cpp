@@ -1,8 +1,6 @@
 #include "proxy/core/CProxyConnection.h"
 
-#include <errno.h>
 #include <netinet/in.h>
-#include <netinet/tcp.h>
 #include <sys/epoll.h>
 #include <sys/socket.h>
 
@@ -10,67 +8,14 @@
 #include <utility>
 
 #include "proxy/address/CAddressManager.h"
-#include "proxy/auth/CLoginGuard.h"
-#include "proxy/httpproxy/COriginPool.h"
-#include "proxy/core/CConnectionProtocolFactory.h"
 #include "proxy/core/CProxyServer.h"
-#include "transport/CByteBufferList.h"
-#include "runtime/CThread.h"
 #include "transport/CSocketUtils.h"
 
 namespace ZRT {
 namespace Proxy {
 
 namespace {
-#ifdef MSG_NOSIGNAL
-constexpr int SEND_FLAGS = MSG_NOSIGNAL;
-#else
-constexpr int SEND_FLAGS = 0;
-#endif
-
-bool WouldBlock(int error)
-{
-    return error == EAGAIN || error == EWOULDBLOCK || error == EINTR;
-}
-
-// Sends as much as the socket takes now: the count sent, or -1 on a real socket error.
-int SendSome(int socket, const char* data, int length)
-{
-    int offset = 0;
-    while (offset < length) {
-        const ssize_t sent = send(socket, data + offset, static_cast<size_t>(length - offset), SEND_FLAGS);
-        if (sent > 0) {
-            offset += static_cast<int>(sent);
-            continue;
-        }
-        if (sent < 0 && errno == EINTR)
-            continue;
-        if (sent < 0 && !WouldBlock(errno))
-            return -1;
-        break;
-    }
-    return offset;
-}
-
-// Reads what the client sent and nobody will handle, so closing sends FIN rather than a reset
-// that could destroy bytes still on their way to the client.
-void DiscardPendingInput(int socket)
-{
-    char scratch[4096];
-    for (int i = 0; i < 64; ++i) {
-        if (recv(socket, scratch, sizeof(scratch), MSG_DONTWAIT) <= 0)
-            return;
-    }
-}
-
-bool ReadSocketAddress(int socket, bool peer, CTCPIPAddress& address)
-{
-    sockaddr_storage storage{};
-    socklen_t length = sizeof(storage);
-    const int result = peer ? getpeername(socket, reinterpret_cast<sockaddr*>(&storage), &length)
-                            : getsockname(socket, reinterpret_cast<sockaddr*>(&storage), &length);
-    return result == 0 && address.SetAddress(*reinterpret_cast<sockaddr*>(&storage), length);
-}
+constexpr uint32_t CLIENT_GONE = EPOLLERR | EPOLLHUP;
 
 int MillisecondsUntil(std::chrono::steady_clock::time_point deadline)
 {
@@ -78,456 +23,82 @@ int MillisecondsUntil(std::chrono::steady_clock::time_point deadline)
     // Rounded up, so the connection is never woken a moment early and spun on.
     return left.count() < 0 ? 0 : static_cast<int>(left.count()) + 1;
 }
+
+std::optional<std::chrono::steady_clock::time_point> Earliest(std::optional<std::chrono::steady_clock::time_point> a,
+                                                              std::optional<std::chrono::steady_clock::time_point> b)
+{
+    if (a && b)
+        return std::min(*a, *b);
+    return a ? a : b;
+}
 } // namespace
 
 QOX::CAtomicInt CProxyConnection::ms_connID(0);
 
-namespace {
-std::shared_ptr<const SProxySettings> SettingsFor(CProxyServer* server, std::shared_ptr<const SProxySettings> given)
-{
-    if (given)
-        return given;
-    if (server)
-        return server->GetSettingsSnapshot();
-    static const std::shared_ptr<const SProxySettings> defaults = std::make_shared<SProxySettings>();
-    return defaults;
-}
-
-std::shared_ptr<const CDestinationPolicy> PolicyFor(const SProxySettings& settings,
-                                                   std::shared_ptr<const CDestinationPolicy> given)
-{
-    if (given)
-        return given;
-    auto policy = std::make_shared<CDestinationPolicy>();
-    std::string error; // rules that do not parse were refused when they were set
-    policy->Build(settings.allowDestinations, settings.denyDestinations, settings.privatePorts, error);
-    return policy;
-}
-} // namespace
-
-CProxyConnection::CProxyConnection(CProxyServer* proxy, std::shared_ptr<const SProxySettings> settings,
+CProxyConnection::CProxyConnection(CProxyServer& server, std::shared_ptr<const SProxySettings> settings,
                                    std::shared_ptr<const CDestinationPolicy> policy)
-    : m_proxy(proxy), m_server(proxy), m_id(ms_connID.Increment()),
-      m_settings(SettingsFor(proxy, std::move(settings))), m_policy(PolicyFor(*m_settings, std::move(policy)))
+    : m_server(server), m_settings(std::move(settings)), m_policy(std::move(policy)), m_id(ms_connID.Increment()),
+      m_record(server.GetStats(), server.GetObserver())
 {
-    if (m_proxy)
-        m_proxy->OnConnectionCreated(this);
+    m_server.OnConnectionCreated(this);
 }
 
 CProxyConnection::~CProxyConnection()
 {
-    {
-        // Only a connection that never ran is still registered here; a running one detached
-        // on its thread when it finished.
-        std::lock_guard<std::mutex> hold(m_mutex);
-        if (m_proxy)
-            m_proxy->OnConnectionDestroyed(this);
-        m_proxy = nullptr;
-    }
-    TerminateHandler();
-    ReleaseLink();
-    CloseClientSocket();
-    delete m_protocol;
-    m_protocol = nullptr;
+    // A connection that ran left the server's set when it finished.
+    if (m_phase == EPhase::NotStarted)
+        m_server.OnConnectionDestroyed(this);
 }
-
-// A connect of a host whose multi-point layer may block, on a thread of the proxy's pool, so
-// that the loop never waits for it. It keeps the connection alive until it has answered.
-class CProxyConnection::CConnectCall : private QOX::CThread {
-public:
-    static bool Launch(CProxyConnection& connection, const QOX::CRefCountPtr<IZRTConnectionAddress>& address,
-                       uint64_t attempt)
-    {
-        auto* call = new CConnectCall(connection, address, attempt);
-        call->SetThreadPool(connection.m_server ? connection.m_server->GetThreadPool() : nullptr);
-        if (call->StartThread(false))
-            return true;
-        delete call;
-        return false;
-    }
-
-protected:
-    int Run() override
-    {
-        const QOX::CRefCountPtr<IZRTDataLayer> link =
-            m_connection->m_multiPointLayer->BeginConnect(*m_address, m_connection->m_clientAddress);
-        m_connection->OnHelperConnected(link, m_attempt);
-        return 0;
-    }
-    int ThreadFunc() override
-    {
-        const int result = CThread::ThreadFunc();
-        delete this; // on its own thread: it finishes on its shared block alone
-        return result;
-    }
-
-private:
-    CConnectCall(CProxyConnection& connection, const QOX::CRefCountPtr<IZRTConnectionAddress>& address,
-                 uint64_t attempt)
-        : m_connection(&connection), m_address(address), m_attempt(attempt)
-    {
-    }
-
-    QOX::CRefCountPtr<CProxyConnection> m_connection;
-    QOX::CRefCountPtr<IZRTConnectionAddress> m_address;
-    const uint64_t m_attempt;
-};
-
-// Each descriptor the loop watches for a connection: forwards its readiness, on the loop's thread.
-// The connection removes its watches (on that thread) before it can go, so the plain pointer
-// never dangles.
-class CProxyConnection::CWatch : public QOX::CRefCount_Base, public IEventHandler {
-public:
-    CWatch(CProxyConnection& connection, ERole role) : m_connection(connection), m_role(role) {}
-    long AddRef() override { return QOX::CRefCount_Base::AddRef(); }
-    long ReleaseRef() override { return QOX::CRefCount_Base::ReleaseRef(); }
-    void* GetReferencedObject() const override { return QOX::CRefCount_Base::GetReferencedObject(); }
-    void OnEvents(uint32_t events) override { m_connection.OnReady(m_role, events); }
-
-private:
-    CProxyConnection& m_connection;
-    const ERole m_role;
-};
 
 bool CProxyConnection::Start(int socket, const sockaddr_storage& peer, CEventLoop& loop,
                              IZRTMultiPointLayer* multiPointLayer, IDatagramHandler* datagramHandler,
                              IConnectionListener* connectionListener)
 {
     m_peer = peer;
+    m_client.Adopt(socket);
     const socklen_t length = peer.ss_family == AF_INET6 ? sizeof(sockaddr_in6) : sizeof(sockaddr_in);
     if (!m_clientAddress.SetAddress(reinterpret_cast<const sockaddr&>(peer), length)) {
-        CSocketUtils::CloseSocket(socket);
-        if (m_server)
-            m_server->OnClientFinished(peer);
+        m_client.Close(false);
+        m_server.OnClientFinished(peer);
         return false;
     }
-    {
-        std::lock_guard<std::mutex> hold(m_mutex);
-        m_clientSocket = socket;
-        m_multiPointLayer = multiPointLayer;
-        m_datagramHandler = datagramHandler;
-        m_connectionListener = connectionListener;
-    }
-    m_loop = &loop;
-    for (int role = 0; role < ROLE_COUNT; ++role)
-        m_watches[role] = new CWatch(*this, static_cast<ERole>(role));
-    {
-        std::lock_guard<std::mutex> hold(m_endMutex);
-        m_run = ERun::Running;
-    }
+    m_record.SetClient(m_clientAddress.ToString());
+    m_multiPointLayer = multiPointLayer;
+    m_datagramHandler = datagramHandler;
+    m_connectionListener = connectionListener;
+    m_connector.reset(new CHostConnector(
+        multiPointLayer, m_clientAddress, m_server.GetThreadPool(), m_link, [this] { RequestStep(NOTICE_CONNECTOR); },
+        [this](bool connected) { TellConnected(connected); }));
+    m_watches.Start(loop, [this](ERole role, uint32_t events) { OnReady(role, events); });
+    m_phase = EPhase::AwaitFirstBytes;
     m_self = this;
     // The first step comes with the client's first bytes (or its end, or a deadline).
-    ApplyPlan(PlanStep());
-    if (m_watchTokens[CLIENT] != 0)
+    if (m_watches.Watch(ERole::CLIENT, socket, ClientInterest())) {
+        ApplyPlan();
         return true;
-    m_client = EClient::Closed; // the loop would not watch the socket: nothing could be served
-    Finish();
+    }
+    EnterPhase(EPhase::Close); // the loop would not watch the socket: nothing could be served
     return false;
 }
 
-const IZRTConnectionAddress& CProxyConnection::GetLocalAddress() const
-{
-    // Asked for by few handlers (BIND, UDP): learnt on first use, on the connection's thread.
-    if (m_localAddress.IsEmpty() && m_clientSocket >= 0)
-        ReadSocketAddress(m_clientSocket, false, m_localAddress);
-    return m_localAddress;
-}
+// ---- steps ----
 
-void CProxyConnection::DetachFromProxy()
+void CProxyConnection::RequestStep(unsigned reason)
 {
-    std::lock_guard<std::mutex> hold(m_mutex);
-    if (m_proxy)
-        m_proxy->OnConnectionDestroyed(this);
-    m_proxy = nullptr;
-}
-
-void CProxyConnection::Finish()
-{
-    // The order matters: a descriptor leaves the loop before it may be closed (its number could
-    // come back at once for another connection of the same loop).
-    TerminateHandler();
-    ReleaseLink();
-    Watch(HANDLER, -1, 0);
-    Watch(LINK, -1, 0);
-    // The client socket is ours alone and closed below: its close takes it out of epoll.
-    if (m_watchTokens[CLIENT] != 0)
-        m_loop->Forget(m_watchTokens[CLIENT]);
-    m_watchTokens[CLIENT] = 0;
-    if (m_timer != 0)
-        m_loop->CancelDelayed(m_timer);
-    m_timer = 0;
-    CloseClientSocket();
-    Report();
-    DetachFromProxy();
-    {
-        std::lock_guard<std::mutex> hold(m_endMutex);
-        m_run = ERun::Finished;
-    }
-    m_ended.notify_all();
-    m_self.Reset(); // the caller holds its own reference
-}
-
-void CProxyConnection::Report()
-{
-    if (!m_server)
+    m_notices |= reason;
+    // A step under way takes the reason before it ends.
+    if (OnLoopThread() && m_inStep)
         return;
-    m_server->OnClientFinished(m_peer);
-    // A client that went before its request was whole was never served.
-    if (!m_outcomeSet && !m_requestComplete)
-        m_outcome = EOutcome::NoRequest;
-    IProxyObserver* observer = m_server->GetObserver();
-    // Requests recorded on their own said it all, unless the last one failed unanswered.
-    if (!observer || (m_requestsRecorded > 0 && !m_outcomeSet))
-        return;
-    observer->OnConnectionFinished(MakeRecord());
+    PostStep();
 }
 
-SConnectionRecord CProxyConnection::MakeRecord() const
+void CProxyConnection::PostStep()
 {
-    SConnectionRecord record;
-    record.client = m_clientAddress.ToString();
-    record.protocol = m_exchangeProtocol;
-    record.user = m_user;
-    record.destination = m_destination;
-    record.outcome = m_outcome;
-    record.bytesClientToHost = m_bytesClientToHost.load(std::memory_order_relaxed) - m_recordedClientToHost;
-    record.bytesHostToClient = m_bytesHostToClient.load(std::memory_order_relaxed) - m_recordedHostToClient;
-    record.durationMs = static_cast<uint64_t>(
-        std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - m_startTime).count());
-    return record;
-}
-
-void CProxyConnection::FinishRequest(const std::string& method, int status)
-{
-    SConnectionRecord record = MakeRecord();
-    record.method = method.empty() ? "-" : method;
-    record.status = status;
-    if (!m_outcomeSet)
-        record.outcome = EOutcome::Ok;
-    ++m_requestsRecorded;
-    m_recordedClientToHost += record.bytesClientToHost;
-    m_recordedHostToClient += record.bytesHostToClient;
-    m_startTime = Clock::now();
-    m_outcomeSet = false;
-    m_outcome = EOutcome::Ok;
-    GetStats().Add(CProxyStats::HTTP_REQUESTS_TOTAL);
-    IProxyObserver* observer = m_server ? m_server->GetObserver() : nullptr;
-    if (observer)
-        observer->OnRequestFinished(record);
-}
-
-void CProxyConnection::DescribeExchange(const char* protocol, const std::string& destination)
-{
-    m_exchangeProtocol = protocol ? protocol : "-";
-    m_destination = destination.empty() ? "-" : destination;
-}
-
-void CProxyConnection::SetOutcome(EOutcome outcome)
-{
-    if (m_outcomeSet)
-        return; // the first judgement stands
-    m_outcomeSet = true;
-    m_outcome = outcome;
-    CProxyStats& stats = GetStats();
-    switch (outcome) {
-    case EOutcome::Ok:
-        break;
-    case EOutcome::BadRequest:
-        stats.Add(CProxyStats::REFUSED_BAD_REQUEST);
-        break;
-    case EOutcome::NoDestination:
-        stats.Add(CProxyStats::REFUSED_NO_DESTINATION);
-        break;
-    case EOutcome::NotAllowed:
-        stats.Add(CProxyStats::REFUSED_NOT_ALLOWED);
-        break;
-    case EOutcome::Denied:
-        stats.Add(CProxyStats::REFUSED_DENIED);
-        break;
-    case EOutcome::OverLimit: // counted at accept
-    case EOutcome::NoRequest:
-        break;
-    case EOutcome::Unreachable:
-        stats.Add(CProxyStats::REFUSED_UNREACHABLE);
-        break;
-    case EOutcome::AuthFailed:
-        stats.Add(CProxyStats::REFUSED_AUTH_FAILED);
-        break;
-    case EOutcome::Timeout:
-        stats.Add(CProxyStats::TIMED_OUT);
-        break;
-    }
-}
-
-CProxyStats& CProxyConnection::GetStats()
-{
-    static CProxyStats unowned; // a connection without a server counts for nobody
-    return m_server ? m_server->GetStats() : unowned;
-}
-
-void CProxyConnection::CountDatagram(bool toHost, uint64_t payloadBytes)
-{
-    GetStats().Add(toHost ? CProxyStats::UDP_DATAGRAMS_CLIENT_TO_HOST : CProxyStats::UDP_DATAGRAMS_HOST_TO_CLIENT);
-    if (toHost)
-        CountClientBytes(payloadBytes);
-    else
-        CountHostBytes(payloadBytes);
-}
-
-void CProxyConnection::CountClientBytes(uint64_t count)
-{
-    m_bytesClientToHost.fetch_add(count, std::memory_order_relaxed);
-    GetStats().Add(CProxyStats::BYTES_CLIENT_TO_HOST, count);
-}
-
-void CProxyConnection::CountHostBytes(uint64_t count)
-{
-    m_bytesHostToClient.fetch_add(count, std::memory_order_relaxed);
-    GetStats().Add(CProxyStats::BYTES_HOST_TO_CLIENT, count);
-}
-
-// ---- the loop ----
-
-void CProxyConnection::OnReady(ERole role, uint32_t events)
-{
-    m_ready[role] |= events;
-    Step();
-}
-
-void CProxyConnection::Step()
-{
-    const QOX::CRefCountPtr<CProxyConnection> hold(this); // Finish lets the own reference go
-    if (!m_self)
-        return; // finished already; a late step or timer
-    m_inStep = true;
-    const unsigned notices = m_notices.exchange(0);
-    if (notices & NOTICE_STOP)
-        Abort();
-    TakeNotices(notices);
-    const uint32_t client = std::exchange(m_ready[CLIENT], 0u);
-    const uint32_t asked = m_watchedEvents[CLIENT];
-    if ((asked & EPOLLOUT) && (client & (EPOLLOUT | EPOLLERR | EPOLLHUP)))
-        FlushClientOutput();
-    if ((asked & EPOLLIN) && (client & (EPOLLIN | EPOLLERR | EPOLLHUP)))
-        ReadClient();
-    else if (asked == 0 && (client & (EPOLLERR | EPOLLHUP)))
-        Abort(); // reset (or shut both ways) while nothing was to be read or written
-    if ((asked & EPOLLRDHUP) && (client & EPOLLRDHUP) && !m_clientFinishedAt)
-        m_clientFinishedAt = Clock::now(); // its end waits to be read behind bytes the link cannot take yet
-    if (m_connectOutcome) {
-        const bool connected = *m_connectOutcome;
-        m_connectOutcome.reset();
-        FinishConnect(connected);
-    }
-    const uint32_t link = std::exchange(m_ready[LINK], 0u);
-    if (m_linkState == ELink::Connecting && Clock::now() >= m_attemptDeadline)
-        FinishConnect(false); // too slow: this address is given up
-    else if (link != 0 && (m_watchedEvents[LINK] & EPOLLOUT))
-        CompleteConnect();
-    else if (link != 0)
-        m_hostPending = true;
-    PumpHost();
-    if (std::exchange(m_ready[HANDLER], 0u) != 0 && m_protocol && m_client == EClient::Open) {
-        NoteActivity(); // a datagram of an association
-        m_protocol->OnDescriptorReady();
-    }
-    RunHandlerTimer();
-    EnforceLimits();
-    AdvanceEnds();
-    m_inStep = false;
-    if (m_client == EClient::Closed) {
-        Finish();
-        return;
-    }
-    ApplyPlan(PlanStep());
-}
-
-void CProxyConnection::ApplyPlan(const SPlan& plan)
-{
-    // The client stays watched with no events: epoll still reports its reset.
-    Watch(CLIENT, m_clientSocket, plan.clientEvents);
-    Watch(LINK, plan.readHost || plan.connectHost ? m_readerFd : -1,
-          plan.connectHost ? static_cast<uint32_t>(EPOLLOUT) : static_cast<uint32_t>(EPOLLIN));
-    Watch(HANDLER, plan.handlerFd, EPOLLIN);
-    MarkBulk(m_spliceHost || m_spliceClient);
-    if (plan.timeout == 0) {
-        Schedule();
-        return;
-    }
-    if (plan.timeout < 0) {
-        if (m_timer != 0)
-            m_loop->CancelDelayed(m_timer); // nothing is due any more: no wake-up for nothing
-        m_timer = 0;
-        return;
-    }
-    // A wake-up already set for no later stays: one that comes early only plans again.
-    const Clock::time_point due = Clock::now() + std::chrono::milliseconds(plan.timeout);
-    if (m_timer != 0 && m_timerDue <= due)
-        return;
-    if (m_timer != 0)
-        m_loop->CancelDelayed(m_timer);
-    const QOX::CRefCountPtr<CProxyConnection> self(this);
-    m_timerDue = due;
-    m_timer = m_loop->PostDelayed(plan.timeout, [self] {
-        self->m_timer = 0;
-        self->Step();
-    });
-}
-
-void CProxyConnection::Watch(ERole role, int descriptor, uint32_t events)
-{
-    const bool wanted = descriptor >= 0 && (events != 0 || role == CLIENT);
-    if (m_watchTokens[role] != 0 && (!wanted || descriptor != m_watchedFd[role])) {
-        m_loop->Remove(m_watchTokens[role], m_watchedFd[role]);
-        m_watchTokens[role] = 0;
-        m_watchedFd[role] = -1;
-        m_watchedEvents[role] = 0;
-        m_ready[role] = 0;
-    }
-    if (!wanted)
-        return;
-    if (m_watchTokens[role] != 0) {
-        if (events != m_watchedEvents[role] && m_loop->Modify(m_watchTokens[role], descriptor, events))
-            m_watchedEvents[role] = events;
-        return;
-    }
-    m_watchTokens[role] = m_loop->Add(descriptor, events, QOX::CRefCountPtr<IEventHandler>(m_watches[role].Get()));
-    if (m_watchTokens[role] == 0)
-        return; // the caller notices (a client that cannot be watched cannot be served)
-    m_watchedFd[role] = descriptor;
-    m_watchedEvents[role] = events;
-    if (m_bulk && role != HANDLER)
-        m_loop->SetBulk(m_watchTokens[role], true);
-}
-
-void CProxyConnection::MarkBulk(bool bulk)
-{
-    if (bulk == m_bulk)
-        return;
-    m_bulk = bulk;
-    for (const ERole role : {CLIENT, LINK}) {
-        if (m_watchTokens[role] != 0)
-            m_loop->SetBulk(m_watchTokens[role], bulk);
-    }
-}
-
-bool CProxyConnection::HasTurnBudget() const
-{
-    return !m_bulk || m_loop->GetTurnBudget() > 0;
-}
-
-void CProxyConnection::SpendTurnBudget(int bytes)
-{
-    if (bytes > 0)
-        m_loop->SpendTurnBudget(static_cast<size_t>(bytes));
-}
-
-void CProxyConnection::Schedule()
-{
-    if (!m_loop || m_stepPosted.exchange(true))
+    CEventLoop* loop = m_watches.GetLoop();
+    if (!loop || m_stepPosted.exchange(true))
         return;
     const QOX::CRefCountPtr<CProxyConnection> self(this);
-    m_loop->Post([self] {
+    loop->Post([self] {
         self->m_stepPosted = false;
         self->Step();
     });
@@ -535,625 +106,537 @@ void CProxyConnection::Schedule()
 
 bool CProxyConnection::OnLoopThread() const
 {
-    return m_loop && m_loop->IsLoopThread();
+    const CEventLoop* loop = m_watches.GetLoop();
+    return loop && loop->IsLoopThread();
 }
 
-CProxyConnection::SPlan CProxyConnection::PlanStep()
+void CProxyConnection::OnReady(ERole role, uint32_t events)
 {
-    SPlan turn;
-    const unsigned int backlog = GetClientBacklog();
-    if (m_client != EClient::Closed && backlog > 0)
-        turn.clientEvents |= EPOLLOUT;
-    if (MayReadClient())
-        turn.clientEvents |= EPOLLIN;
-    else if (m_client == EClient::Open && m_toHost == EFlow::Open && m_protocol && !m_clientFinishedAt)
-        turn.clientEvents |= EPOLLRDHUP; // the client's end, while its bytes wait for the link
-    const bool relaying = m_protocol && m_client == EClient::Open && m_toClient == EFlow::Open;
-    const bool roomForHost = relaying && backlog <= CLIENT_OUTPUT_HIGH_WATER;
-    turn.readHost = roomForHost && m_readerFd >= 0 && m_linkState == ELink::Open;
-    // A link that connects with a reader attached finishes when its descriptor turns writable.
-    turn.connectHost = m_readerFd >= 0 && m_linkState == ELink::Connecting;
-    if (m_protocol && m_client == EClient::Open)
-        turn.handlerFd = m_protocol->GetWatchedDescriptor();
-    const bool linkHeld = m_linkState == ELink::Open || m_linkState == ELink::Closed;
-    if ((roomForHost && m_hostPending && linkHeld) || m_connectOutcome || m_notices.load() != 0) {
-        turn.timeout = 0;
-        return turn;
-    }
-    if (m_handlerDeadline)
-        turn.timeout = MillisecondsUntil(*m_handlerDeadline);
-    if (m_linkState == ELink::Connecting) {
-        const int connect = MillisecondsUntil(m_attemptDeadline);
-        turn.timeout = turn.timeout < 0 ? connect : std::min(turn.timeout, connect);
-    }
-    Clock::time_point limit;
-    if (m_client == EClient::Open && NextLimit(limit)) {
-        const int left = MillisecondsUntil(limit);
-        turn.timeout = turn.timeout < 0 ? left : std::min(turn.timeout, left);
-    }
-    return turn;
+    m_watches.AddReady(role, events);
+    Step();
 }
 
-bool CProxyConnection::MayReadClient()
+void CProxyConnection::Step()
 {
-    if (m_client != EClient::Open || m_toHost != EFlow::Open)
-        return false;
-    if (!m_protocol)
-        return true;
-    unsigned long long backlog = m_protocol->GetRequestBacklog();
-    const QOX::CRefCountPtr<IZRTDataLayer> link = CurrentLink();
-    if (link)
-        backlog += link->GetSendBacklog();
-    return backlog <= REQUEST_BACKLOG_LIMIT;
+    const QOX::CRefCountPtr<CProxyConnection> hold(this); // Close lets the own reference go
+    const EPhase phase = m_phase;
+    if (phase == EPhase::NotStarted || phase == EPhase::Finished)
+        return; // a late step or wake-up
+    m_inStep = true;
+    DoLoop();
+    m_inStep = false;
+    if (m_phase != EPhase::Finished)
+        ApplyPlan();
 }
 
-void CProxyConnection::TakeNotices(unsigned notices)
+void CProxyConnection::DoLoop()
 {
-    if (notices & NOTICE_CLIENT_FAILED) {
-        Abort();
-        return;
+    // Reasons left during a round (a handler's DisconnectClient, a link's report from inside a
+    // call) are taken by the next round, within this step, as far as a few rounds go.
+    for (int round = 0; round < 4; ++round) {
+        const EPhase phase = m_phase;
+        const EPhase next = DoPhase(phase);
+        if (next != phase)
+            EnterPhase(next);
+        else if (m_notices.load() == 0 || phase == EPhase::Finished)
+            return;
     }
+}
+
+CProxyConnection::EPhase CProxyConnection::DoPhase(EPhase phase)
+{
+    switch (phase) {
+    case EPhase::AwaitFirstBytes: {
+        const EPhase next = DoParts({&CProxyConnection::TakeNotices, &CProxyConnection::ServeClient,
+                                     &CProxyConnection::CheckLimits});
+        return next == phase && m_protocol ? EPhase::Serve : next;
+    }
+    case EPhase::Serve:
+        return DoParts({&CProxyConnection::TakeNotices, &CProxyConnection::ServeClient,
+                        &CProxyConnection::ServeLink, &CProxyConnection::PumpHost, &CProxyConnection::ServeHandler,
+                        &CProxyConnection::CheckLimits, &CProxyConnection::AdvanceEnds});
+    case EPhase::Drain:
+        return DoDrain();
+    case EPhase::NotStarted:
+    case EPhase::Close:
+    case EPhase::Finished:
+        break;
+    }
+    return phase;
+}
+
+CProxyConnection::EPhase CProxyConnection::DoParts(std::initializer_list<Part> parts)
+{
+    for (const Part part : parts) {
+        Next next = (this->*part)();
+        if (!next)
+            next = EndingNotice(); // the handler ended the exchange during the part
+        if (next)
+            return *next;
+    }
+    return m_phase;
+}
+
+void CProxyConnection::EnterPhase(EPhase phase)
+{
+    m_phase = phase;
+    if (phase == EPhase::Drain) {
+        EndExchange();
+        m_limits.NoteDrainProgress();
+    } else if (phase == EPhase::Close) {
+        Finish();
+    }
+}
+
+CProxyConnection::Next CProxyConnection::EndingNotice() const
+{
+    const unsigned notices = m_notices.load();
+    if (notices & (NOTICE_STOP | NOTICE_CLIENT_FAILED))
+        return EPhase::Close;
     if (notices & NOTICE_DISCONNECT)
-        BeginClosing();
-    if (notices & NOTICE_HOST_DATA)
-        m_hostPending = true;
-    if ((notices & NOTICE_LINK_CONNECTED) && m_linkState == ELink::Connecting)
-        FinishConnect(true);
-    if (notices & NOTICE_LINK_CLOSED) {
-        if (m_linkState == ELink::Connecting) {
-            FinishConnect(false);
-        } else if (m_linkState == ELink::Open) {
-            // What the link still holds is delivered before the end is acted on.
-            m_linkState = ELink::Closed;
-            m_hostPending = true;
-        }
+        return EPhase::Drain;
+    return std::nullopt;
+}
+
+CProxyConnection::EPhase CProxyConnection::DoDrain()
+{
+    const unsigned notices = m_notices.exchange(0);
+    if (notices & (NOTICE_STOP | NOTICE_CLIENT_FAILED))
+        return Abandon();
+    const uint32_t ready = m_watches.TakeReady(ERole::CLIENT);
+    if ((ready & (EPOLLOUT | CLIENT_GONE)) && !FlushClient())
+        return Abandon();
+    if (m_client.GetBacklog() == 0)
+        return EPhase::Close;
+    // A client that takes nothing of its last bytes does not hold the connection for ever.
+    const std::optional<Clock::time_point> deadline = m_limits.DrainDeadline();
+    if (deadline && Clock::now() >= *deadline)
+        return Abandon();
+    return EPhase::Drain;
+}
+
+CProxyConnection::EPhase CProxyConnection::Abandon()
+{
+    m_client.DropOutput();
+    return EPhase::Close;
+}
+
+void CProxyConnection::EndExchange()
+{
+    m_handlerDeadline.reset();
+    if (m_protocol) {
+        m_watches.Unwatch(ERole::HANDLER); // before the handler closes its descriptor
+        m_protocol->Terminate();
+        m_protocol.reset();
     }
-    if (notices & NOTICE_CONNECTED_LINK)
-        TakeHelperLink();
-    if ((notices & NOTICE_HANDLER) && m_protocol && m_client == EClient::Open) {
-        NoteActivity(); // a lookup's answer, a BIND peer, a datagram from a host
+    if (m_connector)
+        m_connector->Cancel();
+    m_link.Close(m_limits.GaveUpOnHost());
+}
+
+void CProxyConnection::Finish()
+{
+    EndExchange();
+    m_watches.Close();
+    // A client that did not finish sending may have left input, which would make the close a reset.
+    m_client.Close(m_toHost == EFlow::Ended);
+    m_server.OnClientFinished(m_peer);
+    m_record.Report(m_limits.IsRequestComplete());
+    m_server.OnConnectionDestroyed(this);
+    {
+        std::lock_guard<std::mutex> hold(m_endMutex);
+        m_phase = EPhase::Finished;
+    }
+    m_ended.notify_all();
+    m_self.Reset(); // the caller holds its own reference
+}
+
+// ---- parts of a step ----
+
+CProxyConnection::Next CProxyConnection::TakeNotices()
+{
+    const unsigned notices = m_notices.exchange(0);
+    if (notices & (NOTICE_STOP | NOTICE_CLIENT_FAILED))
+        return Abandon();
+    if (notices & NOTICE_DISCONNECT)
+        return EPhase::Drain;
+    if (notices & NOTICE_HOST_DATA)
+        m_pump.NoteHostBytes();
+    TakeLinkNotices(notices);
+    if ((notices & NOTICE_HANDLER) && m_protocol && IsConnectedToClient()) {
+        m_limits.NoteMoved(); // a lookup's answer, a BIND peer, a datagram from a host
         m_protocol->Resume();
     }
+    return std::nullopt;
 }
 
-// ---- client to host ----
-
-void CProxyConnection::ReadClient()
+void CProxyConnection::TakeLinkNotices(unsigned notices)
 {
-    if (m_client != EClient::Open || m_toHost != EFlow::Open)
-        return;
-    // A stream in full flow waits for the next turn; the descriptor stays ready till then.
-    if (!HasTurnBudget())
-        return;
-    if (SpliceClientToHost())
-        return;
-    char buffer[CLIENT_READ_SIZE];
-    const ssize_t count = recv(m_clientSocket, buffer, sizeof(buffer), 0);
-    if (count < 0) {
-        if (!WouldBlock(errno))
-            Abort(); // a reset: nothing more can be said to this client
-        return;
-    }
-    if (count == 0) {
-        ClientEnded();
-        return;
-    }
-    SpendTurnBudget(static_cast<int>(count));
-    NoteActivity();
-    // Bytes that come after the link closed have nowhere to go; a closure reported while they
-    // came counts as before them.
-    if (m_notices.load() & NOTICE_LINK_CLOSED)
-        TakeNotices(m_notices.fetch_and(~static_cast<unsigned>(NOTICE_LINK_CLOSED)) & NOTICE_LINK_CLOSED);
-    if (m_linkState == ELink::Closed)
-        return;
-    const int length = static_cast<int>(count);
-    if (!m_protocol) {
-        m_protocol = m_server ? m_server->CreateProtocol(*this, buffer, length)
-                             : CConnectionProtocolFactory::GetInstance()->CreateProtocol(*this, buffer, length);
-        if (!m_protocol) {
-            BeginClosing();
-            return;
+    if ((notices & NOTICE_LINK_CONNECTED) && m_link.GetState() == CHostLink::EState::Connecting)
+        m_connector->EndAttempt(true);
+    if (notices & NOTICE_LINK_CLOSED) {
+        if (m_link.GetState() == CHostLink::EState::Connecting) {
+            m_connector->EndAttempt(false);
+        } else if (m_link.GetState() == CHostLink::EState::Open) {
+            m_link.MarkClosed(); // what the link still holds is delivered before the end is acted on
+            m_pump.NoteHostBytes();
         }
-        const std::string family = m_protocol->GetFamily();
-        // Until the handler says more (connect, udp, bind), the record names the protocol.
-        m_exchangeProtocol = family.empty() ? "-" : family;
-        if (family == "socks5")
-            GetStats().Add(CProxyStats::SOCKS5_TOTAL);
-        else if (family == "http")
-            GetStats().Add(CProxyStats::HTTP_TOTAL);
-        m_protocol->Init();
-        if (m_client != EClient::Open)
-            return;
     }
-    m_protocol->HandleRequest(buffer, length);
-    // A full read means a stream in full flow: while the handler relays unchanged, later bytes
-    // may skip user space altogether.
-    if (length == CLIENT_READ_SIZE && m_protocol->GetRequestRelayAllowance() > 0)
-        m_spliceClient = true;
+    if (notices & NOTICE_CONNECTOR)
+        m_connector->OnWake();
 }
 
-// Relay fast path for client bytes: the link takes them from the client socket itself. True
-// when that was done; false leaves the turn to the ordinary read.
-bool CProxyConnection::SpliceClientToHost()
+CProxyConnection::Next CProxyConnection::ServeClient()
 {
-    const unsigned long long allowance = m_protocol ? m_protocol->GetRequestRelayAllowance() : 0;
-    if (!m_spliceClient || m_linkState != ELink::Open || allowance == 0)
-        return false;
-    const QOX::CRefCountPtr<IZRTDataLayer> link = CurrentLink();
-    if (!link)
-        return false;
-    const int taken = link->SendFrom(m_clientSocket, static_cast<int>(std::min<unsigned long long>(CLIENT_SPLICE_SIZE, allowance)));
-    if (taken > 0) {
-        CountClientBytes(static_cast<uint64_t>(taken));
-        SpendTurnBudget(taken);
-        NoteActivity();
-        m_protocol->OnRequestRelayed(static_cast<unsigned long long>(taken));
-    }
-    if (taken > 0 || taken == IZRTDataLayer::SEND_NOTHING_NOW)
-        return true;
-    if (taken == IZRTDataLayer::SEND_SOCKET_ENDED) {
-        ClientEnded();
-        return true;
-    }
-    if (taken == IZRTDataLayer::SEND_SOCKET_FAILED) {
-        Abort();
-        return true;
-    }
-    return false;
+    const uint32_t ready = m_watches.TakeReady(ERole::CLIENT);
+    const uint32_t asked = m_watches.GetEvents(ERole::CLIENT);
+    if ((asked & EPOLLOUT) && (ready & (EPOLLOUT | CLIENT_GONE)) && !FlushClient())
+        return Abandon();
+    if ((asked & EPOLLRDHUP) && (ready & EPOLLRDHUP))
+        m_limits.MarkClientFinished(); // its end waits to be read behind bytes the link cannot take yet
+    if ((asked & EPOLLIN) && (ready & (EPOLLIN | CLIENT_GONE)))
+        return ReadClient();
+    if (asked == 0 && (ready & CLIENT_GONE))
+        return Abandon(); // reset (or shut both ways) while nothing was to be read or written
+    return std::nullopt;
 }
 
-void CProxyConnection::ClientEnded()
+CProxyConnection::Next CProxyConnection::ReadClient()
+{
+    // A stream in full flow waits for the next turn; the descriptor stays ready till then.
+    if (m_toHost != EFlow::Open || !m_watches.HasTurnBudget())
+        return std::nullopt;
+    switch (m_pump.MoveClientBytes(m_protocol.get())) {
+    case CRelayPump::EMove::ClientEnded:
+        return ClientEnded();
+    case CRelayPump::EMove::ClientFailed:
+        return Abandon();
+    case CRelayPump::EMove::More:
+    case CRelayPump::EMove::Wait:
+    case CRelayPump::EMove::HostEnded:
+        break;
+    }
+    return std::nullopt;
+}
+
+CProxyConnection::Next CProxyConnection::ClientEnded()
 {
     // The handler decides: before a request is complete, or when the end cannot be passed on,
     // the client's end is the end of the exchange.
-    if (m_protocol && m_protocol->HandleClientEnd()) {
-        m_toHost = EFlow::Ended;
-        if (!m_clientFinishedAt)
-            m_clientFinishedAt = Clock::now();
-        return;
-    }
-    BeginClosing();
+    if (!m_protocol || !m_protocol->HandleClientEnd())
+        return EPhase::Drain;
+    m_toHost = EFlow::Ended;
+    m_limits.MarkClientFinished();
+    return std::nullopt;
 }
 
-// ---- host to client ----
-
-void CProxyConnection::PumpHost()
+CProxyConnection::Next CProxyConnection::ServeLink()
 {
-    if (!m_hostPending || !m_protocol || m_client != EClient::Open || m_toClient != EFlow::Open)
-        return;
-    if (m_linkState != ELink::Open && m_linkState != ELink::Closed) {
-        m_hostPending = false;
-        return;
+    const uint32_t ready = m_watches.TakeReady(ERole::LINK);
+    if (m_connector->GiveUpSlowAttempt())
+        return std::nullopt;
+    if (ready != 0 && (m_watches.GetEvents(ERole::LINK) & EPOLLOUT))
+        m_connector->CompleteConnect();
+    else if (ready != 0)
+        m_pump.NoteHostBytes();
+    return std::nullopt;
+}
+
+CProxyConnection::Next CProxyConnection::PumpHost()
+{
+    if (!m_pump.HasHostBytes() || !m_protocol || m_toClient != EFlow::Open)
+        return std::nullopt;
+    const CHostLink::EState state = m_link.GetState();
+    if (state != CHostLink::EState::Open && state != CHostLink::EState::Closed) {
+        m_pump.ForgetHostBytes();
+        return std::nullopt;
     }
     // A stream in full flow moves no more than the loop's turn budget allows: the loop serves
     // the other connections before it comes back.
-    for (int move = 0; move < HOST_READS_PER_TURN; ++move) {
-        if (!HasTurnBudget() || !MoveHostBytes())
+    for (int move = 0; move < HOST_READS_PER_TURN && IsConnectedToClient() && m_watches.HasTurnBudget(); ++move) {
+        if (m_client.GetBacklog() > CLIENT_OUTPUT_HIGH_WATER)
+            break; // the pump goes on once the client took some
+        const CRelayPump::EMove moved = m_pump.MoveHostBytes(*m_protocol);
+        if (moved == CRelayPump::EMove::HostEnded)
+            return HostEnded();
+        if (moved == CRelayPump::EMove::ClientFailed)
+            return Abandon();
+        if (moved != CRelayPump::EMove::More)
             break;
     }
     // Spliced bytes wait in the host socket, whose descriptor brings the next step (put off by
     // the loop while the turn's budget is spent); no step needs asking for.
-    if (m_bulk && m_spliceHost && m_readerFd >= 0)
-        m_hostPending = false;
+    if (m_watches.IsBulk() && m_pump.SplicesHost())
+        m_pump.ForgetHostBytes();
+    return std::nullopt;
 }
 
-bool CProxyConnection::MoveHostBytes()
+CProxyConnection::Next CProxyConnection::HostEnded()
 {
-    if (GetClientBacklog() > CLIENT_OUTPUT_HIGH_WATER)
-        return false; // m_hostPending stays: the pump goes on once the client took some
-    const QOX::CRefCountPtr<IZRTDataLayer> link = CurrentLink();
-    if (!link) {
-        m_hostPending = false;
-        return false;
-    }
-    const unsigned long long allowance = m_protocol->GetResponseRelayAllowance();
-    if (m_spliceHost && m_readerFd >= 0 && allowance > 0 && GetClientBacklog() == 0) {
-        const int moved =
-            link->ReceiveInto(m_clientSocket, static_cast<int>(std::min<unsigned long long>(HOST_SPLICE_SIZE, allowance)));
-        if (moved > 0) {
-            CountHostBytes(static_cast<uint64_t>(moved));
-            SpendTurnBudget(moved);
-            NoteActivity();
-            m_protocol->OnResponseRelayed(static_cast<unsigned long long>(moved));
-            return m_client == EClient::Open && m_toClient == EFlow::Open;
-        }
-        if (moved == IZRTDataLayer::RECEIVE_NOTHING_NOW) {
-            m_hostPending = false;
-            return false;
-        }
-        if (moved == IZRTDataLayer::RECEIVE_END) {
-            HostEnded();
-            return false;
-        }
-        if (moved == IZRTDataLayer::RECEIVE_SOCKET_FAILED) {
-            Abort();
-            return false;
-        }
-    }
-    const int count = link->ReceiveData(HostBuffer(), HOST_READ_SIZE);
-    if (count > 0) {
-        CountHostBytes(static_cast<uint64_t>(count));
-        SpendTurnBudget(count);
-        NoteActivity();
-        m_protocol->HandleResponse(reinterpret_cast<const char*>(HostBuffer()), count);
-        // A full read means a stream in full flow: once the handler relays unchanged, later
-        // bytes may skip user space altogether.
-        if (count == HOST_READ_SIZE && m_protocol->GetResponseRelayAllowance() > 0)
-            m_spliceHost = true;
-        return m_client == EClient::Open && m_toClient == EFlow::Open;
-    }
-    m_hostPending = false;
-    // -1 means the end only from a link that said so (half-close, or a reader attached).
-    const bool ended = count < 0 && (m_linkHalfCloses || m_readerFd >= 0);
-    if (ended || m_linkState == ELink::Closed)
-        HostEnded();
-    return false;
-}
-
-void CProxyConnection::HostEnded()
-{
-    if (m_toClient != EFlow::Open || m_client != EClient::Open)
-        return;
-    m_hostPending = false;
-    if (!m_protocol->HandleHostEnd()) {
-        BeginClosing();
-        return;
-    }
-    // The handler let go of the link (and may be opening another): the exchange goes on.
-    if (m_linkState == ELink::None || m_linkState == ELink::Connecting)
-        return;
-    // A link that closed takes no more client bytes either: the exchange is over.
-    if (m_linkState == ELink::Closed) {
-        BeginClosing();
-        return;
+    m_pump.ForgetHostBytes();
+    if (!m_protocol->HandleHostEnd())
+        return EPhase::Drain;
+    switch (m_link.GetState()) {
+    case CHostLink::EState::None: // the handler let go of the link (and may be opening another)
+    case CHostLink::EState::Connecting:
+        return std::nullopt;
+    case CHostLink::EState::Closed: // a link that closed takes no more client bytes either
+        return EPhase::Drain;
+    case CHostLink::EState::Open:
+        break;
     }
     m_toClient = EFlow::Ending;
+    return std::nullopt;
 }
 
-void CProxyConnection::CompleteConnect()
+CProxyConnection::Next CProxyConnection::ServeHandler()
 {
-    const QOX::CRefCountPtr<IZRTDataLayer> link = CurrentLink();
-    if (!link || m_linkState != ELink::Connecting)
-        return;
-    link->CompleteConnect();
-    if (!link->IsConnecting())
-        FinishConnect(link->IsConnected());
-}
-
-void CProxyConnection::FinishConnect(bool connected)
-{
-    if (connected) {
-        m_linkState = ELink::Open;
-        m_candidates.clear();
-        m_connectFailure = 0;
-    } else {
-        const QOX::CRefCountPtr<IZRTDataLayer> link = CurrentLink();
-        const int failure = link ? link->GetFailure() : 0;
-        m_connectFailure = Clock::now() >= m_attemptDeadline ? ETIMEDOUT : failure != 0 ? failure : ECONNREFUSED;
-        ReleaseLink();
-        m_linkState = ELink::None;
-        // The next address of the name, while time is left; the handler hears only the end.
-        if (!m_candidates.empty() && Clock::now() < m_connectDeadline && m_client == EClient::Open) {
-            const QOX::CRefCountPtr<IZRTConnectionAddress> next = m_candidates.front();
-            m_candidates.pop_front();
-            StartAttempt(next);
-            return;
-        }
-        m_candidates.clear();
+    if (m_watches.TakeReady(ERole::HANDLER) != 0 && m_protocol && IsConnectedToClient()) {
+        m_limits.NoteMoved(); // a datagram of an association
+        m_protocol->OnDescriptorReady();
     }
-    if (m_protocol && m_client == EClient::Open)
+    if (!m_handlerDeadline || Clock::now() < *m_handlerDeadline)
+        return std::nullopt;
+    m_handlerDeadline.reset();
+    if (m_protocol && IsConnectedToClient())
+        m_protocol->OnTimer();
+    return std::nullopt;
+}
+
+CProxyConnection::Next CProxyConnection::CheckLimits()
+{
+    const bool linkOpen = m_link.GetState() == CHostLink::EState::Open;
+    if (m_limits.Check(linkOpen, [this] { return m_link.GetUndeliveredBytes(); }) ==
+        CConnectionLimits::EVerdict::Within)
+        return std::nullopt;
+    m_record.SetTimedOut();
+    return Abandon();
+}
+
+CProxyConnection::Next CProxyConnection::AdvanceEnds()
+{
+    const bool linkClosed = m_link.GetState() == CHostLink::EState::Closed;
+    if (m_toClient == EFlow::Ending && m_client.GetBacklog() == 0) {
+        // Everything the host sent is with the client: pass its end on (the close does that
+        // when the client has finished too).
+        if (m_toHost != EFlow::Ended && !linkClosed)
+            m_client.ShutdownSend();
+        m_toClient = EFlow::Ended;
+    }
+    if (m_toClient == EFlow::Ended && (m_toHost == EFlow::Ended || linkClosed))
+        return EPhase::Drain;
+    return std::nullopt;
+}
+
+bool CProxyConnection::FlushClient()
+{
+    const CClientEnd::EFlush flushed = m_client.Flush();
+    if (flushed == CClientEnd::EFlush::Failed)
+        return false;
+    if (flushed != CClientEnd::EFlush::Unchanged) {
+        m_limits.NoteMoved();
+        m_limits.NoteDrainProgress();
+    }
+    if (flushed == CClientEnd::EFlush::Drained && m_protocol && IsConnectedToClient())
+        m_protocol->OnClientDrained();
+    return true;
+}
+
+// ---- what the next step waits for ----
+
+void CProxyConnection::ApplyPlan()
+{
+    m_watches.Watch(ERole::CLIENT, m_client.GetSocket(), ClientInterest());
+    const int reader = m_link.GetReaderFd();
+    const bool connecting = m_link.GetState() == CHostLink::EState::Connecting;
+    // A link that connects with a reader attached finishes when its descriptor turns writable.
+    const bool readHost = RoomForHostBytes() && m_link.GetState() == CHostLink::EState::Open;
+    m_watches.Watch(ERole::LINK, readHost || connecting ? reader : -1, connecting ? EPOLLOUT : EPOLLIN);
+    const bool serving = m_phase == EPhase::Serve && m_protocol;
+    m_watches.Watch(ERole::HANDLER, serving ? m_protocol->GetWatchedDescriptor() : -1, EPOLLIN);
+    m_watches.SetBulk(m_pump.IsSplicing());
+    const int timeout = NextWakeUp();
+    if (timeout == 0) {
+        PostStep();
+        return;
+    }
+    const QOX::CRefCountPtr<CProxyConnection> self(this);
+    m_watches.WakeUpIn(timeout, [self] {
+        self->m_watches.OnWokenUp();
+        self->Step();
+    });
+}
+
+uint32_t CProxyConnection::ClientInterest() const
+{
+    uint32_t events = m_client.GetBacklog() > 0 ? static_cast<uint32_t>(EPOLLOUT) : 0u;
+    if (MayReadClient())
+        events |= EPOLLIN;
+    else if (m_phase == EPhase::Serve && m_toHost == EFlow::Open && !m_limits.HasClientFinished())
+        events |= EPOLLRDHUP; // the client's end, while its bytes wait for the link
+    return events;
+}
+
+bool CProxyConnection::MayReadClient() const
+{
+    const EPhase phase = m_phase;
+    if ((phase != EPhase::AwaitFirstBytes && phase != EPhase::Serve) || m_toHost != EFlow::Open)
+        return false;
+    if (!m_protocol)
+        return true;
+    const unsigned long long backlog =
+        static_cast<unsigned long long>(m_protocol->GetRequestBacklog()) + m_link.GetSendBacklog();
+    return backlog <= REQUEST_BACKLOG_LIMIT;
+}
+
+bool CProxyConnection::RoomForHostBytes() const
+{
+    return m_phase == EPhase::Serve && m_protocol && m_toClient == EFlow::Open &&
+           m_client.GetBacklog() <= CLIENT_OUTPUT_HIGH_WATER;
+}
+
+int CProxyConnection::NextWakeUp() const
+{
+    const CHostLink::EState state = m_link.GetState();
+    const bool linkHeld = state == CHostLink::EState::Open || state == CHostLink::EState::Closed;
+    if (m_notices.load() != 0 || (RoomForHostBytes() && m_pump.HasHostBytes() && linkHeld))
+        return 0;
+    std::optional<Clock::time_point> due;
+    if (m_phase == EPhase::Drain)
+        due = m_limits.DrainDeadline();
+    else
+        due = Earliest(m_limits.Next(state == CHostLink::EState::Open), m_handlerDeadline);
+    due = Earliest(due, m_connector->GetAttemptDeadline());
+    return due ? MillisecondsUntil(*due) : -1;
+}
+
+// ---- the host link ----
+
+void CProxyConnection::OnLinkLeaving()
+{
+    m_watches.Unwatch(ERole::LINK);
+    // What the link reported must not be taken for news of the next link.
+    m_notices.fetch_and(~LINK_NOTICES);
+    m_pump.OnLinkGone();
+}
+
+void CProxyConnection::TellConnected(bool connected)
+{
+    if (m_protocol && IsConnectedToClient())
         m_protocol->OnHostConnected(connected);
 }
 
-void CProxyConnection::TakeHelperLink()
+bool CProxyConnection::BeginConnectToHost(QOX::CRefCountPtr<IZRTConnectionAddress> destination)
 {
-    QOX::CRefCountPtr<IZRTDataLayer> link;
-    uint64_t attempt = 0;
-    {
-        std::lock_guard<std::mutex> hold(m_endMutex);
-        link = std::move(m_helperLink);
-        m_helperLink.Reset();
-        attempt = m_helperAttempt;
-    }
-    // An attempt given up meanwhile (its time ran out, the next address is being tried) is not
-    // the one waited for.
-    if (attempt != m_attempt || m_linkState != ELink::Connecting || CurrentLink()) {
-        if (link)
-            link->Disconnect();
-        return;
-    }
-    m_linkState = ELink::None; // AdoptNewLink sets what it is
-    AdoptNewLink(link);
+    // A name may list the proxy among its addresses (that one would loop back in), or addresses
+    // the destination rules refuse.
+    return m_connector->Begin(destination, GetSettings().connectTimeoutMs, [this](const IZRTConnectionAddress& address) {
+        return !GetAddressManager().IsProxyItself(address) && IsDestinationAllowed(address);
+    });
 }
 
-void CProxyConnection::OnHelperConnected(const QOX::CRefCountPtr<IZRTDataLayer>& link, uint64_t attempt)
+bool CProxyConnection::AdoptHostLink(QOX::CRefCountPtr<IZRTDataLayer> link)
 {
-    QOX::CRefCountPtr<IZRTDataLayer> unwanted;
-    {
-        std::lock_guard<std::mutex> hold(m_endMutex);
-        if (m_run == ERun::Finished) {
-            unwanted = link;
-        } else {
-            unwanted = std::move(m_helperLink); // an older attempt's, never taken
-            m_helperLink = link;
-            m_helperAttempt = attempt;
-        }
-    }
-    if (unwanted)
-        unwanted->Disconnect();
-    if (!unwanted || unwanted.Get() != link.Get())
-        Notify(NOTICE_CONNECTED_LINK);
-}
-
-// ---- ends ----
-
-void CProxyConnection::AdvanceEnds()
-{
-    if (m_client == EClient::Open && m_toClient == EFlow::Ending && GetClientBacklog() == 0) {
-        // Everything the host sent is with the client: pass its end on (the close does that
-        // when the client has finished too).
-        if (m_toHost != EFlow::Ended && m_linkState != ELink::Closed)
-            shutdown(m_clientSocket, SHUT_WR);
-        m_toClient = EFlow::Ended;
-    }
-    if (m_client == EClient::Open && m_toClient == EFlow::Ended &&
-        (m_toHost == EFlow::Ended || m_linkState == ELink::Closed))
-        BeginClosing();
-    if (m_client == EClient::Closing && GetClientBacklog() == 0)
-        m_client = EClient::Closed;
-}
-
-void CProxyConnection::BeginClosing()
-{
-    if (m_client != EClient::Open)
-        return;
-    m_client = EClient::Closing;
-    TerminateHandler();
-    ReleaseLink();
-}
-
-void CProxyConnection::Abort()
-{
-    {
-        std::lock_guard<std::mutex> hold(m_mutex);
-        m_clientOutput.clear();
-        m_clientOutputSize = 0;
-    }
-    BeginClosing();
-    m_client = EClient::Closed;
-}
-
-void CProxyConnection::TerminateHandler()
-{
-    m_handlerDeadline.reset();
-    if (!m_protocol || m_handlerTerminated)
-        return;
-    Watch(HANDLER, -1, 0); // before the handler closes its descriptor
-    m_handlerTerminated = true;
-    m_protocol->Terminate();
-}
-
-void CProxyConnection::CloseClientSocket()
-{
-    std::lock_guard<std::mutex> hold(m_mutex);
-    m_clientOutput.clear();
-    m_clientOutputSize = 0;
-    if (m_clientSocket < 0)
-        return;
-    // Unread input would make the close a reset; a client that finished sending left none.
-    if (m_toHost != EFlow::Ended)
-        DiscardPendingInput(m_clientSocket);
-    CSocketUtils::CloseSocket(m_clientSocket);
-    m_clientSocket = -1;
-}
-
-void CProxyConnection::ReleaseLink()
-{
-    const QOX::CRefCountPtr<IZRTDataLayer> link = DetachLink();
-    if (m_linkState != ELink::None)
-        m_linkState = ELink::Closed;
-    if (!link)
-        return;
-    // What the client sent is still written to the host, within the link's bound, unless the
-    // host stopped taking it for longer than the linger time.
-    if (m_abortLink)
-        link->Abort();
-    else
-        link->Disconnect();
-}
-
-QOX::CRefCountPtr<IZRTDataLayer> CProxyConnection::DetachLink()
-{
-    QOX::CRefCountPtr<IZRTDataLayer> link;
-    {
-        std::lock_guard<std::mutex> hold(m_mutex);
-        link = std::move(m_link);
-        m_link.Reset();
-    }
-    if (!link)
-        return link;
-    // Out of the loop before the link may close its descriptor.
-    Watch(LINK, -1, 0);
-    // After RemoveNotification no callback of the link reaches us, so nothing outlives the
-    // connection; what it reported before must not be taken for news of the next link (another
-    // address, the next request's origin).
-    link->RemoveNotification(this);
-    m_notices.fetch_and(~static_cast<unsigned>(NOTICE_LINK_CONNECTED | NOTICE_LINK_CLOSED | NOTICE_HOST_DATA));
-    if (m_readerFd >= 0)
-        link->DetachReader();
-    m_readerFd = -1;
-    m_hostPending = false;
-    m_spliceHost = false;
-    m_spliceClient = false;
-    return link;
+    const CHostLink::EState state = m_link.GetState();
+    if (!link || state == CHostLink::EState::Connecting || state == CHostLink::EState::Open)
+        return false;
+    m_link.Drop();
+    return m_link.Install(link, CHostLink::EState::Open);
 }
 
 QOX::CRefCountPtr<IZRTDataLayer> CProxyConnection::ReleaseHostLink()
 {
     // A link that closed is handed over too: the caller closes it and may open another.
-    if (m_linkState != ELink::Open && m_linkState != ELink::Closed)
+    const CHostLink::EState state = m_link.GetState();
+    if (state != CHostLink::EState::Open && state != CHostLink::EState::Closed)
         return {};
-    QOX::CRefCountPtr<IZRTDataLayer> link = DetachLink();
-    m_linkState = ELink::None;
-    return link;
+    return m_link.Release();
 }
 
-COriginPool& CProxyConnection::GetOriginPool()
+bool CProxyConnection::SendToHost(const char* data, int length)
 {
-    static COriginPool unowned; // a connection without a server keeps nothing for later
-    return m_server ? m_server->GetOriginPool() : unowned;
-}
-
-// ---- the client's output queue ----
-
-void CProxyConnection::FlushClientOutput()
-{
-    unsigned int before = 0;
-    unsigned int after = 0;
-    bool failed = false;
-    {
-        std::lock_guard<std::mutex> hold(m_mutex);
-        before = m_clientOutputSize;
-        failed = !WriteQueuedLocked();
-        after = m_clientOutputSize;
-    }
-    if (failed) {
-        Abort();
-        return;
-    }
-    if (after != before)
-        NoteActivity();
-    const bool crossedLow = before >= CLIENT_OUTPUT_LOW_WATER && after < CLIENT_OUTPUT_LOW_WATER;
-    if ((crossedLow || (before > 0 && after == 0)) && m_protocol && m_client == EClient::Open)
-        m_protocol->OnClientDrained();
-}
-
-bool CProxyConnection::WriteQueuedLocked()
-{
-    if (m_clientSocket < 0)
-        return true;
-    while (!m_clientOutput.empty()) {
-        CByteBuffer& front = *m_clientOutput.front();
-        const int length = static_cast<int>(front.GetUnread());
-        const int sent = SendSome(m_clientSocket, reinterpret_cast<const char*>(front.GetData() + front.GetOffset()),
-                                  length);
-        if (sent < 0)
-            return false;
-        m_clientOutputSize -= static_cast<unsigned int>(sent);
-        if (sent < length) {
-            front.SetOffset(front.GetOffset() + static_cast<unsigned int>(sent));
-            return true;
-        }
-        CByteBufferList::ReclaimBuffer(m_clientOutput.front());
-        m_clientOutput.pop_front();
-    }
+    if (!m_link.Send(data, length))
+        return false;
+    // What reaches the host, as the handler passed it on (negotiation bytes are not counted).
+    if (length > 0)
+        m_record.CountToHost(static_cast<uint64_t>(length));
     return true;
 }
 
-void CProxyConnection::QueueOutputLocked(const char* data, int length)
+// ---- what the pump asks ----
+
+IConnectionProtocol* CProxyConnection::HandlerFor(const char* data, int length)
 {
-    int offset = 0;
-    while (offset < length) {
-        const int chunk = std::min(length - offset, static_cast<int>(CByteBufferList::POOLED_BUFFER_SIZE));
-        m_clientOutput.push_back(CByteBufferList::GetBuffer(reinterpret_cast<const unsigned char*>(data + offset),
-                                                            static_cast<unsigned int>(chunk)));
-        m_clientOutputSize += static_cast<unsigned int>(chunk);
-        offset += chunk;
+    if (m_protocol)
+        return m_protocol.get();
+    m_protocol.reset(m_server.CreateProtocol(*this, data, length));
+    if (!m_protocol) {
+        RequestStep(NOTICE_DISCONNECT); // nothing this proxy speaks
+        return nullptr;
     }
+    m_record.SetFamily(m_protocol->GetFamily());
+    m_protocol->Init();
+    return IsConnectedToClient() ? m_protocol.get() : nullptr;
+}
+
+void CProxyConnection::OnMoved(int bytes)
+{
+    m_watches.SpendTurnBudget(bytes);
+    m_limits.NoteMoved();
+}
+
+void CProxyConnection::OnRelayed(bool toHost, int bytes)
+{
+    if (toHost)
+        m_record.CountToHost(static_cast<uint64_t>(bytes));
+    else
+        m_record.CountToClient(static_cast<uint64_t>(bytes));
+    OnMoved(bytes);
+}
+
+bool CProxyConnection::LinkTakesClientBytes()
+{
+    // A closure reported while the bytes came counts as before them: they have nowhere to go.
+    if (m_notices.load() & NOTICE_LINK_CLOSED)
+        TakeLinkNotices(m_notices.fetch_and(~static_cast<unsigned>(NOTICE_LINK_CLOSED)) & NOTICE_LINK_CLOSED);
+    return m_link.GetState() != CHostLink::EState::Closed;
 }
 
 // ---- operations for the handler and the server ----
 
 void CProxyConnection::Terminate()
 {
-    Notify(NOTICE_STOP);
-    if (!OnLoopThread()) {
-        // A connection that never started has nothing to wait for.
-        std::unique_lock<std::mutex> hold(m_endMutex);
-        m_ended.wait(hold, [this] { return m_run != ERun::Running; });
-    }
-    std::lock_guard<std::mutex> hold(m_mutex);
-    m_proxy = nullptr;
+    RequestStep(NOTICE_STOP);
+    if (OnLoopThread())
+        return;
+    std::unique_lock<std::mutex> hold(m_endMutex);
+    m_ended.wait(hold, [this] { return m_phase == EPhase::NotStarted || m_phase == EPhase::Finished; });
 }
 
 bool CProxyConnection::IsRunning() const
 {
-    std::lock_guard<std::mutex> hold(m_endMutex);
-    return m_run == ERun::Running;
+    const EPhase phase = m_phase;
+    return phase != EPhase::NotStarted && phase != EPhase::Finished;
 }
 
 bool CProxyConnection::IsConnectedToClient() const
 {
-    return m_client == EClient::Open && !m_disconnectRequested;
-}
-
-bool CProxyConnection::IsConnectedToHost() const
-{
-    return m_linkState == ELink::Open;
-}
-
-void CProxyConnection::DisconnectClient()
-{
-    if (OnLoopThread() && m_inStep) {
-        BeginClosing();
-        return;
-    }
-    if (m_disconnectRequested.exchange(true))
-        return;
-    Notify(NOTICE_DISCONNECT);
+    const EPhase phase = m_phase;
+    if (phase != EPhase::AwaitFirstBytes && phase != EPhase::Serve)
+        return false;
+    return (m_notices.load() & ENDING_NOTICES) == 0;
 }
 
 bool CProxyConnection::SendToClient(const char* data, int length)
 {
-    bool failed = false;
-    {
-        std::lock_guard<std::mutex> hold(m_mutex);
-        if (!IsConnectedToClient() || m_toClient == EFlow::Ended || m_clientSocket < 0)
-            return false;
-        if (!data || length <= 0)
-            return true;
-        int sent = 0;
-        if (m_clientOutput.empty()) {
-            sent = SendSome(m_clientSocket, data, length);
-            failed = sent < 0;
-        }
-        if (!failed && sent < length)
-            QueueOutputLocked(data + sent, length - sent);
-    }
-    if (failed) {
-        // The client is gone; the thread ends everything at its next turn.
-        m_disconnectRequested = true;
-        Notify(NOTICE_CLIENT_FAILED);
+    if (!IsConnectedToClient() || m_toClient == EFlow::Ended)
         return false;
-    }
-    if (!(OnLoopThread() && m_inStep))
-        Schedule(); // the queue's rest is written when the socket takes it
-    return true;
-}
-
-unsigned int CProxyConnection::GetClientBacklog() const
-{
-    std::lock_guard<std::mutex> hold(m_mutex);
-    return m_clientOutputSize;
-}
-
-void CProxyConnection::Notify(unsigned notice)
-{
-    m_notices |= notice;
-    // Inside a step the plan sees the notice and steps again; otherwise the loop is asked.
-    if (!(OnLoopThread() && m_inStep))
-        Schedule();
-}
-
-void CProxyConnection::WakeConnection()
-{
-    if (!(OnLoopThread() && m_inStep))
-        Schedule();
-}
-
-void CProxyConnection::WakeHandler()
-{
-    Notify(NOTICE_HANDLER);
+    if (!data || length <= 0)
+        return true;
+    if (m_client.Send(data, length))
+        return true;
+    RequestStep(NOTICE_CLIENT_FAILED); // the client is gone: everything ends in this step
+    return false;
 }
 
 void CProxyConnection::SetHandlerTimer(int milliseconds)
@@ -1164,274 +647,41 @@ void CProxyConnection::SetHandlerTimer(int milliseconds)
         m_handlerDeadline = Clock::now() + std::chrono::milliseconds(milliseconds);
 }
 
-void CProxyConnection::RunHandlerTimer()
-{
-    if (!m_handlerDeadline || Clock::now() < *m_handlerDeadline)
-        return;
-    m_handlerDeadline.reset();
-    if (m_protocol && m_client == EClient::Open)
-        m_protocol->OnTimer();
-}
-
-CAddressManager& CProxyConnection::GetAddressManager()
-{
-    return m_server ? m_server->GetAddressManager() : *CAddressManager::GetInstance();
-}
-
-CLoginGuard& CProxyConnection::GetLoginGuard()
-{
-    static CLoginGuard unowned; // a connection without a server shares one with its kind
-    return m_server ? m_server->GetLoginGuard() : unowned;
-}
-
-const SProxySettings& CProxyConnection::GetSettings() const
-{
-    return *m_settings;
-}
-
 bool CProxyConnection::IsDestinationAllowed(const IZRTConnectionAddress& destination)
 {
     sockaddr_storage storage{};
     int length = sizeof(storage);
     if (!destination.GetSockAddr(reinterpret_cast<sockaddr*>(&storage), &length))
         return false;
-    return m_policy->Allows(storage, GetAddressManager(), m_server && m_server->ListensBeyondLoopback());
+    return m_policy->Allows(storage, GetAddressManager(), m_server.ListensBeyondLoopback());
 }
 
-void CProxyConnection::MarkRequestComplete()
+CProxyStats& CProxyConnection::GetStats()
 {
-    if (m_requestComplete)
-        return;
-    m_requestComplete = true;
-    m_lastActivity = Clock::now();
+    return m_server.GetStats();
 }
 
-void CProxyConnection::SetUser(const std::string& user)
+COriginPool& CProxyConnection::GetOriginPool()
 {
-    m_user = user.empty() ? "-" : user;
+    return m_server.GetOriginPool();
 }
 
-bool CProxyConnection::NextLimit(Clock::time_point& deadline) const
+CAddressManager& CProxyConnection::GetAddressManager()
 {
-    const SProxySettings& settings = *m_settings;
-    bool any = false;
-    if (!m_requestComplete && settings.handshakeTimeoutMs > 0) {
-        deadline = m_startTime + std::chrono::milliseconds(settings.handshakeTimeoutMs);
-        any = true;
-    }
-    if (m_requestComplete && settings.idleTimeoutMs > 0) {
-        deadline = m_lastActivity + std::chrono::milliseconds(settings.idleTimeoutMs);
-        any = true;
-    }
-    const std::optional<Clock::time_point> linger = LingerDeadline();
-    if (linger && (!any || *linger < deadline)) {
-        deadline = *linger;
-        any = true;
-    }
-    return any;
+    return m_server.GetAddressManager();
 }
 
-std::optional<CProxyConnection::Clock::time_point> CProxyConnection::LingerDeadline() const
+CLoginGuard& CProxyConnection::GetLoginGuard()
 {
-    // Counted from the client's end or the last byte moved (either way), whichever is later: a
-    // destination that still moves bytes is not stuck.
-    if (!m_clientFinishedAt || m_lingerSettled || m_settings->lingerTimeoutMs <= 0 || m_linkState != ELink::Open)
-        return std::nullopt;
-    return std::max(*m_clientFinishedAt, m_lastActivity) + std::chrono::milliseconds(m_settings->lingerTimeoutMs);
+    return m_server.GetLoginGuard();
 }
 
-void CProxyConnection::EnforceLimits()
-{
-    if (m_moved && ((m_requestComplete && m_settings->idleTimeoutMs > 0) || m_clientFinishedAt))
-        m_lastActivity = Clock::now();
-    m_moved = false;
-    if (m_client != EClient::Open)
-        return;
-    const Clock::time_point now = Clock::now();
-    const std::optional<Clock::time_point> linger = LingerDeadline();
-    if (linger && now >= *linger) {
-        const QOX::CRefCountPtr<IZRTDataLayer> link = CurrentLink();
-        if (link && link->GetUndeliveredBytes() > 0) {
-            // The client's last bytes are given up: the destination gets a reset, not a FIN
-            // after a part of them.
-            m_abortLink = true;
-            TimeOut();
-            return;
-        }
-        // The destination took everything: how long it takes to answer is its own business.
-        m_lingerSettled = true;
-    }
-    Clock::time_point deadline;
-    if (NextLimit(deadline) && now >= deadline)
-        TimeOut();
-}
-
-void CProxyConnection::TimeOut()
-{
-    // A served tunnel that fell silent ends as a time-out too, whatever was judged before.
-    m_outcomeSet = false;
-    SetOutcome(EOutcome::Timeout);
-    Abort();
-}
-
-// ---- host link ----
-
-QOX::CRefCountPtr<IZRTDataLayer> CProxyConnection::CurrentLink() const
-{
-    std::lock_guard<std::mutex> hold(m_mutex);
-    return m_link;
-}
-
-unsigned char* CProxyConnection::HostBuffer()
-{
-    if (!m_hostBuffer)
-        m_hostBuffer.reset(new unsigned char[HOST_READ_SIZE]);
-    return m_hostBuffer.get();
-}
-
-bool CProxyConnection::InstallLink(const QOX::CRefCountPtr<IZRTDataLayer>& link, ELink state)
-{
-    {
-        std::lock_guard<std::mutex> hold(m_mutex);
-        if (m_link)
-            return false;
-        m_link = link;
-    }
-    m_linkState = state;
-    // Before registering, so the link never starts reading ahead on its own thread.
-    m_readerFd = link->AttachReader();
-    link->AddNotification(this);
-    m_linkHalfCloses = link->EnableHalfClose();
-    m_hostPending = true;
-    m_spliceHost = false;
-    m_spliceClient = false;
-    return true;
-}
-
-bool CProxyConnection::ConnectToHost(QOX::CRefCountPtr<IZRTConnectionAddress> destination)
-{
-    if (!destination || !m_multiPointLayer || m_linkState == ELink::Connecting || m_linkState == ELink::Open)
-        return false;
-    QOX::CRefCountPtr<IZRTDataLayer> link = m_multiPointLayer->Connect(*destination, m_clientAddress);
-    if (!link)
-        return false;
-    if (!InstallLink(link, ELink::Open)) {
-        link->Disconnect();
-        return false;
-    }
-    return true;
-}
-
-bool CProxyConnection::BeginConnectToHost(QOX::CRefCountPtr<IZRTConnectionAddress> destination)
-{
-    if (!destination || !m_multiPointLayer || m_linkState == ELink::Connecting || m_linkState == ELink::Open)
-        return false;
-    m_connectDeadline = Clock::now() + std::chrono::milliseconds(GetSettings().connectTimeoutMs);
-    m_candidates = OtherAddresses(*destination);
-    StartAttempt(destination);
-    return true;
-}
-
-void CProxyConnection::StartAttempt(const QOX::CRefCountPtr<IZRTConnectionAddress>& address)
-{
-    const Clock::time_point now = Clock::now();
-    m_attemptDeadline = now + (m_connectDeadline - now) / static_cast<int>(1 + m_candidates.size());
-    if (!m_multiPointLayer->ConnectsWithoutBlocking()) {
-        // The loop must not wait for this host: a helper thread asks, the answer comes back as
-        // a notice. Meanwhile the link counts as connecting, within the same time limit.
-        m_linkState = ELink::Connecting;
-        if (!CConnectCall::Launch(*this, address, ++m_attempt))
-            m_connectOutcome = false;
-        return;
-    }
-    AdoptNewLink(m_multiPointLayer->BeginConnect(*address, m_clientAddress));
-}
-
-void CProxyConnection::AdoptNewLink(const QOX::CRefCountPtr<IZRTDataLayer>& link)
-{
-    if (!link) {
-        m_connectOutcome = false; // reported (or the next address tried) next turn
-        return;
-    }
-    const bool connecting = link->IsConnecting();
-    if (!InstallLink(link, connecting ? ELink::Connecting : ELink::Open)) {
-        link->Disconnect();
-        m_connectOutcome = false;
-        return;
-    }
-    // A link that came open (a host without non-blocking connects) is reported next turn.
-    if (!connecting)
-        m_connectOutcome = true;
-}
-
-std::deque<QOX::CRefCountPtr<IZRTConnectionAddress>> CProxyConnection::OtherAddresses(
-    const IZRTConnectionAddress& destination)
-{
-    std::deque<QOX::CRefCountPtr<IZRTConnectionAddress>> others;
-    const auto* tcp = dynamic_cast<const CTCPIPAddress*>(&destination);
-    if (!tcp)
-        return others;
-    for (const sockaddr_storage& alternative : tcp->GetAlternatives()) {
-        auto* address = new CTCPIPAddress();
-        QOX::CRefCountPtr<IZRTConnectionAddress> held(address);
-        const socklen_t length = alternative.ss_family == AF_INET6 ? sizeof(sockaddr_in6) : sizeof(sockaddr_in);
-        // A name may list the proxy among its addresses (that one would loop back in), or
-        // addresses the destination rules refuse.
-        if (address->SetAddress(reinterpret_cast<const sockaddr&>(alternative), length) &&
-            !GetAddressManager().IsProxyItself(*address) && IsDestinationAllowed(*address))
-            others.push_back(held);
-    }
-    return others;
-}
-
-bool CProxyConnection::AdoptHostLink(QOX::CRefCountPtr<IZRTDataLayer> link)
-{
-    if (!link || m_linkState == ELink::Connecting || m_linkState == ELink::Open)
-        return false;
-    return InstallLink(link, ELink::Open);
-}
-
-bool CProxyConnection::EndHostOutput()
-{
-    const QOX::CRefCountPtr<IZRTDataLayer> link = CurrentLink();
-    return link && m_linkState == ELink::Open && link->ShutdownSend();
-}
-
-bool CProxyConnection::SendToHost(const char* data, int length)
-{
-    const QOX::CRefCountPtr<IZRTDataLayer> link = CurrentLink();
-    if (!link || m_linkState != ELink::Open)
-        return false;
-    link->SendData(reinterpret_cast<const unsigned char*>(data), length);
-    // What reaches the host, as the handler passed it on (negotiation bytes are not counted).
-    if (length > 0)
-        CountClientBytes(static_cast<uint64_t>(length));
-    return true;
-}
-
-void CProxyConnection::OnDataReceived(IZRTDataLayer& /*dataLayer*/)
-{
-    Notify(NOTICE_HOST_DATA);
-}
+// ---- the link's reports, from any thread ----
 
 void CProxyConnection::OnConnectionClosed(IZRTDataLayer& dataLayer)
 {
-    {
-        std::lock_guard<std::mutex> hold(m_mutex);
-        if (m_link.Get() != &dataLayer)
-            return; // a stale report
-    }
-    Notify(NOTICE_LINK_CLOSED);
-}
-
-void CProxyConnection::OnSendDrained(IZRTDataLayer& /*dataLayer*/)
-{
-    WakeConnection();
-}
-
-void CProxyConnection::OnLinkConnected(IZRTDataLayer& /*dataLayer*/)
-{
-    Notify(NOTICE_LINK_CONNECTED);
+    if (m_link.IsCurrent(dataLayer)) // not a stale report of an earlier link
+        RequestStep(NOTICE_LINK_CLOSED);
 }
 
 } // namespace Proxy

@@ -284,7 +284,7 @@ void CProxyServer::Serve(int client, const sockaddr_storage& peer, CEventLoop& l
     if (!Admit(client, peer, *active))
         return;
     QOX::CRefCountPtr<CProxyConnection> connection(
-        new CProxyConnection(this, std::shared_ptr<const SProxySettings>(active, &active->settings),
+        new CProxyConnection(*this, std::shared_ptr<const SProxySettings>(active, &active->settings),
                              std::shared_ptr<const CDestinationPolicy>(active, &active->destinations)));
     // Registered in the set (by its constructor) before this look: a stop that began before is
     // seen here, one that begins after terminates it.

@@ -45,9 +45,10 @@ class CProxyConnection;
 // allows, so that the kernel wakes one of them per client); the thread that accepts a client
 // serves it for its whole life. No thread is started and none handed a client per connection.
 //
-// Threads: StartProxy, StopProxy, SetListenBacklog, SetObserver, SetThreadPool and
-// GetStartError on the controlling thread; GetListenPort, GetListenCount, GetSettings,
-// SetSettings and GetStats on any thread; the rest on the event threads.
+// Threads: StartProxy, StopProxy (and CloseProxyConnections inside it), SetListenBacklog,
+// SetObserver, SetThreadPool, SetProtocolCreator and GetStartError on the controlling thread;
+// GetListenPort, GetListenCount, GetConnectionCount, GetSettings, SetSettings and GetStats on any
+// thread; the rest (the connections' calls) on the event threads.
 //
 // The set of live connections holds plain pointers and no references. A connection removes
 // itself from the set on its own thread before that thread drops its reference, and the set is
@@ -140,7 +141,6 @@ public:
     void SetThreadPool(QOX::CThreadPool* pool) { m_pool = pool; }
     QOX::CThreadPool* GetThreadPool() const { return m_pool; }
 
-
     void CloseProxyConnections();
     void OnConnectionCreated(CProxyConnection* connection);
     void OnConnectionDestroyed(CProxyConnection* connection);
@@ -188,9 +188,8 @@ private:
     void WatchListenerLocked(size_t listener);
     bool IsStopping() const;
 
-    // Guards m_connections, m_creator, m_stopping and m_listeners' registrations. Taken inside a
-    // connection's mutex (a connection leaving the set), never the other way round; a loop's
-    // mutex is taken inside it (registering with a loop).
+    // Guards m_connections, m_creator, m_stopping and m_listeners' registrations; a loop's mutex
+    // is taken inside it (registering with a loop).
     mutable std::mutex m_mutex;
     bool m_stopping = false;
     std::unique_ptr<CEventLoopPool> m_loops;

@@ -17,13 +17,13 @@ public:
     // A chunk from the host link, in order; only after the link opened.
     virtual void HandleResponse(const char* data, int length) = 0;
 
-    // Added for flow control. Client bytes the handler holds that have not yet been handed to
+    // Client bytes the handler holds that have not yet been handed to
     // the host: while this is over the connection's bound, the connection stops reading the
     // client.
     virtual unsigned int GetRequestBacklog() const { return 0; }
     // The connection's queue towards the client fell under its low-water mark.
     virtual void OnClientDrained() {}
-    // Added for the relay fast path: true once every later host byte is to reach the client
+    // True once every later host byte is to reach the client
     // unchanged, as HandleResponse would pass it on; the connection may then move host bytes to
     // the client without the handler. Once true it stays true.
     virtual bool PassesResponsesThrough() const { return false; }
@@ -41,7 +41,7 @@ public:
     virtual unsigned long long GetRequestRelayAllowance() const { return PassesRequestsThrough() ? RELAY_ALL : 0; }
     virtual void OnRequestRelayed(unsigned long long /*count*/) {}
 
-    // Added for half-close. The client finished sending. True when the exchange goes on without
+    // The client finished sending. True when the exchange goes on without
     // it: the handler passed the end on (IProxyConnection::EndHostOutput), or will once the host
     // link it is opening is up. False ends the connection once what is queued for the client was
     // written.
@@ -51,7 +51,7 @@ public:
     // false ends the connection once what is queued for the client was written.
     virtual bool HandleHostEnd() { return false; }
 
-    // Added for steps that wait: the outcome of IProxyConnection::BeginConnectToHost.
+    // The outcome of IProxyConnection::BeginConnectToHost.
     virtual void OnHostConnected(bool /*connected*/) {}
     // Something the handler's helpers finished on another thread is ready (WakeHandler).
     virtual void Resume() {}

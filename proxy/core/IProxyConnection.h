@@ -18,9 +18,9 @@ class COriginPool;
 class CProxyStats;
 struct SProxySettings;
 
-// What a protocol handler may ask of the client connection that owns it. Any thread may call it;
-// the connection guards its own state. The handler itself is only ever called on the
-// connection's thread.
+// What a protocol handler may ask of the client connection that owns it. The handler is only
+// ever called on the connection's thread, and calls these there too, except WakeHandler,
+// WakeConnection and CountDatagram, which helpers of the handler may call from any thread.
 class IProxyConnection {
 public:
     virtual ~IProxyConnection() = default;
@@ -29,13 +29,10 @@ public:
     virtual int GetID() const = 0;
     virtual bool IsConnectedToHost() const = 0;
     virtual bool IsConnectedToClient() const = 0;
-    // Opens the host link and returns once it is usable or failed (it may block for as long as
-    // the host's multipoint layer takes). At most one host link: false without doing anything
-    // when one exists or is being opened.
-    virtual bool ConnectToHost(QOX::CRefCountPtr<IZRTConnectionAddress> destination) = 0;
-    // Ends the exchange with the client: only the first call has an effect. The handler's
-    // Terminate follows once (on the connection's thread), what was already given to
-    // SendToClient is still written, then the client socket is closed.
+    // Ends the exchange with the client: only the first call has an effect, and it takes effect
+    // after the handler's current call has returned. The handler's Terminate follows once,
+    // what was already given to SendToClient is still written, then the client socket is closed.
+    // From this call on, IsConnectedToClient is false and SendToClient refuses.
     virtual void DisconnectClient() = 0;
     virtual bool SendToHost(const char* data, int length) = 0;
     // Never drops bytes: what the socket does not take now is queued and written in order by the
@@ -44,13 +41,13 @@ public:
     virtual IDatagramHandler* GetDatagramHandler() = 0;
     virtual IConnectionListener* GetConnectionListener() = 0;
 
-    // Added for flow control. Bytes given to SendToClient that the client has not taken yet.
+    // Bytes given to SendToClient that the client has not taken yet.
     virtual unsigned int GetClientBacklog() const = 0;
     // The handler's own buffers drained (its GetRequestBacklog fell): the connection re-evaluates
-    // whether it may read the client again. Any thread.
+    // whether it may read the client again.
     virtual void WakeConnection() = 0;
 
-    // Added so that nothing blocks the connection's thread. Starts opening the host link and
+    // Starts opening the host link and
     // returns at once; the outcome reaches the handler's OnHostConnected on the connection's
     // thread (never inside this call). False, with no call later, when a link exists or is being
     // opened, or the destination is empty.
@@ -86,7 +83,7 @@ public:
     // Whether the destination rules let the client reach this resolved address (and port).
     virtual bool IsDestinationAllowed(const IZRTConnectionAddress& destination) = 0;
 
-    // Added for the proxy's counters and logs. What the handler serves (socks5, http, connect,
+    // For the proxy's counters and logs: what the handler serves (socks5, http, connect,
     // udp, bind) and where to, as the client named it; and how the exchange ended, when not well.
     virtual void DescribeExchange(const char* protocol, const std::string& destination) = 0;
     virtual void SetOutcome(EOutcome outcome) = 0;
@@ -96,7 +93,7 @@ public:
     virtual void MarkRequestComplete() = 0;
     // The user the client authenticated as (or tried to), for the record.
     virtual void SetUser(const std::string& user) = 0;
-    // A datagram relayed for the client (UDP ASSOCIATE), with its payload bytes; any thread.
+    // A datagram relayed for the client (UDP ASSOCIATE), with its payload bytes.
     virtual void CountDatagram(bool toHost, uint64_t payloadBytes) = 0;
     // One request of a persistent HTTP connection was answered with status: recorded on its
     // own (bytes and time since the previous one ended), and the next request starts afresh

@@ -19,6 +19,13 @@
 namespace ZRT {
 namespace Testing {
 
+// The name cache of fakes that were given none, shared by the tests of one process.
+inline Proxy::CAddressManager& TestAddressManager()
+{
+    static Proxy::CAddressManager manager;
+    return manager;
+}
+
 // Stands in for a client connection when a handler is tested alone: records what the handler
 // sends each way and opens host links through a FakeMultiPointLayer. The test's thread plays the
 // connection's thread: what the real connection would run there later (the outcome of
@@ -43,16 +50,6 @@ public:
     int GetID() const override { return 1; }
     bool IsConnectedToHost() const override { return Locked([&] { return m_link && !m_hostClosed; }); }
     bool IsConnectedToClient() const override { return Locked([&] { return !m_disconnected; }); }
-    bool ConnectToHost(QOX::CRefCountPtr<IZRTConnectionAddress> destination) override
-    {
-        return Locked([&] {
-            ++m_connects;
-            if (m_link || !destination)
-                return false;
-            m_link = m_multiPointLayer.Connect(*destination, m_clientAddress);
-            return static_cast<bool>(m_link);
-        });
-    }
     bool BeginConnectToHost(QOX::CRefCountPtr<IZRTConnectionAddress> destination) override
     {
         return Locked([&] {
@@ -155,7 +152,7 @@ public:
     void SetHandlerTimer(int milliseconds) override { Locked([&] { m_timerMs = milliseconds; }); }
     Proxy::CAddressManager& GetAddressManager() override
     {
-        return m_addressManager ? *m_addressManager : *Proxy::CAddressManager::GetInstance();
+        return m_addressManager ? *m_addressManager : TestAddressManager();
     }
     Proxy::CLoginGuard& GetLoginGuard() override { return m_loginGuard; }
     const IZRTConnectionAddress& GetLocalAddress() const override { return m_localAddress; }

@@ -52,13 +52,13 @@ protected:
         for (const char* key : {"server1:80", "server1:443", "server1:8080"})
             m_resolver.Script(key, "127.0.0.1");
         m_resolver.Script("server2:80", "127.0.0.2");
-        ASSERT_TRUE(CAddressManager::GetInstance()->Init(&m_resolver));
-        CAddressManager::GetInstance()->SetLocalAddressesForTesting({"myself"});
+        ASSERT_TRUE(Testing::TestAddressManager().Init(&m_resolver));
+        Testing::TestAddressManager().SetLocalAddressesForTesting({"myself"});
     }
     void TearDown() override
     {
         m_handler.reset();
-        CAddressManager::GetInstance()->Terminate();
+        Testing::TestAddressManager().Terminate();
     }
     void Start(int keepAliveMs = 0)
     {

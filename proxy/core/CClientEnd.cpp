@@ -1,0 +1,132 @@
+#include "proxy/core/CClientEnd.h"
+
+#include <errno.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+
+#include "transport/CByteBufferList.h"
+#include "transport/CSocketUtils.h"
+
+namespace ZRT {
+namespace Proxy {
+
+namespace {
+// Reads what the client sent and nobody will handle, so closing sends FIN rather than a reset
+// that could destroy bytes still on their way to the client.
+void DiscardPendingInput(int socket)
+{
+    char scratch[4096];
+    for (int i = 0; i < 64; ++i) {
+        if (recv(socket, scratch, sizeof(scratch), MSG_DONTWAIT) <= 0)
+            return;
+    }
+}
+} // namespace
+
+CClientEnd::~CClientEnd()
+{
+    Close(false);
+}
+
+CClientEnd::ERead CClientEnd::Read(char* buffer, int size, int& count)
+{
+    ssize_t got = 0;
+    do {
+        got = recv(m_socket, buffer, static_cast<size_t>(size), 0);
+    } while (got < 0 && errno == EINTR);
+    if (got > 0) {
+        count = static_cast<int>(got);
+        return ERead::Bytes;
+    }
+    if (got == 0)
+        return ERead::Ended;
+    return CSocketUtils::IsWouldBlock(errno) ? ERead::NothingNow : ERead::Failed;
+}
+
+bool CClientEnd::Send(const char* data, int length)
+{
+    if (m_socket < 0)
+        return false;
+    ssize_t sent = 0;
+    if (m_output.empty()) {
+        sent = CSocketUtils::SendSome(m_socket, data, static_cast<size_t>(length));
+        if (sent < 0)
+            return false;
+    }
+    if (sent < length)
+        Queue(data + sent, length - static_cast<int>(sent));
+    return true;
+}
+
+CClientEnd::EFlush CClientEnd::Flush()
+{
+    const unsigned int before = m_backlog;
+    while (!m_output.empty() && m_socket >= 0) {
+        CByteBuffer& front = *m_output.front();
+        const size_t length = front.GetUnread();
+        const ssize_t sent = CSocketUtils::SendSome(m_socket, front.GetData() + front.GetOffset(), length);
+        if (sent < 0)
+            return EFlush::Failed;
+        m_backlog -= static_cast<unsigned int>(sent);
+        if (static_cast<size_t>(sent) < length) {
+            front.SetOffset(front.GetOffset() + static_cast<unsigned int>(sent));
+            break;
+        }
+        CByteBufferList::ReclaimBuffer(m_output.front());
+        m_output.pop_front();
+    }
+    if (m_backlog == before)
+        return EFlush::Unchanged;
+    const bool crossedLow = before >= LOW_WATER && m_backlog < LOW_WATER;
+    return crossedLow || m_backlog == 0 ? EFlush::Drained : EFlush::Wrote;
+}
+
+void CClientEnd::Queue(const char* data, int length)
+{
+    int offset = 0;
+    while (offset < length) {
+        const int chunk = std::min(length - offset, static_cast<int>(CByteBufferList::POOLED_BUFFER_SIZE));
+        m_output.push_back(CByteBufferList::GetBuffer(reinterpret_cast<const unsigned char*>(data + offset),
+                                                      static_cast<unsigned int>(chunk)));
+        m_backlog += static_cast<unsigned int>(chunk);
+        offset += chunk;
+    }
+}
+
+void CClientEnd::DropOutput()
+{
+    m_output.clear();
+    m_backlog = 0;
+}
+
+void CClientEnd::ShutdownSend()
+{
+    if (m_socket >= 0)
+        shutdown(m_socket, SHUT_WR);
+}
+
+void CClientEnd::Close(bool clientFinished)
+{
+    DropOutput();
+    if (m_socket < 0)
+        return;
+    if (!clientFinished)
+        DiscardPendingInput(m_socket);
+    CSocketUtils::CloseSocket(m_socket);
+    m_socket = -1;
+}
+
+const CTCPIPAddress& CClientEnd::GetLocalAddress() const
+{
+    if (!m_localAddress.IsEmpty() || m_socket < 0)
+        return m_localAddress;
+    sockaddr_storage storage{};
+    socklen_t length = sizeof(storage);
+    if (getsockname(m_socket, reinterpret_cast<sockaddr*>(&storage), &length) == 0)
+        m_localAddress.SetAddress(*reinterpret_cast<sockaddr*>(&storage), length);
+    return m_localAddress;
+}
+
+} // namespace Proxy
+} // namespace ZRT

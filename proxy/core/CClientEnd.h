@@ -1,0 +1,60 @@
+#pragma once
+
+#include <deque>
+
+#include "runtime/CRefCountPtr.h"
+#include "transport/CByteBuffer.h"
+#include "transport/CTCPIPAddress.h"
+
+namespace ZRT {
+namespace Proxy {
+
+// The client's socket of one connection and the bytes queued for it. Every operation runs on the
+// connection's thread, which alone touches the socket and the queue, so nothing here is locked.
+//
+// What the socket does not take at once is queued, in order, and written as it takes more: a
+// send never drops a byte and never waits.
+class CClientEnd {
+public:
+    enum class ERead { Bytes, NothingNow, Ended, Failed };
+    enum class EFlush { Failed, Unchanged, Wrote, Drained };
+
+    // Drained is reported when the queue falls under this many bytes (or empties).
+    static constexpr unsigned int LOW_WATER = 64 * 1024;
+
+    CClientEnd() = default;
+    ~CClientEnd();
+    CClientEnd(const CClientEnd&) = delete;
+    CClientEnd& operator=(const CClientEnd&) = delete;
+
+    // Takes over an accepted non-blocking socket.
+    void Adopt(int socket) { m_socket = socket; }
+    int GetSocket() const { return m_socket; }
+
+    // Up to size bytes; count is set with Bytes.
+    ERead Read(char* buffer, int size, int& count);
+    // Writes what the socket takes now and queues the rest; false when the socket failed.
+    bool Send(const char* data, int length);
+    // Writes queued bytes as far as the socket takes them.
+    EFlush Flush();
+    unsigned int GetBacklog() const { return m_backlog; }
+    void DropOutput();
+    // The client reads to its end: nothing more will be sent.
+    void ShutdownSend();
+    // clientFinished: the client ended its sending, so no input is left that would make the
+    // close a reset.
+    void Close(bool clientFinished);
+    // The proxy's address as this client reached it; learnt on first use.
+    const CTCPIPAddress& GetLocalAddress() const;
+
+private:
+    void Queue(const char* data, int length);
+
+    int m_socket = -1;
+    std::deque<QOX::CRefCountPtr<CByteBuffer>> m_output;
+    unsigned int m_backlog = 0;
+    mutable CTCPIPAddress m_localAddress;
+};
+
+} // namespace Proxy
+} // namespace ZRT

@@ -1,0 +1,95 @@
+#pragma once
+
+#include <chrono>
+#include <deque>
+#include <functional>
+#include <memory>
+#include <optional>
+
+#include "proxy/core/CHostLink.h"
+#include "runtime/CRefCountPtr.h"
+#include "transport/CTCPIPAddress.h"
+#include "transport/IZRTConnectionAddress.h"
+#include "transport/IZRTDataLayer.h"
+#include "transport/IZRTMultiPointLayer.h"
+
+namespace QOX {
+class CThreadPool;
+}
+
+namespace ZRT {
+namespace Proxy {
+
+// The attempts of one connection to open its host link: the destination, then the other
+// addresses of its name, each with its share of the time left, until one gives a link (installed
+// in the connection's CHostLink) or the time is up.
+//
+// Every operation runs on the connection's thread. A host that may block on a connect
+// (IZRTMultiPointLayer::ConnectsWithoutBlocking false) is asked on a thread of the proxy's pool;
+// its answer waits in a hand-off, and `wake` (called on that thread) asks the connection's thread
+// for OnWake. An answer that comes after Cancel, or for an attempt given up, is closed there.
+// `wake` is also how an outcome known at once reaches the owner after Begin has returned.
+class CHostConnector {
+public:
+    using Clock = std::chrono::steady_clock;
+    using AddressPtr = QOX::CRefCountPtr<IZRTConnectionAddress>;
+    using LinkPtr = QOX::CRefCountPtr<IZRTDataLayer>;
+    // Whether the destination rules let the connection reach an address.
+    using Allowed = std::function<bool(const IZRTConnectionAddress& address)>;
+    // The end of the attempts: connected, or not.
+    using Outcome = std::function<void(bool connected)>;
+
+    CHostConnector(IZRTMultiPointLayer* layer, const CTCPIPAddress& client, QOX::CThreadPool* pool, CHostLink& link,
+                   std::function<void()> wake, Outcome outcome);
+    ~CHostConnector();
+    CHostConnector(const CHostConnector&) = delete;
+    CHostConnector& operator=(const CHostConnector&) = delete;
+
+    // Starts the attempts; the outcome comes after this returns. False when a link is held or
+    // being opened.
+    bool Begin(const AddressPtr& destination, int timeoutMs, const Allowed& allowed);
+    // The link being opened connected, or failed (the next address is tried then).
+    void EndAttempt(bool connected);
+    // The link's descriptor turned writable while it connects.
+    void CompleteConnect();
+    // An attempt that outlived its share of the time is given up; true when that was done.
+    bool GiveUpSlowAttempt();
+    // What `wake` asked for: an outcome known at once, a helper thread's answer.
+    void OnWake();
+    // No answer is wanted any more.
+    void Cancel();
+
+    std::optional<Clock::time_point> GetAttemptDeadline() const;
+    // Why the last attempts failed, as an errno value; 0 after a success.
+    int GetFailure() const { return m_failure; }
+
+private:
+    struct SHandOff;
+
+    void Attempt(const AddressPtr& address);
+    // The next address, while time is left; false when none is left.
+    bool Retry();
+    bool Launch(const AddressPtr& address);
+    bool Install(const LinkPtr& link);
+    void TakeAnswer();
+    void Settle(bool connected);
+    std::deque<AddressPtr> OtherAddresses(const IZRTConnectionAddress& destination, const Allowed& allowed) const;
+
+    IZRTMultiPointLayer* const m_layer;
+    const CTCPIPAddress m_client;
+    QOX::CThreadPool* const m_pool;
+    CHostLink& m_link;
+    const std::function<void()> m_wake;
+    const Outcome m_outcome;
+    std::shared_ptr<SHandOff> m_handOff;
+    uint64_t m_attempt = 0;
+    std::deque<AddressPtr> m_candidates;
+    Clock::time_point m_deadline{};
+    Clock::time_point m_attemptDeadline{};
+    int m_failure = 0;
+    // An outcome known inside Begin, for OnWake to report.
+    std::optional<bool> m_settled;
+};
+
+} // namespace Proxy
+} // namespace ZRT

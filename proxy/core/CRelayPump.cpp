@@ -1,0 +1,130 @@
+#include "proxy/core/CRelayPump.h"
+
+#include <algorithm>
+
+namespace ZRT {
+namespace Proxy {
+
+void CRelayPump::OnNewLink()
+{
+    m_hostPending = true;
+    m_spliceHost = false;
+    m_spliceClient = false;
+}
+
+void CRelayPump::OnLinkGone()
+{
+    m_hostPending = false;
+    m_spliceHost = false;
+    m_spliceClient = false;
+}
+
+CRelayPump::EMove CRelayPump::MoveClientBytes(IConnectionProtocol* handler)
+{
+    if (handler && m_spliceClient && m_link.GetState() == CHostLink::EState::Open &&
+        handler->GetRequestRelayAllowance() > 0) {
+        if (const std::optional<EMove> spliced = SpliceClientBytes(*handler))
+            return *spliced;
+    }
+    char buffer[CLIENT_READ_SIZE];
+    int count = 0;
+    switch (m_client.Read(buffer, sizeof(buffer), count)) {
+    case CClientEnd::ERead::NothingNow:
+        return EMove::Wait;
+    case CClientEnd::ERead::Ended:
+        return EMove::ClientEnded;
+    case CClientEnd::ERead::Failed:
+        return EMove::ClientFailed; // a reset: nothing more can be said to this client
+    case CClientEnd::ERead::Bytes:
+        break;
+    }
+    m_owner.OnMoved(count); // counted as relayed once the handler passes them on
+    if (!m_owner.LinkTakesClientBytes())
+        return EMove::Wait;
+    handler = m_owner.HandlerFor(buffer, count);
+    if (!handler)
+        return EMove::Wait;
+    handler->HandleRequest(buffer, count);
+    // A full read means a stream in full flow: while the handler relays unchanged, later bytes
+    // may skip user space altogether.
+    if (count == CLIENT_READ_SIZE && handler->GetRequestRelayAllowance() > 0)
+        m_spliceClient = true;
+    return EMove::More;
+}
+
+std::optional<CRelayPump::EMove> CRelayPump::SpliceClientBytes(IConnectionProtocol& handler)
+{
+    const unsigned long long allowance = handler.GetRequestRelayAllowance();
+    const int taken = m_link.Get()->SendFrom(m_client.GetSocket(),
+                                             static_cast<int>(std::min<unsigned long long>(CLIENT_SPLICE_SIZE, allowance)));
+    if (taken > 0) {
+        m_owner.OnRelayed(true, taken);
+        handler.OnRequestRelayed(static_cast<unsigned long long>(taken));
+        return EMove::More;
+    }
+    if (taken == IZRTDataLayer::SEND_SOCKET_ENDED)
+        return EMove::ClientEnded;
+    if (taken == IZRTDataLayer::SEND_SOCKET_FAILED)
+        return EMove::ClientFailed;
+    if (taken == IZRTDataLayer::SEND_NOTHING_NOW)
+        return EMove::Wait;
+    return std::nullopt;
+}
+
+CRelayPump::EMove CRelayPump::MoveHostBytes(IConnectionProtocol& handler)
+{
+    IZRTDataLayer* link = m_link.Get();
+    if (!link) {
+        m_hostPending = false;
+        return EMove::Wait;
+    }
+    const unsigned long long allowance = handler.GetResponseRelayAllowance();
+    if (m_spliceHost && m_link.GetReaderFd() >= 0 && allowance > 0 && m_client.GetBacklog() == 0) {
+        if (const std::optional<EMove> spliced = SpliceHostBytes(handler, allowance))
+            return *spliced;
+    }
+    const int count = link->ReceiveData(HostBuffer(), HOST_READ_SIZE);
+    if (count > 0) {
+        m_owner.OnRelayed(false, count);
+        handler.HandleResponse(reinterpret_cast<const char*>(HostBuffer()), count);
+        // A full read means a stream in full flow: once the handler relays unchanged, later
+        // bytes may skip user space altogether.
+        if (count == HOST_READ_SIZE && handler.GetResponseRelayAllowance() > 0)
+            m_spliceHost = true;
+        return EMove::More;
+    }
+    m_hostPending = false;
+    // -1 means the end only from a link that said so (half-close, or a reader attached).
+    const bool ended = count < 0 && (m_link.HalfCloses() || m_link.GetReaderFd() >= 0);
+    return ended || m_link.GetState() == CHostLink::EState::Closed ? EMove::HostEnded : EMove::Wait;
+}
+
+std::optional<CRelayPump::EMove> CRelayPump::SpliceHostBytes(IConnectionProtocol& handler, unsigned long long allowance)
+{
+    const int moved = m_link.Get()->ReceiveInto(m_client.GetSocket(),
+                                                static_cast<int>(std::min<unsigned long long>(HOST_SPLICE_SIZE, allowance)));
+    if (moved > 0) {
+        m_owner.OnRelayed(false, moved);
+        handler.OnResponseRelayed(static_cast<unsigned long long>(moved));
+        return EMove::More;
+    }
+    if (moved == IZRTDataLayer::RECEIVE_NOTHING_NOW) {
+        m_hostPending = false;
+        return EMove::Wait;
+    }
+    if (moved == IZRTDataLayer::RECEIVE_END)
+        return EMove::HostEnded;
+    if (moved == IZRTDataLayer::RECEIVE_SOCKET_FAILED)
+        return EMove::ClientFailed;
+    return std::nullopt;
+}
+
+unsigned char* CRelayPump::HostBuffer()
+{
+    if (!m_hostBuffer)
+        m_hostBuffer.reset(new unsigned char[HOST_READ_SIZE]);
+    return m_hostBuffer.get();
+}
+
+} // namespace Proxy
+} // namespace ZRT

@@ -1,0 +1,77 @@
+#pragma once
+
+#include <memory>
+#include <optional>
+
+#include "proxy/core/CClientEnd.h"
+#include "proxy/core/CHostLink.h"
+#include "proxy/core/IConnectionProtocol.h"
+
+namespace ZRT {
+namespace Proxy {
+
+// Moves a connection's bytes, one read at a time, each way: through the handler (HandleRequest,
+// HandleResponse), or spliced between the client socket and the link once the handler lets
+// them pass unchanged (its relay allowance). Every operation runs on the connection's thread.
+class CRelayPump {
+public:
+    static constexpr int CLIENT_READ_SIZE = 32768;
+    // Read size when host bytes go through the handler; the buffer is made on first use, so an
+    // idle connection does not pay for it.
+    static constexpr int HOST_READ_SIZE = 64 * 1024;
+    // Most bytes moved per splice. What a slow client does not take of it goes back to the link.
+    static constexpr int HOST_SPLICE_SIZE = 256 * 1024;
+    static constexpr int CLIENT_SPLICE_SIZE = 256 * 1024;
+
+    // More: go on; Wait: nothing more now; the others: that end is reached (or failed).
+    enum class EMove { More, Wait, ClientEnded, HostEnded, ClientFailed };
+
+    // What the pump asks of its connection.
+    class IOwner {
+    public:
+        virtual ~IOwner() = default;
+        // The handler for this client chunk (made from the first one); null when there is none.
+        virtual IConnectionProtocol* HandlerFor(const char* data, int length) = 0;
+        // Bytes were read: spent from the loop's turn budget.
+        virtual void OnMoved(int bytes) = 0;
+        // Bytes went one way: counted as relayed, and moved.
+        virtual void OnRelayed(bool toHost, int bytes) = 0;
+        // Client bytes were read: false when a closure of the link came meanwhile (they have
+        // nowhere to go).
+        virtual bool LinkTakesClientBytes() = 0;
+    };
+
+    CRelayPump(IOwner& owner, CClientEnd& client, CHostLink& link) : m_owner(owner), m_client(client), m_link(link) {}
+
+    EMove MoveClientBytes(IConnectionProtocol* handler);
+    // One move of host bytes towards the client.
+    EMove MoveHostBytes(IConnectionProtocol& handler);
+
+    // The link has bytes (or may have).
+    void NoteHostBytes() { m_hostPending = true; }
+    void ForgetHostBytes() { m_hostPending = false; }
+    bool HasHostBytes() const { return m_hostPending; }
+    // A new link: read it at once; its first bytes go through the handler.
+    void OnNewLink();
+    void OnLinkGone();
+    bool IsSplicing() const { return m_spliceHost || m_spliceClient; }
+    // Spliced host bytes wait in the link's socket, whose readiness tells of them.
+    bool SplicesHost() const { return m_spliceHost && m_link.GetReaderFd() >= 0; }
+
+private:
+    // Nothing when the link cannot splice now: an ordinary read does this turn.
+    std::optional<EMove> SpliceClientBytes(IConnectionProtocol& handler);
+    std::optional<EMove> SpliceHostBytes(IConnectionProtocol& handler, unsigned long long allowance);
+    unsigned char* HostBuffer();
+
+    IOwner& m_owner;
+    CClientEnd& m_client;
+    CHostLink& m_link;
+    bool m_hostPending = false; // the last move stopped with bytes maybe left in the link
+    bool m_spliceHost = false;
+    bool m_spliceClient = false;
+    std::unique_ptr<unsigned char[]> m_hostBuffer;
+};
+
+} // namespace Proxy
+} // namespace ZRT
