@@ -11,12 +11,12 @@ public:
     // link reads no more from its peer until its pending bytes are taken.
     virtual void OnDataReceived(IZRTDataLayer& dataLayer) = 0;
 
-    // The link's send backlog, after having passed its high-water mark,
-    // fell back under its low-water mark, so a sender that paused may send again.
+    // The link's send backlog, after having passed its high-water mark, fell back under its
+    // low-water mark, so a sender that paused may send again.
     virtual void OnSendDrained(IZRTDataLayer& /*dataLayer*/) {}
 
-    // A link that IZRTMultiPointLayer::BeginConnect
-    // returned still connecting is now open. A failed attempt is reported as OnConnectionClosed.
+    // A link that IZRTMultiPointLayer::BeginConnect returned still connecting is now open. A
+    // failed attempt is reported as OnConnectionClosed.
     virtual void OnLinkConnected(IZRTDataLayer& /*dataLayer*/) {}
 };
 

@@ -1,0 +1,333 @@
+// The connection's parts on their own: the client end over a socket pair, the relay pump with a
+// scripted handler and a fake link, the connect attempts with a fake host.
+
+#include <errno.h>
+#include <fcntl.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "fakes/FakeDataLayer.h"
+#include "fakes/FakeMultiPointLayer.h"
+#include "fakes/Polling.h"
+#include "proxy/core/CClientEnd.h"
+#include "proxy/core/CHostConnector.h"
+#include "proxy/core/CHostLink.h"
+#include "proxy/core/CRelayPump.h"
+
+namespace ZRT {
+namespace {
+
+using Proxy::CClientEnd;
+using Proxy::CHostConnector;
+using Proxy::CHostLink;
+using Proxy::CRelayPump;
+using Testing::FakeDataLayer;
+using Testing::FakeMultiPointLayer;
+
+// A client socket for the connection's side (non-blocking, small buffers) and the test's peer.
+struct SSocketPair {
+    SSocketPair()
+    {
+        int fds[2] = {-1, -1};
+        EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, fds), 0);
+        ours = fds[0];
+        peer = fds[1];
+        fcntl(ours, F_SETFL, fcntl(ours, F_GETFL) | O_NONBLOCK);
+        const int small = 16 * 1024;
+        setsockopt(ours, SOL_SOCKET, SO_SNDBUF, &small, sizeof(small));
+        setsockopt(peer, SOL_SOCKET, SO_RCVBUF, &small, sizeof(small));
+    }
+    ~SSocketPair()
+    {
+        if (peer >= 0)
+            close(peer);
+    }
+    std::string ReadAll()
+    {
+        std::string got;
+        char buffer[65536];
+        ssize_t count = 0;
+        while ((count = recv(peer, buffer, sizeof(buffer), MSG_DONTWAIT)) > 0)
+            got.append(buffer, static_cast<size_t>(count));
+        return got;
+    }
+    int ours = -1; // adopted by a CClientEnd, which closes it
+    int peer = -1;
+};
+
+// A link's reports go nowhere: the tests drive the parts themselves.
+class NullSink : public IZRTDataLayerNotification {
+public:
+    void OnDataReceived(IZRTDataLayer&) override {}
+    void OnConnectionClosed(IZRTDataLayer&) override {}
+};
+
+std::string Pattern(size_t length)
+{
+    std::string bytes(length, '\0');
+    for (size_t i = 0; i < length; ++i)
+        bytes[i] = static_cast<char>('a' + i % 23);
+    return bytes;
+}
+
+TEST(ClientEndTest, QueuesWhatTheSocketRefusesAndDeliversEverythingInOrder)
+{
+    SSocketPair pair;
+    CClientEnd client;
+    client.Adopt(pair.ours);
+    const std::string bytes = Pattern(1024 * 1024);
+    for (size_t offset = 0; offset < bytes.size(); offset += 100000)
+        ASSERT_TRUE(client.Send(bytes.data() + offset, static_cast<int>(std::min<size_t>(100000, bytes.size() - offset))));
+    EXPECT_GT(client.GetBacklog(), CClientEnd::LOW_WATER) << "a small socket buffer cannot take a megabyte";
+    std::string received = pair.ReadAll();
+    bool drained = false;
+    for (int round = 0; round < 10000 && client.GetBacklog() > 0; ++round) {
+        const CClientEnd::EFlush flushed = client.Flush();
+        ASSERT_NE(flushed, CClientEnd::EFlush::Failed);
+        drained = drained || flushed == CClientEnd::EFlush::Drained;
+        received += pair.ReadAll();
+    }
+    received += pair.ReadAll();
+    EXPECT_TRUE(drained) << "falling under the low-water mark is told once";
+    EXPECT_TRUE(received == bytes);
+    EXPECT_EQ(client.Flush(), CClientEnd::EFlush::Unchanged);
+}
+
+TEST(ClientEndTest, ReadsTellBytesNothingAndTheEndAndCloseWithoutResetDespiteUnreadInput)
+{
+    SSocketPair pair;
+    CClientEnd client;
+    client.Adopt(pair.ours);
+    char buffer[8];
+    int count = 0;
+    EXPECT_EQ(client.Read(buffer, sizeof(buffer), count), CClientEnd::ERead::NothingNow);
+    ASSERT_EQ(send(pair.peer, "0123456789", 10, 0), 10);
+    ASSERT_EQ(client.Read(buffer, sizeof(buffer), count), CClientEnd::ERead::Bytes);
+    EXPECT_EQ(std::string(buffer, static_cast<size_t>(count)), "01234567");
+    ASSERT_TRUE(client.Send("bye", 3));
+    client.Close(false); // "89" unread
+    char got[8];
+    EXPECT_EQ(recv(pair.peer, got, sizeof(got), 0), 3) << "the reply is not destroyed by a reset";
+    EXPECT_EQ(recv(pair.peer, got, sizeof(got), 0), 0);
+    EXPECT_EQ(client.GetSocket(), -1);
+    EXPECT_FALSE(client.Send("x", 1));
+}
+
+// Plays a handler: records what it is given, passes client bytes to its link, and lets host bytes
+// pass unchanged once told to.
+class ScriptedHandler : public Proxy::IConnectionProtocol {
+public:
+    explicit ScriptedHandler(CHostLink& link) : m_link(link) {}
+    void Init() override {}
+    void Terminate() override {}
+    void HandleRequest(const char* data, int length) override
+    {
+        requests.emplace_back(data, static_cast<size_t>(length));
+        m_link.Send(data, length);
+    }
+    void HandleResponse(const char* data, int length) override { responses.append(data, static_cast<size_t>(length)); }
+    unsigned long long GetResponseRelayAllowance() const override { return passThrough ? RELAY_ALL : 0; }
+    void OnResponseRelayed(unsigned long long count) override { relayed += count; }
+
+    std::vector<std::string> requests;
+    std::string responses;
+    bool passThrough = false;
+    unsigned long long relayed = 0;
+
+private:
+    CHostLink& m_link;
+};
+
+class PumpTest : public ::testing::Test, private CRelayPump::IOwner, private CHostLink::IListener {
+protected:
+    void SetUp() override
+    {
+        m_client.Adopt(m_pair.ours);
+        m_link = new FakeDataLayer();
+        ASSERT_TRUE(m_hostLink.Install(QOX::CRefCountPtr<IZRTDataLayer>(m_link.GetRawPointer()), CHostLink::EState::Open));
+    }
+    // Moves client bytes until the pump waits; the moves it took.
+    int PumpClient()
+    {
+        int moves = 0;
+        while (m_pump.MoveClientBytes(&m_handler) == CRelayPump::EMove::More)
+            ++moves;
+        return moves;
+    }
+
+    Proxy::IConnectionProtocol* HandlerFor(const char*, int) override { return &m_handler; }
+    void OnMoved(int bytes) override { moved += bytes; }
+    void OnRelayed(bool toHost, int bytes) override { (toHost ? relayedToHost : relayedToClient) += bytes; }
+    bool LinkTakesClientBytes() override { return linkTakes; }
+    void OnLinkTaken() override { m_pump.OnNewLink(); }
+    void OnLinkLeaving() override { m_pump.OnLinkGone(); }
+
+    SSocketPair m_pair;
+    CClientEnd m_client;
+    NullSink m_sink;
+    CHostLink m_hostLink{m_sink, *this};
+    CRelayPump m_pump{*this, m_client, m_hostLink};
+    ScriptedHandler m_handler{m_hostLink};
+    QOX::CRefCountPtr<FakeDataLayer> m_link;
+    int moved = 0;
+    int relayedToHost = 0;
+    int relayedToClient = 0;
+    bool linkTakes = true;
+};
+
+TEST_F(PumpTest, ClientBytesSplitOrCoalescedReachTheHandlerAndTheHostInOrder)
+{
+    // One byte at a time, each read on its own.
+    for (const char byte : std::string("split")) {
+        ASSERT_EQ(send(m_pair.peer, &byte, 1, 0), 1);
+        EXPECT_EQ(PumpClient(), 1);
+    }
+    // Many writes before one turn: coalesced into one read.
+    for (const char* part : {"co", "ales", "ced"})
+        ASSERT_GT(send(m_pair.peer, part, strlen(part), 0), 0);
+    EXPECT_EQ(PumpClient(), 1);
+    ASSERT_EQ(m_handler.requests.size(), 6u);
+    EXPECT_EQ(m_handler.requests.back(), "coalesced");
+    EXPECT_EQ(m_link->GetSent(), "splitcoalesced");
+    EXPECT_EQ(moved, 14) << "every byte read is spent from the turn's budget";
+    EXPECT_EQ(relayedToHost, 0) << "bytes through the handler are counted when it sends them";
+
+    shutdown(m_pair.peer, SHUT_WR);
+    EXPECT_EQ(m_pump.MoveClientBytes(&m_handler), CRelayPump::EMove::ClientEnded);
+}
+
+TEST_F(PumpTest, ClientBytesAfterTheLinkClosedGoNowhere)
+{
+    linkTakes = false;
+    ASSERT_EQ(send(m_pair.peer, "late", 4, 0), 4);
+    EXPECT_EQ(m_pump.MoveClientBytes(&m_handler), CRelayPump::EMove::Wait);
+    EXPECT_TRUE(m_handler.requests.empty());
+    EXPECT_EQ(m_link->GetSent(), "");
+}
+
+TEST_F(PumpTest, HostBytesGoThroughTheHandlerUntilTheEndOfAHalfClosingLink)
+{
+    m_link->PushFromRemote("first");
+    m_link->PushFromRemote("second");
+    EXPECT_EQ(m_pump.MoveHostBytes(m_handler), CRelayPump::EMove::More);
+    while (m_pump.MoveHostBytes(m_handler) == CRelayPump::EMove::More) {
+    }
+    EXPECT_EQ(m_handler.responses, "firstsecond");
+    EXPECT_EQ(relayedToClient, 11);
+    EXPECT_FALSE(m_pump.HasHostBytes()) << "an empty link is not polled again";
+    // A link that closed reports its end once its bytes are out, half-closing or not.
+    m_link->PushFromRemote("last");
+    m_hostLink.MarkClosed();
+    m_pump.NoteHostBytes();
+    EXPECT_EQ(m_pump.MoveHostBytes(m_handler), CRelayPump::EMove::More);
+    EXPECT_EQ(m_pump.MoveHostBytes(m_handler), CRelayPump::EMove::HostEnded);
+    EXPECT_EQ(m_handler.responses, "firstsecondlast");
+}
+
+TEST_F(PumpTest, ANewLinkIsReadAtOnceAndAGoneOneNever)
+{
+    EXPECT_TRUE(m_pump.HasHostBytes()) << "bytes may have come before the link was taken up";
+    m_hostLink.Release();
+    EXPECT_FALSE(m_pump.HasHostBytes());
+    EXPECT_EQ(m_pump.MoveHostBytes(m_handler), CRelayPump::EMove::Wait);
+    EXPECT_EQ(m_link->GetSinkCount(), 0) << "a released link reports to nobody";
+}
+
+// The connector's attempts against a fake host; the connection's thread is the test's.
+class ConnectorTest : public ::testing::Test, protected CHostLink::IListener {
+protected:
+    QOX::CRefCountPtr<IZRTConnectionAddress> Destination(std::vector<unsigned char> lastOctets)
+    {
+        auto* address = new CTCPIPAddress(127, 0, 0, lastOctets.front(), 80);
+        std::vector<sockaddr_storage> others;
+        for (size_t i = 1; i < lastOctets.size(); ++i) {
+            CTCPIPAddress other(127, 0, 0, lastOctets[i], 80);
+            others.emplace_back();
+            int length = sizeof(sockaddr_storage);
+            other.GetSockAddr(reinterpret_cast<sockaddr*>(&others.back()), &length);
+        }
+        address->SetAlternatives(others);
+        return QOX::CRefCountPtr<IZRTConnectionAddress>(address);
+    }
+    bool Begin(const QOX::CRefCountPtr<IZRTConnectionAddress>& destination, int timeoutMs = 5000)
+    {
+        return m_connector.Begin(destination, timeoutMs, [this](const IZRTConnectionAddress& address) {
+            return address.ToString().find("127.0.0.9") == std::string::npos; // a refused destination
+        });
+    }
+    void OnLinkTaken() override {}
+    void OnLinkLeaving() override {}
+
+    FakeMultiPointLayer m_layer;
+    NullSink m_sink;
+    CHostLink m_link{m_sink, *this};
+    std::atomic<int> m_wakes{0};
+    std::vector<bool> m_outcomes;
+    CHostConnector m_connector{&m_layer, CTCPIPAddress(127, 0, 0, 1, 5000), nullptr, m_link, [this] { ++m_wakes; },
+                               [this](bool connected) { m_outcomes.push_back(connected); }};
+};
+
+TEST_F(ConnectorTest, AnOutcomeKnownAtOnceIsToldOnlyAfterBeginReturned)
+{
+    ASSERT_TRUE(Begin(Destination({2})));
+    EXPECT_TRUE(m_outcomes.empty());
+    EXPECT_EQ(m_wakes.load(), 1);
+    m_connector.OnWake();
+    EXPECT_EQ(m_outcomes, std::vector<bool>{true});
+    EXPECT_EQ(m_link.GetState(), CHostLink::EState::Open);
+    EXPECT_FALSE(Begin(Destination({3}))) << "one link at a time";
+}
+
+TEST_F(ConnectorTest, RefusedAddressesGiveWayToTheNextAllowedOneThenTheFailureIsTold)
+{
+    m_layer.SetRefused({"127.0.0.2:80", "127.0.0.3:80"});
+    ASSERT_TRUE(Begin(Destination({2, 9, 3, 4})));
+    m_connector.OnWake();
+    EXPECT_EQ(m_outcomes, std::vector<bool>{true});
+    EXPECT_EQ(m_layer.GetDestinations(), (std::vector<std::string>{"127.0.0.2:80", "127.0.0.3:80", "127.0.0.4:80"}))
+        << "the address the rules refuse is never tried";
+
+    CHostLink other{m_sink, *this};
+    CHostConnector refused{&m_layer, CTCPIPAddress(127, 0, 0, 1, 5000), nullptr, other, [] {},
+                           [this](bool connected) { m_outcomes.push_back(connected); }};
+    ASSERT_TRUE(refused.Begin(Destination({2, 3}), 5000, [](const IZRTConnectionAddress&) { return true; }));
+    refused.OnWake();
+    EXPECT_EQ(m_outcomes, (std::vector<bool>{true, false}));
+    EXPECT_EQ(refused.GetFailure(), ECONNREFUSED);
+    EXPECT_EQ(other.GetState(), CHostLink::EState::None);
+}
+
+TEST_F(ConnectorTest, AHostThatMayBlockAnswersFromAHelperAndALateAnswerIsClosed)
+{
+    m_layer.SetNonBlocking(false);
+    ASSERT_TRUE(Begin(Destination({2})));
+    EXPECT_EQ(m_link.GetState(), CHostLink::EState::Connecting);
+    ASSERT_TRUE(Testing::WaitUntil([&] { return m_wakes.load() == 1; }));
+    m_connector.OnWake();
+    EXPECT_EQ(m_outcomes, std::vector<bool>{true});
+    EXPECT_EQ(m_link.GetState(), CHostLink::EState::Open);
+
+    // An answer that comes after a cancel goes nowhere: its link is closed.
+    std::atomic<bool> answer{false};
+    m_layer.SetOnConnect(
+        [&](FakeDataLayer&, const IZRTConnectionAddress&) { Testing::WaitUntil([&] { return answer.load(); }); });
+    m_link.Drop();
+    ASSERT_TRUE(Begin(Destination({3})));
+    m_connector.Cancel();
+    answer = true;
+    ASSERT_TRUE(Testing::WaitUntil([&] {
+        const auto link = m_layer.GetLastLink();
+        return link && m_layer.GetConnectCount() == 2 && link->GetDisconnects() == 1;
+    }));
+    EXPECT_EQ(m_wakes.load(), 1) << "nobody is woken for it";
+}
+
+} // namespace
+} // namespace ZRT
