@@ -61,14 +61,15 @@ bool CClientEnd::Send(const char* data, int length)
 
 CClientEnd::EFlush CClientEnd::Flush()
 {
-    const unsigned int before = m_backlog;
+    const unsigned int before = GetBacklog();
+    unsigned int backlog = before;
     while (!m_output.empty() && m_socket >= 0) {
         CByteBuffer& front = *m_output.front();
         const size_t length = front.GetUnread();
         const ssize_t sent = CSocketUtils::SendSome(m_socket, front.GetData() + front.GetOffset(), length);
         if (sent < 0)
             return EFlush::Failed;
-        m_backlog -= static_cast<unsigned int>(sent);
+        backlog -= static_cast<unsigned int>(sent);
         if (static_cast<size_t>(sent) < length) {
             front.SetOffset(front.GetOffset() + static_cast<unsigned int>(sent));
             break;
@@ -76,10 +77,11 @@ CClientEnd::EFlush CClientEnd::Flush()
         CByteBufferList::ReclaimBuffer(m_output.front());
         m_output.pop_front();
     }
-    if (m_backlog == before)
+    m_backlog.store(backlog, std::memory_order_relaxed);
+    if (backlog == before)
         return EFlush::Unchanged;
-    const bool crossedLow = before >= LOW_WATER && m_backlog < LOW_WATER;
-    return crossedLow || m_backlog == 0 ? EFlush::Drained : EFlush::Wrote;
+    const bool crossedLow = before >= LOW_WATER && backlog < LOW_WATER;
+    return crossedLow || backlog == 0 ? EFlush::Drained : EFlush::Wrote;
 }
 
 void CClientEnd::Queue(const char* data, int length)
@@ -89,7 +91,7 @@ void CClientEnd::Queue(const char* data, int length)
         const int chunk = std::min(length - offset, static_cast<int>(CByteBufferList::POOLED_BUFFER_SIZE));
         m_output.push_back(CByteBufferList::GetBuffer(reinterpret_cast<const unsigned char*>(data + offset),
                                                       static_cast<unsigned int>(chunk)));
-        m_backlog += static_cast<unsigned int>(chunk);
+        m_backlog.store(GetBacklog() + static_cast<unsigned int>(chunk), std::memory_order_relaxed);
         offset += chunk;
     }
 }
@@ -97,7 +99,7 @@ void CClientEnd::Queue(const char* data, int length)
 void CClientEnd::DropOutput()
 {
     m_output.clear();
-    m_backlog = 0;
+    m_backlog.store(0, std::memory_order_relaxed);
 }
 
 void CClientEnd::ShutdownSend()

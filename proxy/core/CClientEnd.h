@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <deque>
 
 #include "runtime/CRefCountPtr.h"
@@ -10,7 +11,8 @@ namespace ZRT {
 namespace Proxy {
 
 // The client's socket of one connection and the bytes queued for it. Every operation runs on the
-// connection's thread, which alone touches the socket and the queue, so nothing here is locked.
+// connection's thread, which alone touches the socket and the queue, so nothing here is locked;
+// only GetBacklog may be asked from elsewhere.
 //
 // What the socket does not take at once is queued, in order, and written as it takes more: a
 // send never drops a byte and never waits.
@@ -37,7 +39,8 @@ public:
     bool Send(const char* data, int length);
     // Writes queued bytes as far as the socket takes them.
     EFlush Flush();
-    unsigned int GetBacklog() const { return m_backlog; }
+    // Any thread may ask (a relaxed read: a number for a look, not for a decision).
+    unsigned int GetBacklog() const { return m_backlog.load(std::memory_order_relaxed); }
     void DropOutput();
     // The client reads to its end: nothing more will be sent.
     void ShutdownSend();
@@ -52,7 +55,7 @@ private:
 
     int m_socket = -1;
     std::deque<QOX::CRefCountPtr<CByteBuffer>> m_output;
-    unsigned int m_backlog = 0;
+    std::atomic<unsigned int> m_backlog{0}; // written on the connection's thread only
     mutable CTCPIPAddress m_localAddress;
 };
 

@@ -19,7 +19,8 @@ constexpr uint32_t CLIENT_GONE = EPOLLERR | EPOLLHUP;
 
 int MillisecondsUntil(std::chrono::steady_clock::time_point deadline)
 {
-    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+    using std::chrono::milliseconds;
+    const auto left = std::chrono::duration_cast<milliseconds>(deadline - std::chrono::steady_clock::now());
     // Rounded up, so the connection is never woken a moment early and spun on.
     return left.count() < 0 ? 0 : static_cast<int>(left.count()) + 1;
 }
@@ -530,9 +531,10 @@ bool CProxyConnection::BeginConnectToHost(QOX::CRefCountPtr<IZRTConnectionAddres
 {
     // A name may list the proxy among its addresses (that one would loop back in), or addresses
     // the destination rules refuse.
-    return m_connector->Begin(destination, GetSettings().connectTimeoutMs, [this](const IZRTConnectionAddress& address) {
+    const auto allowed = [this](const IZRTConnectionAddress& address) {
         return !GetAddressManager().IsProxyItself(address) && IsDestinationAllowed(address);
-    });
+    };
+    return m_connector->Begin(destination, GetSettings().connectTimeoutMs, allowed);
 }
 
 bool CProxyConnection::AdoptHostLink(QOX::CRefCountPtr<IZRTDataLayer> link)

@@ -131,8 +131,7 @@ bool CProxyServer::StartProxy(const std::vector<std::string>& listenAddresses, i
     m_addressManager.SetProxyPorts(ports);
     m_beyondLoopback = std::any_of(listenAddresses.begin(), listenAddresses.end(),
                                    [](const std::string& address) { return !IsLoopbackText(address); });
-    m_starved = false;
-    m_overLimit = false;
+    m_warned = 0;
     int threads = GetSettings().eventThreads;
     if (threads <= 0)
         threads = DefaultEventThreads(static_cast<int>(std::thread::hardware_concurrency()));
@@ -273,7 +272,7 @@ void CProxyServer::AcceptOn(size_t listener, int socket, CEventLoop& loop)
                 PauseAccepting(listener);
             return; // nothing waiting (or a client that vanished): the next readiness says more
         }
-        m_starved = false;
+        Unwarn(WARNED_STARVED);
         Serve(client, peer, loop);
     }
 }
@@ -306,7 +305,7 @@ void CProxyServer::OnClientFinished(const sockaddr_storage& peer)
 
 void CProxyServer::PauseAccepting(size_t listener)
 {
-    if (!m_starved.exchange(true) && m_observer)
+    if (Warn(WARNED_STARVED) && m_observer)
         m_observer->OnError("out of descriptors: new clients wait in the listen queue");
     CEventLoop* loop = nullptr;
     {
@@ -349,13 +348,13 @@ bool CProxyServer::Admit(int client, const sockaddr_storage& peer, const SActive
         m_clients.TryAdd(peer, static_cast<size_t>(std::max(0, settings.maxClients)),
                          static_cast<size_t>(std::max(0, settings.maxClientsPerSource)));
     if (counted == CClientCounts::EResult::Added) {
-        m_overLimit = false;
+        Unwarn(WARNED_OVER_LIMIT);
         return true;
     }
     const bool overTotal = counted == CClientCounts::EResult::OverTotal;
     m_stats.Add(overTotal ? CProxyStats::REFUSED_OVER_LIMIT : CProxyStats::REFUSED_SOURCE_LIMIT);
     // One warning per episode of a full proxy; the refusals themselves are records.
-    if (overTotal && !m_overLimit.exchange(true) && m_observer)
+    if (overTotal && Warn(WARNED_OVER_LIMIT) && m_observer)
         m_observer->OnError("max-clients (" + std::to_string(settings.maxClients) + ") reached: new clients are closed");
     ReportRefused(peer, EOutcome::OverLimit);
     CSocketUtils::CloseSocket(client);

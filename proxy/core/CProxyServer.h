@@ -194,7 +194,6 @@ private:
     bool m_stopping = false;
     std::unique_ptr<CEventLoopPool> m_loops;
     std::vector<SListener> m_listeners;
-    std::atomic<bool> m_starved{false}; // out of descriptors, told the observer already
     IZRTMultiPointLayer* m_multiPointLayer = nullptr;
     IDatagramHandler* m_datagramHandler = nullptr;
     IConnectionListener* m_connectionListener = nullptr;
@@ -212,7 +211,16 @@ private:
     // Guards m_active, swapped whole by SetSettings and copied at each accept.
     mutable std::mutex m_settingsMutex;
     std::shared_ptr<const SActive> m_active = std::make_shared<SActive>();
-    std::atomic<bool> m_overLimit{false}; // told the observer already
+    // Conditions the observer was told of already (WARNED_* bits), so that it hears once per spell.
+    enum EWarned : unsigned { WARNED_STARVED = 1u << 0, WARNED_OVER_LIMIT = 1u << 1 };
+    std::atomic<unsigned> m_warned{0};
+    // Sets the condition's bit; true when it was not set (the observer is to be told).
+    bool Warn(EWarned condition) { return (m_warned.fetch_or(condition) & condition) == 0; }
+    void Unwarn(EWarned condition)
+    {
+        if (m_warned.load(std::memory_order_relaxed) & condition) // read first: every accept asks
+            m_warned.fetch_and(~static_cast<unsigned>(condition));
+    }
     CClientCounts m_clients; // admitted and not finished, for the client limits
     std::atomic<bool> m_beyondLoopback{false};
     ProtocolCreator m_creator;

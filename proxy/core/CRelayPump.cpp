@@ -55,8 +55,8 @@ CRelayPump::EMove CRelayPump::MoveClientBytes(IConnectionProtocol* handler)
 std::optional<CRelayPump::EMove> CRelayPump::SpliceClientBytes(IConnectionProtocol& handler)
 {
     const unsigned long long allowance = handler.GetRequestRelayAllowance();
-    const int taken = m_link.Get()->SendFrom(m_client.GetSocket(),
-                                             static_cast<int>(std::min<unsigned long long>(CLIENT_SPLICE_SIZE, allowance)));
+    const int most = static_cast<int>(std::min<unsigned long long>(CLIENT_SPLICE_SIZE, allowance));
+    const int taken = m_link.Get()->SendFrom(m_client.GetSocket(), most);
     if (taken > 0) {
         m_owner.OnRelayed(true, taken);
         handler.OnRequestRelayed(static_cast<unsigned long long>(taken));
@@ -101,8 +101,8 @@ CRelayPump::EMove CRelayPump::MoveHostBytes(IConnectionProtocol& handler)
 
 std::optional<CRelayPump::EMove> CRelayPump::SpliceHostBytes(IConnectionProtocol& handler, unsigned long long allowance)
 {
-    const int moved = m_link.Get()->ReceiveInto(m_client.GetSocket(),
-                                                static_cast<int>(std::min<unsigned long long>(HOST_SPLICE_SIZE, allowance)));
+    const int most = static_cast<int>(std::min<unsigned long long>(HOST_SPLICE_SIZE, allowance));
+    const int moved = m_link.Get()->ReceiveInto(m_client.GetSocket(), most);
     if (moved > 0) {
         m_owner.OnRelayed(false, moved);
         handler.OnResponseRelayed(static_cast<unsigned long long>(moved));

@@ -83,8 +83,10 @@ TEST(ClientEndTest, QueuesWhatTheSocketRefusesAndDeliversEverythingInOrder)
     CClientEnd client;
     client.Adopt(pair.ours);
     const std::string bytes = Pattern(1024 * 1024);
-    for (size_t offset = 0; offset < bytes.size(); offset += 100000)
-        ASSERT_TRUE(client.Send(bytes.data() + offset, static_cast<int>(std::min<size_t>(100000, bytes.size() - offset))));
+    for (size_t offset = 0; offset < bytes.size(); offset += 100000) {
+        const int chunk = static_cast<int>(std::min<size_t>(100000, bytes.size() - offset));
+        ASSERT_TRUE(client.Send(bytes.data() + offset, chunk));
+    }
     EXPECT_GT(client.GetBacklog(), CClientEnd::LOW_WATER) << "a small socket buffer cannot take a megabyte";
     std::string received = pair.ReadAll();
     bool drained = false;
@@ -151,7 +153,8 @@ protected:
     {
         m_client.Adopt(m_pair.ours);
         m_link = new FakeDataLayer();
-        ASSERT_TRUE(m_hostLink.Install(QOX::CRefCountPtr<IZRTDataLayer>(m_link.GetRawPointer()), CHostLink::EState::Open));
+        const QOX::CRefCountPtr<IZRTDataLayer> link(m_link.GetRawPointer());
+        ASSERT_TRUE(m_hostLink.Install(link, CHostLink::EState::Open));
     }
     // Moves client bytes until the pump waits; the moves it took.
     int PumpClient()
