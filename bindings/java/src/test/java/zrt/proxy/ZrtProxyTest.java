@@ -88,6 +88,7 @@ public final class ZrtProxyTest {
         for (int i = 0; i < 40; ++i)
             new Socket("127.0.0.1", port).close();
         waitIdle(proxy);
+        waitFor(() -> lines.size() > 40, () -> "a line per client: " + lines.size());
         String destination = " 127.0.0.2:" + origin.getAddress().getPort() + " ";
         waitFor(() -> hasLine(lines, " socks5 ", destination) && hasLine(lines, " http ", destination), () -> "access lines: " + lines);
 
