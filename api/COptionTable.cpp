@@ -345,6 +345,12 @@ const COptionTable::SOption OPTIONS[] = {
     {"threads", 0, "N", "threads that accept and serve clients, many each; 0 for half the CPUs, at most 16 (default 0)",
      [](SEmbeddedSettings& s, const std::string& v, std::string& e) { return SetCount(v, 64, s.proxy.eventThreads, e); },
      [](SEmbeddedSettings& s) { s.proxy.eventThreads = Defaults().proxy.eventThreads; }},
+    {"connect-helpers", 0, "N",
+     "most threads asking a host whose connects block, at once (C++ hosts with such a transport; default 16)",
+     [](SEmbeddedSettings& s, const std::string& v, std::string& e) {
+         return SetCount(v, 1024, s.proxy.connectHelpers, e, 1);
+     },
+     [](SEmbeddedSettings& s) { s.proxy.connectHelpers = Defaults().proxy.connectHelpers; }},
     {"transport-threads", 0, "N", "threads that move bytes of outgoing sockets (default 2)",
      [](SEmbeddedSettings& s, const std::string& v, std::string& e) {
          return SetCount(v, 64, s.host.transportThreads, e, 1);

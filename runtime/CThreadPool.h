@@ -68,6 +68,7 @@ public:
 
     // Idle threads now (for tests).
     size_t GetIdleCount();
+    const SHooks& GetHooks() const { return m_hooks; }
 
 private:
     struct SWorker {

@@ -5,7 +5,6 @@
 
 #include <mutex>
 
-#include "runtime/CPoolTask.h"
 
 namespace ZRT {
 namespace Proxy {
@@ -18,14 +17,15 @@ struct CHostConnector::SHandOff {
     std::mutex mutex;
     bool cancelled = false;
     bool answered = false;
-    uint64_t attempt = 0;
+    uint64_t wanted = 0;  // the attempt the connector waits for
+    uint64_t attempt = 0; // the one answered
     LinkPtr link;
     std::function<void()> wake;
 };
 
-CHostConnector::CHostConnector(IZRTMultiPointLayer* layer, const CTCPIPAddress& client, QOX::CThreadPool* pool,
+CHostConnector::CHostConnector(IZRTMultiPointLayer* layer, const CTCPIPAddress& client, CConnectHelpers& helpers,
                                CHostLink& link, std::function<void()> wake, Outcome outcome)
-    : m_layer(layer), m_client(client), m_pool(pool), m_link(link), m_wake(std::move(wake)),
+    : m_layer(layer), m_client(client), m_helpers(helpers), m_link(link), m_wake(std::move(wake)),
       m_outcome(std::move(outcome))
 {
 }
@@ -158,7 +158,18 @@ bool CHostConnector::Launch(const AddressPtr& address)
     IZRTMultiPointLayer* const layer = m_layer;
     const CTCPIPAddress client = m_client;
     const uint64_t attempt = m_attempt;
-    return QOX::CPoolTask::Launch(m_pool, [handOff, layer, address, client, attempt] {
+    {
+        std::lock_guard<std::mutex> hold(handOff->mutex);
+        handOff->wanted = attempt;
+    }
+    return m_helpers.Submit([handOff, layer, address, client, attempt] {
+        {
+            // A connect that waited in line past its attempt (given up, or the connection gone)
+            // is not made at all.
+            std::lock_guard<std::mutex> hold(handOff->mutex);
+            if (handOff->cancelled || handOff->wanted != attempt)
+                return;
+        }
         LinkPtr link = layer->BeginConnect(*address, client);
         std::lock_guard<std::mutex> hold(handOff->mutex);
         if (handOff->cancelled) {

@@ -6,16 +6,13 @@
 #include <memory>
 #include <optional>
 
+#include "proxy/core/CConnectHelpers.h"
 #include "proxy/core/CHostLink.h"
 #include "runtime/CRefCountPtr.h"
 #include "transport/CTCPIPAddress.h"
 #include "transport/IZRTConnectionAddress.h"
 #include "transport/IZRTDataLayer.h"
 #include "transport/IZRTMultiPointLayer.h"
-
-namespace QOX {
-class CThreadPool;
-}
 
 namespace ZRT {
 namespace Proxy {
@@ -25,7 +22,7 @@ namespace Proxy {
 // in the connection's CHostLink) or the time is up.
 //
 // Every operation runs on the connection's thread. A host that may block on a connect
-// (IZRTMultiPointLayer::ConnectsWithoutBlocking false) is asked on a thread of the proxy's pool;
+// (IZRTMultiPointLayer::ConnectsWithoutBlocking false) is asked on one of the proxy's helpers;
 // its answer waits in a hand-off, and `wake` (called on that thread) asks the connection's thread
 // for OnWake. An answer that comes after Cancel, or for an attempt given up, is closed there.
 // `wake` is also how an outcome known at once reaches the owner after Begin has returned.
@@ -39,7 +36,7 @@ public:
     // The end of the attempts: connected, or not.
     using Outcome = std::function<void(bool connected)>;
 
-    CHostConnector(IZRTMultiPointLayer* layer, const CTCPIPAddress& client, QOX::CThreadPool* pool, CHostLink& link,
+    CHostConnector(IZRTMultiPointLayer* layer, const CTCPIPAddress& client, CConnectHelpers& helpers, CHostLink& link,
                    std::function<void()> wake, Outcome outcome);
     ~CHostConnector();
     CHostConnector(const CHostConnector&) = delete;
@@ -77,7 +74,7 @@ private:
 
     IZRTMultiPointLayer* const m_layer;
     const CTCPIPAddress m_client;
-    QOX::CThreadPool* const m_pool;
+    CConnectHelpers& m_helpers;
     CHostLink& m_link;
     const std::function<void()> m_wake;
     const Outcome m_outcome;

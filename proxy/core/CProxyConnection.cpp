@@ -68,7 +68,7 @@ bool CProxyConnection::Start(int socket, const sockaddr_storage& peer, CEventLoo
     m_datagramHandler = datagramHandler;
     m_connectionListener = connectionListener;
     m_connector.reset(new CHostConnector(
-        multiPointLayer, m_clientAddress, m_server.GetThreadPool(), m_link, [this] { RequestStep(NOTICE_CONNECTOR); },
+        multiPointLayer, m_clientAddress, m_server.GetConnectHelpers(), m_link, [this] { RequestStep(NOTICE_CONNECTOR); },
         [this](bool connected) { TellConnected(connected); }));
     m_watches.Start(loop, [this](ERole role, uint32_t events) { OnReady(role, events); });
     m_phase = EPhase::AwaitFirstBytes;

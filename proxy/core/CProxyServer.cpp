@@ -124,6 +124,7 @@ bool CProxyServer::StartProxy(const std::vector<std::string>& listenAddresses, i
     m_datagramHandler = datagramHandler;
     m_connectionListener = connectionListener;
     m_loginGuard.SetThreadPool(m_pool);
+    m_connectHelpers.Configure(m_pool ? m_pool->GetHooks() : QOX::SThreadHooks(), GetSettings().connectHelpers);
     // Loops back into the proxy are recognized by any of its ports.
     std::vector<unsigned int> ports;
     for (const auto& port : m_listenPorts)
@@ -430,6 +431,8 @@ void CProxyServer::StopProxy()
     // Each one finishes on its event thread; a client accepted while this began is among them
     // or sees the stop itself.
     CloseProxyConnections();
+    // A host's blocked connects end in their own time; none begins any more.
+    m_connectHelpers.Abandon();
     if (m_loops)
         m_loops->Stop(); // the threads end, releasing the listener watches and delayed tasks
     {
@@ -439,8 +442,7 @@ void CProxyServer::StopProxy()
     m_loops.reset();
     CloseListenSockets();
     m_addressManager.SetProxyPort(0);
-    // Threads kept for reuse would run the engine's code after the host may have unloaded it;
-    // helper threads of connects are waited for too.
+    // Threads kept for reuse would run the engine's code after the host may have unloaded it.
     if (m_pool)
         m_pool->EndAll();
     else

@@ -16,6 +16,7 @@
 #include "proxy/address/CDestinationPolicy.h"
 #include "proxy/auth/CLoginGuard.h"
 #include "proxy/core/CClientCounts.h"
+#include "proxy/core/CConnectHelpers.h"
 #include "proxy/httpproxy/COriginPool.h"
 #include "proxy/core/CProxyStats.h"
 #include "proxy/core/IProxyObserver.h"
@@ -140,6 +141,7 @@ public:
     // set); set it while stopped. StopProxy ends every thread of it, so none runs afterwards.
     void SetThreadPool(QOX::CThreadPool* pool) { m_pool = pool; }
     QOX::CThreadPool* GetThreadPool() const { return m_pool; }
+    CConnectHelpers& GetConnectHelpers() { return m_connectHelpers; }
 
     void CloseProxyConnections();
     void OnConnectionCreated(CProxyConnection* connection);
@@ -208,6 +210,9 @@ private:
     CAddressManager m_addressManager;
     CLoginGuard m_loginGuard;
     COriginPool m_originPool;
+    // Its destructor waits for connects still blocked in the host (their jobs hold nothing else of
+    // the server).
+    CConnectHelpers m_connectHelpers;
     // Guards m_active, swapped whole by SetSettings and copied at each accept.
     mutable std::mutex m_settingsMutex;
     std::shared_ptr<const SActive> m_active = std::make_shared<SActive>();

@@ -22,6 +22,9 @@ struct SProxySettings {
     int connectTimeoutMs = 10000;
     // Event threads that serve the clients, read at start; 0: half the CPUs (at least 1, at most 16).
     int eventThreads = 0;
+    // Most threads asking a host whose connects may block at once (more wait in line), read at
+    // start.
+    int connectHelpers = 16;
 
     // Who may use the proxy, name -> password (or a hash the verifier below recognizes); empty:
     // nobody has to authenticate. When set, SOCKS5 clients must use username/password

@@ -16,9 +16,14 @@
 #include "fakes/FakeDataLayer.h"
 #include "fakes/FakeMultiPointLayer.h"
 #include "fakes/Polling.h"
+#include "fakes/FakeResolver.h"
+#include "fakes/TestSockets.h"
 #include "proxy/core/CClientEnd.h"
+#include "proxy/core/CConnectHelpers.h"
 #include "proxy/core/CHostConnector.h"
 #include "proxy/core/CHostLink.h"
+#include "proxy/core/CProxy.h"
+#include "proxy/core/CProxyServer.h"
 #include "proxy/core/CRelayPump.h"
 
 namespace ZRT {
@@ -269,11 +274,12 @@ protected:
     void OnLinkLeaving() override {}
 
     FakeMultiPointLayer m_layer;
+    Proxy::CConnectHelpers m_helpers;
     NullSink m_sink;
     CHostLink m_link{m_sink, *this};
     std::atomic<int> m_wakes{0};
     std::vector<bool> m_outcomes;
-    CHostConnector m_connector{&m_layer, CTCPIPAddress(127, 0, 0, 1, 5000), nullptr, m_link, [this] { ++m_wakes; },
+    CHostConnector m_connector{&m_layer, CTCPIPAddress(127, 0, 0, 1, 5000), m_helpers, m_link, [this] { ++m_wakes; },
                                [this](bool connected) { m_outcomes.push_back(connected); }};
 };
 
@@ -298,7 +304,7 @@ TEST_F(ConnectorTest, RefusedAddressesGiveWayToTheNextAllowedOneThenTheFailureIs
         << "the address the rules refuse is never tried";
 
     CHostLink other{m_sink, *this};
-    CHostConnector refused{&m_layer, CTCPIPAddress(127, 0, 0, 1, 5000), nullptr, other, [] {},
+    CHostConnector refused{&m_layer, CTCPIPAddress(127, 0, 0, 1, 5000), m_helpers, other, [] {},
                            [this](bool connected) { m_outcomes.push_back(connected); }};
     ASSERT_TRUE(refused.Begin(Destination({2, 3}), 5000, [](const IZRTConnectionAddress&) { return true; }));
     refused.OnWake();
@@ -323,6 +329,7 @@ TEST_F(ConnectorTest, AHostThatMayBlockAnswersFromAHelperAndALateAnswerIsClosed)
         [&](FakeDataLayer&, const IZRTConnectionAddress&) { Testing::WaitUntil([&] { return answer.load(); }); });
     m_link.Drop();
     ASSERT_TRUE(Begin(Destination({3})));
+    ASSERT_TRUE(Testing::WaitUntil([&] { return m_layer.GetConnectCount() == 2; })) << "the connect is under way";
     m_connector.Cancel();
     answer = true;
     ASSERT_TRUE(Testing::WaitUntil([&] {
@@ -330,6 +337,52 @@ TEST_F(ConnectorTest, AHostThatMayBlockAnswersFromAHelperAndALateAnswerIsClosed)
         return link && m_layer.GetConnectCount() == 2 && link->GetDisconnects() == 1;
     }));
     EXPECT_EQ(m_wakes.load(), 1) << "nobody is woken for it";
+}
+
+} // namespace
+} // namespace ZRT
+
+namespace ZRT {
+namespace {
+
+// A host whose connects block until the test lets them go: at most connect-helpers of them are
+// asked at once, and a stop does not wait for one.
+TEST(BlockingHostTest, HelpersAreBoundedAndAStopLeavesABlockedConnectBehind)
+{
+    FakeMultiPointLayer layer;
+    layer.SetNonBlocking(false);
+    std::atomic<int> inside{0};
+    std::atomic<int> most{0};
+    std::atomic<bool> release{false};
+    layer.SetOnConnect([&](FakeDataLayer&, const IZRTConnectionAddress&) {
+        const int now = ++inside;
+        for (int seen = most; now > seen && !most.compare_exchange_weak(seen, now);) {
+        }
+        Testing::WaitUntil([&] { return release.load(); }, 30000);
+        --inside;
+    });
+    Testing::FakeResolver resolver;
+    Proxy::CProxy proxy;
+    Proxy::SProxySettings settings = proxy.GetServer().GetSettings();
+    settings.connectHelpers = 3;
+    ASSERT_TRUE(proxy.GetServer().SetSettings(settings));
+    ASSERT_TRUE(proxy.StartProxy("127.0.0.1", 0, &resolver, &layer, nullptr, nullptr));
+    std::vector<int> clients;
+    for (int i = 0; i < 8; ++i) {
+        clients.push_back(Testing::TestSockets::Connect("127.0.0.1", static_cast<unsigned>(proxy.GetListenPort())));
+        const unsigned char request[] = {5, 1, 0, 5, 1, 0, 1, 127, 0, 0, 2, 0, 80};
+        ASSERT_EQ(send(clients.back(), request, sizeof(request), 0), static_cast<ssize_t>(sizeof(request)));
+    }
+    ASSERT_TRUE(Testing::WaitUntil([&] { return inside.load() == 3; }));
+
+    proxy.StopProxy(); // returns while three connects are still blocked in the host
+    EXPECT_EQ(inside.load(), 3);
+    EXPECT_EQ(proxy.GetConnectionCount(), 0u);
+    release = true;
+    ASSERT_TRUE(Testing::WaitUntil([&] { return inside.load() == 0; }));
+    EXPECT_EQ(most.load(), 3) << "the five others waited in line and were dropped at the stop";
+    for (const int client : clients)
+        close(client);
 }
 
 } // namespace
