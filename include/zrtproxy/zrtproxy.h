@@ -86,6 +86,7 @@ typedef struct zrt_proxy_stats {
     uint64_t udp_datagrams_dropped;  /* datagrams too large to relay whole */
     uint64_t http_requests;          /* requests answered on persistent HTTP connections */
     uint64_t http_origin_reuses;     /* of those, sent on an idle origin connection */
+    uint64_t socks4_total;           /* clients that spoke SOCKS4 or 4A */
 } zrt_proxy_stats_t;
 
 /* A stopped proxy with default settings, or NULL when out of memory. */
