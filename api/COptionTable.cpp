@@ -339,7 +339,7 @@ const COptionTable::SOption OPTIONS[] = {
          return SetSeconds(v, 1, 3600, s.proxy.connectTimeoutMs, e);
      },
      [](SEmbeddedSettings& s) { s.proxy.connectTimeoutMs = Defaults().proxy.connectTimeoutMs; }},
-    {"bind-timeout", COptionTable::LIVE, "SECONDS", "how long a SOCKS5 BIND waits for its peer (default 120)",
+    {"bind-timeout", COptionTable::LIVE, "SECONDS", "how long a SOCKS BIND waits for its peer (default 120)",
      [](SEmbeddedSettings& s, const std::string& v, std::string& e) {
          return SetSeconds(v, 1, 86400, s.proxy.bindWaitMs, e);
      },

@@ -1,4 +1,4 @@
-/* ZRT Proxy: a SOCKS5 and HTTP proxy on one local port, as a library.
+/* ZRT Proxy: a SOCKS and HTTP proxy on one local port, as a library.
  *
  * The C interface: an opaque handle, settings by name, plain integer results. Nothing of C++
  * crosses it, so C, JNI, Swift, Rust or a C++ program built with another standard library can
