@@ -1,6 +1,7 @@
 #include "proxy/socks4/CConnectionProtocol_SOCKS4.h"
 
 #include <algorithm>
+#include <cstddef>
 #include <cstring>
 
 #include "proxy/address/CAddressManager.h"
@@ -226,7 +227,8 @@ CConnectionProtocol_SOCKS4::EState CConnectionProtocol_SOCKS4::DoRequest()
                                                  layout.nameEnd - layout.userEnd - 1)
                                    : std::string();
     const std::string key = named ? name + ":" + std::to_string(port) : numeric.ToString();
-    m_buffer.erase(m_buffer.begin(), m_buffer.begin() + static_cast<long>((named ? layout.nameEnd : layout.userEnd) + 1));
+    m_buffer.erase(m_buffer.begin(),
+                   m_buffer.begin() + static_cast<std::ptrdiff_t>((named ? layout.nameEnd : layout.userEnd) + 1));
     m_connection.MarkRequestComplete();
     m_connection.SetUser(user);
     m_connection.DescribeExchange(m_command == CMD_BIND ? "bind" : named ? "socks4a" : "socks4", key);
