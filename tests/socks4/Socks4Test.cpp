@@ -7,6 +7,7 @@
 #include <initializer_list>
 #include <memory>
 #include <optional>
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -117,6 +118,11 @@ struct SServedCase {
     std::string user;
 };
 
+void PrintTo(const SServedCase& served, std::ostream* out)
+{
+    *out << served.name;
+}
+
 class Socks4ServedTest : public Socks4Fixture, public ::testing::WithParamInterface<SServedCase> {
 protected:
     void ExpectRecorded()
@@ -176,6 +182,11 @@ struct SRefusalCase {
     std::string request;
     EOutcome outcome;
 };
+
+void PrintTo(const SRefusalCase& refusal, std::ostream* out)
+{
+    *out << refusal.name;
+}
 
 class Socks4RefusalTest : public Socks4Fixture, public ::testing::WithParamInterface<SRefusalCase> {};
 
