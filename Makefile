@@ -7,8 +7,10 @@ JOBS       ?= $(shell nproc)
 PORT       ?= 1080
 LISTEN     ?= 127.0.0.1
 
+# npm (for the e2e tests' npm clients) is asked for only when missing: some nodejs builds bring
+# their own and conflict with Debian's npm package.
 PACKAGES := cmake ninja-build g++ clang libc++-14-dev libc++abi-14-dev pkgconf libgtest-dev libgmock-dev libbenchmark-dev \
-            libc-ares-dev libcrypt-dev curl ncat proxychains4 \
+            libc-ares-dev libcrypt-dev curl ncat proxychains4 nodejs \
             python3-socks python3-pytest python3-prometheus-client default-jdk
 
 ARMHF_PACKAGES := g++-arm-linux-gnueabihf qemu-user googletest
@@ -20,7 +22,8 @@ FUZZ_SECONDS ?= 60
 all: build
 
 deps:
-	@missing=$$(for p in $(PACKAGES); do dpkg -s $$p >/dev/null 2>&1 || echo $$p; done); \
+	@missing=$$(for p in $(PACKAGES); do dpkg -s $$p >/dev/null 2>&1 || echo $$p; done; \
+	  case " $(PACKAGES) " in *" nodejs "*) command -v npm >/dev/null || echo npm;; esac); \
 	if [ -n "$$missing" ]; then \
 	  if [ "$$(id -u)" = 0 ]; then \
 	    echo "installing:" $$missing; \

@@ -239,6 +239,7 @@ void CEmbeddedProxy::GetStats(zrt_proxy_stats_t& stats) const
     stats.udp_datagrams_dropped = counters.Get(CProxyStats::UDP_DATAGRAMS_DROPPED);
     stats.http_requests = counters.Get(CProxyStats::HTTP_REQUESTS_TOTAL);
     stats.http_origin_reuses = counters.Get(CProxyStats::HTTP_ORIGINS_REUSED);
+    stats.socks4_total = counters.Get(CProxyStats::SOCKS4_TOTAL);
 }
 
 void CEmbeddedProxy::SetLogCallback(CLogRelay::Callback callback, void* context)

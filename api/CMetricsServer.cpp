@@ -37,6 +37,7 @@ const SMetric METRICS[] = {
     {"zrtproxy_connections_total", "counter", "Client connections accepted.", "", "", CProxyStats::CONNECTIONS_TOTAL},
     {"zrtproxy_connections_active", "gauge", "Client connections open now.", "", "", CProxyStats::CONNECTIONS_ACTIVE},
     {"zrtproxy_socks5_connections_total", "counter", "Clients that spoke SOCKS5.", "", "", CProxyStats::SOCKS5_TOTAL},
+    {"zrtproxy_socks4_connections_total", "counter", "Clients that spoke SOCKS4 or 4A.", "", "", CProxyStats::SOCKS4_TOTAL},
     {"zrtproxy_http_connections_total", "counter", "Clients that spoke the HTTP proxy protocol.", "", "",
      CProxyStats::HTTP_TOTAL},
     {"zrtproxy_refused_total", "counter", "Clients refused, by reason.", "reason", "bad_request",

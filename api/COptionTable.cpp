@@ -238,6 +238,16 @@ bool SetBacklog(SEmbeddedSettings& settings, const std::string& value, std::stri
     return true;
 }
 
+bool SetSocks4(SEmbeddedSettings& settings, const std::string& value, std::string& error)
+{
+    if (value != "deny" && value != "allow") {
+        error = "'" + value + "' is neither deny nor allow";
+        return false;
+    }
+    settings.proxy.socks4WithUsers = value == "allow";
+    return true;
+}
+
 bool SetDnsServers(SEmbeddedSettings& settings, const std::string& value, std::string& error)
 {
     // The list itself is checked by the resolver at start; this keeps out what cannot be one.
@@ -271,6 +281,10 @@ const COptionTable::SOption OPTIONS[] = {
      "more users, one user:password (or user:HASH) per line, # for comments; read again on reload; a file "
      "without users is an error",
      SetUsersFile, [](SEmbeddedSettings& s) { s.usersFile.clear(); }},
+    {"socks4", COptionTable::LIVE, "deny|allow",
+     "SOCKS4 and 4A clients (which send no password) while there are users: deny refuses them, allow serves "
+     "them without a password (default deny)",
+     SetSocks4, [](SEmbeddedSettings& s) { s.proxy.socks4WithUsers = Defaults().proxy.socks4WithUsers; }},
     {"allow", COptionTable::REPEATABLE | COptionTable::LIVE, "CIDR",
      "clients allowed in (192.0.2.0/24, 2001:db8::/32, or one address); others are closed at once (default: all)",
      SetAllow, [](SEmbeddedSettings& s) { s.proxy.allow.clear(); }},
@@ -325,7 +339,7 @@ const COptionTable::SOption OPTIONS[] = {
          return SetSeconds(v, 1, 3600, s.proxy.connectTimeoutMs, e);
      },
      [](SEmbeddedSettings& s) { s.proxy.connectTimeoutMs = Defaults().proxy.connectTimeoutMs; }},
-    {"bind-timeout", COptionTable::LIVE, "SECONDS", "how long a SOCKS5 BIND waits for its peer (default 120)",
+    {"bind-timeout", COptionTable::LIVE, "SECONDS", "how long a SOCKS BIND waits for its peer (default 120)",
      [](SEmbeddedSettings& s, const std::string& v, std::string& e) {
          return SetSeconds(v, 1, 86400, s.proxy.bindWaitMs, e);
      },

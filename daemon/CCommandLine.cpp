@@ -75,7 +75,7 @@ std::string CCommandLine::Usage(const std::vector<CConfigFile::SEntry>& defaults
 {
     std::string usage = "Usage: zrt-proxy [--config FILE] [--OPTION VALUE]... [--check-config]\n"
                         "       zrt-proxy --hash-password < PASSWORD-LINE\n"
-                        "SOCKS5 and HTTP proxy, connecting directly from this machine.\n\n"
+                        "SOCKS and HTTP proxy, connecting directly from this machine.\n\n"
                         "  --config FILE                 read options from FILE: one 'name value' per line, # for\n"
                         "                                comments, \"...\" around a value with # or outer spaces;\n"
                         "                                options given here override the file's\n"

@@ -1,4 +1,4 @@
-/* ZRT Proxy: a SOCKS5 and HTTP proxy on one local port, as a library.
+/* ZRT Proxy: a SOCKS and HTTP proxy on one local port, as a library.
  *
  * The C interface: an opaque handle, settings by name, plain integer results. Nothing of C++
  * crosses it, so C, JNI, Swift, Rust or a C++ program built with another standard library can
@@ -86,6 +86,7 @@ typedef struct zrt_proxy_stats {
     uint64_t udp_datagrams_dropped;  /* datagrams too large to relay whole */
     uint64_t http_requests;          /* requests answered on persistent HTTP connections */
     uint64_t http_origin_reuses;     /* of those, sent on an idle origin connection */
+    uint64_t socks4_total;           /* clients that spoke SOCKS4 or 4A */
 } zrt_proxy_stats_t;
 
 /* A stopped proxy with default settings, or NULL when out of memory. */

@@ -1,15 +1,17 @@
 #include "proxy/core/CConnectionProtocolFactory.h"
 
 #include "proxy/httpproxy/CConnectionProtocol_HTTP.h"
+#include "proxy/socks4/CConnectionProtocol_SOCKS4.h"
 #include "proxy/socks5/CConnectionProtocol_SOCKS5.h"
 
 namespace ZRT {
 namespace Proxy {
 
 namespace {
-// Every SOCKS version 5 client opens with its version byte.
+// Every SOCKS client opens with its version byte.
+constexpr unsigned char SOCKS4_VERSION = 4;
 constexpr unsigned char SOCKS5_VERSION = 5;
-}
+} // namespace
 
 CConnectionProtocolFactory* CConnectionProtocolFactory::GetInstance()
 {
@@ -22,8 +24,11 @@ IConnectionProtocol* CConnectionProtocolFactory::CreateProtocol(IProxyConnection
 {
     if (!data || length <= 0)
         return nullptr;
-    if (static_cast<unsigned char>(data[0]) == SOCKS5_VERSION)
+    const auto version = static_cast<unsigned char>(data[0]);
+    if (version == SOCKS5_VERSION)
         return new CConnectionProtocol_SOCKS5(connection);
+    if (version == SOCKS4_VERSION)
+        return new CConnectionProtocol_SOCKS4(connection);
     return new CConnectionProtocol_HTTP(connection);
 }
 

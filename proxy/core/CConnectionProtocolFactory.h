@@ -8,7 +8,8 @@ namespace ZRT {
 namespace Proxy {
 
 // Picks the protocol handler for a new client from the first byte it sent: 5 (the SOCKS
-// version 5 greeting) gives the SOCKS5 handler, anything else the HTTP proxy handler.
+// version 5 greeting) gives the SOCKS5 handler, 4 (a SOCKS4 or 4A request) the SOCKS4 handler,
+// anything else the HTTP proxy handler.
 // A process-wide singleton without state; CreateProtocol is called from many threads.
 class ZRT_EXPORT CConnectionProtocolFactory {
 public:

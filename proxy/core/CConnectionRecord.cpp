@@ -67,6 +67,8 @@ void CConnectionRecord::SetFamily(const std::string& family)
         m_stats.Add(CProxyStats::SOCKS5_TOTAL);
     else if (family == "http")
         m_stats.Add(CProxyStats::HTTP_TOTAL);
+    else if (family == "socks4")
+        m_stats.Add(CProxyStats::SOCKS4_TOTAL);
 }
 
 void CConnectionRecord::Describe(const char* protocol, const std::string& destination)

@@ -34,6 +34,7 @@ public:
         UDP_DATAGRAMS_DROPPED, // datagrams too large to relay whole
         HTTP_REQUESTS_TOTAL, // requests answered on persistent HTTP connections
         HTTP_ORIGINS_REUSED, // requests sent on an idle origin connection
+        SOCKS4_TOTAL,        // clients that spoke SOCKS4 or 4A
         COUNTER_COUNT
     };
 

@@ -62,7 +62,7 @@ public:
     virtual int GetWatchedDescriptor() const { return -1; }
     // The watched descriptor is readable.
     virtual void OnDescriptorReady() {}
-    // The protocol family, for the counters: "socks5", "http", or "" for others.
+    // The protocol family, for the counters: "socks5", "socks4", "http", or "" for others.
     virtual const char* GetFamily() const { return ""; }
 };
 

@@ -14,7 +14,7 @@ namespace Proxy {
 // settings that were current when it was accepted; a change while the proxy runs reaches the
 // connections accepted afterwards.
 struct SProxySettings {
-    // How long a SOCKS5 BIND waits for its peer before it gives up (REP 1).
+    // How long a SOCKS BIND waits for its peer before it gives up (SOCKS5 REP 1, SOCKS4 91).
     int bindWaitMs = 120000;
     // How long a handler waits for a name lookup before it treats the name as unresolvable.
     int lookupLimitMs = 30000;
@@ -32,6 +32,9 @@ struct SProxySettings {
     std::map<std::string, std::string> users;
     // Checks the users' entries that are hashes; null: every entry is the password itself.
     std::shared_ptr<const IPasswordVerifier> passwordVerifier;
+    // SOCKS4 carries no password: while there are users, its clients are refused unless this is
+    // set (then they are served without authentication).
+    bool socks4WithUsers = false;
     // Client addresses allowed in, as CIDR blocks ("192.0.2.0/24", "2001:db8::/32", or one
     // address); empty: every client. Others are closed at accept, before a byte is read.
     std::vector<std::string> allow;

@@ -12,7 +12,7 @@
 namespace ZRT {
 namespace Proxy {
 
-// The waiting half of a SOCKS5 BIND: listens through the host's connection listener and hands
+// The waiting half of a SOCKS BIND (version 5, and 4 alike): listens through the host's connection listener and hands
 // the accepted peer to the connection's thread (which makes it the host link). Only a peer from
 // the address the client named (unless it named the unspecified address) is taken; any other,
 // and any peer after the first, is closed at once.

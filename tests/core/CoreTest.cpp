@@ -24,8 +24,6 @@
 #include "proxy/core/CProxy.h"
 #include "proxy/core/CProxyConnection.h"
 #include "proxy/core/CProxyServer.h"
-#include "proxy/httpproxy/CConnectionProtocol_HTTP.h"
-#include "proxy/socks5/CConnectionProtocol_SOCKS5.h"
 #include "runtime/CThread.h"
 #include "transport/CTCPIPAddress.h"
 
@@ -808,21 +806,21 @@ TEST(ConnectionProtocolFactory, EmptyFirstChunkYieldsNoHandler)
     EXPECT_EQ(factory->CreateProtocol(connection, "\x05", -1), nullptr);
 }
 
-TEST(ConnectionProtocolFactory, FirstByteFiveMeansSocks5AndAnythingElseHttp)
+TEST(ConnectionProtocolFactory, FirstByteFiveMeansSocks5FourSocks4AndAnythingElseHttp)
 {
     FakeProxyConnection connection;
     auto* factory = Proxy::CConnectionProtocolFactory::GetInstance();
     const struct {
         std::string chunk;
-        bool socks5;
-    } cases[] = {{"\x05", true}, {std::string("\x05\x01\x00", 3), true}, {"\x04\x01", false},
-                 {std::string(1, '\0'), false}, {"GET / HTTP/1.1\r\n", false}, {"\x06", false}};
+        std::string family;
+    } cases[] = {{"\x05", "socks5"}, {std::string("\x05\x01\x00", 3), "socks5"}, {"\x04\x01", "socks4"},
+                 {"\x04", "socks4"},  {std::string(1, '\0'), "http"},             {"GET / HTTP/1.1\r\n", "http"},
+                 {"\x06", "http"}};
     for (const auto& each : cases) {
         std::unique_ptr<Proxy::IConnectionProtocol> handler(
             factory->CreateProtocol(connection, each.chunk.data(), static_cast<int>(each.chunk.size())));
         ASSERT_NE(handler, nullptr);
-        EXPECT_EQ(dynamic_cast<Proxy::CConnectionProtocol_SOCKS5*>(handler.get()) != nullptr, each.socks5);
-        EXPECT_EQ(dynamic_cast<Proxy::CConnectionProtocol_HTTP*>(handler.get()) != nullptr, !each.socks5);
+        EXPECT_EQ(each.family, handler->GetFamily()) << static_cast<int>(each.chunk[0]);
     }
 }
 

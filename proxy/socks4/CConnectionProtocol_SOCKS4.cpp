@@ -1,0 +1,365 @@
+#include "proxy/socks4/CConnectionProtocol_SOCKS4.h"
+
+#include <algorithm>
+#include <cstddef>
+#include <cstring>
+
+#include "proxy/address/CAddressManager.h"
+#include "proxy/core/SProxySettings.h"
+#include "proxy/socks5/CSocksAddress.h"
+#include "transport/CTCPIPAddress.h"
+
+namespace ZRT {
+namespace Proxy {
+
+namespace {
+const unsigned char SOCKS_VERSION = 4;
+// VN CD DSTPORT DSTIP: the fixed part before the user id.
+const size_t HEADER_LENGTH = 8;
+
+enum ECommand { CMD_CONNECT = 1, CMD_BIND = 2 };
+enum EReply { REP_GRANTED = 90, REP_REJECTED = 91 };
+
+// 0.0.0.x with x not 0: the client left the name to the proxy (4A).
+bool NamesHost(const unsigned char* ip)
+{
+    return ip[0] == 0 && ip[1] == 0 && ip[2] == 0 && ip[3] != 0;
+}
+
+// The offset of the first NUL in [from, from + limit], or 0 while none is there; `overflow` when
+// the limit passed without one.
+size_t FindEnd(const std::vector<unsigned char>& bytes, size_t from, size_t limit, bool& overflow)
+{
+    const size_t stop = std::min(bytes.size(), from + limit + 1);
+    for (size_t i = from; i < stop; ++i) {
+        if (bytes[i] == 0)
+            return i;
+    }
+    overflow = bytes.size() > from + limit;
+    return 0;
+}
+} // namespace
+
+// ---- life cycle ----
+
+CConnectionProtocol_SOCKS4::CConnectionProtocol_SOCKS4(IProxyConnection& connection)
+    : m_connection(connection), m_lookup([&connection] { connection.WakeHandler(); })
+{
+}
+
+CConnectionProtocol_SOCKS4::~CConnectionProtocol_SOCKS4()
+{
+    CConnectionProtocol_SOCKS4::Terminate(); // no dynamic dispatch from a destructor
+}
+
+void CConnectionProtocol_SOCKS4::Terminate()
+{
+    m_state = EState::Closed;
+    m_buffer.clear();
+    m_lookup.Cancel();
+    if (m_bind)
+        m_bind->Stop();
+}
+
+void CConnectionProtocol_SOCKS4::Close()
+{
+    m_state = EState::Closed;
+    m_buffer.clear();
+    m_connection.SetHandlerTimer(-1);
+    // The connection terminates us in turn (on this thread).
+    if (m_connection.IsConnectedToClient())
+        m_connection.DisconnectClient();
+}
+
+void CConnectionProtocol_SOCKS4::Refuse(EOutcome outcome)
+{
+    m_connection.SetOutcome(outcome);
+    SendReply(REP_REJECTED, nullptr);
+    Close();
+}
+
+// ---- entry points, all on the connection's thread ----
+
+void CConnectionProtocol_SOCKS4::HandleRequest(const char* data, int length)
+{
+    if (m_state == EState::Closed || !data || length <= 0)
+        return;
+    // Relaying with nothing held: straight to the host, without the copy into the buffer.
+    if (PassesRequestsThrough()) {
+        m_connection.SendToHost(data, length);
+        return;
+    }
+    m_buffer.insert(m_buffer.end(), data, data + length);
+    DoLoop();
+}
+
+void CConnectionProtocol_SOCKS4::HandleResponse(const char* data, int length)
+{
+    if (m_state == EState::Relay && data && length > 0)
+        m_connection.SendToClient(data, length);
+}
+
+bool CConnectionProtocol_SOCKS4::HandleClientEnd()
+{
+    switch (m_state) {
+    case EState::Relay:
+        return m_connection.EndHostOutput();
+    case EState::Resolve:
+    case EState::Connect:
+        // A client that sent its request (and what follows it) and then finished still gets its
+        // answer: the end goes to the host behind those bytes once the relay starts.
+        m_clientEnded = true;
+        return true;
+    default:
+        // A BIND may wait minutes for its peer: a client that went must not hold the listener.
+        return false;
+    }
+}
+
+bool CConnectionProtocol_SOCKS4::HandleHostEnd()
+{
+    return m_state == EState::Relay;
+}
+
+void CConnectionProtocol_SOCKS4::OnHostConnected(bool connected)
+{
+    if (m_state != EState::Connect)
+        return;
+    if (!connected) {
+        Refuse(EOutcome::Unreachable);
+        return;
+    }
+    // The address fields of a CONNECT's reply mean nothing to the client.
+    SendReply(REP_GRANTED, nullptr);
+    m_state = EState::Relay;
+    DoLoop();
+}
+
+void CConnectionProtocol_SOCKS4::OnTimer()
+{
+    if (m_state == EState::Resolve) {
+        // A name that is not answered in time does not resolve.
+        m_lookup.Cancel();
+        Refuse(EOutcome::NoDestination);
+    } else if (m_state == EState::BindAccept) {
+        Refuse(EOutcome::Timeout);
+    }
+}
+
+// ---- the state machine ----
+
+void CConnectionProtocol_SOCKS4::DoLoop()
+{
+    for (;;) {
+        const EState state = m_state;
+        EState next = state;
+        switch (state) {
+        case EState::Request:
+            next = DoRequest();
+            break;
+        case EState::Resolve:
+            next = DoResolveComplete();
+            break;
+        case EState::BindAccept:
+            next = DoBindAccept();
+            break;
+        case EState::Relay:
+            next = DoRelay();
+            break;
+        case EState::Connect: // OnHostConnected continues
+        case EState::Closed:
+            break;
+        }
+        if (m_state == EState::Closed)
+            return; // a step closed already (a refusal)
+        if (next == state)
+            return;
+        m_state = next;
+        if (next == EState::Closed) {
+            Close();
+            return;
+        }
+    }
+}
+
+CConnectionProtocol_SOCKS4::EParse CConnectionProtocol_SOCKS4::ParseRequest(SRequestLayout& layout) const
+{
+    if (m_buffer.size() < HEADER_LENGTH)
+        return EParse::Incomplete;
+    bool overflow = false;
+    layout.userEnd = FindEnd(m_buffer, HEADER_LENGTH, MAX_FIELD_LENGTH, overflow);
+    if (layout.userEnd == 0)
+        return overflow ? EParse::Malformed : EParse::Incomplete;
+    if (!NamesHost(m_buffer.data() + 4))
+        return EParse::Whole;
+    layout.nameEnd = FindEnd(m_buffer, layout.userEnd + 1, MAX_FIELD_LENGTH, overflow);
+    if (layout.nameEnd == 0)
+        return overflow ? EParse::Malformed : EParse::Incomplete;
+    return EParse::Whole;
+}
+
+CConnectionProtocol_SOCKS4::EState CConnectionProtocol_SOCKS4::DoRequest()
+{
+    const unsigned char* data = m_buffer.data();
+    if (!m_buffer.empty() && data[0] != SOCKS_VERSION) {
+        m_connection.SetOutcome(EOutcome::BadRequest);
+        return EState::Closed;
+    }
+    // An unknown command is refused at once: what follows it may never end.
+    if (m_buffer.size() >= 2 && data[1] != CMD_CONNECT && data[1] != CMD_BIND) {
+        Refuse(EOutcome::BadRequest);
+        return EState::Closed;
+    }
+    SRequestLayout layout;
+    const EParse parsed = ParseRequest(layout);
+    if (parsed == EParse::Incomplete)
+        return EState::Request;
+    if (parsed == EParse::Malformed) {
+        Refuse(EOutcome::BadRequest);
+        return EState::Closed;
+    }
+    m_command = data[1];
+    const unsigned int port = static_cast<unsigned int>(data[2]) << 8 | data[3];
+    const CTCPIPAddress numeric(data[4], data[5], data[6], data[7], port);
+    const bool named = layout.nameEnd != 0;
+    const std::string user(reinterpret_cast<const char*>(data + HEADER_LENGTH), layout.userEnd - HEADER_LENGTH);
+    const std::string name = named ? std::string(reinterpret_cast<const char*>(data + layout.userEnd + 1),
+                                                 layout.nameEnd - layout.userEnd - 1)
+                                   : std::string();
+    const std::string key = named ? name + ":" + std::to_string(port) : numeric.ToString();
+    m_buffer.erase(m_buffer.begin(),
+                   m_buffer.begin() + static_cast<std::ptrdiff_t>((named ? layout.nameEnd : layout.userEnd) + 1));
+    m_connection.MarkRequestComplete();
+    m_connection.SetUser(user);
+    m_connection.DescribeExchange(m_command == CMD_BIND ? "bind" : named ? "socks4a" : "socks4", key);
+
+    // No password comes with SOCKS4: with users it is let in only when the settings say so.
+    const SProxySettings& settings = m_connection.GetSettings();
+    if (!settings.users.empty() && !settings.socks4WithUsers) {
+        Refuse(EOutcome::AuthFailed);
+        return EState::Closed;
+    }
+    if (!named)
+        return DoCommand(AddressPtr(numeric.Clone()));
+    if (!CAddressManager::IsPlausibleHostName(name)) {
+        Refuse(EOutcome::BadRequest);
+        return EState::Closed;
+    }
+    if (!m_lookup.Start(m_connection.GetAddressManager(), key)) {
+        m_connection.SetHandlerTimer(settings.lookupLimitMs);
+        return EState::Resolve;
+    }
+    return DoResolveComplete();
+}
+
+CConnectionProtocol_SOCKS4::EState CConnectionProtocol_SOCKS4::DoResolveComplete()
+{
+    AddressPtr address;
+    if (!m_lookup.TakeAnswer(address))
+        return EState::Resolve;
+    m_connection.SetHandlerTimer(-1);
+    return DoCommand(address);
+}
+
+CConnectionProtocol_SOCKS4::EState CConnectionProtocol_SOCKS4::DoCommand(const AddressPtr& destination)
+{
+    if (!destination) {
+        Refuse(EOutcome::NoDestination);
+        return EState::Closed;
+    }
+    return m_command == CMD_BIND ? DoBind(destination) : DoConnect(destination);
+}
+
+CConnectionProtocol_SOCKS4::EState CConnectionProtocol_SOCKS4::DoConnect(const AddressPtr& destination)
+{
+    // A tunnel back into the proxy would loop until the descriptors run out.
+    if (m_connection.GetAddressManager().IsProxyItself(*destination)) {
+        Refuse(EOutcome::NotAllowed);
+        return EState::Closed;
+    }
+    if (!m_connection.IsDestinationAllowed(*destination)) {
+        Refuse(EOutcome::Denied);
+        return EState::Closed;
+    }
+    if (!m_connection.BeginConnectToHost(destination)) {
+        Refuse(EOutcome::Unreachable);
+        return EState::Closed;
+    }
+    return EState::Connect;
+}
+
+CConnectionProtocol_SOCKS4::EState CConnectionProtocol_SOCKS4::DoBind(const AddressPtr& destination)
+{
+    IConnectionListener* listener = m_connection.GetConnectionListener();
+    if (!listener) {
+        Refuse(EOutcome::BadRequest);
+        return EState::Closed;
+    }
+    // 0.0.0.0 takes a peer from anywhere; any other address is judged as a destination.
+    const std::string expected = CSocksAddress::HostKey(*destination);
+    const bool anyPeer = expected.find_first_not_of('\0') == std::string::npos;
+    if (!anyPeer && !m_connection.IsDestinationAllowed(*destination)) {
+        Refuse(EOutcome::Denied);
+        return EState::Closed;
+    }
+    m_bind.reset(new CSocks5Bind(m_connection));
+    const AddressPtr listening = m_bind->Start(*listener, *destination);
+    if (!listening) {
+        Refuse(EOutcome::Unreachable);
+        return EState::Closed;
+    }
+    SendReply(REP_GRANTED, listening.Get());
+    m_connection.SetHandlerTimer(m_connection.GetSettings().bindWaitMs);
+    return EState::BindAccept;
+}
+
+CConnectionProtocol_SOCKS4::EState CConnectionProtocol_SOCKS4::DoBindAccept()
+{
+    QOX::CRefCountPtr<IZRTDataLayer> stream;
+    AddressPtr peer;
+    if (!m_bind || !m_bind->TakePeer(stream, peer))
+        return EState::BindAccept;
+    m_connection.SetHandlerTimer(-1);
+    // A BIND completes once: nobody else is awaited.
+    m_bind->Stop();
+    if (!peer || !m_connection.AdoptHostLink(stream)) {
+        stream->Disconnect();
+        Refuse(EOutcome::Unreachable);
+        return EState::Closed;
+    }
+    SendReply(REP_GRANTED, peer.Get());
+    return EState::Relay;
+}
+
+CConnectionProtocol_SOCKS4::EState CConnectionProtocol_SOCKS4::DoRelay()
+{
+    // What the client sent while the command was under way goes first.
+    if (!m_buffer.empty()) {
+        m_connection.SendToHost(reinterpret_cast<const char*>(m_buffer.data()), static_cast<int>(m_buffer.size()));
+        m_buffer.clear();
+    }
+    if (m_clientEnded && !m_connection.EndHostOutput())
+        return EState::Closed;
+    m_clientEnded = false;
+    return EState::Relay;
+}
+
+// ---- replies ----
+
+void CConnectionProtocol_SOCKS4::SendReply(int code, const IZRTConnectionAddress* address)
+{
+    unsigned char reply[HEADER_LENGTH] = {0, static_cast<unsigned char>(code), 0, 0, 0, 0, 0, 0};
+    if (address) {
+        const unsigned int port = address->GetPortNumber();
+        reply[2] = static_cast<unsigned char>(port >> 8);
+        reply[3] = static_cast<unsigned char>(port & 0xFF);
+        // An IPv6 address does not fit; 0.0.0.0 tells a BIND's client to use the proxy's own.
+        const std::string host = CSocksAddress::HostKey(*address);
+        if (host.size() == 4)
+            std::memcpy(reply + 4, host.data(), 4);
+    }
+    m_connection.SendToClient(reinterpret_cast<const char*>(reply), static_cast<int>(sizeof(reply)));
+}
+
+} // namespace Proxy
+} // namespace ZRT

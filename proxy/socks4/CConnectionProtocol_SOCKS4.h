@@ -1,0 +1,97 @@
+#pragma once
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "proxy/address/CNameLookup.h"
+#include "proxy/core/IConnectionProtocol.h"
+#include "proxy/core/IProxyConnection.h"
+#include "proxy/socks5/CSocks5Bind.h"
+#include "runtime/CRefCountPtr.h"
+#include "runtime/Export.h"
+#include "transport/IZRTConnectionAddress.h"
+
+namespace ZRT {
+namespace Proxy {
+
+// Server side of SOCKS version 4 and its 4A extension for one client: CONNECT and BIND, the
+// destination as an IPv4 address or (4A) a name the proxy resolves. SOCKS4 carries no password:
+// while the proxy has users it is refused unless the settings let it in (socks4WithUsers).
+//
+// One state machine on the connection's thread. DoLoop runs the step of the current state until
+// a step has to wait; the waits end through the connection's callbacks on the same thread: Resume
+// (a name lookup answered, a BIND peer arrived), OnHostConnected (CONNECT's link), OnTimer (the
+// limits of a lookup and of a BIND). Client bytes that arrive meanwhile wait in the buffer and go
+// to the host once the relay starts. A BIND's peer becomes the connection's host link, so CONNECT
+// and BIND relay alike, through the connection.
+//
+//   Request -> [Resolve] -> Connect -> Relay
+//                        -> BindAccept -> Relay
+//   any state -> Closed (a refusal, an error, the client's end, Terminate)
+class ZRT_EXPORT CConnectionProtocol_SOCKS4 : public IConnectionProtocol {
+public:
+    enum class EState { Request, Resolve, Connect, BindAccept, Relay, Closed };
+
+    // The longest user id and host name taken, without their NUL.
+    static constexpr unsigned int MAX_FIELD_LENGTH = 255;
+
+    explicit CConnectionProtocol_SOCKS4(IProxyConnection& connection);
+    ~CConnectionProtocol_SOCKS4() override;
+    CConnectionProtocol_SOCKS4(const CConnectionProtocol_SOCKS4&) = delete;
+    CConnectionProtocol_SOCKS4& operator=(const CConnectionProtocol_SOCKS4&) = delete;
+
+    void Init() override {}
+    void Terminate() override;
+    void HandleRequest(const char* data, int length) override;
+    void HandleResponse(const char* data, int length) override;
+    unsigned int GetRequestBacklog() const override { return static_cast<unsigned int>(m_buffer.size()); }
+    bool PassesResponsesThrough() const override { return m_state == EState::Relay; }
+    bool PassesRequestsThrough() const override { return m_state == EState::Relay && m_buffer.empty(); }
+    bool HandleClientEnd() override;
+    bool HandleHostEnd() override;
+    void OnHostConnected(bool connected) override;
+    void Resume() override { DoLoop(); }
+    void OnTimer() override;
+    const char* GetFamily() const override { return "socks4"; }
+
+    EState GetState() const { return m_state; }
+
+private:
+    using AddressPtr = QOX::CRefCountPtr<IZRTConnectionAddress>;
+
+    // Where the request's fields end in the buffer, once it is whole.
+    struct SRequestLayout {
+        size_t userEnd = 0; // the user id's NUL
+        size_t nameEnd = 0; // the host name's NUL (4A), or 0
+    };
+    enum class EParse { Incomplete, Whole, Malformed };
+
+    void DoLoop();
+    EState DoRequest();
+    EState DoResolveComplete();
+    EState DoCommand(const AddressPtr& destination);
+    EState DoConnect(const AddressPtr& destination);
+    EState DoBind(const AddressPtr& destination);
+    EState DoBindAccept();
+    EState DoRelay();
+    EParse ParseRequest(SRequestLayout& layout) const;
+    // Leaves for Closed: drops what is buffered and asks the connection to end.
+    void Close();
+    // Replies 91 (with no address), records the outcome, and closes.
+    void Refuse(EOutcome outcome);
+    // VN 0, the code, then the address's port and IPv4 address (zeros for none, or for IPv6).
+    void SendReply(int code, const IZRTConnectionAddress* address);
+
+    IProxyConnection& m_connection;
+    EState m_state = EState::Request;
+    std::vector<unsigned char> m_buffer;
+    unsigned char m_command = 0;
+    // The client finished sending while its command was under way.
+    bool m_clientEnded = false;
+    CNameLookup m_lookup;
+    std::unique_ptr<CSocks5Bind> m_bind;
+};
+
+} // namespace Proxy
+} // namespace ZRT

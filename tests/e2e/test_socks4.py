@@ -1,0 +1,270 @@
+"""SOCKS4 and 4A through the daemon with real clients: curl, proxychains4 and the npm "socks"
+client (CONNECT and BIND), names from the stub DNS, the access log, users, the allow list and the
+destination rules. Missing clients are installed when running as root; otherwise their tests
+are skipped."""
+import hashlib
+import os
+import select
+import shutil
+import signal
+import socket
+import struct
+import subprocess
+import time
+
+import pytest
+
+from conftest import DEST_V4, PROXY_BIN, Daemon, StubDns, recv_exact
+from proxyharness import EchoServer
+
+HERE = os.path.dirname(os.path.abspath(__file__))
+# The npm client goes into the build tree, never the source tree.
+NPM_DIR = os.environ.get("ZRT_NPM_DIR") or os.path.join(os.path.dirname(os.path.abspath(PROXY_BIN)), "npm")
+NPM_SOCKS = "socks@2.8.11"
+REJECTED = bytes([0, 91]) + bytes(6)
+
+
+def install_debian(binary, package):
+    if shutil.which(binary):
+        return
+    if os.geteuid() != 0:
+        pytest.skip(f"{binary} is missing (Debian package {package}); run as root to install it")
+    env = dict(os.environ, DEBIAN_FRONTEND="noninteractive")
+    subprocess.run(["apt-get", "update", "-qq"], check=True, env=env, stdout=subprocess.DEVNULL)
+    subprocess.run(["apt-get", "install", "-y", "-qq", package], check=True, env=env, stdout=subprocess.DEVNULL)
+
+
+@pytest.fixture(scope="module")
+def curl_tool():
+    install_debian("curl", "curl")
+
+
+@pytest.fixture(scope="module")
+def proxychains_tool():
+    install_debian("proxychains4", "proxychains4")
+
+
+@pytest.fixture(scope="module")
+def npm_socks():
+    """The folder whose node_modules holds the npm socks client."""
+    if not os.path.isdir(os.path.join(NPM_DIR, "node_modules", "socks")):
+        install_debian("npm", "npm")
+        if os.geteuid() != 0:
+            pytest.skip(f"the npm package {NPM_SOCKS} is missing; run as root to install it")
+        os.makedirs(NPM_DIR, exist_ok=True)
+        subprocess.run(["npm", "install", "--prefix", NPM_DIR, "--no-audit", "--no-fund", NPM_SOCKS], check=True,
+                       stdout=subprocess.DEVNULL, timeout=300)
+    return os.path.join(NPM_DIR, "node_modules")
+
+
+@pytest.fixture(scope="module")
+def dns():
+    server = StubDns()
+    yield server
+    server.close()
+
+
+@pytest.fixture(scope="module")
+def echo():
+    server = EchoServer()
+    yield server
+    server.close()
+
+
+def stopped(proxy):
+    assert proxy.stop() == 0
+    assert "Sanitizer" not in proxy.errors(), proxy.errors()
+
+
+@pytest.fixture(scope="module")
+def proxy(dns, tmp_path_factory):
+    log = tmp_path_factory.mktemp("socks4") / "access.log"
+    daemon = Daemon("--listen", "127.0.0.1", "--dns-server", f"127.0.0.53:{dns.port}", "--access-log", str(log))
+    daemon.log = log
+    yield daemon
+    stopped(daemon)
+
+
+def logged(path, text, timeout=10):
+    """True once a line of the access log holds text."""
+    deadline = time.time() + timeout
+    while time.time() < deadline:
+        if os.path.exists(path) and any(text in line for line in open(path)):
+            return True
+        time.sleep(0.05)
+    return False
+
+
+def socks4_request(proxy, command, host, port, user=b"", source=None):
+    """Sends one SOCKS4 request (4A when host is a name); returns the socket and the reply."""
+    sock = socket.socket()
+    sock.settimeout(10)
+    if source:
+        sock.bind((source, 0))
+    sock.connect((proxy.host, proxy.port))
+    try:
+        address, name = socket.inet_aton(host), b""
+    except OSError:
+        address, name = bytes([0, 0, 0, 1]), host.encode() + b"\0"
+    try:
+        sock.sendall(bytes([4, command]) + struct.pack("!H", port) + address + user + b"\0" + name)
+    except (BrokenPipeError, ConnectionResetError):
+        return sock, b""
+    return sock, recv_until_closed(sock, 8)
+
+
+def recv_until_closed(sock, count):
+    """Up to count bytes; fewer when the peer closes (or resets) first."""
+    data = b""
+    try:
+        while len(data) < count:
+            chunk = sock.recv(count - len(data))
+            if not chunk:
+                break
+            data += chunk
+    except ConnectionResetError:
+        pass
+    return data
+
+
+def curl(*args):
+    return subprocess.run(["curl", "-sS", "--fail", "--max-time", "60", "--noproxy", "", *args],
+                          stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+
+
+def sha256(data):
+    return hashlib.sha256(data).hexdigest()
+
+
+# ---- real clients ----
+
+@pytest.mark.parametrize("option, host, protocol", [("--socks4", DEST_V4, "socks4"),
+                                                    ("--socks4a", "files.test", "socks4a")])
+def test_curl_downloads_and_the_access_log_names_the_protocol(curl_tool, proxy, http_servers, files, option, host,
+                                                              protocol):
+    port = http_servers[DEST_V4]
+    result = curl(option, f"{proxy.host}:{proxy.port}", f"http://{host}:{port}/{files[1]}")
+    assert result.returncode == 0, result.stderr.decode()
+    assert sha256(result.stdout) == files[2]
+    assert logged(proxy.log, f" {protocol} - {host}:{port} ok ")
+
+
+def test_proxychains_with_a_socks4_line(proxychains_tool, curl_tool, proxy, http_servers, files, tmp_path):
+    config = tmp_path / "proxychains.conf"
+    config.write_text(f"strict_chain\nquiet_mode\n[ProxyList]\nsocks4 {proxy.host} {proxy.port}\n")
+    url = f"http://{DEST_V4}:{http_servers[DEST_V4]}/{files[1]}"
+    result = subprocess.run(["proxychains4", "-f", str(config), "curl", "-sS", "--fail", "--max-time", "60",
+                             "--noproxy", "*", url], stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+    assert result.returncode == 0, result.stderr.decode()
+    assert sha256(result.stdout) == files[2]
+
+
+def node(modules, *args):
+    return subprocess.Popen(["node", os.path.join(HERE, "socks4_client.js"), *args], stdout=subprocess.PIPE,
+                            stderr=subprocess.PIPE, text=True, env=dict(os.environ, NODE_PATH=modules))
+
+
+def read_line(process, timeout=10):
+    if not select.select([process.stdout], [], [], timeout)[0]:
+        process.kill()
+        pytest.fail("the npm client said nothing: " + process.stderr.read())
+    return process.stdout.readline().strip()
+
+
+@pytest.mark.parametrize("host, protocol", [(DEST_V4, "socks4"), ("echo.test", "socks4a")])
+def test_npm_socks_client_connects(npm_socks, proxy, echo, host, protocol):
+    client = node(npm_socks, "connect", proxy.host, str(proxy.port), host, str(echo.port), "node")
+    assert read_line(client) == "echo ping"
+    assert client.wait(10) == 0
+    assert logged(proxy.log, f" {protocol} node {host}:{echo.port} ok ")
+
+
+def test_npm_socks_client_binds_and_only_the_named_peer_is_let_in(npm_socks, proxy):
+    client = node(npm_socks, "bind", proxy.host, str(proxy.port), "127.0.0.1", "node")
+    try:
+        bound = read_line(client).split()
+        assert bound[:2] == ["bound", "127.0.0.1"], bound
+        with socket.socket() as stranger:
+            stranger.settimeout(10)
+            stranger.bind(("127.0.0.3", 0))
+            stranger.connect(("127.0.0.1", int(bound[2])))
+            assert recv_until_closed(stranger, 1) == b""
+        with socket.create_connection(("127.0.0.1", int(bound[2])), timeout=10) as peer:
+            assert read_line(client) == f"established 127.0.0.1 {peer.getsockname()[1]}"
+            assert recv_exact(peer, 15) == b"from the client"
+            peer.sendall(b"from the peer")
+            assert read_line(client) == "received from the peer"
+        assert client.wait(10) == 0
+    finally:
+        client.kill()
+        client.wait()
+    assert logged(proxy.log, " bind node 127.0.0.1:0 ok ")
+
+
+# ---- what the operator decides ----
+
+def test_with_users_socks4_gets_91_unless_socks4_allow(curl_tool, echo, http_servers, files, tmp_path):
+    conf, log = tmp_path / "zrt.conf", tmp_path / "access.log"
+    settings = f"listen 127.0.0.1\nauth alice:pw\naccess-log {log}\n"
+    conf.write_text(settings)
+    proxy = Daemon("--config", str(conf))
+    try:
+        sock, reply = socks4_request(proxy, 1, DEST_V4, echo.port, b"alice")
+        with sock:
+            assert reply == REJECTED
+            assert recv_until_closed(sock, 1) == b""
+        assert logged(log, f" socks4 alice {DEST_V4}:{echo.port} auth-failed ")
+        url = f"http://{DEST_V4}:{http_servers[DEST_V4]}/{files[1]}"
+        assert curl("--socks4", f"127.0.0.1:{proxy.port}", url).returncode != 0
+        # The setting is live: a reload lets SOCKS4 in, while SOCKS5 still needs the password.
+        conf.write_text(settings + "socks4 allow\n")
+        proxy.proc.send_signal(signal.SIGHUP)
+        deadline = time.time() + 10
+        while time.time() < deadline:
+            sock, reply = socks4_request(proxy, 1, DEST_V4, echo.port, b"alice")
+            if reply[:2] == bytes([0, 90]):
+                break
+            sock.close()
+            time.sleep(0.1)
+        with sock:
+            assert reply[:2] == bytes([0, 90]), reply
+            sock.sendall(b"ping")
+            assert recv_exact(sock, 4) == b"ping"
+        with socket.create_connection((proxy.host, proxy.port), timeout=10) as socks5:
+            socks5.sendall(b"\x05\x01\x00")
+            assert recv_exact(socks5, 2) == b"\x05\xff"
+    finally:
+        stopped(proxy)
+    proxy = Daemon("--listen", "127.0.0.1", "--auth", "alice:pw", "--socks4", "allow")
+    try:
+        result = curl("--socks4", f"127.0.0.1:{proxy.port}", url)
+        assert result.returncode == 0, result.stderr.decode()
+        assert sha256(result.stdout) == files[2]
+    finally:
+        stopped(proxy)
+
+
+def test_allow_list_and_destination_rules_hold(dns, echo):
+    other = EchoServer()
+    proxy = Daemon("--listen", "127.0.0.1", "--allow", "127.0.0.3/32", "--deny-destination", f"{DEST_V4}:{echo.port}",
+                   "--dns-server", f"127.0.0.53:{dns.port}")
+    try:
+        # Outside the allow list: closed at accept, no reply.
+        sock, reply = socks4_request(proxy, 1, DEST_V4, other.port)
+        sock.close()
+        assert reply == b""
+        for host in (DEST_V4, "denied.test"):
+            sock, reply = socks4_request(proxy, 1, host, echo.port, source="127.0.0.3")
+            sock.close()
+            assert reply == REJECTED, host
+        sock, reply = socks4_request(proxy, 2, DEST_V4, echo.port, source="127.0.0.3")
+        sock.close()
+        assert reply == REJECTED, "a BIND that names a refused peer"
+        sock, reply = socks4_request(proxy, 1, DEST_V4, other.port, source="127.0.0.3")
+        with sock:
+            assert reply == bytes([0, 90]) + bytes(6)
+            sock.sendall(b"ping")
+            assert recv_exact(sock, 4) == b"ping"
+    finally:
+        stopped(proxy)
+        other.close()
