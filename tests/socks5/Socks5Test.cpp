@@ -91,6 +91,13 @@ protected:
     // What the client got after the greeting reply.
     std::string Replies() { return m_connection.GetToClient().substr(2); }
     bool Dropped() { return !m_connection.IsConnectedToClient(); }
+    // A handler in place of the fixture's (which has seen nothing) whose lookups wait this long.
+    void LimitLookups(int milliseconds)
+    {
+        m_connection.Settings().lookupLimitMs = milliseconds;
+        m_handler.reset(new Handler(m_connection));
+        m_connection.SetProtocol(m_handler.get());
+    }
     void Stop()
     {
         if (!m_handler)
@@ -198,7 +205,8 @@ TEST_F(Socks5NegotiationTest, NameIsLookedUpWithoutWaitingAndClientBytesWaitWith
     Negotiate();
     Send(NameRequest(1, "server1", 80) + "early");
     EXPECT_EQ(EState::Resolve, m_handler->GetState());
-    EXPECT_EQ(m_connection.Settings().lookupLimitMs, m_connection.GetTimerMs());
+    EXPECT_LE(m_connection.GetTimerMs(), m_connection.Settings().lookupLimitMs);
+    EXPECT_GT(m_connection.GetTimerMs(), m_connection.Settings().lookupLimitMs - 1000);
     EXPECT_EQ(5u, m_handler->GetRequestBacklog());
     ASSERT_TRUE(m_connection.RunWhenWoken());
     EXPECT_EQ(1, m_resolver.GetRequestCount("server1:80"));
@@ -210,14 +218,21 @@ TEST_F(Socks5NegotiationTest, NameIsLookedUpWithoutWaitingAndClientBytesWaitWith
 
 TEST_F(Socks5NegotiationTest, NameNotAnsweredInTimeIsRefusedAndItsLookupCancelled)
 {
+    LimitLookups(20);
     m_resolver.SetMode(FakeResolver::NEVER_ANSWER);
     Negotiate();
     Send(NameRequest(1, "slow.example", 443));
     EXPECT_EQ(EState::Resolve, m_handler->GetState());
-    m_connection.FireTimer();
+    EXPECT_GE(m_connection.GetTimerMs(), 0);
+    EXPECT_LE(m_connection.GetTimerMs(), 20);
+    Send("early"); // held, and the wait goes on
+    EXPECT_EQ(EState::Resolve, m_handler->GetState());
+    m_connection.FireTimerWhenDue();
     EXPECT_EQ(CommandReply(8), Replies());
     EXPECT_TRUE(Dropped());
+    EXPECT_EQ(Proxy::EOutcome::NoDestination, m_connection.GetOutcome());
     EXPECT_EQ(1, m_resolver.GetCancelCount("slow.example:443"));
+    EXPECT_EQ(0, m_connection.GetConnectCalls());
 }
 
 TEST_F(Socks5NegotiationTest, Ipv6DestinationIsDecoded)
@@ -439,6 +454,66 @@ TEST_F(Socks5ConnectTest, TheProxyItselfIsNotAllowedInAnyForm)
     Negotiate();
     Send(Request(1, {127, 0, 0, 1}, 1081));
     EXPECT_EQ(CommandReply(0), Replies());
+}
+
+// A refusal, whether it comes inside the request or with the connect's outcome, is sent once and
+// ends the exchange once, whether the connection terminates the handler inside DisconnectClient
+// or after the call; what arrives in between or afterwards changes nothing.
+TEST_F(Socks5ConnectTest, ARefusalClosesOnceWhenEverTheConnectionTerminates)
+{
+    for (const bool later : {false, true}) {
+        for (const bool connectFails : {false, true}) {
+            FakeProxyConnection connection;
+            connection.SetAddressManager(&m_manager);
+            connection.SetTerminatesLater(later);
+            Handler handler(connection);
+            connection.SetProtocol(&handler);
+            const std::string exchange = Bytes({5, 1, 0}) + Request(connectFails ? 1 : 9, {10, 1, 2, 3}, 443);
+            handler.HandleRequest(exchange.data(), static_cast<int>(exchange.size()));
+            if (connectFails)
+                handler.OnHostConnected(false);
+            EXPECT_EQ(EState::Closed, handler.GetState());
+            handler.OnHostConnected(false);
+            handler.OnHostConnected(true);
+            handler.OnTimer();
+            handler.Resume();
+            handler.HandleRequest("x", 1);
+            connection.RunPending();
+            EXPECT_EQ(Bytes({5, 0}) + CommandReply(connectFails ? 5 : 7), connection.GetToClient())
+                << later << connectFails;
+            EXPECT_EQ(1, connection.GetDisconnectCalls()) << later << connectFails;
+            EXPECT_EQ(1, connection.GetTerminateCalls()) << later << connectFails;
+            EXPECT_EQ("", connection.GetToHost());
+        }
+    }
+}
+
+TEST_F(Socks5ConnectTest, AConnectThatCompletesAfterTheClientEndedServesOnlyWhatIsLeft)
+{
+    // The client finished sending behind its request: the answer, its bytes, then its end.
+    Negotiate();
+    const std::string request = Request(1, {10, 1, 2, 3}, 443) + "last words";
+    m_handler->HandleRequest(request.data(), static_cast<int>(request.size()));
+    EXPECT_TRUE(m_handler->HandleClientEnd());
+    EXPECT_EQ(0, m_connection.GetHostOutputEnds());
+    m_connection.RunPending();
+    EXPECT_EQ(CommandReply(0), Replies());
+    EXPECT_EQ("last words", m_connection.GetToHost());
+    EXPECT_EQ(1, m_connection.GetHostOutputEnds());
+    EXPECT_EQ(EState::Relay, m_handler->GetState());
+
+    // The client is gone altogether: its outcome finds nobody to answer.
+    FakeProxyConnection gone;
+    gone.SetAddressManager(&m_manager);
+    Handler handler(gone);
+    gone.SetProtocol(&handler);
+    const std::string exchange = Bytes({5, 1, 0}) + request;
+    handler.HandleRequest(exchange.data(), static_cast<int>(exchange.size()));
+    gone.DisconnectClient();
+    handler.OnHostConnected(true);
+    EXPECT_EQ(Bytes({5, 0}), gone.GetToClient());
+    EXPECT_EQ("", gone.GetToHost());
+    EXPECT_EQ(EState::Closed, handler.GetState());
 }
 
 TEST_F(Socks5ConnectTest, EndsArePassedOnOnlyWhileRelaying)
@@ -693,6 +768,30 @@ TEST_F(Socks5UdpTest, NamesAreLookedUpWithoutWaitingAndOnlyAFewAtOnce)
     EXPECT_EQ("127.0.0.2:53", sent[0].destination);
     SendFrom(m_client, relay, name + "4" + Bytes({0, 53}) + "payload");
     EXPECT_EQ(1, m_resolver.GetRequestCount("host4:53"));
+}
+
+TEST_F(Socks5UdpTest, ADatagramWhoseNameIsNotAnsweredInTimeIsDroppedAndItsPlaceFreed)
+{
+    LimitLookups(30);
+    m_resolver.SetMode(FakeResolver::NEVER_ANSWER);
+    const unsigned int relay = Associate();
+    EXPECT_EQ(-1, m_connection.GetTimerMs());
+    const std::string name = Bytes({0, 0, 0, 3, 5}) + "slow";
+    for (size_t i = 0; i < Proxy::CSocks5UdpRelay::MAX_LOOKUPS; ++i)
+        SendFrom(m_client, relay, name + std::to_string(i) + Bytes({0, 53}) + "payload");
+    EXPECT_GE(m_connection.GetTimerMs(), 0) << "woken for the first lookup's limit";
+    EXPECT_LE(m_connection.GetTimerMs(), 30);
+    m_connection.FireTimerWhenDue();
+    // Each limit runs from its own start: the handler stays woken until the last is over.
+    for (int i = 0; i < 8 && m_connection.GetTimerMs() >= 0; ++i)
+        m_connection.FireTimerWhenDue();
+    EXPECT_EQ(-1, m_connection.GetTimerMs());
+    for (size_t i = 0; i < Proxy::CSocks5UdpRelay::MAX_LOOKUPS; ++i)
+        EXPECT_EQ(1, m_resolver.GetCancelCount("slow" + std::to_string(i) + ":53")) << i;
+    EXPECT_TRUE(m_datagrams.GetSent().empty());
+    EXPECT_EQ(EState::UdpAssociated, m_handler->GetState());
+    SendFrom(m_client, relay, name + "9" + Bytes({0, 53}) + "payload");
+    EXPECT_EQ(1, m_resolver.GetRequestCount("slow9:53")) << "a lookup that timed out holds no place";
 }
 
 TEST(Socks5UdpHeader, WellFormedHeadersAreMeasuredAndOthersRefused)
