@@ -337,7 +337,7 @@ void CConnectionProtocol_HTTP::DoLoop()
             break;
         case EState::Closing:
         case EState::Closed:
-            return;
+            break; // nothing more to do
         }
         if (m_terminated)
             return;

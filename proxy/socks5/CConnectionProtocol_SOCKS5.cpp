@@ -136,11 +136,9 @@ bool CConnectionProtocol_SOCKS5::HandleClientEnd()
         // answer: the end goes to the host behind those bytes once the relay starts.
         m_clientEnded = true;
         return true;
-    case EState::BindAccept:
-        // A BIND may wait minutes for its peer: a client that went must not hold the listener
-        // and a client slot all that time.
-        return false;
     default:
+        // Not before its answer: a BIND may wait minutes for its peer, and a client that went
+        // must not hold the listener and a client slot all that time.
         return false;
     }
 }
