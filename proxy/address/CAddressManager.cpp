@@ -12,6 +12,7 @@
 #include <iterator>
 
 #include "runtime/Clock.h"
+#include "transport/CSocketUtils.h"
 #include "transport/CTCPIPAddress.h"
 
 namespace ZRT {
@@ -271,8 +272,7 @@ bool CAddressManager::IsLocalAddress(const std::string& address)
     std::string host = address;
     unsigned int port = 0;
     SplitKey(address, host, port);
-    if (host.size() > 2 && host.front() == '[' && host.back() == ']')
-        host = host.substr(1, host.size() - 2);
+    host = CSocketUtils::StripBrackets(host);
     const std::string bytes = NumericBytes(host);
     std::string name = LowerCase(host);
     if (!name.empty() && name.back() == '.')

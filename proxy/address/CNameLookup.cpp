@@ -5,16 +5,18 @@
 namespace ZRT {
 namespace Proxy {
 
-CNameLookup::CNameLookup(std::function<void()> wake) : m_wake(std::move(wake)) {}
+CNameLookup::CNameLookup(std::function<void()> wake, int limitMs) : m_wake(std::move(wake)), m_limitMs(limitMs) {}
 
 CNameLookup::~CNameLookup()
 {
     Cancel();
 }
 
-bool CNameLookup::Start(CAddressManager& manager, const std::string& key)
+void CNameLookup::Start(CAddressManager& manager, const std::string& key)
 {
     Cancel();
+    if (m_limitMs >= 0)
+        m_deadline = Clock::now() + std::chrono::milliseconds(m_limitMs);
     {
         std::lock_guard<std::mutex> hold(m_mutex);
         m_manager = &manager;
@@ -23,15 +25,12 @@ bool CNameLookup::Start(CAddressManager& manager, const std::string& key)
         m_address.Reset();
     }
     AddressPtr address;
-    const bool known = manager.Lookup(key, this, address);
+    if (!manager.Lookup(key, this, address))
+        return; // the answer comes later, or came inside the call (numeric texts)
     std::lock_guard<std::mutex> hold(m_mutex);
-    if (known) {
-        m_waiting = false;
-        m_answered = true;
-        m_address = address;
-    }
-    // A resolver may answer inside the call (numeric texts): known now after all.
-    return m_answered;
+    m_waiting = false;
+    m_answered = true;
+    m_address = address;
 }
 
 void CNameLookup::OnLookupDone(const AddressPtr& address)
@@ -45,15 +44,38 @@ void CNameLookup::OnLookupDone(const AddressPtr& address)
     m_wake();
 }
 
-bool CNameLookup::TakeAnswer(AddressPtr& address)
+bool CNameLookup::IsOverdue() const
 {
+    return m_deadline && Clock::now() >= *m_deadline && IsWaiting();
+}
+
+CNameLookup::EResult CNameLookup::Take(AddressPtr& address)
+{
+    if (IsOverdue()) {
+        Cancel(); // no answer is delivered after this
+        m_timedOut = true;
+    }
     std::lock_guard<std::mutex> hold(m_mutex);
-    if (!m_answered)
-        return false;
-    m_answered = false;
-    address = std::move(m_address);
-    m_address.Reset();
-    return true;
+    if (m_answered) {
+        // One that came while it was being given up is still the answer.
+        m_answered = false;
+        m_timedOut = false;
+        m_deadline.reset();
+        address = std::move(m_address);
+        m_address.Reset();
+        return address ? EResult::Answered : EResult::NotResolved;
+    }
+    if (m_waiting)
+        return EResult::Waiting;
+    return std::exchange(m_timedOut, false) ? EResult::TimedOut : EResult::None;
+}
+
+int CNameLookup::GetWakeDelay() const
+{
+    if (!m_deadline || !IsWaiting())
+        return -1;
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(*m_deadline - Clock::now()).count();
+    return left > 0 ? static_cast<int>(left) : 0;
 }
 
 bool CNameLookup::IsWaiting() const
@@ -64,6 +86,8 @@ bool CNameLookup::IsWaiting() const
 
 void CNameLookup::Cancel()
 {
+    m_deadline.reset();
+    m_timedOut = false;
     CAddressManager* manager = nullptr;
     {
         std::lock_guard<std::mutex> hold(m_mutex);

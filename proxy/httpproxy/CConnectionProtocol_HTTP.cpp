@@ -14,6 +14,7 @@
 #include "proxy/http/CHTTPFraming.h"
 #include "proxy/http/CHTTPHopByHop.h"
 #include "proxy/httpproxy/COriginPool.h"
+#include "transport/CSocketUtils.h"
 
 namespace ZRT {
 namespace Proxy {
@@ -78,14 +79,6 @@ bool ReadBasic(const std::string& field, std::string& user, std::string& passwor
     password = credentials.substr(colon + 1);
     return true;
 }
-
-// The host part of a route, without the brackets of an IPv6 literal.
-std::string BareHost(const std::string& host)
-{
-    if (host.size() > 2 && host.front() == '[' && host.back() == ']')
-        return host.substr(1, host.size() - 2);
-    return host;
-}
 } // namespace
 
 // ---- Set-Cookie ----
@@ -128,7 +121,8 @@ CHTTPPacket* CConnectionProtocol_HTTP::CProxyHTTPResponseParser::CreatePacket() 
 
 CConnectionProtocol_HTTP::CConnectionProtocol_HTTP(IProxyConnection& connection)
     : m_connection(connection), m_keepAliveMs(connection.GetSettings().httpKeepAliveMs),
-      m_lookup([&connection] { connection.WakeHandler(); }), m_login(connection)
+      m_lookup([&connection] { connection.WakeHandler(); }, connection.GetSettings().lookupLimitMs),
+      m_login(connection)
 {
 }
 
@@ -221,10 +215,7 @@ void CConnectionProtocol_HTTP::OnTimer()
             DoLoop();
         return;
     case EState::Resolve:
-        // A name that is not answered in time does not resolve.
-        m_lookup.Cancel();
-        m_state = Fail(Persistent() ? EReply::GatewayTimeout : EReply::NotFound, EOutcome::NoDestination,
-                       "The name of the destination was not found in time.");
+        DoLoop(); // the lookup knows whether its time is up
         return;
     case EState::ReadHead:
         // Idle between requests for as long as a persistent connection may be.
@@ -346,7 +337,7 @@ void CConnectionProtocol_HTTP::DoLoop()
             break;
         case EState::Closing:
         case EState::Closed:
-            return;
+            break; // nothing more to do
         }
         if (m_terminated)
             return;
@@ -402,7 +393,7 @@ CConnectionProtocol_HTTP::EState CConnectionProtocol_HTTP::StartRequest()
         return Fail(Persistent() ? EReply::BadRequest : EReply::NotFound, EOutcome::NoDestination,
                     "The request names no destination.");
     m_connection.DescribeExchange(m_tunnel ? "connect" : "http", m_route.GetDestination());
-    if (!CAddressManager::IsPlausibleHostName(BareHost(m_route.GetHost())))
+    if (!CAddressManager::IsPlausibleHostName(CSocketUtils::StripBrackets(m_route.GetHost())))
         return Fail(EReply::BadRequest, EOutcome::BadRequest, "The request's destination is not a host name.");
     return StartLogin(removed.proxyAuthorization.empty() ? std::string() : removed.proxyAuthorization.front());
 }
@@ -442,21 +433,21 @@ CConnectionProtocol_HTTP::EState CConnectionProtocol_HTTP::FindDestination()
         return Fail(Persistent() ? EReply::Forbidden : EReply::NotFound, EOutcome::NoDestination,
                     "The proxy does not reach its own machine.");
     }
-    if (!m_lookup.Start(addresses, destination)) {
-        m_connection.SetHandlerTimer(m_connection.GetSettings().lookupLimitMs);
-        return EState::Resolve;
-    }
-    AddressPtr address;
-    m_lookup.TakeAnswer(address);
-    return UseDestination(address);
+    m_lookup.Start(addresses, destination);
+    return DoResolve();
 }
 
 CConnectionProtocol_HTTP::EState CConnectionProtocol_HTTP::DoResolve()
 {
     AddressPtr address;
-    if (!m_lookup.TakeAnswer(address))
+    const CNameLookup::EResult result = m_lookup.Take(address);
+    // Back when the answer comes (Resume), or by the lookup's limit.
+    m_connection.SetHandlerTimer(m_lookup.GetWakeDelay());
+    if (result == CNameLookup::EResult::Waiting)
         return EState::Resolve;
-    m_connection.SetHandlerTimer(-1);
+    if (result == CNameLookup::EResult::TimedOut)
+        return Fail(Persistent() ? EReply::GatewayTimeout : EReply::NotFound, EOutcome::NoDestination,
+                    "The name of the destination was not found in time.");
     return UseDestination(address);
 }
 

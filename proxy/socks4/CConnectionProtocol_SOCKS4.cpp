@@ -43,7 +43,8 @@ size_t FindEnd(const std::vector<unsigned char>& bytes, size_t from, size_t limi
 // ---- life cycle ----
 
 CConnectionProtocol_SOCKS4::CConnectionProtocol_SOCKS4(IProxyConnection& connection)
-    : m_connection(connection), m_lookup([&connection] { connection.WakeHandler(); })
+    : m_connection(connection),
+      m_lookup([&connection] { connection.WakeHandler(); }, connection.GetSettings().lookupLimitMs)
 {
 }
 
@@ -138,9 +139,7 @@ void CConnectionProtocol_SOCKS4::OnHostConnected(bool connected)
 void CConnectionProtocol_SOCKS4::OnTimer()
 {
     if (m_state == EState::Resolve) {
-        // A name that is not answered in time does not resolve.
-        m_lookup.Cancel();
-        Refuse(EOutcome::NoDestination);
+        DoLoop(); // the lookup says whether its time ran out
     } else if (m_state == EState::BindAccept) {
         Refuse(EOutcome::Timeout);
     }
@@ -245,19 +244,19 @@ CConnectionProtocol_SOCKS4::EState CConnectionProtocol_SOCKS4::DoRequest()
         Refuse(EOutcome::BadRequest);
         return EState::Closed;
     }
-    if (!m_lookup.Start(m_connection.GetAddressManager(), key)) {
-        m_connection.SetHandlerTimer(settings.lookupLimitMs);
-        return EState::Resolve;
-    }
+    m_lookup.Start(m_connection.GetAddressManager(), key);
     return DoResolveComplete();
 }
 
 CConnectionProtocol_SOCKS4::EState CConnectionProtocol_SOCKS4::DoResolveComplete()
 {
     AddressPtr address;
-    if (!m_lookup.TakeAnswer(address))
+    const CNameLookup::EResult result = m_lookup.Take(address);
+    // Back when the answer comes (Resume), or by the lookup's limit.
+    m_connection.SetHandlerTimer(m_lookup.GetWakeDelay());
+    if (result == CNameLookup::EResult::Waiting)
         return EState::Resolve;
-    m_connection.SetHandlerTimer(-1);
+    // A name that is not answered in time does not resolve either.
     return DoCommand(address);
 }
 

@@ -4,10 +4,12 @@
 #include <netinet/in.h>
 
 #include <cstring>
+#include <utility>
 
 #include "proxy/address/CAddressManager.h"
 #include "proxy/core/SProxySettings.h"
 #include "proxy/socks5/CSocksAddress.h"
+#include "transport/CSocketUtils.h"
 
 namespace ZRT {
 namespace Proxy {
@@ -31,9 +33,6 @@ enum EReply {
     REP_COMMAND_NOT_SUPPORTED = 7,
     REP_ADDRESS_TYPE_NOT_SUPPORTED = 8
 };
-
-// Room for a sockaddr_in6, the largest address the handler deals with.
-const int SOCKADDR_AREA_LENGTH = 28;
 
 bool IsUnspecifiedAddress(const IZRTConnectionAddress& address)
 {
@@ -64,7 +63,9 @@ void CConnectionProtocol_SOCKS5::CBuffer::Consume(unsigned int count)
 // ---- life cycle ----
 
 CConnectionProtocol_SOCKS5::CConnectionProtocol_SOCKS5(IProxyConnection& connection)
-    : m_connection(connection), m_lookup([&connection] { connection.WakeHandler(); }), m_login(connection)
+    : m_connection(connection),
+      m_lookup([&connection] { connection.WakeHandler(); }, connection.GetSettings().lookupLimitMs),
+      m_login(connection)
 {
 }
 
@@ -77,7 +78,7 @@ void CConnectionProtocol_SOCKS5::Init() {}
 
 void CConnectionProtocol_SOCKS5::Terminate()
 {
-    m_state = EState::Closed;
+    Run(EEvent::Terminated);
     m_buffer.Clear();
     m_lookup.Cancel();
     m_login.Cancel();
@@ -89,19 +90,18 @@ void CConnectionProtocol_SOCKS5::Terminate()
 
 void CConnectionProtocol_SOCKS5::Close()
 {
-    m_state = EState::Closed;
     m_buffer.Clear();
     m_connection.SetHandlerTimer(-1);
-    // The connection terminates us in turn (on this thread).
+    // Last: the connection may terminate us inside this call.
     if (m_connection.IsConnectedToClient())
         m_connection.DisconnectClient();
 }
 
-void CConnectionProtocol_SOCKS5::Refuse(int code, EOutcome outcome)
+CConnectionProtocol_SOCKS5::EState CConnectionProtocol_SOCKS5::Refuse(int code, EOutcome outcome)
 {
     m_connection.SetOutcome(outcome);
     SendCommandResponse(code);
-    Close();
+    return EState::Closed;
 }
 
 // ---- entry points, all on the connection's thread ----
@@ -116,7 +116,7 @@ void CConnectionProtocol_SOCKS5::HandleRequest(const char* data, int length)
         return;
     }
     m_buffer.AppendData(data, static_cast<unsigned int>(length));
-    DoLoop();
+    Run(EEvent::None);
 }
 
 void CConnectionProtocol_SOCKS5::HandleResponse(const char* data, int length)
@@ -136,11 +136,9 @@ bool CConnectionProtocol_SOCKS5::HandleClientEnd()
         // answer: the end goes to the host behind those bytes once the relay starts.
         m_clientEnded = true;
         return true;
-    case EState::BindAccept:
-        // A BIND may wait minutes for its peer: a client that went must not hold the listener
-        // and a client slot all that time.
-        return false;
     default:
+        // Not before its answer: a BIND may wait minutes for its peer, and a client that went
+        // must not hold the listener and a client slot all that time.
         return false;
     }
 }
@@ -152,35 +150,17 @@ bool CConnectionProtocol_SOCKS5::HandleHostEnd()
 
 void CConnectionProtocol_SOCKS5::OnHostConnected(bool connected)
 {
-    if (m_state != EState::Connect)
-        return;
-    if (!connected) {
-        Refuse(REP_REFUSED, EOutcome::Unreachable);
-        return;
-    }
-    SendCommandResponse(REP_SUCCEEDED);
-    m_state = EState::Relay;
-    DoLoop();
+    Run(connected ? EEvent::Connected : EEvent::ConnectFailed);
 }
 
 void CConnectionProtocol_SOCKS5::Resume()
 {
-    if (m_state == EState::UdpAssociated && m_udp)
-        m_udp->Resume();
-    DoLoop();
+    Run(EEvent::Woken);
 }
 
 void CConnectionProtocol_SOCKS5::OnTimer()
 {
-    if (m_state == EState::Resolve) {
-        // A name that is not answered in time does not resolve.
-        m_lookup.Cancel();
-        Refuse(REP_ADDRESS_TYPE_NOT_SUPPORTED, EOutcome::NoDestination);
-    } else if (m_state == EState::BindAccept) {
-        Refuse(REP_GENERAL_FAILURE, EOutcome::Timeout);
-    } else if (m_state == EState::Login && m_login.OnTimer()) {
-        DoLoop();
-    }
+    Run(EEvent::Timer);
 }
 
 int CConnectionProtocol_SOCKS5::GetWatchedDescriptor() const
@@ -190,57 +170,62 @@ int CConnectionProtocol_SOCKS5::GetWatchedDescriptor() const
 
 void CConnectionProtocol_SOCKS5::OnDescriptorReady()
 {
-    if (m_state == EState::UdpAssociated && m_udp)
-        m_udp->OnReadable();
+    Run(EEvent::Readable);
 }
 
 // ---- the state machine ----
 
+void CConnectionProtocol_SOCKS5::Run(EEvent event)
+{
+    m_event = event;
+    DoLoop();
+}
+
 void CConnectionProtocol_SOCKS5::DoLoop()
 {
-    for (;;) {
+    // The event is for the state it found; the steps after it see none.
+    EEvent event = std::exchange(m_event, EEvent::None);
+    while (m_state != EState::Closed) {
         const EState state = m_state;
-        EState next = state;
-        switch (state) {
-        case EState::Greeting:
-            next = DoGreeting();
-            break;
-        case EState::Authenticate:
-            next = DoAuthenticate();
-            break;
-        case EState::Login:
-            next = DoLogin();
-            break;
-        case EState::Request:
-            next = DoRequest();
-            break;
-        case EState::Resolve:
-            next = DoResolveComplete();
-            break;
-        case EState::BindAccept:
-            next = DoBindAccept();
-            break;
-        case EState::Relay:
-            next = DoRelay();
-            break;
-        case EState::UdpAssociated:
-            // The TCP connection of an association carries nothing; a byte on it ends everything.
-            next = m_buffer.GetSize() > 0 ? EState::Closed : state;
-            break;
-        case EState::Connect: // OnHostConnected continues
-        case EState::Closed:
-            break;
-        }
-        if (m_state == EState::Closed)
-            return; // a step closed already (a refusal)
-        if (next == state)
-            return;
+        const EState next = event == EEvent::Terminated ? EState::Closed : DoStep(state, event);
+        if (next == state || m_state == EState::Closed)
+            return; // waiting, or terminated by the connection inside the step
         m_state = next;
         if (next == EState::Closed) {
-            Close();
+            // Terminate lets go of the rest itself; the connection knows already.
+            if (event != EEvent::Terminated)
+                Close();
             return;
         }
+        event = EEvent::None;
     }
+}
+
+CConnectionProtocol_SOCKS5::EState CConnectionProtocol_SOCKS5::DoStep(EState state, EEvent event)
+{
+    switch (state) {
+    case EState::Greeting:
+        return DoGreeting();
+    case EState::Authenticate:
+        return DoAuthenticate();
+    case EState::Login:
+        return DoLogin(event);
+    case EState::Request:
+        return DoRequest();
+    case EState::Resolve:
+        return DoResolve();
+    case EState::Connect:
+        return DoConnectOutcome(event);
+    case EState::BindAccept:
+        return DoBindAccept(event);
+    case EState::Relay:
+        return DoRelay();
+    case EState::UdpAssociated:
+        return DoUdpAssociated(event);
+    case EState::Closed:
+        break;
+    }
+    return state;
 }
 
 CConnectionProtocol_SOCKS5::EState CConnectionProtocol_SOCKS5::DoGreeting()
@@ -294,11 +279,15 @@ CConnectionProtocol_SOCKS5::EState CConnectionProtocol_SOCKS5::DoAuthenticate()
         return EState::Closed;
     }
     // The answer may have to wait (a slowed address, a password hash): then Login waits for it.
-    return m_login.Start(user, password) ? DoLogin() : EState::Login;
+    m_login.Start(user, password);
+    return DoLogin(EEvent::None);
 }
 
-CConnectionProtocol_SOCKS5::EState CConnectionProtocol_SOCKS5::DoLogin()
+CConnectionProtocol_SOCKS5::EState CConnectionProtocol_SOCKS5::DoLogin(EEvent event)
 {
+    // A slowed address's turn has come: its check runs now.
+    if (event == EEvent::Timer)
+        m_login.OnTimer();
     bool valid = false;
     if (!m_login.TakeResult(valid))
         return EState::Login;
@@ -327,10 +316,8 @@ CConnectionProtocol_SOCKS5::EState CConnectionProtocol_SOCKS5::DoRequest()
     if (data[3] == CSocksAddress::ATYP_DOMAIN && size < 5)
         return EState::Request;
     const unsigned int block = CSocksAddress::BlockLength(data + 3);
-    if (block == 0) {
-        Refuse(REP_ADDRESS_TYPE_NOT_SUPPORTED, EOutcome::BadRequest);
-        return EState::Closed;
-    }
+    if (block == 0)
+        return Refuse(REP_ADDRESS_TYPE_NOT_SUPPORTED, EOutcome::BadRequest);
     const unsigned int length = 3 + block;
     if (size < length)
         return EState::Request;
@@ -348,33 +335,29 @@ CConnectionProtocol_SOCKS5::EState CConnectionProtocol_SOCKS5::DoRequest()
     }
     m_connection.DescribeExchange(kind, CSocksAddress::DomainKey(request + 3));
     const std::string name(reinterpret_cast<const char*>(request + 5), request[4]);
-    if (!CAddressManager::IsPlausibleHostName(name)) {
-        Refuse(REP_ADDRESS_TYPE_NOT_SUPPORTED, EOutcome::BadRequest);
-        return EState::Closed;
-    }
+    if (!CAddressManager::IsPlausibleHostName(name))
+        return Refuse(REP_ADDRESS_TYPE_NOT_SUPPORTED, EOutcome::BadRequest);
     // The command is judged once the name is known, as for an address given as such.
-    if (!m_lookup.Start(m_connection.GetAddressManager(), CSocksAddress::DomainKey(request + 3))) {
-        m_connection.SetHandlerTimer(m_connection.GetSettings().lookupLimitMs);
-        return EState::Resolve;
-    }
-    return DoResolveComplete();
+    m_lookup.Start(m_connection.GetAddressManager(), CSocksAddress::DomainKey(request + 3));
+    return DoResolve();
 }
 
-CConnectionProtocol_SOCKS5::EState CConnectionProtocol_SOCKS5::DoResolveComplete()
+CConnectionProtocol_SOCKS5::EState CConnectionProtocol_SOCKS5::DoResolve()
 {
     AddressPtr address;
-    if (!m_lookup.TakeAnswer(address))
+    const CNameLookup::EResult result = m_lookup.Take(address);
+    // Back when the answer comes (Resume), or by the lookup's limit.
+    m_connection.SetHandlerTimer(m_lookup.GetWakeDelay());
+    if (result == CNameLookup::EResult::Waiting)
         return EState::Resolve;
-    m_connection.SetHandlerTimer(-1);
+    // A name that is not answered in time does not resolve either.
     return DoCommand(address);
 }
 
 CConnectionProtocol_SOCKS5::EState CConnectionProtocol_SOCKS5::DoCommand(const AddressPtr& destination)
 {
-    if (!destination) {
-        Refuse(REP_ADDRESS_TYPE_NOT_SUPPORTED, EOutcome::NoDestination);
-        return EState::Closed;
-    }
+    if (!destination)
+        return Refuse(REP_ADDRESS_TYPE_NOT_SUPPORTED, EOutcome::NoDestination);
     m_destination = destination;
     switch (m_command) {
     case CMD_CONNECT:
@@ -384,64 +367,60 @@ CConnectionProtocol_SOCKS5::EState CConnectionProtocol_SOCKS5::DoCommand(const A
     case CMD_UDP_ASSOCIATE:
         return DoUdpAssociate(destination);
     default:
-        Refuse(REP_COMMAND_NOT_SUPPORTED, EOutcome::BadRequest);
-        return EState::Closed;
+        return Refuse(REP_COMMAND_NOT_SUPPORTED, EOutcome::BadRequest);
     }
 }
 
 CConnectionProtocol_SOCKS5::EState CConnectionProtocol_SOCKS5::DoConnect(const AddressPtr& destination)
 {
     // A tunnel back into the proxy would loop until the descriptors run out.
-    if (m_connection.GetAddressManager().IsProxyItself(*destination)) {
-        Refuse(REP_NOT_ALLOWED, EOutcome::NotAllowed);
-        return EState::Closed;
-    }
-    if (!m_connection.IsDestinationAllowed(*destination)) {
-        Refuse(REP_NOT_ALLOWED, EOutcome::Denied);
-        return EState::Closed;
-    }
-    if (!m_connection.BeginConnectToHost(destination)) {
-        Refuse(REP_REFUSED, EOutcome::Unreachable);
-        return EState::Closed;
-    }
+    if (m_connection.GetAddressManager().IsProxyItself(*destination))
+        return Refuse(REP_NOT_ALLOWED, EOutcome::NotAllowed);
+    if (!m_connection.IsDestinationAllowed(*destination))
+        return Refuse(REP_NOT_ALLOWED, EOutcome::Denied);
+    if (!m_connection.BeginConnectToHost(destination))
+        return Refuse(REP_REFUSED, EOutcome::Unreachable);
     return EState::Connect;
+}
+
+CConnectionProtocol_SOCKS5::EState CConnectionProtocol_SOCKS5::DoConnectOutcome(EEvent event)
+{
+    if (event == EEvent::ConnectFailed)
+        return Refuse(REP_REFUSED, EOutcome::Unreachable);
+    if (event != EEvent::Connected)
+        return EState::Connect;
+    SendCommandResponse(REP_SUCCEEDED);
+    return EState::Relay;
 }
 
 CConnectionProtocol_SOCKS5::EState CConnectionProtocol_SOCKS5::DoBind(const AddressPtr& destination)
 {
     IConnectionListener* listener = m_connection.GetConnectionListener();
-    if (!listener) {
-        Refuse(REP_REFUSED, EOutcome::BadRequest);
-        return EState::Closed;
-    }
-    if (!IsUnspecifiedAddress(*destination) && !m_connection.IsDestinationAllowed(*destination)) {
-        Refuse(REP_NOT_ALLOWED, EOutcome::Denied);
-        return EState::Closed;
-    }
+    if (!listener)
+        return Refuse(REP_REFUSED, EOutcome::BadRequest);
+    if (!IsUnspecifiedAddress(*destination) && !m_connection.IsDestinationAllowed(*destination))
+        return Refuse(REP_NOT_ALLOWED, EOutcome::Denied);
     m_bind.reset(new CSocks5Bind(m_connection));
     const AddressPtr listening = m_bind->Start(*listener, *destination);
-    if (!listening) {
-        Refuse(REP_REFUSED, EOutcome::Unreachable);
-        return EState::Closed;
-    }
+    if (!listening)
+        return Refuse(REP_REFUSED, EOutcome::Unreachable);
     SendResponse(REP_SUCCEEDED, *listening);
     m_connection.SetHandlerTimer(m_connection.GetSettings().bindWaitMs);
     return EState::BindAccept;
 }
 
-CConnectionProtocol_SOCKS5::EState CConnectionProtocol_SOCKS5::DoBindAccept()
+CConnectionProtocol_SOCKS5::EState CConnectionProtocol_SOCKS5::DoBindAccept(EEvent event)
 {
     QOX::CRefCountPtr<IZRTDataLayer> stream;
     AddressPtr peer;
     if (!m_bind || !m_bind->TakePeer(stream, peer))
-        return EState::BindAccept;
+        return event == EEvent::Timer ? Refuse(REP_GENERAL_FAILURE, EOutcome::Timeout) : EState::BindAccept;
     m_connection.SetHandlerTimer(-1);
     // A BIND completes once: nobody else is awaited.
     m_bind->Stop();
     if (!peer || !m_connection.AdoptHostLink(stream)) {
         stream->Disconnect();
-        Refuse(REP_REFUSED, EOutcome::Unreachable);
-        return EState::Closed;
+        return Refuse(REP_REFUSED, EOutcome::Unreachable);
     }
     SendResponse(REP_SUCCEEDED, *peer);
     return EState::Relay;
@@ -450,16 +429,13 @@ CConnectionProtocol_SOCKS5::EState CConnectionProtocol_SOCKS5::DoBindAccept()
 CConnectionProtocol_SOCKS5::EState CConnectionProtocol_SOCKS5::DoUdpAssociate(const AddressPtr& destination)
 {
     IDatagramHandler* handler = m_connection.GetDatagramHandler();
-    if (!handler) {
-        Refuse(REP_REFUSED, EOutcome::BadRequest);
-        return EState::Closed;
-    }
+    if (!handler)
+        return Refuse(REP_REFUSED, EOutcome::BadRequest);
     m_udp.reset(new CSocks5UdpRelay(m_connection));
     sockaddr_storage local{};
     if (!m_udp->Open(*handler, *destination) || !m_udp->GetLocalAddress(local)) {
         m_udp.reset();
-        Refuse(REP_REFUSED, EOutcome::Unreachable);
-        return EState::Closed;
+        return Refuse(REP_REFUSED, EOutcome::Unreachable);
     }
     // The reply names 0.0.0.0 (the address the client reached us at) and the relay's port.
     sockaddr_in reply;
@@ -469,6 +445,20 @@ CConnectionProtocol_SOCKS5::EState CConnectionProtocol_SOCKS5::DoUdpAssociate(co
     reply.sin_port = local.ss_family == AF_INET ? reinterpret_cast<const sockaddr_in&>(local).sin_port
                                                 : reinterpret_cast<const sockaddr_in6&>(local).sin6_port;
     SendResponse(REP_SUCCEEDED, reinterpret_cast<const sockaddr*>(&reply));
+    return EState::UdpAssociated;
+}
+
+CConnectionProtocol_SOCKS5::EState CConnectionProtocol_SOCKS5::DoUdpAssociated(EEvent event)
+{
+    // The TCP connection of an association carries nothing; a byte on it ends everything.
+    if (m_buffer.GetSize() > 0)
+        return EState::Closed;
+    if (event == EEvent::Readable)
+        m_udp->OnReadable();
+    else if (event == EEvent::Woken || event == EEvent::Timer)
+        m_udp->SettleLookups();
+    // Back by the time the earliest datagram's lookup runs out.
+    m_connection.SetHandlerTimer(m_udp->GetWakeDelay());
     return EState::UdpAssociated;
 }
 
@@ -505,7 +495,7 @@ void CConnectionProtocol_SOCKS5::SendResponse(int code, const IZRTConnectionAddr
 {
     sockaddr_storage area;
     std::memset(&area, 0, sizeof(area));
-    int length = SOCKADDR_AREA_LENGTH;
+    int length = CSocketUtils::MAX_ADDRESS_LENGTH;
     address.GetSockAddr(reinterpret_cast<sockaddr*>(&area), &length);
     SendResponse(code, reinterpret_cast<const sockaddr*>(&area));
 }

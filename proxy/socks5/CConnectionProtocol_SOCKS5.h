@@ -23,13 +23,18 @@ namespace Proxy {
 // authentication, or username/password (RFC 1929) when the proxy has users), CONNECT, BIND and
 // UDP ASSOCIATE.
 //
-// One state machine on the connection's thread. DoLoop runs the step of the current state
-// until a step has to wait; the waits end through the connection's callbacks on the same thread:
-// Resume (a name lookup answered, a BIND peer arrived, a password hash checked), OnHostConnected
-// (CONNECT's link), OnTimer (the limits of a lookup and of a BIND, a slowed login's turn). Client bytes that arrive meanwhile wait in the
-// buffer and go to the host once the relay starts. A BIND's peer becomes the connection's host
-// link, so CONNECT and BIND relay alike, through the connection; UDP ASSOCIATE relays through its
-// own socket, which the connection polls for the handler.
+// One state machine, run by DoLoop alone: each step returns the next state, and DoLoop runs steps
+// until one has to wait. Every operation is called on the connection's thread. The entry points
+// only record what happened and run the loop, whose step for the current state takes it:
+// HandleRequest (client bytes, kept in the buffer until a step takes them), OnHostConnected
+// (CONNECT's link), Resume (a name lookup answered, a BIND peer arrived, a password hash checked,
+// a UDP datagram's lookup answered), OnTimer (the limits of a lookup and of a BIND, a slowed
+// login's turn, the UDP relay's lookups), OnDescriptorReady (the UDP relay's socket) and
+// Terminate (the connection's end, which also lets go of every helper). Entering Closed asks the
+// connection to end, last: the connection may terminate the handler inside that call or after it.
+// A BIND's peer becomes the connection's host link, so CONNECT and BIND relay alike, through the
+// connection; UDP ASSOCIATE relays through its own socket, which the connection polls for the
+// handler.
 //
 //   Greeting -> [Authenticate -> Login] -> Request -> [Resolve] -> Connect -> Relay
 //                                    -> BindAccept -> Relay
@@ -78,25 +83,32 @@ public:
 
 private:
     using AddressPtr = QOX::CRefCountPtr<IZRTConnectionAddress>;
+    // What an entry point hands to the step of the current state.
+    enum class EEvent { None, Woken, Connected, ConnectFailed, Timer, Readable, Terminated };
 
+    // Records the event and runs the loop.
+    void Run(EEvent event);
     void DoLoop();
+    EState DoStep(EState state, EEvent event);
     EState DoGreeting();
     EState DoAuthenticate();
-    EState DoLogin();
+    EState DoLogin(EEvent event);
     EState DoRequest();
-    EState DoResolveComplete();
+    EState DoResolve();
     EState DoCommand(const AddressPtr& destination);
     EState DoConnect(const AddressPtr& destination);
+    EState DoConnectOutcome(EEvent event);
     EState DoBind(const AddressPtr& destination);
-    EState DoBindAccept();
+    EState DoBindAccept(EEvent event);
     EState DoUdpAssociate(const AddressPtr& destination);
+    EState DoUdpAssociated(EEvent event);
     EState DoRelay();
-    // Leaves for Closed: drops what is buffered and asks the connection to end.
+    // On entering Closed: drops what is buffered and asks the connection to end.
     void Close();
     // The username/password reply; a failure is recorded.
     void AnswerLogin(bool valid);
-    // Replies with the code (0.0.0.0 and the client's port), records the outcome, and closes.
-    void Refuse(int code, EOutcome outcome);
+    // Replies with the code (0.0.0.0 and the client's port) and records the outcome; Closed.
+    EState Refuse(int code, EOutcome outcome);
 
     void SendResponse(int code, const sockaddr* address);
     void SendResponse(int code, const IZRTConnectionAddress& address);
@@ -105,6 +117,7 @@ private:
 
     IProxyConnection& m_connection;
     EState m_state = EState::Greeting;
+    EEvent m_event = EEvent::None;
     CBuffer m_buffer;
     unsigned char m_command = 0;
     // The client finished sending while its command was under way.

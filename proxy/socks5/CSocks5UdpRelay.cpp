@@ -11,7 +11,6 @@
 #include "proxy/core/CProxyStats.h"
 #include "proxy/core/SProxySettings.h"
 #include "proxy/socks5/CSocksAddress.h"
-#include "runtime/Clock.h"
 #include "transport/CSocketUtils.h"
 
 namespace ZRT {
@@ -28,8 +27,6 @@ unsigned int PortOf(const sockaddr_storage& address)
         return ntohs(reinterpret_cast<const sockaddr_in6&>(address).sin6_port);
     return 0;
 }
-// Room for a sockaddr_in6, the largest address the relay deals with.
-constexpr int SOCKADDR_AREA_LENGTH = 28;
 } // namespace
 
 CSocks5UdpRelay::CSocks5UdpRelay(IProxyConnection& connection) : m_connection(connection) {}
@@ -111,7 +108,6 @@ bool CSocks5UdpRelay::ParseHeader(const unsigned char* datagram, size_t length, 
 
 void CSocks5UdpRelay::OnReadable()
 {
-    ExpireLookups();
     if (!m_datagram)
         m_datagram.reset(new unsigned char[DATAGRAM_SIZE]); // an association that never sends pays nothing
     for (int turn = 0; turn < DATAGRAMS_PER_TURN && m_socket >= 0; ++turn) {
@@ -176,40 +172,41 @@ void CSocks5UdpRelay::Relay(const unsigned char* datagram, size_t length, const 
     }
     if (m_lookups.size() >= MAX_LOOKUPS)
         return; // a client may not hold more lookups than this at once
-    std::unique_ptr<CNameLookup> lookup(new CNameLookup([this] { m_connection.WakeHandler(); }));
+    SLookup pending{std::unique_ptr<CNameLookup>(new CNameLookup([this] { m_connection.WakeHandler(); },
+                                                                 m_connection.GetSettings().lookupLimitMs)),
+                    std::string(reinterpret_cast<const char*>(payload), payloadLength)};
+    pending.lookup->Start(m_connection.GetAddressManager(), CSocksAddress::DomainKey(block));
+    if (!Settle(pending))
+        m_lookups.push_back(std::move(pending));
+}
+
+void CSocks5UdpRelay::SettleLookups()
+{
+    const auto settled = [this](SLookup& pending) { return Settle(pending); };
+    m_lookups.erase(std::remove_if(m_lookups.begin(), m_lookups.end(), settled), m_lookups.end());
+}
+
+bool CSocks5UdpRelay::Settle(SLookup& pending)
+{
     AddressPtr destination;
-    if (lookup->Start(m_connection.GetAddressManager(), CSocksAddress::DomainKey(block))) {
-        if (lookup->TakeAnswer(destination) && destination)
-            Forward(destination, payload, payloadLength);
-        return;
-    }
-    m_lookups.push_back({std::move(lookup), std::string(reinterpret_cast<const char*>(payload), payloadLength),
-                         QOX::MonotonicMilliseconds()});
+    const CNameLookup::EResult result = pending.lookup->Take(destination);
+    if (result == CNameLookup::EResult::Waiting)
+        return false;
+    // A name that does not resolve, in time or at all, drops its datagram.
+    if (result == CNameLookup::EResult::Answered)
+        Forward(destination, reinterpret_cast<const unsigned char*>(pending.payload.data()), pending.payload.size());
+    return true;
 }
 
-void CSocks5UdpRelay::Resume()
+int CSocks5UdpRelay::GetWakeDelay() const
 {
-    for (auto pending = m_lookups.begin(); pending != m_lookups.end();) {
-        AddressPtr destination;
-        if (!pending->lookup->TakeAnswer(destination)) {
-            ++pending;
-            continue;
-        }
-        if (destination)
-            Forward(destination, reinterpret_cast<const unsigned char*>(pending->payload.data()),
-                    pending->payload.size());
-        pending = m_lookups.erase(pending);
+    int earliest = -1;
+    for (const SLookup& pending : m_lookups) {
+        const int delay = pending.lookup->GetWakeDelay();
+        if (delay >= 0 && (earliest < 0 || delay < earliest))
+            earliest = delay;
     }
-    ExpireLookups();
-}
-
-void CSocks5UdpRelay::ExpireLookups()
-{
-    const long long now = QOX::MonotonicMilliseconds();
-    const long long limit = m_connection.GetSettings().lookupLimitMs;
-    m_lookups.erase(std::remove_if(m_lookups.begin(), m_lookups.end(),
-                                   [&](const SLookup& pending) { return now - pending.started > limit; }),
-                    m_lookups.end());
+    return earliest;
 }
 
 void CSocks5UdpRelay::Forward(const AddressPtr& destination, const unsigned char* payload, size_t length)
@@ -241,7 +238,7 @@ void CSocks5UdpRelay::OnDatagramReceived(int /*handle*/, const IZRTConnectionAdd
     if (length < 0 || (length > 0 && !data))
         return;
     sockaddr_storage area{};
-    int areaLength = SOCKADDR_AREA_LENGTH;
+    int areaLength = CSocketUtils::MAX_ADDRESS_LENGTH;
     if (!source.GetSockAddr(reinterpret_cast<sockaddr*>(&area), &areaLength))
         return;
     const std::string host = CSocksAddress::HostKey(reinterpret_cast<const sockaddr*>(&area));

@@ -30,10 +30,11 @@ namespace Proxy {
 // (or, with the header added, for the client) is dropped and counted. Every destination is judged
 // by the destination rules.
 //
-// Threads: the connection's thread polls the socket (GetSocket) and calls OnReadable, Resume
-// and Close; the datagram service calls OnDatagramReceived on its own thread. A destination
-// given by name is looked up without waiting: the datagram waits with its lookup (at most
-// MAX_LOOKUPS at a time, each for at most the proxy's lookup limit), and Resume sends it on.
+// Threads: the connection's thread polls the socket (GetSocket) and calls OnReadable,
+// SettleLookups, GetWakeDelay and Close; the datagram service calls OnDatagramReceived on its own
+// thread. A destination given by name is looked up without waiting: the datagram waits with its
+// lookup (at most MAX_LOOKUPS at a time, each for at most the proxy's lookup limit), and
+// SettleLookups sends it on once its name is known, or drops it once it is not.
 class CSocks5UdpRelay : public IDatagramReceiver {
 public:
     using AddressPtr = QOX::CRefCountPtr<IZRTConnectionAddress>;
@@ -57,7 +58,10 @@ public:
     // The socket's local address, for the reply.
     bool GetLocalAddress(sockaddr_storage& address) const;
     void OnReadable();
-    void Resume();
+    // After a lookup's answer woke the handler, or at the time GetWakeDelay asked for.
+    void SettleLookups();
+    // Milliseconds until the earliest waiting lookup runs out; -1 when none waits.
+    int GetWakeDelay() const;
     // Unregisters (no callback comes afterwards) and closes the socket.
     void Close();
 
@@ -72,13 +76,13 @@ private:
     struct SLookup {
         std::unique_ptr<CNameLookup> lookup;
         std::string payload;
-        long long started;
     };
 
     void Relay(const unsigned char* datagram, size_t length, const sockaddr_storage& sender, socklen_t senderLength);
     bool AcceptSender(const sockaddr_storage& sender, socklen_t length);
     void Forward(const AddressPtr& destination, const unsigned char* payload, size_t length);
-    void ExpireLookups();
+    // Sends the datagram on once its lookup has an answer; true when the lookup is done with.
+    bool Settle(SLookup& pending);
 
     IProxyConnection& m_connection;
     IDatagramHandler* m_handler = nullptr;

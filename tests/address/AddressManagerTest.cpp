@@ -167,9 +167,10 @@ TEST_F(AddressManagerTest, LookupWaitsWithoutAThreadAndSharesOneQuestionPerName)
     SAnswers answers;
     CNameLookup first([&] { answers.Add(); });
     CNameLookup second([&] { answers.Add(); });
-    EXPECT_FALSE(first.Start(m_manager, "shared:80"));
-    EXPECT_FALSE(second.Start(m_manager, "shared:443"));
+    first.Start(m_manager, "shared:80");
+    second.Start(m_manager, "shared:443");
     EXPECT_TRUE(first.IsWaiting());
+    EXPECT_EQ(-1, first.GetWakeDelay()) << "no limit, no wake-up";
     EXPECT_EQ(m_resolver.GetRequestCount("shared:80"), 1);
     EXPECT_EQ(m_resolver.GetRequestCount("shared:443"), 0);
 
@@ -177,11 +178,11 @@ TEST_F(AddressManagerTest, LookupWaitsWithoutAThreadAndSharesOneQuestionPerName)
     ASSERT_TRUE(answers.WaitFor(2));
     resolver.join();
     AddressPtr address;
-    ASSERT_TRUE(first.TakeAnswer(address));
+    ASSERT_EQ(CNameLookup::EResult::Answered, first.Take(address));
     EXPECT_EQ(address->ToString(), "10.0.0.5:80");
-    ASSERT_TRUE(second.TakeAnswer(address));
+    ASSERT_EQ(CNameLookup::EResult::Answered, second.Take(address));
     EXPECT_EQ(address->ToString(), "10.0.0.5:443");
-    EXPECT_FALSE(second.TakeAnswer(address)) << "an answer is taken once";
+    EXPECT_EQ(CNameLookup::EResult::None, second.Take(address)) << "an answer is taken once";
 }
 
 TEST_F(AddressManagerTest, ANameNobodyWaitsForIsCancelledAndItsLateAnswerStillCached)

@@ -1,7 +1,9 @@
 #pragma once
 
+#include <chrono>
 #include <optional>
 #include <string>
+#include <thread>
 #include <vector>
 #include <utility>
 
@@ -30,7 +32,9 @@ inline Proxy::CAddressManager& TestAddressManager()
 // sends each way and opens host links through a FakeMultiPointLayer. The test's thread plays the
 // connection's thread: what the real connection would run there later (the outcome of
 // BeginConnectToHost, Resume after WakeHandler, OnTimer) waits until the test calls RunPending
-// (or FireTimer), so a handler is never called inside its own call.
+// (or FireTimer), so a handler is never called inside its own call. DisconnectClient ends the
+// client and terminates the handler inside the call, or with SetTerminatesLater only leaves a
+// notice that the next RunPending acts on.
 class FakeProxyConnection : public Proxy::IProxyConnection, public Guarded {
 public:
     explicit FakeProxyConnection(unsigned int clientPort = 50123)
@@ -103,14 +107,18 @@ public:
     {
         Proxy::IConnectionProtocol* protocol = nullptr;
         Change([&] {
-            if (std::exchange(m_disconnected, true))
+            ++m_disconnectCalls;
+            if (std::exchange(m_disconnectAsked, true))
                 return;
-            protocol = m_protocol;
-            m_terminates += protocol ? 1 : 0;
+            m_terminateDue = true;
+            if (!m_terminatesLater)
+                protocol = EndClientLocked();
         });
         if (protocol)
             protocol->Terminate();
     }
+    void SetTerminatesLater(bool later) { Locked([&] { m_terminatesLater = later; }); }
+    int GetDisconnectCalls() const { return Locked([&] { return m_disconnectCalls; }); }
     bool SendToHost(const char* data, int length) override
     {
         QOX::CRefCountPtr<IZRTDataLayer> link;
@@ -149,7 +157,13 @@ public:
             m_resumeDue = true;
         });
     }
-    void SetHandlerTimer(int milliseconds) override { Locked([&] { m_timerMs = milliseconds; }); }
+    void SetHandlerTimer(int milliseconds) override
+    {
+        Locked([&] {
+            m_timerMs = milliseconds;
+            m_timerDue = std::chrono::steady_clock::now() + std::chrono::milliseconds(milliseconds);
+        });
+    }
     Proxy::CAddressManager& GetAddressManager() override
     {
         return m_addressManager ? *m_addressManager : TestAddressManager();
@@ -209,6 +223,10 @@ public:
             Proxy::IConnectionProtocol* protocol = nullptr;
             std::optional<bool> outcome;
             bool resume = false;
+            if (Proxy::IConnectionProtocol* ending = Locked([&] { return EndClientLocked(); })) {
+                ending->Terminate();
+                return;
+            }
             Change([&] {
                 protocol = m_disconnected ? nullptr : m_protocol;
                 outcome = std::exchange(m_outcome, std::nullopt);
@@ -241,6 +259,12 @@ public:
         if (protocol)
             protocol->OnTimer();
     }
+    // Waits until the time the handler asked for has come, then fires its timer.
+    void FireTimerWhenDue()
+    {
+        std::this_thread::sleep_until(Locked([&] { return m_timerDue; }));
+        FireTimer();
+    }
     int GetTimerMs() const { return Locked([&] { return m_timerMs; }); }
 
     std::string GetToClient() const { return Locked([&] { return m_toClient; }); }
@@ -268,6 +292,16 @@ public:
     void SetClientBacklog(unsigned int bytes) { Locked([&] { m_clientBacklog = bytes; }); }
 
 private:
+    // The handler to terminate when a disconnect is due.
+    Proxy::IConnectionProtocol* EndClientLocked()
+    {
+        if (!std::exchange(m_terminateDue, false))
+            return nullptr;
+        m_disconnected = true;
+        m_terminates += m_protocol ? 1 : 0;
+        return m_protocol;
+    }
+
     CTCPIPAddress m_clientAddress;
     CTCPIPAddress m_localAddress;
     FakeMultiPointLayer m_multiPointLayer;
@@ -289,6 +323,11 @@ private:
     std::optional<bool> m_outcome;
     bool m_resumeDue = false;
     int m_timerMs = -1;
+    std::chrono::steady_clock::time_point m_timerDue;
+    bool m_terminatesLater = false;
+    bool m_terminateDue = false;
+    bool m_disconnectAsked = false;
+    int m_disconnectCalls = 0;
     std::string m_toClient;
     std::string m_toHost;
     int m_hostSends = 0;

@@ -1,6 +1,7 @@
 // Feeds an arbitrary client stream, in chunks sized by the input, to the SOCKS5 handler over fake
 // host services (the fuzzer's thread plays the connection's), then tears it down. The first byte picks which services exist and whether a
-// host answers or a BIND peer connects; crashes, leaks and sanitizer reports are the findings.
+// host answers or a BIND peer connects, and whether the connection terminates the handler inside
+// DisconnectClient or after it; crashes, leaks and sanitizer reports are the findings.
 #include <cstddef>
 #include <cstdint>
 
@@ -48,6 +49,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     if (flags & 2)
         connection.SetConnectionListener(&listener);
     connection.GetMultiPointLayer().SetFail((flags & 4) != 0);
+    connection.SetTerminatesLater((flags & 128) != 0);
 
     auto* handler = new Proxy::CConnectionProtocol_SOCKS5(connection);
     connection.SetProtocol(handler);

@@ -305,10 +305,37 @@ TEST_F(HTTPProxyTest, LookupIsAwaitedWhileLaterBytesAreHeldAndGoOnAsTheBody)
     Request("second");
     EXPECT_EQ(0, m_connection.GetConnectCalls());
     EXPECT_EQ(11u, m_handler->GetRequestBacklog());
-    EXPECT_EQ(30000, m_connection.GetTimerMs());
+    EXPECT_LE(m_connection.GetTimerMs(), 30000);
+    EXPECT_GT(m_connection.GetTimerMs(), 29000);
     ASSERT_TRUE(m_connection.RunWhenWoken());
     EXPECT_EQ("POST / HTTP/1.0\r\nHost: server1\r\nContent-Length: 11\r\n\r\nfirstsecond", m_connection.GetToHost());
     EXPECT_EQ(0u, m_handler->GetRequestBacklog());
+}
+
+TEST_F(HTTPProxyTest, ANameNotAnsweredInTimeIsRefusedAsTooSlowAndItsLookupCancelled)
+{
+    m_resolver.SetMode(FakeResolver::NEVER_ANSWER);
+    for (const int keepAliveMs : {0, 60000}) {
+        FakeProxyConnection connection;
+        connection.Settings().httpKeepAliveMs = keepAliveMs;
+        connection.Settings().lookupLimitMs = 20;
+        CConnectionProtocol_HTTP handler(connection);
+        connection.SetProtocol(&handler);
+        const std::string request = "GET http://slow" + std::to_string(keepAliveMs) + "/ HTTP/1.1\r\n\r\n";
+        handler.HandleRequest(request.data(), static_cast<int>(request.size()));
+        EXPECT_EQ(CConnectionProtocol_HTTP::EState::Resolve, handler.GetState());
+        EXPECT_GE(connection.GetTimerMs(), 0);
+        EXPECT_LE(connection.GetTimerMs(), 20);
+        connection.FireTimerWhenDue();
+        const std::string reply = connection.GetToClient();
+        if (keepAliveMs == 0)
+            EXPECT_EQ(NOT_FOUND_404, reply);
+        else
+            EXPECT_EQ(0u, reply.rfind("HTTP/1.1 504 Gateway Timeout\r\n", 0)) << reply;
+        EXPECT_FALSE(connection.IsConnectedToClient());
+        EXPECT_EQ(EOutcome::NoDestination, connection.GetOutcome());
+        EXPECT_EQ(1, m_resolver.GetCancelCount("slow" + std::to_string(keepAliveMs) + ":80"));
+    }
 }
 
 TEST_F(HTTPProxyTest, CredentialsAreCheckedOnEachRequestAndNeverForwarded)

@@ -55,6 +55,22 @@ std::string NameRequest(int command, const std::string& name, unsigned int port)
            Bytes({static_cast<int>(port >> 8), static_cast<int>(port & 0xFF)});
 }
 
+// A handler on a connection of its own, beside a fixture's, sharing its name cache.
+struct SOwnExchange {
+    explicit SOwnExchange(Proxy::CAddressManager& manager, bool terminatesLater = false)
+    {
+        connection.SetAddressManager(&manager);
+        connection.SetTerminatesLater(terminatesLater);
+        handler.reset(new Handler(connection));
+        connection.SetProtocol(handler.get());
+    }
+    // Hands client bytes in, without running what the connection would run next.
+    void Take(const std::string& bytes) { handler->HandleRequest(bytes.data(), static_cast<int>(bytes.size())); }
+
+    FakeProxyConnection connection;
+    std::unique_ptr<Handler> handler;
+};
+
 // One handler on a fake connection (client 127.0.0.1:50123, proxy 127.0.0.1:1080), names
 // resolved through a scripted resolver into the fixture's own cache.
 class Socks5Fixture : public ::testing::Test {
@@ -91,6 +107,13 @@ protected:
     // What the client got after the greeting reply.
     std::string Replies() { return m_connection.GetToClient().substr(2); }
     bool Dropped() { return !m_connection.IsConnectedToClient(); }
+    // A handler in place of the fixture's (which has seen nothing) whose lookups wait this long.
+    void LimitLookups(int milliseconds)
+    {
+        m_connection.Settings().lookupLimitMs = milliseconds;
+        m_handler.reset(new Handler(m_connection));
+        m_connection.SetProtocol(m_handler.get());
+    }
     void Stop()
     {
         if (!m_handler)
@@ -198,7 +221,8 @@ TEST_F(Socks5NegotiationTest, NameIsLookedUpWithoutWaitingAndClientBytesWaitWith
     Negotiate();
     Send(NameRequest(1, "server1", 80) + "early");
     EXPECT_EQ(EState::Resolve, m_handler->GetState());
-    EXPECT_EQ(m_connection.Settings().lookupLimitMs, m_connection.GetTimerMs());
+    EXPECT_LE(m_connection.GetTimerMs(), m_connection.Settings().lookupLimitMs);
+    EXPECT_GT(m_connection.GetTimerMs(), m_connection.Settings().lookupLimitMs - 1000);
     EXPECT_EQ(5u, m_handler->GetRequestBacklog());
     ASSERT_TRUE(m_connection.RunWhenWoken());
     EXPECT_EQ(1, m_resolver.GetRequestCount("server1:80"));
@@ -210,13 +234,17 @@ TEST_F(Socks5NegotiationTest, NameIsLookedUpWithoutWaitingAndClientBytesWaitWith
 
 TEST_F(Socks5NegotiationTest, NameNotAnsweredInTimeIsRefusedAndItsLookupCancelled)
 {
+    LimitLookups(20);
     m_resolver.SetMode(FakeResolver::NEVER_ANSWER);
     Negotiate();
     Send(NameRequest(1, "slow.example", 443));
     EXPECT_EQ(EState::Resolve, m_handler->GetState());
-    m_connection.FireTimer();
+    EXPECT_GE(m_connection.GetTimerMs(), 0);
+    EXPECT_LE(m_connection.GetTimerMs(), 20);
+    m_connection.FireTimerWhenDue();
     EXPECT_EQ(CommandReply(8), Replies());
     EXPECT_TRUE(Dropped());
+    EXPECT_EQ(Proxy::EOutcome::NoDestination, m_connection.GetOutcome());
     EXPECT_EQ(1, m_resolver.GetCancelCount("slow.example:443"));
 }
 
@@ -426,19 +454,67 @@ TEST_F(Socks5ConnectTest, TheProxyItselfIsNotAllowedInAnyForm)
     m_manager.SetOwnAddressesForTesting({"192.0.2.7"});
     for (const auto& destination : {Request(1, {127, 0, 0, 1}, 1080), Request(1, {127, 9, 9, 9}, 1080),
                                     Request(1, {0, 0, 0, 0}, 1080), Request(1, {192, 0, 2, 7}, 1080)}) {
-        FakeProxyConnection connection;
-        connection.SetAddressManager(&m_manager);
-        Handler handler(connection);
-        connection.SetProtocol(&handler);
-        const std::string exchange = Bytes({5, 1, 0}) + destination;
-        handler.HandleRequest(exchange.data(), static_cast<int>(exchange.size()));
-        connection.RunPending();
-        EXPECT_EQ(Bytes({5, 0}) + CommandReply(2), connection.GetToClient());
-        EXPECT_EQ(0, connection.GetConnectCalls());
+        SOwnExchange own(m_manager);
+        own.Take(Bytes({5, 1, 0}) + destination);
+        own.connection.RunPending();
+        EXPECT_EQ(Bytes({5, 0}) + CommandReply(2), own.connection.GetToClient());
+        EXPECT_EQ(0, own.connection.GetConnectCalls());
     }
     Negotiate();
     Send(Request(1, {127, 0, 0, 1}, 1081));
     EXPECT_EQ(CommandReply(0), Replies());
+}
+
+// A refusal, whether it comes inside the request or with the connect's outcome, is sent once and
+// ends the exchange once, whether the connection terminates the handler inside DisconnectClient
+// or after the call; what arrives in between or afterwards changes nothing.
+TEST_F(Socks5ConnectTest, ARefusalClosesOnceWhenEverTheConnectionTerminates)
+{
+    for (const bool later : {false, true}) {
+        for (const bool connectFails : {false, true}) {
+            SOwnExchange own(m_manager, later);
+            Handler& handler = *own.handler;
+            FakeProxyConnection& connection = own.connection;
+            own.Take(Bytes({5, 1, 0}) + Request(connectFails ? 1 : 9, {10, 1, 2, 3}, 443));
+            if (connectFails)
+                handler.OnHostConnected(false);
+            EXPECT_EQ(EState::Closed, handler.GetState());
+            handler.OnHostConnected(false);
+            handler.OnHostConnected(true);
+            handler.OnTimer();
+            handler.Resume();
+            own.Take("x");
+            connection.RunPending();
+            EXPECT_EQ(Bytes({5, 0}) + CommandReply(connectFails ? 5 : 7), connection.GetToClient())
+                << later << connectFails;
+            EXPECT_EQ(1, connection.GetDisconnectCalls()) << later << connectFails;
+            EXPECT_EQ(1, connection.GetTerminateCalls()) << later << connectFails;
+        }
+    }
+}
+
+TEST_F(Socks5ConnectTest, AConnectThatCompletesAfterTheClientEndedServesOnlyWhatIsLeft)
+{
+    // The client finished sending behind its request: the answer, its bytes, then its end.
+    Negotiate();
+    const std::string request = Request(1, {10, 1, 2, 3}, 443) + "last words";
+    m_handler->HandleRequest(request.data(), static_cast<int>(request.size()));
+    EXPECT_TRUE(m_handler->HandleClientEnd());
+    EXPECT_EQ(0, m_connection.GetHostOutputEnds());
+    m_connection.RunPending();
+    EXPECT_EQ(CommandReply(0), Replies());
+    EXPECT_EQ("last words", m_connection.GetToHost());
+    EXPECT_EQ(1, m_connection.GetHostOutputEnds());
+    EXPECT_EQ(EState::Relay, m_handler->GetState());
+
+    // The client is gone altogether: its outcome finds nobody to answer.
+    SOwnExchange gone(m_manager);
+    gone.Take(Bytes({5, 1, 0}) + request);
+    gone.connection.DisconnectClient();
+    gone.handler->OnHostConnected(true);
+    EXPECT_EQ(Bytes({5, 0}), gone.connection.GetToClient());
+    EXPECT_EQ("", gone.connection.GetToHost());
+    EXPECT_EQ(EState::Closed, gone.handler->GetState());
 }
 
 TEST_F(Socks5ConnectTest, EndsArePassedOnOnlyWhileRelaying)
@@ -693,6 +769,28 @@ TEST_F(Socks5UdpTest, NamesAreLookedUpWithoutWaitingAndOnlyAFewAtOnce)
     EXPECT_EQ("127.0.0.2:53", sent[0].destination);
     SendFrom(m_client, relay, name + "4" + Bytes({0, 53}) + "payload");
     EXPECT_EQ(1, m_resolver.GetRequestCount("host4:53"));
+}
+
+TEST_F(Socks5UdpTest, ADatagramWhoseNameIsNotAnsweredInTimeIsDroppedAndItsPlaceFreed)
+{
+    LimitLookups(30);
+    m_resolver.SetMode(FakeResolver::NEVER_ANSWER);
+    const unsigned int relay = Associate();
+    const std::string name = Bytes({0, 0, 0, 3, 5}) + "slow";
+    for (size_t i = 0; i < Proxy::CSocks5UdpRelay::MAX_LOOKUPS; ++i)
+        SendFrom(m_client, relay, name + std::to_string(i) + Bytes({0, 53}) + "payload");
+    EXPECT_GE(m_connection.GetTimerMs(), 0) << "woken for the first lookup's limit";
+    EXPECT_LE(m_connection.GetTimerMs(), 30);
+    m_connection.FireTimerWhenDue();
+    // Each limit runs from its own start: the handler stays woken until the last is over.
+    for (int i = 0; i < 8 && m_connection.GetTimerMs() >= 0; ++i)
+        m_connection.FireTimerWhenDue();
+    EXPECT_EQ(-1, m_connection.GetTimerMs());
+    for (size_t i = 0; i < Proxy::CSocks5UdpRelay::MAX_LOOKUPS; ++i)
+        EXPECT_EQ(1, m_resolver.GetCancelCount("slow" + std::to_string(i) + ":53")) << i;
+    EXPECT_TRUE(m_datagrams.GetSent().empty());
+    SendFrom(m_client, relay, name + "9" + Bytes({0, 53}) + "payload");
+    EXPECT_EQ(1, m_resolver.GetRequestCount("slow9:53")) << "a lookup that timed out holds no place";
 }
 
 TEST(Socks5UdpHeader, WellFormedHeadersAreMeasuredAndOthersRefused)
