@@ -1,76 +1,79 @@
-// Takes the destination out of arbitrary request header blocks and compares it with a plain
-// rendering of the rule: host from a non-empty Host header, else from the target; port from the
-// Host header, else the target, else 80; scheme and path stripped; bracketed IPv6 kept whole.
+// Routes arbitrary request heads and compares the route with a plain rendering of the rule: an
+// absolute target names the destination whatever the Host field says; a path (or "*") takes the
+// non-empty Host field; anything else (a CONNECT authority) is the destination itself. The port
+// follows the last colon outside brackets, 80 when none; the origin gets the path of an absolute
+// target ("/" when it has none), else the target as it came.
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
 #include <string>
 
-#include "fakes/FakeProxyConnection.h"
-#include "proxy/httpproxy/CConnectionProtocol_HTTP.h"
+#include "proxy/http/CHTTPRequest.h"
+#include "proxy/http/CHTTPRequestParser.h"
+#include "proxy/httpproxy/CHTTPRoute.h"
 
 using namespace ZRT::Proxy;
 
 namespace {
 
-class Probe : public CConnectionProtocol_HTTP {
-public:
-    using CConnectionProtocol_HTTP::CConnectionProtocol_HTTP;
-    using CConnectionProtocol_HTTP::ExtractAddress;
+struct SExpected {
+    bool found = false;
+    std::string destination;
+    std::string originTarget;
 };
 
-bool Split(const std::string& text, std::string& host, std::string& port)
+// "host:port" of an authority text, or "" when it names no host.
+std::string Destination(std::string authority)
 {
-    host = text;
-    port.clear();
-    const size_t scheme = host.find("://");
+    const size_t scheme = authority.find("://");
     if (scheme != std::string::npos)
-        host.erase(0, scheme + 3);
-    const size_t slash = host.find('/');
-    if (slash != std::string::npos)
-        host.erase(slash);
-    if (host.empty())
-        return false;
-    const size_t last = host.find_last_of("]:");
-    if (last == std::string::npos || host[last] == ']')
-        return true;
-    port = host.substr(last + 1);
-    host.erase(last);
-    return !host.empty();
-}
-
-std::string Expected(const CHTTPRequest& request)
-{
-    std::string uriHost, uriPort, host, port, value;
-    Split(request.m_uri, uriHost, uriPort);
-    if (request.GetHeader("host", value) && !value.empty()) {
-        Split(value, host, port);
-        if (port.empty())
-            port = uriPort;
-    } else {
-        host = uriHost;
-        port = uriPort;
+        authority = authority.substr(scheme + 3);
+    authority = authority.substr(0, authority.find('/'));
+    std::string host = authority;
+    std::string port;
+    const size_t colon = authority.rfind(':');
+    const size_t bracket = authority.rfind(']');
+    if (colon != std::string::npos && (bracket == std::string::npos || colon > bracket)) {
+        host = authority.substr(0, colon);
+        port = authority.substr(colon + 1);
     }
     if (host.empty())
         return std::string();
     return host + ":" + (port.empty() ? "80" : port);
 }
 
+SExpected Expected(const CHTTPRequest& request)
+{
+    SExpected expected;
+    const std::string& target = request.m_uri;
+    expected.originTarget = target;
+    std::string authority = target;
+    if (!target.empty() && target[0] != '/' && target.find("://") != std::string::npos) {
+        const size_t path = target.find('/', target.find("://") + 3);
+        expected.originTarget = path == std::string::npos ? std::string("/") : target.substr(path);
+    } else if ((!target.empty() && target[0] == '/') || target == "*") {
+        if (!request.GetHeader("host", authority) || authority.empty())
+            return expected;
+    }
+    expected.destination = Destination(authority);
+    expected.found = !expected.destination.empty();
+    return expected;
+}
+
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
-    CConnectionProtocol_HTTP::CProxyHTTPRequestParser parser;
+    CHTTPRequestParser parser;
     if (parser.Parse(data, static_cast<unsigned int>(size)) != CHTTPParser::PARSE_COMPLETE)
         return 0;
     QOX::CRefCountPtr<CHTTPRequest> request = QOX::StaticCast<CHTTPRequest>(parser.m_packet);
-
-    ZRT::Testing::FakeProxyConnection connection;
-    Probe probe(connection);
-    std::string address = "stale";
-    const bool found = probe.ExtractAddress(request, address);
-    const std::string expected = Expected(*request);
-    if (found != !expected.empty() || address != expected)
+    CHTTPRoute route;
+    const bool found = route.Find(*request);
+    const SExpected expected = Expected(*request);
+    if (found != expected.found)
+        std::abort();
+    if (found && (route.GetDestination() != expected.destination || route.GetOriginTarget() != expected.originTarget))
         std::abort();
     return 0;
 }

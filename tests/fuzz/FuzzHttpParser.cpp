@@ -32,14 +32,13 @@ void Check(bool condition)
 struct SParsers {
     CHTTPRequestParser request;
     CHTTPResponseParser response;
-    CConnectionProtocol_HTTP::CProxyHTTPRequestParser proxyRequest;
     CConnectionProtocol_HTTP::CProxyHTTPResponseParser proxyResponse;
 
     CHTTPParser& Pick(bool isRequest, bool proxyClasses)
     {
-        if (proxyClasses)
-            return isRequest ? static_cast<CHTTPParser&>(proxyRequest) : proxyResponse;
-        return isRequest ? static_cast<CHTTPParser&>(request) : response;
+        if (isRequest)
+            return request; // requests have no class of the proxy's own
+        return proxyClasses ? static_cast<CHTTPParser&>(proxyResponse) : response;
     }
 };
 

@@ -19,7 +19,7 @@ namespace {
 void StartAddressManager()
 {
     static Testing::FakeResolver resolver; // answers at once: numeric names resolve, others fail
-    static const bool started = Proxy::CAddressManager::GetInstance()->Init(&resolver);
+    static const bool started = Testing::TestAddressManager().Init(&resolver);
     (void)started;
 }
 
