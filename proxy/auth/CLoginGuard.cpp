@@ -129,7 +129,7 @@ bool CLoginGuard::CheckNow(const SProxySettings& settings, const std::string& us
 }
 
 bool CLoginGuard::CheckAside(const SProxySettings& settings, const std::string& user, const std::string& password,
-                             std::function<void(bool)> done)
+                             const std::function<void(bool)>& done)
 {
     std::shared_ptr<const IPasswordVerifier> verifier = settings.passwordVerifier;
     if (!verifier)

@@ -60,7 +60,7 @@ public:
     bool CheckNow(const SProxySettings& settings, const std::string& user, const std::string& password, bool& valid);
     // Checks on a pool thread and calls done(valid) there; false when no thread could be had.
     bool CheckAside(const SProxySettings& settings, const std::string& user, const std::string& password,
-                    std::function<void(bool)> done);
+                    const std::function<void(bool)>& done);
 
     // Addresses with failures on record (for tests).
     size_t GetTrackedSources() const;

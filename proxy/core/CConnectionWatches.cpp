@@ -25,7 +25,7 @@ CConnectionWatches::~CConnectionWatches()
     Close();
 }
 
-void CConnectionWatches::Start(CEventLoop& loop, Ready ready)
+void CConnectionWatches::Start(CEventLoop& loop, const Ready& ready)
 {
     m_loop = &loop;
     for (int role = 0; role < ROLE_COUNT; ++role)

@@ -26,7 +26,7 @@ public:
     CConnectionWatches(const CConnectionWatches&) = delete;
     CConnectionWatches& operator=(const CConnectionWatches&) = delete;
 
-    void Start(CEventLoop& loop, Ready ready);
+    void Start(CEventLoop& loop, const Ready& ready);
     CEventLoop* GetLoop() const { return m_loop; }
 
     // Watches descriptor for events (0 with a descriptor of -1 takes the role out of the loop;
