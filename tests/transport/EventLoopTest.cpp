@@ -124,9 +124,9 @@ TEST_F(EventLoopTest, AWatchGetsTheReadinessItAsksForOnTheLoopThread)
         EXPECT_TRUE(m_loop.Modify(token, pair[0], in ? EPOLLOUT : EPOLLIN));
     });
     ASSERT_NE(token.load(), 0u);
-    for (const char* byte : {"a", "b"}) {
-        ASSERT_EQ(write(pair[1], byte, 1), 1);
-        ASSERT_TRUE(m_calls.WaitForCount(m_calls.Get().size() + 2));
+    for (const size_t calls : {2, 4}) {
+        ASSERT_EQ(write(pair[1], "x", 1), 1);
+        ASSERT_TRUE(m_calls.WaitForCount(calls));
     }
     // A writable socket no longer asked for writing is not reported again.
     ASSERT_TRUE(Settle());
