@@ -75,7 +75,7 @@ protected:
     }
     // Watches socket; each call notes "name:" and the events, then runs onEvents.
     uint64_t Watch(int socket, uint32_t events, const std::string& name,
-                   std::function<void(uint32_t)> onEvents = [](uint32_t) {})
+                   const std::function<void(uint32_t)>& onEvents = [](uint32_t) {})
     {
         return m_loop.Add(socket, events, QOX::CRefCountPtr<IEventHandler>(new Probe(
             [this, name, onEvents, life = Life(name)](uint32_t got) {
