@@ -42,6 +42,8 @@ public:
     using QOX::CThread::SetThreadPool;
     bool Start();
     // Stops the thread and drops every registration and pending task (releasing their references).
+    // From inside one of the loop's own callbacks it cannot wait for itself: the tasks of the
+    // turn under way still run (a task posted by that callback too) before the thread ends.
     void Stop();
 
     // Watches socket for events (EPOLLIN/EPOLLOUT); the loop holds a reference on the handler
@@ -58,7 +60,8 @@ public:
     void Post(Task task);
     // Returns an id for CancelDelayed (never 0).
     uint64_t PostDelayed(int milliseconds, Task task);
-    // The task will not run. Its closure is released later on the loop's thread, outside every
+    // On the loop's thread: the task will not run. From another thread, one already due may still
+    // be running or about to. Its closure is released later on the loop's thread, outside every
     // lock, since dropping it may destroy what it holds; safe to call under a caller's own lock.
     void CancelDelayed(uint64_t id);
 

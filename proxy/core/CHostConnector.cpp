@@ -106,7 +106,9 @@ void CHostConnector::EndAttempt(bool connected)
 void CHostConnector::Settle(bool connected)
 {
     if (connected) {
-        m_link.MarkOpen();
+        // A link that came open may have closed already: its end is read after its bytes.
+        if (m_link.GetState() == CHostLink::EState::Connecting)
+            m_link.MarkOpen();
         m_failure = 0;
         m_candidates.clear();
     }

@@ -273,6 +273,9 @@ CProxyConnection::Next CProxyConnection::TakeNotices()
 
 void CProxyConnection::TakeLinkNotices(unsigned notices)
 {
+    // The connector's news first: a link that closed right after it opened is told as open, then closed.
+    if (notices & NOTICE_CONNECTOR)
+        m_connector->OnWake();
     if ((notices & NOTICE_LINK_CONNECTED) && m_link.GetState() == CHostLink::EState::Connecting)
         m_connector->EndAttempt(true);
     if (notices & NOTICE_LINK_CLOSED) {
@@ -283,8 +286,6 @@ void CProxyConnection::TakeLinkNotices(unsigned notices)
             m_pump.NoteHostBytes();
         }
     }
-    if (notices & NOTICE_CONNECTOR)
-        m_connector->OnWake();
 }
 
 CProxyConnection::Next CProxyConnection::ServeClient()

@@ -10,6 +10,7 @@
 
 #include "fakes/FakeResolver.h"
 #include "fakes/Guarded.h"
+#include "fakes/Polling.h"
 #include "proxy/address/CAddressManager.h"
 #include "proxy/address/CNameLookup.h"
 #include "runtime/Clock.h"
@@ -21,6 +22,7 @@ using ZRT::CTCPIPAddress;
 using ZRT::Proxy::CAddressManager;
 using ZRT::Proxy::CNameLookup;
 using ZRT::Testing::FakeResolver;
+using ZRT::Testing::WaitUntil;
 using AddressPtr = CAddressManager::AddressPtr;
 
 class AddressManagerTest : public ::testing::Test {
@@ -221,8 +223,10 @@ TEST_F(AddressManagerTest, CancelWaitsForAnAnswerBeingDelivered)
     std::thread resolver([&] { m_resolver.Answer("busy:80", AddressPtr()); });
     while (!inside)
         std::this_thread::yield();
+    const pid_t canceller = ZRT::Testing::KernelThreadId();
     std::thread releaser([&] {
-        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        // Only once Cancel sleeps: a Cancel that did not wait for the answer has returned by then.
+        ZRT::Testing::WaitUntilAsleep(canceller);
         release = true;
     });
     lookup.Cancel();
@@ -238,8 +242,7 @@ TEST_F(AddressManagerTest, StopAndTerminateEndAWaitingQueryAtOnce)
         bool resolved = true;
         const std::string key = "silent" + std::to_string(variant) + ":1";
         std::thread waiter([&] { resolved = static_cast<bool>(m_manager.ResolveAddress(key)); });
-        while (m_resolver.GetRequestCount(key) == 0)
-            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        EXPECT_TRUE(WaitUntil([&] { return m_resolver.GetRequestCount(key) > 0; }));
         if (variant == 0)
             m_manager.StopRequest();
         else
@@ -256,16 +259,22 @@ TEST_F(AddressManagerTest, UnansweredQueryGivesUpAfterThirtySecondsOfTheClock)
 {
     m_resolver.SetMode(FakeResolver::NEVER_ANSWER);
     std::atomic<bool> done{false};
+    std::atomic<pid_t> id{0};
     std::thread waiter([&] {
+        id = ZRT::Testing::KernelThreadId();
         EXPECT_FALSE(m_manager.ResolveAddress("never:1"));
         done = true;
     });
-    while (m_resolver.GetRequestCount("never:1") == 0)
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    QOX::AdvanceClockForTesting(static_cast<uint32_t>(CAddressManager::QUERY_TIMEOUT_SECONDS * 1e6) - 1000000u);
+    EXPECT_TRUE(WaitUntil([&] { return m_resolver.GetRequestCount("never:1") > 0; }));
+    // Woken before the limit, the waiter sleeps again (seen asleep after the wake-up made it
+    // runnable, it has read the clock) instead of ending.
+    const auto asleepOrDone = [&] { return done || ZRT::Testing::ThreadIsAsleep(id); };
+    EXPECT_TRUE(WaitUntil(asleepOrDone));
+    QOX::AdvanceClockForTesting(static_cast<uint32_t>(CAddressManager::QUERY_TIMEOUT_SECONDS * 1e6) - 3000000u);
     m_manager.WakeWaitersForTesting();
+    EXPECT_TRUE(WaitUntil(asleepOrDone));
     EXPECT_FALSE(done.load());
-    QOX::AdvanceClockForTesting(2000000u);
+    QOX::AdvanceClockForTesting(4000000u);
     m_manager.WakeWaitersForTesting();
     waiter.join();
     EXPECT_EQ(m_resolver.GetCancelCount("never:1"), 1);

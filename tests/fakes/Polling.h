@@ -1,9 +1,13 @@
 #pragma once
 
 #include <dirent.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
 #include <chrono>
+#include <fstream>
 #include <functional>
+#include <string>
 #include <thread>
 
 namespace ZRT {
@@ -19,6 +23,26 @@ inline bool WaitUntil(const std::function<bool()>& pred, int timeoutMs = 10000)
         std::this_thread::sleep_for(std::chrono::milliseconds(2));
     }
     return true;
+}
+
+// The calling thread's id in the kernel, for ThreadIsAsleep.
+inline pid_t KernelThreadId() { return static_cast<pid_t>(syscall(SYS_gettid)); }
+
+// Whether a thread of this process is blocked in the kernel (a wait, a poll, a read), as /proc
+// says. Seen asleep, a thread on its way into a wait has reached it: that it did not return
+// is then proven without guessing how long to wait.
+inline bool ThreadIsAsleep(pid_t thread)
+{
+    std::ifstream stat("/proc/self/task/" + std::to_string(thread) + "/stat");
+    std::string line;
+    std::getline(stat, line);
+    const size_t name = line.rfind(") ");
+    return name != std::string::npos && name + 2 < line.size() && line[name + 2] == 'S';
+}
+
+inline bool WaitUntilAsleep(pid_t thread, int timeoutMs = 10000)
+{
+    return WaitUntil([&] { return ThreadIsAsleep(thread); }, timeoutMs);
 }
 
 inline int CountEntries(const char* directory)

@@ -12,8 +12,8 @@ from proxyharness import EchoServer, echo_round_trip, recv_exact, recv_until, so
 DEST_HOST = proxyharness.DEST_V4
 
 
-def Daemon(limit_fds=None):
-    return proxyharness.Daemon("--listen", "127.0.0.1", limit_fds=limit_fds)
+def Daemon(*args, limit_fds=None):
+    return proxyharness.Daemon("--listen", "127.0.0.1", *args, limit_fds=limit_fds)
 
 
 @pytest.fixture

@@ -95,8 +95,13 @@ TEST(Event, WakesAWaiterBlockedWithoutLimit)
 {
     QOX::CEvent event(true);
     std::atomic<int> result{0};
-    std::thread waiter([&] { result = QOX::CSynchronizationObject::WaitForObject(event, -1); });
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    std::atomic<pid_t> id{0};
+    std::thread waiter([&] {
+        id = ZRT::Testing::KernelThreadId();
+        result = QOX::CSynchronizationObject::WaitForObject(event, -1);
+    });
+    // Asleep in the wait, or back from it too early: only the signal may end it.
+    EXPECT_TRUE(WaitUntil([&] { return result != 0 || (id != 0 && ZRT::Testing::ThreadIsAsleep(id)); }));
     EXPECT_EQ(result.load(), 0);
     event.SignalEvent();
     waiter.join();
@@ -276,13 +281,14 @@ TEST(CallGate, WaitsForOtherThreadsInsideButNotForItself)
     std::atomic<bool> inside{false};
     std::atomic<bool> release{false};
     std::atomic<bool> left{false};
+    const pid_t owner = ZRT::Testing::KernelThreadId();
     std::thread callback([&] {
         {
             QOX::CCallGate::CScope scope(gate);
             inside = true;
-            while (!release)
-                std::this_thread::sleep_for(std::chrono::milliseconds(1));
-            std::this_thread::sleep_for(std::chrono::milliseconds(50));
+            WaitUntil([&] { return release.load(); });
+            // Leaves only once the owner sleeps in its wait: a wait that returned early sees it inside.
+            ZRT::Testing::WaitUntilAsleep(owner);
             left = true;
         }
     });
