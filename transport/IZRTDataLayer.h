@@ -34,8 +34,15 @@ public:
     // SendData are still written, within a bounded time.
     virtual void Disconnect() = 0;
 
+    // Back-pressure: the engine stops reading its client while a link's GetSendBacklog (plus
+    // what its protocol handler holds) is over SEND_BACKLOG_PAUSE, and reads again when the link
+    // calls OnSendDrained, or at the latest SEND_BACKLOG_RECHECK_MS later, when it asks
+    // GetSendBacklog again. So a link may keep marks of its own (or none): one that says
+    // OnSendDrained once its backlog fell from above its high mark to under its low mark resumes
+    // its sender at once; any other is polled at that pace while it holds the sender up.
+    static constexpr unsigned int SEND_BACKLOG_PAUSE = 256 * 1024;
+    static constexpr int SEND_BACKLOG_RECHECK_MS = 20;
     // Bytes accepted by SendData and not yet written to the peer.
-    // Senders pause past a bound of their own and resume on OnSendDrained.
     virtual unsigned int GetSendBacklog() const { return 0; }
 
     // Lets one reader take the link's bytes on its own thread, without a hop through the

@@ -12,7 +12,7 @@ public:
     virtual void OnDataReceived(IZRTDataLayer& dataLayer) = 0;
 
     // The link's send backlog, after having passed its high-water mark, fell back under its
-    // low-water mark, so a sender that paused may send again.
+    // low-water mark, so a sender that paused may send again (IZRTDataLayer::SEND_BACKLOG_PAUSE).
     virtual void OnSendDrained(IZRTDataLayer& /*dataLayer*/) {}
 
     // A link that IZRTMultiPointLayer::BeginConnect returned still connecting is now open. A

@@ -491,6 +491,11 @@ bool CProxyConnection::MayReadClient() const
     return backlog <= REQUEST_BACKLOG_LIMIT;
 }
 
+bool CProxyConnection::LinkHoldsUpClient() const
+{
+    return m_phase == EPhase::Serve && m_toHost == EFlow::Open && m_link.GetSendBacklog() > 0 && !MayReadClient();
+}
+
 bool CProxyConnection::RoomForHostBytes() const
 {
     return m_phase == EPhase::Serve && m_protocol && m_toClient == EFlow::Open &&
@@ -509,6 +514,8 @@ int CProxyConnection::NextWakeUp() const
     else
         due = Earliest(m_limits.Next(state == CHostLink::EState::Open), m_handlerDeadline);
     due = Earliest(due, m_connector->GetAttemptDeadline());
+    if (LinkHoldsUpClient())
+        due = Earliest(due, Clock::now() + std::chrono::milliseconds(IZRTDataLayer::SEND_BACKLOG_RECHECK_MS));
     return due ? MillisecondsUntil(*due) : -1;
 }
 

@@ -70,7 +70,7 @@ public:
     static constexpr int CLIENT_READ_SIZE = CRelayPump::CLIENT_READ_SIZE;
     static constexpr int HOST_READ_SIZE = CRelayPump::HOST_READ_SIZE;
     static constexpr unsigned int CLIENT_OUTPUT_HIGH_WATER = 256 * 1024;
-    static constexpr unsigned int REQUEST_BACKLOG_LIMIT = 256 * 1024;
+    static constexpr unsigned int REQUEST_BACKLOG_LIMIT = IZRTDataLayer::SEND_BACKLOG_PAUSE;
     // Host reads per step, so client reads (and other connections) interleave with a host burst.
     static constexpr int HOST_READS_PER_TURN = 8;
 
@@ -196,6 +196,8 @@ private:
     void ApplyPlan();
     uint32_t ClientInterest() const;
     bool MayReadClient() const;
+    // The link's send backlog holds the client up (the link is asked again at its pace).
+    bool LinkHoldsUpClient() const;
     bool RoomForHostBytes() const;
     int NextWakeUp() const;
 
