@@ -143,26 +143,26 @@ CTcpDataLayer::EChange CTcpDataLayer::ChangeSinceLocked(EState before) const
     return closing || CloseDueLocked() ? EChange::Settle : EChange::Nothing;
 }
 
-bool CTcpDataLayer::OnReaderThreadLocked() const
+CTcpDataLayer::SEnd CTcpDataLayer::EndLocked(EChange change) const
 {
-    return m_reader == EReader::Attached && m_readerThread == std::this_thread::get_id();
+    return SEnd{change, m_reader == EReader::Attached && m_readerThread == std::this_thread::get_id()};
 }
 
 // ---- finishing a call, and the loop's steps ----
 
-void CTcpDataLayer::Finish(EChange change, bool byReader)
+void CTcpDataLayer::Finish(SEnd end)
 {
-    if (change == EChange::Nothing)
+    if (end.change == EChange::Nothing)
         return;
     // The one place that decides where the consequences are told: inline on the reader's
     // thread (no hop through the loop) or when nobody listens (nobody to tell); by the loop
     // otherwise. A new sink hears the past from the loop, like everything else.
-    const bool here = change != EChange::SinkAdded && (byReader || m_sinks.IsEmpty());
-    if (change == EChange::Settle && here)
+    const bool here = end.change != EChange::SinkAdded && (end.byReader || m_sinks.IsEmpty());
+    if (end.change == EChange::Settle && here)
         Advance();
-    else if (change == EChange::Settle)
+    else if (end.change == EChange::Settle)
         PostStep(&CTcpDataLayer::Advance);
-    else if (change == EChange::Connected && here)
+    else if (end.change == EChange::Connected && here)
         NotifyConnected();
     else
         PostStep(&CTcpDataLayer::CatchUp);
@@ -232,17 +232,15 @@ bool CTcpDataLayer::AskConnectOutcomeLocked()
 
 void CTcpDataLayer::CompleteConnect()
 {
-    EChange change = EChange::Nothing;
-    bool byReader = false;
+    SEnd end;
     {
         std::lock_guard<std::mutex> lock(m_mutex);
         if (!State::IsConnecting(m_state) || !AskConnectOutcomeLocked())
             return; // settled before, or still under way
         UpdateInterestLocked();
-        change = State::IsEstablished(m_state) ? EChange::Connected : EChange::Settle;
-        byReader = OnReaderThreadLocked();
+        end = EndLocked(State::IsEstablished(m_state) ? EChange::Connected : EChange::Settle);
     }
-    Finish(change, byReader);
+    Finish(end);
 }
 
 // ---- reading ----
@@ -251,8 +249,7 @@ int CTcpDataLayer::ReceiveData(unsigned char* buffer, int size)
 {
     if (!buffer || size <= 0)
         return 0;
-    EChange change = EChange::Nothing;
-    bool byReader = false;
+    SEnd end;
     int count = 0;
     {
         std::lock_guard<std::mutex> lock(m_mutex);
@@ -264,13 +261,13 @@ int CTcpDataLayer::ReceiveData(unsigned char* buffer, int size)
         const bool ended = m_received.Empty() && !State::IsInputOpen(m_state);
         if (count == 0 && ended && (m_halfClose || m_reader == EReader::Attached))
             count = -1;
-        byReader = OnReaderThreadLocked();
+        end = EndLocked(ChangeSinceLocked(before));
         // The closure follows once the caller has every byte: a reader that got some reads on
         // and meets the end in a later call.
-        if (!byReader || count <= 0)
-            change = ChangeSinceLocked(before);
+        if (end.byReader && count > 0)
+            end.change = EChange::Nothing;
     }
-    Finish(change, byReader);
+    Finish(end);
     return count;
 }
 
@@ -341,8 +338,7 @@ bool CTcpDataLayer::ReadAheadLocked()
 
 int CTcpDataLayer::ReceiveInto(int socket, int size)
 {
-    EChange change = EChange::Nothing;
-    bool byReader = false;
+    SEnd end;
     int result = RECEIVE_USE_RECEIVE_DATA;
     {
         std::lock_guard<std::mutex> lock(m_mutex);
@@ -352,10 +348,9 @@ int CTcpDataLayer::ReceiveInto(int socket, int size)
             return RECEIVE_END;
         const EState before = m_state;
         result = SpliceOutLocked(socket, size);
-        byReader = OnReaderThreadLocked();
-        change = ChangeSinceLocked(before);
+        end = EndLocked(ChangeSinceLocked(before));
     }
-    Finish(change, byReader);
+    Finish(end);
     return result;
 }
 
@@ -387,7 +382,7 @@ int CTcpDataLayer::SpliceOutLocked(int socket, int size)
 int CTcpDataLayer::AttachReader()
 {
     int descriptor = -1;
-    EChange change = EChange::Nothing;
+    SEnd end;
     {
         std::lock_guard<std::mutex> lock(m_mutex);
         if (m_reader == EReader::Attached || m_socket < 0 || State::IsClosing(m_state))
@@ -397,22 +392,21 @@ int CTcpDataLayer::AttachReader()
         m_readerThread = std::this_thread::get_id();
         UpdateInterestLocked();
         descriptor = m_socket;
-        change = ChangeSinceLocked(before);
+        end = EndLocked(ChangeSinceLocked(before));
     }
-    Finish(change, true);
+    Finish(end);
     return descriptor;
 }
 
 void CTcpDataLayer::DetachReader()
 {
-    EChange change = EChange::Nothing;
-    bool byReader = false;
+    SEnd end;
     {
         std::lock_guard<std::mutex> lock(m_mutex);
         if (m_reader != EReader::Attached)
             return;
         const EState before = m_state;
-        byReader = OnReaderThreadLocked();
+        end = EndLocked(EChange::Nothing); // the reader's, before it leaves
         m_reader = m_sinks.IsEmpty() ? EReader::Nobody : EReader::Loop;
         m_readerThread = std::thread::id();
         // A release that waited for the reader happens now, on its thread: the loop no longer
@@ -421,9 +415,9 @@ void CTcpDataLayer::DetachReader()
             ReleaseSocketLocked();
         else
             UpdateInterestLocked();
-        change = ChangeSinceLocked(before);
+        end.change = ChangeSinceLocked(before);
     }
-    Finish(change, byReader);
+    Finish(end);
 }
 
 bool CTcpDataLayer::EnableHalfClose()
@@ -439,7 +433,7 @@ int CTcpDataLayer::SendData(const unsigned char* data, int size)
 {
     if (!data || size <= 0)
         return 0;
-    bool byReader = false;
+    SEnd end;
     {
         std::lock_guard<std::mutex> lock(m_mutex);
         if (!State::IsOutputOpen(m_state))
@@ -458,16 +452,15 @@ int CTcpDataLayer::SendData(const unsigned char* data, int size)
         }
         if (m_state != EState::Failed)
             return size;
-        byReader = OnReaderThreadLocked();
+        end = EndLocked(EChange::Settle);
     }
-    Finish(EChange::Settle, byReader);
+    Finish(end);
     return -1;
 }
 
 int CTcpDataLayer::SendFrom(int socket, int size)
 {
-    EChange change = EChange::Nothing;
-    bool byReader = false;
+    SEnd end;
     int taken = SEND_USE_SEND_DATA;
     {
         std::lock_guard<std::mutex> lock(m_mutex);
@@ -481,10 +474,9 @@ int CTcpDataLayer::SendFrom(int socket, int size)
             DrainSendPipeLocked();
         NoteBacklogLocked();
         UpdateInterestLocked();
-        byReader = OnReaderThreadLocked();
-        change = ChangeSinceLocked(before);
+        end = EndLocked(ChangeSinceLocked(before));
     }
-    Finish(change, byReader);
+    Finish(end);
     return taken;
 }
 
@@ -518,8 +510,7 @@ bool CTcpDataLayer::DrainSendPipeLocked()
 
 bool CTcpDataLayer::ShutdownSend()
 {
-    EChange change = EChange::Nothing;
-    bool byReader = false;
+    SEnd end;
     {
         std::lock_guard<std::mutex> lock(m_mutex);
         if (State::IsClosing(m_state))
@@ -527,10 +518,9 @@ bool CTcpDataLayer::ShutdownSend()
         const EState before = m_state;
         MoveLocked(EEvent::EndOutput);
         EndOutputIfDueLocked();
-        byReader = OnReaderThreadLocked();
-        change = ChangeSinceLocked(before);
+        end = EndLocked(ChangeSinceLocked(before));
     }
-    Finish(change, byReader);
+    Finish(end);
     return true;
 }
 
@@ -570,21 +560,19 @@ void CTcpDataLayer::NoteBacklogLocked()
 
 void CTcpDataLayer::Disconnect()
 {
-    EChange change = EChange::Nothing;
-    bool byReader = false;
+    SEnd end;
     {
         std::lock_guard<std::mutex> lock(m_mutex);
         const EState before = m_state;
         MoveLocked(EEvent::Disconnect, ECANCELED);
-        byReader = OnReaderThreadLocked();
-        change = ChangeSinceLocked(before);
+        end = EndLocked(ChangeSinceLocked(before));
     }
-    Finish(change, byReader);
+    Finish(end);
 }
 
 void CTcpDataLayer::Abort()
 {
-    bool byReader = false;
+    SEnd end;
     {
         std::lock_guard<std::mutex> lock(m_mutex);
         if (State::Next(m_state, EEvent::Fail, m_halfClose) == m_state)
@@ -595,9 +583,9 @@ void CTcpDataLayer::Abort()
             setsockopt(m_socket, SOL_SOCKET, SO_LINGER, &reset, sizeof(reset));
         }
         MoveLocked(EEvent::Fail, ECONNABORTED);
-        byReader = OnReaderThreadLocked();
+        end = EndLocked(EChange::Settle);
     }
-    Finish(EChange::Settle, byReader);
+    Finish(end);
 }
 
 // ---- the socket, the loop and the timer ----
@@ -800,7 +788,7 @@ bool CTcpDataLayer::AddNotification(IZRTDataLayerNotification* sink)
 {
     if (!sink || !m_sinks.Add(sink))
         return false;
-    EChange change = EChange::Nothing;
+    SEnd end;
     {
         std::lock_guard<std::mutex> lock(m_mutex);
         if (m_reader == EReader::Nobody)
@@ -808,9 +796,9 @@ bool CTcpDataLayer::AddNotification(IZRTDataLayerNotification* sink)
         UpdateInterestLocked();
         const bool past = (m_destinationLength > 0 && !State::IsConnecting(m_state)) || !m_received.Empty() ||
                           !State::IsInputOpen(m_state);
-        change = past ? EChange::SinkAdded : EChange::Nothing;
+        end.change = past ? EChange::SinkAdded : EChange::Nothing;
     }
-    Finish(change, false);
+    Finish(end);
     return true;
 }
 

@@ -109,6 +109,12 @@ private:
         Connected, // CompleteConnect saw the connect succeed: the sinks hear OnLinkConnected
         SinkAdded  // a new sink hears what happened before it came
     };
+    // How a public call ends: what it changed, and whether the attached reader made it (on its
+    // own thread).
+    struct SEnd {
+        EChange change = EChange::Nothing;
+        bool byReader = false;
+    };
 
     CTcpDataLayer(int socket, CEventLoop& loop, EState state);
     ~CTcpDataLayer() override;
@@ -123,10 +129,11 @@ private:
     void SettleLocked();
     bool CloseDueLocked() const;
     EChange ChangeSinceLocked(EState before) const;
-    bool OnReaderThreadLocked() const;
+    SEnd EndLocked(EChange change) const;
 
     // ---- finishing a call, and the loop's steps ----
-    void Finish(EChange change, bool byReader);
+    // Every public call that changes something ends here.
+    void Finish(SEnd end);
     void Advance();
     void CatchUp();
     void PostStep(void (CTcpDataLayer::*step)());
