@@ -109,8 +109,8 @@ void CTcpDataLayer::EnterLocked(EState from, EState to, int error)
         m_sendPipe.Close();
         break;
     case EState::Closed:
-        // Every byte is out: FIN, and the socket goes (what the peer still sends is refused
-        // with a reset; nobody will read it).
+        // A drain wrote every byte: FIN, and the socket goes (what the peer still sends is
+        // refused with a reset; nobody will read it).
         if (from == EState::Draining && m_socket >= 0)
             shutdown(m_socket, SHUT_WR);
         ReleaseSocketLocked();

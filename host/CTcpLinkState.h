@@ -7,11 +7,11 @@ namespace Host {
 // move it, and what each state allows. Pure: no socket, no lock, no time. Any thread; the link
 // asks it under its own lock.
 //
-//   Connecting --Connected--> Open --PeerEnded--> InputEnded --EndOutput--> InputEndedOutputEnding
-//        |                     |                                                    |
-//    EndOutput             EndOutput                                          QueueWritten
-//        v                     v                                                    v
-//   ConnectingEnding --> OutputEnding --QueueWritten--> OutputEnded --PeerEnded--> BothEnded
+//   Connecting       --Connected-->  Open          --PeerEnded-->  InputEnded
+//     | EndOutput                      | EndOutput                     | EndOutput
+//   ConnectingEnding --Connected-->  OutputEnding  --PeerEnded-->  InputEndedOutputEnding
+//                                      | QueueWritten                  | QueueWritten
+//                                    OutputEnded   --PeerEnded-->  BothEnded
 //
 // A state whose peer has ended moves on once every received byte was taken (Taken): to
 // Draining without half-close, to Closed from BothEnded. Disconnect drains (or closes once our
