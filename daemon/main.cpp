@@ -210,7 +210,8 @@ void AnnounceListeners(const zrt_proxy_t* proxy, const CDaemonOptions::Entries& 
     if (listen.empty())
         listen.push_back(CDaemonOptions::LibraryDefault("listen"));
     for (int i = 0; i < zrt_proxy_listen_count(proxy) && i < static_cast<int>(listen.size()); ++i)
-        std::printf("zrt-proxy listening on %s\n", ZRT::CSocketUtils::FormatEndpoint(listen[i], zrt_proxy_listen_port(proxy, i)).c_str());
+        std::printf("zrt-proxy listening on %s\n",
+                    ZRT::CSocketUtils::FormatEndpoint(listen[i], zrt_proxy_listen_port(proxy, i)).c_str());
     std::fflush(stdout);
 }
 
