@@ -88,9 +88,9 @@ void CatchUp(CEventLoopPool& loops, int loopCount = 1)
     }
 }
 
-// Runs call on a thread of its own and returns once that thread sleeps in the kernel (it waits
-// for something it cannot end itself), or once call returned; true while call has not returned.
-// Nothing else in call sleeps: the mutexes it takes are free.
+// Runs call on a thread of its own; made once that thread sleeps in the kernel (it waits for
+// something it cannot end itself) or call returned. The proof that a call waits, without a
+// sleep of the test's own: nothing else in call may sleep (the mutexes it takes are free).
 class BlockedCall {
 public:
     explicit BlockedCall(std::function<void()> call)
