@@ -3,6 +3,7 @@
 #include <chrono>
 
 #include "api/CLogText.h"
+#include "transport/CSocketUtils.h"
 #include "zrtproxy/zrtproxy.h"
 
 namespace ZRT {
@@ -24,10 +25,7 @@ int LevelOf(EOutcome outcome)
 std::string AddressOf(const std::string& client)
 {
     const size_t colon = client.rfind(':');
-    std::string address = colon == std::string::npos ? client : client.substr(0, colon);
-    if (address.size() > 2 && address.front() == '[' && address.back() == ']')
-        address = address.substr(1, address.size() - 2);
-    return address;
+    return CSocketUtils::StripBrackets(colon == std::string::npos ? client : client.substr(0, colon));
 }
 } // namespace
 
@@ -44,8 +42,7 @@ std::string CLogRelay::Describe(const Proxy::SConnectionRecord& record)
 
 void CLogRelay::OnStarted(const std::string& address, int port)
 {
-    const bool ipv6 = address.find(':') != std::string::npos;
-    Emit(ZRT_LOG_INFO, "listening on " + (ipv6 ? "[" + address + "]" : address) + ":" + std::to_string(port));
+    Emit(ZRT_LOG_INFO, "listening on " + CSocketUtils::FormatEndpoint(address, port));
 }
 
 void CLogRelay::OnStopped()

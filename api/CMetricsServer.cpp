@@ -233,7 +233,7 @@ bool CMetricsServer::Step(SScraper& scraper) const
         // The request line and headers, up to a blank line.
         char chunk[2048];
         const ssize_t got = recv(scraper.socket.Get(), chunk, sizeof(chunk), MSG_DONTWAIT);
-        if (got < 0 && (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR))
+        if (got < 0 && (CSocketUtils::IsWouldBlock(errno) || errno == EINTR))
             return true;
         if (got <= 0)
             return false;
@@ -245,10 +245,11 @@ bool CMetricsServer::Step(SScraper& scraper) const
         scraper.answer = Answer(scraper.request);
         scraper.deadline = Clock::now() + std::chrono::milliseconds(SCRAPE_TIMEOUT_MS);
     }
-    const ssize_t sent = send(scraper.socket.Get(), scraper.answer.data() + scraper.sent,
-                              scraper.answer.size() - scraper.sent, MSG_DONTWAIT | MSG_NOSIGNAL);
+    // The scraper's socket is non-blocking: what it takes now, the rest when it polls writable.
+    const ssize_t sent = CSocketUtils::SendSome(scraper.socket.Get(), scraper.answer.data() + scraper.sent,
+                                                scraper.answer.size() - scraper.sent);
     if (sent < 0)
-        return errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR;
+        return false;
     scraper.sent += static_cast<size_t>(sent);
     return scraper.sent < scraper.answer.size();
 }

@@ -10,6 +10,7 @@
 #include "api/CUsersFile.h"
 #include "proxy/address/CAddressRange.h"
 #include "proxy/address/CDestinationRule.h"
+#include "transport/CSocketUtils.h"
 
 namespace ZRT {
 namespace Api {
@@ -164,9 +165,8 @@ bool SetMetrics(SEmbeddedSettings& settings, const std::string& value, std::stri
 {
     // ADDR:PORT, or [ADDR]:PORT for IPv6.
     const size_t colon = value.rfind(':');
-    std::string address = colon == std::string::npos ? std::string() : value.substr(0, colon);
-    if (address.size() > 2 && address.front() == '[' && address.back() == ']')
-        address = address.substr(1, address.size() - 2);
+    const std::string address =
+        CSocketUtils::StripBrackets(colon == std::string::npos ? std::string() : value.substr(0, colon));
     long port = 0;
     int family = AF_UNSPEC;
     if (colon == std::string::npos || !IsNumericAddress(address, family) ||
@@ -192,9 +192,7 @@ bool SetMetricsAllow(SEmbeddedSettings& settings, const std::string& value, std:
 
 bool SetListen(SEmbeddedSettings& settings, const std::string& value, std::string& error)
 {
-    std::string address = value;
-    if (address.size() > 2 && address.front() == '[' && address.back() == ']')
-        address = address.substr(1, address.size() - 2);
+    std::string address = CSocketUtils::StripBrackets(value);
     int family = AF_UNSPEC;
     if (!IsNumericAddress(address, family)) {
         error = "'" + value + "' is not a numeric IPv4 or IPv6 address";

@@ -19,6 +19,7 @@
 #include "daemon/CConfigFile.h"
 #include "daemon/CDaemonOptions.h"
 #include "daemon/CPasswordHash.h"
+#include "transport/CSocketUtils.h"
 #include "zrtproxy/zrtproxy.h"
 
 using ZRT::Daemon::CCommandLine;
@@ -122,14 +123,6 @@ long DescriptorLimit()
     return static_cast<long>(limit.rlim_cur);
 }
 
-std::string Endpoint(std::string address, int port)
-{
-    if (address.size() > 2 && address.front() == '[')
-        address = address.substr(1, address.size() - 2);
-    const bool ipv6 = address.find(':') != std::string::npos;
-    return (ipv6 ? "[" + address + "]" : address) + ":" + std::to_string(port);
-}
-
 // The settings from the defaults, the configuration file and the command line; every problem
 // of them (the file, each line, each value) in problems.
 CDaemonOptions::Entries Gather(const CCommandLine& options, std::vector<std::string>& problems)
@@ -217,7 +210,8 @@ void AnnounceListeners(const zrt_proxy_t* proxy, const CDaemonOptions::Entries& 
     if (listen.empty())
         listen.push_back(CDaemonOptions::LibraryDefault("listen"));
     for (int i = 0; i < zrt_proxy_listen_count(proxy) && i < static_cast<int>(listen.size()); ++i)
-        std::printf("zrt-proxy listening on %s\n", Endpoint(listen[i], zrt_proxy_listen_port(proxy, i)).c_str());
+        std::printf("zrt-proxy listening on %s\n",
+                    ZRT::CSocketUtils::FormatEndpoint(listen[i], zrt_proxy_listen_port(proxy, i)).c_str());
     std::fflush(stdout);
 }
 

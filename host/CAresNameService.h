@@ -22,6 +22,10 @@ namespace Host {
 // given) and the hosts file, any number at once, none waiting for another, each given up after
 // its time limit. The channel, its sockets and its timers live on the loop's thread; a timer
 // exists only while lookups are under way, so an idle service costs nothing.
+//
+// Threads: its owner makes and destroys it (the destructor waits for the loop); Start and
+// Abandon come from any thread and hand the work to the loop; answers are called on the
+// loop's thread.
 class CAresNameService : public INameService {
 public:
     // servers: "ADDR[:PORT],..." to use instead of the system's; empty for the system's.

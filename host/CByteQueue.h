@@ -7,7 +7,7 @@ namespace ZRT {
 namespace Host {
 
 // A FIFO of bytes in one contiguous block: appended at the back, consumed from the front.
-// Not thread-safe; its owner guards it.
+// Not thread-safe: every call comes from whichever thread holds its owner's lock.
 class CByteQueue {
 public:
     size_t Size() const { return m_bytes.size() - m_head; }

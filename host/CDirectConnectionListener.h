@@ -21,6 +21,9 @@ namespace Host {
 // a CTcpDataLayer. Only peers from the requested address count (any peer when it is the
 // unspecified address): others are closed at once and the socket goes on listening. After
 // StopListening returns, the receiver hears nothing more.
+//
+// Threads: StartListening and StopListening come from any thread (the engine's event threads);
+// accepts run on a loop's thread, which hands each connection to the receiver.
 class CDirectConnectionListener : public IConnectionListener {
 public:
     CDirectConnectionListener(CEventLoopPool& loops, std::string ipv4Address = "127.0.0.1",
@@ -32,6 +35,7 @@ public:
     void StopListening(const IZRTConnectionAddress& address) override;
 
 private:
+    // One listening socket: Start and Stop on the listener's caller's thread, OnEvents on the loop's.
     class CListeningSocket : public QOX::CRefCount_Base, public IEventHandler {
     public:
         // expected: the peer's address bytes, or empty for any peer.

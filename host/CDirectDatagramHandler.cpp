@@ -243,7 +243,7 @@ void CDirectDatagramHandler::CRegistration::OnEvents(uint32_t /*events*/)
                                        reinterpret_cast<sockaddr*>(&source), &length);
         if (count < 0) {
             // A refusal reported for an earlier send is not the end of the socket.
-            if (errno == EAGAIN || errno == EWOULDBLOCK)
+            if (CSocketUtils::IsWouldBlock(errno))
                 return;
             continue;
         }

@@ -19,6 +19,9 @@ namespace Host {
 // The socket is dual-stack IPv6 where the machine allows it (IPv4 peers appear as plain IPv4
 // addresses), plain IPv4 otherwise. Datagrams are read on a loop's thread; after
 // UnregisterReceiver returns, none reaches the receiver.
+//
+// Threads: RegisterReceiver, UnregisterReceiver, SendDatagram and GetLocalPort come from any
+// thread (the engine's event threads); receivers are called on a loop's thread.
 class CDirectDatagramHandler : public IDatagramHandler {
 public:
     // Every socket goes through the preparer before it is bound; a refused one fails the
@@ -38,6 +41,8 @@ public:
     unsigned int GetLocalPort(int handle);
 
 private:
+    // One socket: Start, Stop, Send and GetLocalPort on the handler's caller's thread, OnEvents
+    // on the loop's.
     class CRegistration : public QOX::CRefCount_Base, public IEventHandler {
     public:
         CRegistration(int socket, int handle, IDatagramReceiver* receiver, CEventLoop& loop);

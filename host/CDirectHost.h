@@ -16,6 +16,9 @@ namespace Host {
 // The four host services on real sockets of this machine, sharing a few transport threads (name
 // lookups run on the first of them). It must outlive every use the engine makes of them: stop
 // the engine first. Its destructor returns when none of its threads runs any more.
+//
+// Threads: the host's controlling thread makes and destroys it; the queries and the services
+// they return may be used from any thread.
 class ZRT_EXPORT CDirectHost {
 public:
     explicit CDirectHost(const SDirectHostSettings& settings = SDirectHostSettings());

@@ -13,6 +13,9 @@ namespace Host {
 // Opens host links as plain TCP connections from this machine, each driven by one of the pool's
 // loops. Connect blocks its caller (up to CONNECT_TIMEOUT_MS); BeginConnect returns at once with
 // a link that reports the outcome, within the same time limit.
+//
+// Threads: both come from any thread (Connect blocks it; the engine uses BeginConnect, on its
+// event threads); the links they return say how they are called.
 class CDirectMultiPointLayer : public IZRTMultiPointLayer {
 public:
     static constexpr int CONNECT_TIMEOUT_MS = 10000;

@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "transport/CSocketUtils.h"
 #include "transport/CTCPIPAddress.h"
 
 namespace ZRT {
@@ -64,12 +65,8 @@ bool CDirectResolver::SplitDestination(const std::string& address, std::string& 
     const size_t colon = address.rfind(':');
     if (colon == std::string::npos || !ParsePort(address.substr(colon + 1), port))
         return false;
-    host = address.substr(0, colon);
-    if (!host.empty() && host.front() == '[') {
-        if (host.size() < 2 || host.back() != ']')
-            return false;
-        host = host.substr(1, host.size() - 2);
-    }
+    // A bracket left after stripping a pair ("[::1", "[]") makes no host.
+    host = CSocketUtils::StripBrackets(address.substr(0, colon));
     return !host.empty() && host.find_first_of("[]") == std::string::npos;
 }
 

@@ -24,6 +24,9 @@ namespace Host {
 // RemoveNotification never waits for an answer being delivered: its caller may hold the lock that
 // the delivery is waiting for. It marks the registration removed, so no answer starts towards it
 // afterwards; one that had already started may still finish.
+//
+// Threads: every operation comes from any thread. Numeric answers are called on the caller's
+// thread, inside ResolveAddressAsync; names on the thread the name service answers on.
 class CDirectResolver : public IResolveAddress {
 public:
     static constexpr int STATUS_RESOLVED = 0;

@@ -17,6 +17,9 @@ namespace Host {
 // to it with a reply function that may be called once, on any thread, at once or later. A
 // lookup not replied to within its time limit counts as failed; replies to lookups that were
 // abandoned or timed out, or that come after the service is gone, are ignored.
+//
+// Threads: Start and Abandon come from any thread; the hook is called on Start's caller's
+// thread; an answer is called on the thread that replies, or on the loop's for a time-out.
 class CHookNameService : public INameService {
 public:
     using Reply = std::function<void(const std::vector<sockaddr_storage>& addresses)>;

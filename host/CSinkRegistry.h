@@ -13,7 +13,8 @@ namespace Host {
 // The set of callback sinks of one service object, with the promise that no call reaches a sink
 // after Remove() returned. Remove waits for a call in progress on another thread; a sink that
 // removes itself from inside its own callback is not waited for (that would wait for itself).
-// No lock is held while a sink is called.
+// No lock is held while a sink is called. Every operation comes from any thread; a sink is
+// called on the thread that calls Call or CallAll.
 template <class Sink>
 class CSinkRegistry {
 public:

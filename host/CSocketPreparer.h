@@ -12,7 +12,8 @@ namespace Host {
 // datagrams and name lookups) before it connects or sends: it binds it to the outgoing address
 // of its family and to the outgoing interface where those are set, then asks the host's hook,
 // which may refuse it (an Android VPN app protects it from its own tunnel there). Copyable;
-// shared by the services.
+// shared by the services. Every operation comes from any thread (the one that opens the
+// socket: an event thread, a loop's for c-ares); the hook is called on that thread.
 class CSocketPreparer {
 public:
     // hook: true lets the socket be used; empty lets every socket be used.

@@ -11,13 +11,6 @@
 namespace ZRT {
 namespace Host {
 
-namespace {
-bool WouldBlock(int error)
-{
-    return error == EAGAIN || error == EWOULDBLOCK;
-}
-} // namespace
-
 CSplicePipe::~CSplicePipe()
 {
     Close();
@@ -67,7 +60,7 @@ CSplicePipe::EResult CSplicePipe::FillFrom(int socket, size_t max, size_t& count
     }
     if (moved == 0)
         return EResult::End;
-    if (WouldBlock(errno))
+    if (CSocketUtils::IsWouldBlock(errno))
         return EResult::NothingNow;
     if (errno == EINVAL || errno == ENOSYS)
         return EResult::Unsupported;
@@ -93,7 +86,7 @@ CSplicePipe::EResult CSplicePipe::DrainTo(int socket, size_t& count)
         }
         if (moved < 0 && errno == EINTR)
             continue;
-        if (moved < 0 && WouldBlock(errno))
+        if (moved < 0 && CSocketUtils::IsWouldBlock(errno))
             break;
         m_error = moved < 0 ? errno : EPIPE;
         if (m_error == EPIPE)

@@ -12,7 +12,7 @@ namespace Host {
 // A kernel pipe between two stream sockets: bytes are spliced from one socket into it and from
 // it into the other without being copied through user space (Linux and Android). Both relay
 // directions of a TCP link use one each. Made on first use; it counts what it holds. Not
-// thread-safe: its owner guards it.
+// thread-safe: every call comes from whichever thread holds its owner's lock.
 class CSplicePipe {
 public:
     // A wish, not a need: a larger pipe means fewer calls per megabyte.

@@ -7,7 +7,6 @@
 
 #include <netinet/in.h>
 #include <netinet/tcp.h>
-#include <poll.h>
 #include <sys/epoll.h>
 #include <unistd.h>
 
@@ -26,6 +25,8 @@ namespace {
 constexpr int MAX_READS_PER_EVENT = 8;
 constexpr size_t READ_CHUNK = 64 * 1024;
 
+using State = CTcpLinkState;
+
 bool CopyAddress(const sockaddr_storage& stored, socklen_t storedLength, sockaddr* address, int* length)
 {
     if (!address || !length || storedLength == 0 || *length < static_cast<int>(storedLength))
@@ -34,37 +35,33 @@ bool CopyAddress(const sockaddr_storage& stored, socklen_t storedLength, sockadd
     *length = static_cast<int>(storedLength);
     return true;
 }
-
-bool WouldBlock(int error)
-{
-    return error == EAGAIN || error == EWOULDBLOCK;
-}
 } // namespace
 
 QOX::CRefCountPtr<CTcpDataLayer> CTcpDataLayer::Create(int socket, CEventLoop& loop)
 {
     // The loop starts watching the socket once somebody listens (AddNotification) or bytes wait
     // to be sent; a link that a reader takes over may never need the loop at all.
-    return QOX::CRefCountPtr<CTcpDataLayer>(new CTcpDataLayer(socket, loop, EPhase::Open));
+    return QOX::CRefCountPtr<CTcpDataLayer>(new CTcpDataLayer(socket, loop, EState::Open));
 }
 
 QOX::CRefCountPtr<CTcpDataLayer> CTcpDataLayer::CreateConnecting(int socket, const sockaddr* destination,
                                                                  socklen_t destinationLength, CEventLoop& loop,
                                                                  int timeoutMs)
 {
-    QOX::CRefCountPtr<CTcpDataLayer> link(new CTcpDataLayer(socket, loop, EPhase::Connecting));
-    if (destination && destinationLength <= sizeof(link->m_destination)) {
-        std::memcpy(&link->m_destination, destination, destinationLength);
-        link->m_destinationLength = destinationLength;
+    if (!destination || destinationLength == 0 || destinationLength > sizeof(sockaddr_storage)) {
+        CSocketUtils::CloseSocket(socket);
+        return {};
     }
+    auto* link = new CTcpDataLayer(socket, loop, EState::Connecting);
+    std::memcpy(&link->m_destination, destination, destinationLength);
+    link->m_destinationLength = destinationLength;
     // The loop watches the attempt (and keeps its time) only once a sink listens without a
     // reader: a reader takes the connect over (CompleteConnect) and keeps its own time.
-    link->m_beganConnecting = true;
     link->m_connectTimeoutMs = timeoutMs;
-    return link;
+    return QOX::CRefCountPtr<CTcpDataLayer>(link);
 }
 
-CTcpDataLayer::CTcpDataLayer(int socket, CEventLoop& loop, EPhase phase) : m_loop(loop), m_socket(socket), m_phase(phase)
+CTcpDataLayer::CTcpDataLayer(int socket, CEventLoop& loop, EState state) : m_loop(loop), m_socket(socket), m_state(state)
 {
     const int on = 1;
     setsockopt(socket, IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on));
@@ -75,158 +72,352 @@ CTcpDataLayer::~CTcpDataLayer()
     CSocketUtils::CloseSocket(m_socket);
 }
 
+// ---- the state machine ----
+
+bool CTcpDataLayer::MoveLocked(EEvent event, int error)
+{
+    const EState from = m_state;
+    const EState to = State::Next(from, event, m_halfClose);
+    if (to == from)
+        return false;
+    m_state = to;
+    EnterLocked(from, to, error);
+    return true;
+}
+
+void CTcpDataLayer::EnterLocked(EState from, EState to, int error)
+{
+    if (State::IsConnecting(from))
+        CancelTimerLocked(); // the connect's time limit
+    switch (to) {
+    case EState::OutputEnded:
+        shutdown(m_socket, SHUT_WR);
+        break;
+    case EState::BothEnded:
+        // With nothing left unread, the close that follows at once sends the FIN.
+        if (from == EState::InputEndedOutputEnding && !m_received.Empty())
+            shutdown(m_socket, SHUT_WR);
+        break;
+    case EState::Draining:
+        if (UnsentLocked() > 0)
+            StartTimerLocked(LINGER_MS);
+        break;
+    case EState::Failed:
+        m_failure = error != 0 ? error : EIO;
+        // Bytes received before the failure stay readable; nothing more can be written.
+        m_unsent.Clear();
+        m_sendPipe.Close();
+        break;
+    case EState::Closed:
+        // A drain wrote every byte: FIN, and the socket goes (what the peer still sends is
+        // refused with a reset; nobody will read it).
+        if (from == EState::Draining && m_socket >= 0)
+            shutdown(m_socket, SHUT_WR);
+        ReleaseSocketLocked();
+        break;
+    default:
+        break;
+    }
+}
+
+void CTcpDataLayer::SettleLocked()
+{
+    for (;;) {
+        if (m_received.Empty() && MoveLocked(EEvent::Taken))
+            continue;
+        if (UnsentLocked() == 0 && MoveLocked(EEvent::QueueWritten))
+            continue;
+        break;
+    }
+    UpdateInterestLocked();
+}
+
+bool CTcpDataLayer::CloseDueLocked() const
+{
+    return m_received.Empty() && State::Next(m_state, EEvent::Taken, m_halfClose) != m_state;
+}
+
+CTcpDataLayer::EChange CTcpDataLayer::ChangeSinceLocked(EState before) const
+{
+    const bool closing = m_state != before && State::IsClosing(m_state);
+    return closing || CloseDueLocked() ? EChange::Settle : EChange::Nothing;
+}
+
+CTcpDataLayer::SEnd CTcpDataLayer::EndLocked(EChange change) const
+{
+    return SEnd{change, m_reader == EReader::Attached && m_readerThread == std::this_thread::get_id()};
+}
+
+// ---- finishing a call, and the loop's steps ----
+
+void CTcpDataLayer::Finish(SEnd end)
+{
+    if (end.change == EChange::Nothing)
+        return;
+    // The one place that decides where the consequences are told: inline on the reader's
+    // thread (no hop through the loop) or when nobody listens (nobody to tell); by the loop
+    // otherwise. A new sink hears the past from the loop, like everything else.
+    const bool here = end.change != EChange::SinkAdded && (end.byReader || m_sinks.IsEmpty());
+    if (end.change == EChange::Settle && here)
+        Advance();
+    else if (end.change == EChange::Settle)
+        PostStep(&CTcpDataLayer::Advance);
+    else if (end.change == EChange::Connected && here)
+        NotifyConnected();
+    else
+        PostStep(&CTcpDataLayer::CatchUp);
+}
+
+void CTcpDataLayer::Advance()
+{
+    bool told = false;
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        SettleLocked();
+        told = m_state == EState::Draining || m_state == EState::Closed;
+    }
+    if (told)
+        NotifyClosed();
+}
+
+void CTcpDataLayer::CatchUp()
+{
+    bool connected = false;
+    bool data = false;
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        connected = m_destinationLength > 0 && State::IsEstablished(m_state);
+        data = !m_received.Empty() || (State::HasInputEnded(m_state) && m_halfClose);
+    }
+    // Sinks that heard it already take a repeat as nothing new.
+    if (connected)
+        NotifyConnected();
+    if (data)
+        NotifyData();
+    Advance();
+}
+
+void CTcpDataLayer::PostStep(void (CTcpDataLayer::*step)())
+{
+    QOX::CRefCountPtr<CTcpDataLayer> self(this);
+    m_loop.Post([self, step] { (self.GetRawPointer()->*step)(); });
+}
+
+// ---- connecting ----
+
+void CTcpDataLayer::EndConnectLocked(int error)
+{
+    if (error != 0) {
+        MoveLocked(EEvent::Fail, error);
+        return;
+    }
+    MoveLocked(EEvent::Connected);
+    EndOutputIfDueLocked(); // a ShutdownSend made while connecting
+}
+
+bool CTcpDataLayer::AskConnectOutcomeLocked()
+{
+    // One call instead of a poll and SO_ERROR: connecting again answers "done" (0 or EISCONN),
+    // "still under way" (EALREADY) or the attempt's error.
+    if (::connect(m_socket, reinterpret_cast<const sockaddr*>(&m_destination), m_destinationLength) == 0 ||
+        errno == EISCONN) {
+        EndConnectLocked(0);
+        return true;
+    }
+    if (errno == EALREADY || errno == EINPROGRESS || errno == EINTR)
+        return false;
+    EndConnectLocked(errno);
+    return true;
+}
+
+void CTcpDataLayer::CompleteConnect()
+{
+    SEnd end;
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        if (!State::IsConnecting(m_state) || !AskConnectOutcomeLocked())
+            return; // settled before, or still under way
+        UpdateInterestLocked();
+        end = EndLocked(State::IsEstablished(m_state) ? EChange::Connected : EChange::Settle);
+    }
+    Finish(end);
+}
+
 // ---- reading ----
 
 int CTcpDataLayer::ReceiveData(unsigned char* buffer, int size)
 {
     if (!buffer || size <= 0)
         return 0;
-    bool due = false;
-    bool reader = false;
+    SEnd end;
     int count = 0;
     {
         std::lock_guard<std::mutex> lock(m_mutex);
+        const EState before = m_state;
         count = static_cast<int>(m_received.Take(buffer, static_cast<size_t>(size)));
         if (count == 0 && m_reader == EReader::Attached)
             count = ReadForReaderLocked(buffer, size);
-        if (m_readPaused && m_received.Size() <= RECEIVE_RESUME) {
-            m_readPaused = false;
-            UpdateInterestLocked();
-        }
-        const bool ended = m_received.Empty() && (m_inputEnded || m_failed);
+        ResumeReadingLocked();
+        const bool ended = m_received.Empty() && !State::IsInputOpen(m_state);
         if (count == 0 && ended && (m_halfClose || m_reader == EReader::Attached))
             count = -1;
-        due = m_phase == EPhase::Open && CloseDueLocked();
-        reader = m_reader == EReader::Attached;
+        end = EndLocked(ChangeSinceLocked(before));
+        // The closure follows once the caller has every byte: a reader that got some reads on
+        // and meets the end in a later call.
+        if (end.byReader && count > 0)
+            end.change = EChange::Nothing;
     }
-    // The closure follows once the caller has every byte. A reader's call that returned
-    // nothing settles it here, with no hop through the loop (a reader reads on until -1). A
-    // sink's draining inside OnDataReceived is followed by the loop's own Advance; from
-    // elsewhere the loop is asked.
-    if (due && reader && count <= 0)
-        Advance();
-    else if (due && !reader && !m_loop.IsLoopThread())
-        PostAdvance();
+    Finish(end);
     return count;
 }
 
 int CTcpDataLayer::ReadForReaderLocked(unsigned char* buffer, int size)
 {
-    if (m_inputEnded || m_failed || m_socket < 0)
+    if (!State::IsInputOpen(m_state) || m_socket < 0)
         return -1;
     for (;;) {
         const ssize_t count = recv(m_socket, buffer, static_cast<size_t>(size), MSG_DONTWAIT);
         if (count > 0)
             return static_cast<int>(count);
         if (count == 0) {
-            m_inputEnded = true;
+            MoveLocked(EEvent::PeerEnded);
             return -1;
         }
         if (errno == EINTR)
             continue;
-        if (WouldBlock(errno))
+        if (CSocketUtils::IsWouldBlock(errno))
             return 0;
-        FailLocked(errno);
+        MoveLocked(EEvent::Fail, errno);
         return -1;
     }
 }
 
-void CTcpDataLayer::ReadSocket(bool& gotData)
+void CTcpDataLayer::ResumeReadingLocked()
+{
+    if (!m_readPaused || m_received.Size() > RECEIVE_RESUME)
+        return;
+    m_readPaused = false;
+    UpdateInterestLocked();
+}
+
+bool CTcpDataLayer::ReadsAheadLocked() const
+{
+    return m_socket >= 0 && m_reader != EReader::Attached && State::IsEstablished(m_state) &&
+           State::IsInputOpen(m_state);
+}
+
+bool CTcpDataLayer::ReadAheadLocked()
 {
     thread_local std::vector<unsigned char> scratch(READ_CHUNK);
-    for (int turn = 0; turn < MAX_READS_PER_EVENT; ++turn) {
-        if (m_socket < 0 || m_phase != EPhase::Open || m_inputEnded || m_failed || m_reader != EReader::Loop)
-            return;
+    bool news = false;
+    for (int turn = 0; turn < MAX_READS_PER_EVENT && ReadsAheadLocked(); ++turn) {
         const size_t room = RECEIVE_LIMIT - std::min(m_received.Size(), RECEIVE_LIMIT);
         if (room == 0) {
             m_readPaused = true;
-            return;
+            break;
         }
         const ssize_t count = recv(m_socket, scratch.data(), std::min(room, READ_CHUNK), MSG_DONTWAIT);
         if (count > 0) {
             m_received.Append(scratch.data(), static_cast<size_t>(count));
-            gotData = true;
+            news = true;
             continue;
         }
         if (count == 0) {
-            m_inputEnded = true;
+            MoveLocked(EEvent::PeerEnded);
             // A half-closing sink meets the end in ReceiveData, so it is told as for bytes.
-            gotData = gotData || m_halfClose;
-            return;
+            return news || m_halfClose;
         }
         if (errno == EINTR)
             continue;
-        if (!WouldBlock(errno))
-            FailLocked(errno);
-        return;
+        if (!CSocketUtils::IsWouldBlock(errno))
+            MoveLocked(EEvent::Fail, errno);
+        break;
     }
+    return news;
 }
 
 int CTcpDataLayer::ReceiveInto(int socket, int size)
 {
-    bool advance = false;
+    SEnd end;
     int result = RECEIVE_USE_RECEIVE_DATA;
     {
         std::lock_guard<std::mutex> lock(m_mutex);
         if (m_reader != EReader::Attached || !m_received.Empty() || size <= 0)
             return RECEIVE_USE_RECEIVE_DATA;
-        if (m_inputEnded || m_failed || m_socket < 0)
+        if (!State::IsInputOpen(m_state) || m_socket < 0)
             return RECEIVE_END;
-        size_t in = 0;
-        const CSplicePipe::EResult filled = m_receivePipe.FillFrom(m_socket, static_cast<size_t>(size), in);
-        if (filled == CSplicePipe::EResult::NothingNow)
-            return RECEIVE_NOTHING_NOW;
-        if (filled == CSplicePipe::EResult::End) {
-            m_inputEnded = true;
-            result = RECEIVE_END;
-        } else if (filled != CSplicePipe::EResult::Moved) {
-            // Not a socket splice can read, or a failure: ReceiveData's recv tells which.
-            return RECEIVE_USE_RECEIVE_DATA;
-        } else {
-            size_t out = 0;
-            const CSplicePipe::EResult drained = m_receivePipe.DrainTo(socket, out);
-            // What the destination would not take stays with the link, as ordinary bytes.
-            m_receivePipe.DrainInto(m_received);
-            if (drained == CSplicePipe::EResult::Failed)
-                result = RECEIVE_SOCKET_FAILED;
-            else
-                result = out > 0 ? static_cast<int>(out) : RECEIVE_USE_RECEIVE_DATA;
-        }
-        advance = m_phase == EPhase::Open && CloseDueLocked();
+        const EState before = m_state;
+        result = SpliceOutLocked(socket, size);
+        end = EndLocked(ChangeSinceLocked(before));
     }
-    if (advance)
-        Advance();
+    Finish(end);
     return result;
+}
+
+int CTcpDataLayer::SpliceOutLocked(int socket, int size)
+{
+    size_t in = 0;
+    switch (m_receivePipe.FillFrom(m_socket, static_cast<size_t>(size), in)) {
+    case CSplicePipe::EResult::Moved:
+        break;
+    case CSplicePipe::EResult::NothingNow:
+        return RECEIVE_NOTHING_NOW;
+    case CSplicePipe::EResult::End:
+        MoveLocked(EEvent::PeerEnded);
+        return RECEIVE_END;
+    case CSplicePipe::EResult::Failed:
+    case CSplicePipe::EResult::Unsupported:
+        // Not a socket splice can read, or a failure: ReceiveData's recv tells which.
+        return RECEIVE_USE_RECEIVE_DATA;
+    }
+    size_t out = 0;
+    const CSplicePipe::EResult drained = m_receivePipe.DrainTo(socket, out);
+    // What the destination would not take stays with the link, as ordinary bytes.
+    m_receivePipe.DrainInto(m_received);
+    if (drained == CSplicePipe::EResult::Failed)
+        return RECEIVE_SOCKET_FAILED;
+    return out > 0 ? static_cast<int>(out) : RECEIVE_USE_RECEIVE_DATA;
 }
 
 int CTcpDataLayer::AttachReader()
 {
-    std::lock_guard<std::mutex> lock(m_mutex);
-    if (m_reader == EReader::Attached || m_socket < 0 || m_phase == EPhase::Draining || m_phase == EPhase::Closed)
-        return -1;
-    m_reader = EReader::Attached;
-    UpdateInterestLocked();
-    return m_socket;
+    int descriptor = -1;
+    SEnd end;
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        if (m_reader == EReader::Attached || m_socket < 0 || State::IsClosing(m_state))
+            return -1;
+        const EState before = m_state;
+        m_reader = EReader::Attached;
+        m_readerThread = std::this_thread::get_id();
+        UpdateInterestLocked();
+        descriptor = m_socket;
+        end = EndLocked(ChangeSinceLocked(before));
+    }
+    Finish(end);
+    return descriptor;
 }
 
 void CTcpDataLayer::DetachReader()
 {
-    bool advance = false;
+    SEnd end;
     {
         std::lock_guard<std::mutex> lock(m_mutex);
         if (m_reader != EReader::Attached)
             return;
-        m_reader = EReader::Loop;
+        const EState before = m_state;
+        end = EndLocked(EChange::Nothing); // the reader's, before it leaves
+        m_reader = m_sinks.IsEmpty() ? EReader::Nobody : EReader::Loop;
+        m_readerThread = std::thread::id();
         // A release that waited for the reader happens now, on its thread: the loop no longer
         // watches the socket once it is due to be released.
-        if (m_phase == EPhase::Closed)
+        if (m_state == EState::Closed)
             ReleaseSocketLocked();
         else
             UpdateInterestLocked();
-        advance = m_phase == EPhase::Open && CloseDueLocked();
+        end.change = ChangeSinceLocked(before);
     }
-    if (advance)
-        Advance();
+    Finish(end);
 }
 
 bool CTcpDataLayer::EnableHalfClose()
@@ -242,123 +433,111 @@ int CTcpDataLayer::SendData(const unsigned char* data, int size)
 {
     if (!data || size <= 0)
         return 0;
+    SEnd end;
     {
         std::lock_guard<std::mutex> lock(m_mutex);
-        const bool usable = m_phase == EPhase::Connecting || m_phase == EPhase::Open;
-        if (!usable || m_failed || m_output != EOutput::Open)
+        if (!State::IsOutputOpen(m_state))
             return -1;
         // Bytes in the send pipe came first: they join the queue before these.
         m_sendPipe.DrainInto(m_unsent);
-        size_t offset = 0;
-        while (m_phase == EPhase::Open && m_unsent.Empty() && offset < static_cast<size_t>(size)) {
-            const ssize_t sent = send(m_socket, data + offset, static_cast<size_t>(size) - offset,
-                                      MSG_NOSIGNAL | MSG_DONTWAIT);
-            if (sent > 0) {
-                offset += static_cast<size_t>(sent);
-                continue;
-            }
-            if (sent < 0 && errno == EINTR)
-                continue;
-            if (sent < 0 && !WouldBlock(errno))
-                FailLocked(errno);
-            break;
-        }
-        if (!m_failed) {
-            m_unsent.Append(data + offset, static_cast<size_t>(size) - offset);
-            if (UnsentLocked() > SEND_HIGH_WATER)
-                m_sendOverHigh = true;
+        ssize_t sent = 0;
+        if (!State::IsConnecting(m_state) && m_unsent.Empty())
+            sent = CSocketUtils::SendSome(m_socket, data, static_cast<size_t>(size));
+        if (sent >= 0) {
+            m_unsent.Append(data + sent, static_cast<size_t>(size) - static_cast<size_t>(sent));
+            NoteBacklogLocked();
             UpdateInterestLocked();
-            return size;
+        } else {
+            MoveLocked(EEvent::Fail, errno);
         }
+        if (m_state != EState::Failed)
+            return size;
+        end = EndLocked(EChange::Settle);
     }
-    PostAdvance();
+    Finish(end);
     return -1;
 }
 
 int CTcpDataLayer::SendFrom(int socket, int size)
 {
-    bool failed = false;
-    int taken = 0;
+    SEnd end;
+    int taken = SEND_USE_SEND_DATA;
     {
         std::lock_guard<std::mutex> lock(m_mutex);
-        if (m_phase != EPhase::Open || m_failed || m_output != EOutput::Open || size <= 0)
+        if (State::IsConnecting(m_state) || !State::IsOutputOpen(m_state) || size <= 0)
             return SEND_USE_SEND_DATA;
-        size_t in = 0;
-        switch (m_sendPipe.FillFrom(socket, static_cast<size_t>(size), in)) {
-        case CSplicePipe::EResult::Moved:
-            break;
-        case CSplicePipe::EResult::NothingNow:
-            // A full pipe has no room: the caller reads the socket itself.
-            return m_sendPipe.Room() == 0 ? SEND_USE_SEND_DATA : SEND_NOTHING_NOW;
-        case CSplicePipe::EResult::End:
-            return SEND_SOCKET_ENDED;
-        case CSplicePipe::EResult::Failed:
-            return SEND_SOCKET_FAILED;
-        case CSplicePipe::EResult::Unsupported:
-            return SEND_USE_SEND_DATA;
-        }
-        taken = static_cast<int>(in);
-        if (m_unsent.Empty()) {
-            size_t out = 0;
-            if (m_sendPipe.DrainTo(m_socket, out) == CSplicePipe::EResult::Failed)
-                FailLocked(EPIPE);
-        }
-        if (UnsentLocked() > SEND_HIGH_WATER)
-            m_sendOverHigh = true;
+        const EState before = m_state;
+        taken = SpliceInLocked(socket, size);
+        if (taken <= 0)
+            return taken;
+        if (m_unsent.Empty())
+            DrainSendPipeLocked();
+        NoteBacklogLocked();
         UpdateInterestLocked();
-        failed = m_failed;
+        end = EndLocked(ChangeSinceLocked(before));
     }
-    if (failed)
-        PostAdvance();
+    Finish(end);
     return taken;
+}
+
+int CTcpDataLayer::SpliceInLocked(int socket, int size)
+{
+    size_t in = 0;
+    switch (m_sendPipe.FillFrom(socket, static_cast<size_t>(size), in)) {
+    case CSplicePipe::EResult::Moved:
+        return static_cast<int>(in);
+    case CSplicePipe::EResult::NothingNow:
+        // A full pipe has no room: the caller reads the socket itself.
+        return m_sendPipe.Room() == 0 ? SEND_USE_SEND_DATA : SEND_NOTHING_NOW;
+    case CSplicePipe::EResult::End:
+        return SEND_SOCKET_ENDED;
+    case CSplicePipe::EResult::Failed:
+        return SEND_SOCKET_FAILED;
+    case CSplicePipe::EResult::Unsupported:
+        break;
+    }
+    return SEND_USE_SEND_DATA;
+}
+
+bool CTcpDataLayer::DrainSendPipeLocked()
+{
+    size_t out = 0;
+    if (m_sendPipe.DrainTo(m_socket, out) != CSplicePipe::EResult::Failed)
+        return true;
+    MoveLocked(EEvent::Fail, EPIPE);
+    return false;
 }
 
 bool CTcpDataLayer::ShutdownSend()
 {
-    bool advance = false;
-    bool inlineAdvance = false;
+    SEnd end;
     {
         std::lock_guard<std::mutex> lock(m_mutex);
-        if (m_failed || (m_phase != EPhase::Connecting && m_phase != EPhase::Open))
+        if (State::IsClosing(m_state))
             return false;
-        if (m_output == EOutput::Open)
-            m_output = EOutput::Ending;
+        const EState before = m_state;
+        MoveLocked(EEvent::EndOutput);
         EndOutputIfDueLocked();
-        advance = m_phase == EPhase::Open && CloseDueLocked();
-        // From the reader's thread the closure is settled here; otherwise the loop does it.
-        inlineAdvance = m_reader == EReader::Attached;
+        end = EndLocked(ChangeSinceLocked(before));
     }
-    if (advance && inlineAdvance)
-        Advance();
-    else if (advance)
-        PostAdvance();
+    Finish(end);
     return true;
 }
 
 bool CTcpDataLayer::FlushLocked()
 {
-    if (m_socket < 0 || m_failed || m_phase == EPhase::Connecting)
+    if (m_socket < 0 || (!State::IsEstablished(m_state) && m_state != EState::Draining))
         return false;
-    while (!m_unsent.Empty()) {
-        const ssize_t sent = send(m_socket, m_unsent.Front(), m_unsent.Size(), MSG_NOSIGNAL | MSG_DONTWAIT);
-        if (sent > 0) {
-            m_unsent.Consume(static_cast<size_t>(sent));
-            continue;
-        }
-        if (sent < 0 && errno == EINTR)
-            continue;
-        if (sent < 0 && WouldBlock(errno))
-            break;
-        FailLocked(errno);
-        return false;
-    }
-    if (m_unsent.Empty() && m_sendPipe.Held() > 0) {
-        size_t out = 0;
-        if (m_sendPipe.DrainTo(m_socket, out) == CSplicePipe::EResult::Failed) {
-            FailLocked(EPIPE);
+    if (!m_unsent.Empty()) {
+        const ssize_t sent = CSocketUtils::SendSome(m_socket, m_unsent.Front(), m_unsent.Size());
+        if (sent < 0) {
+            MoveLocked(EEvent::Fail, errno);
             return false;
         }
+        m_unsent.Consume(static_cast<size_t>(sent));
     }
+    if (m_unsent.Empty() && m_sendPipe.Held() > 0 && !DrainSendPipeLocked())
+        return false;
     EndOutputIfDueLocked();
     if (!m_sendOverHigh || UnsentLocked() > SEND_LOW_WATER)
         return false;
@@ -368,104 +547,126 @@ bool CTcpDataLayer::FlushLocked()
 
 void CTcpDataLayer::EndOutputIfDueLocked()
 {
-    if (m_output != EOutput::Ending || m_phase != EPhase::Open || m_socket < 0 || UnsentLocked() > 0)
-        return;
-    // When the peer has finished too and left nothing unread, the close that follows at once
-    // sends the FIN: no call of its own.
-    if (!m_inputEnded || !m_received.Empty())
-        shutdown(m_socket, SHUT_WR);
-    m_output = EOutput::Ended;
+    // A FIN that is owed goes once the queue is out. A drain ends in Advance, which tells the sinks.
+    if (UnsentLocked() == 0 && m_state != EState::Draining)
+        MoveLocked(EEvent::QueueWritten);
 }
 
-// ---- state ----
-
-void CTcpDataLayer::FailLocked(int error)
+void CTcpDataLayer::NoteBacklogLocked()
 {
-    if (!m_failed)
-        m_failure = error != 0 ? error : EIO;
-    m_failed = true;
-    m_unsent.Clear();
-    m_sendPipe.Close();
-    // Bytes received before the failure stay readable; nothing more can be written.
-    m_phase = EPhase::Closed;
+    if (UnsentLocked() > SEND_HIGH_WATER)
+        m_sendOverHigh = true;
 }
 
-bool CTcpDataLayer::CloseDueLocked() const
+void CTcpDataLayer::Disconnect()
 {
-    if (m_failed)
-        return true;
-    if (!m_inputEnded || !m_received.Empty())
-        return false;
-    return !m_halfClose || m_output == EOutput::Ended;
-}
-
-void CTcpDataLayer::Advance()
-{
-    bool report = false;
+    SEnd end;
     {
         std::lock_guard<std::mutex> lock(m_mutex);
-        if (m_phase == EPhase::Open && CloseDueLocked())
-            m_phase = EPhase::Draining;
-        if (m_phase == EPhase::Draining) {
-            if (UnsentLocked() == 0) {
-                // Every byte is out: FIN, and the socket goes (what the peer still sends is
-                // refused with a reset; nobody will read it).
-                if (m_output != EOutput::Ended && m_socket >= 0)
-                    shutdown(m_socket, SHUT_WR);
-                m_output = EOutput::Ended;
-                m_phase = EPhase::Closed;
-            } else if (m_timer == 0) {
-                StartLingerTimerLocked();
-            }
-        }
-        if (m_phase == EPhase::Closed)
-            ReleaseSocketLocked();
-        else
-            UpdateInterestLocked();
-        report = m_phase == EPhase::Draining || m_phase == EPhase::Closed;
+        const EState before = m_state;
+        MoveLocked(EEvent::Disconnect, ECANCELED);
+        end = EndLocked(ChangeSinceLocked(before));
     }
-    if (report)
-        NotifyClosed();
+    Finish(end);
 }
 
-void CTcpDataLayer::StartConnectTimerLocked()
+void CTcpDataLayer::Abort()
 {
-    QOX::CRefCountPtr<CTcpDataLayer> self(this);
-    m_timer = m_loop.PostDelayed(m_connectTimeoutMs, [self] {
-        {
-            std::lock_guard<std::mutex> held(self->m_mutex);
-            self->m_timer = 0;
-            if (self->m_phase == EPhase::Connecting)
-                self->FailLocked(ETIMEDOUT);
+    SEnd end;
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        if (State::Next(m_state, EEvent::Fail, m_halfClose) == m_state)
+            return;
+        if (m_socket >= 0) {
+            // The peer learns of the bytes it will never get: a reset, not a FIN.
+            const linger reset{1, 0};
+            setsockopt(m_socket, SOL_SOCKET, SO_LINGER, &reset, sizeof(reset));
         }
-        self->Advance();
-    });
+        MoveLocked(EEvent::Fail, ECONNABORTED);
+        end = EndLocked(EChange::Settle);
+    }
+    Finish(end);
 }
 
-void CTcpDataLayer::StartLingerTimerLocked()
+// ---- the socket, the loop and the timer ----
+
+void CTcpDataLayer::OnEvents(uint32_t events)
 {
-    QOX::CRefCountPtr<CTcpDataLayer> self(this);
-    m_timer = m_loop.PostDelayed(LINGER_MS, [self] {
-        {
-            std::lock_guard<std::mutex> lock(self->m_mutex);
-            self->m_timer = 0;
-            if (self->m_phase == EPhase::Draining)
-                self->FailLocked(ETIMEDOUT);
+    bool connected = false;
+    bool news = false;
+    bool drained = false;
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        if (State::IsConnecting(m_state)) {
+            int error = 0;
+            socklen_t length = sizeof(error);
+            if (getsockopt(m_socket, SOL_SOCKET, SO_ERROR, &error, &length) != 0)
+                error = errno;
+            EndConnectLocked(error);
+            connected = State::IsEstablished(m_state);
         }
-        self->Advance();
-    });
+        if (connected || (events & (EPOLLOUT | EPOLLERR | EPOLLHUP)))
+            drained = FlushLocked();
+        if (events & (EPOLLIN | EPOLLERR | EPOLLHUP))
+            news = ReadAheadLocked();
+        UpdateInterestLocked();
+    }
+    if (connected)
+        NotifyConnected();
+    if (news)
+        NotifyData();
+    if (drained)
+        NotifyDrained();
+    Advance();
 }
 
-void CTcpDataLayer::CancelTimersLocked()
+void CTcpDataLayer::UpdateInterestLocked()
 {
-    if (m_timer != 0)
-        m_loop.CancelDelayed(m_timer);
-    m_timer = 0;
+    if (m_socket < 0 || m_state == EState::Failed || m_state == EState::Closed)
+        return;
+    const uint32_t wanted = WantedEventsLocked();
+    // The loop watches a connect for as long as it may take.
+    if (State::IsConnecting(m_state) && wanted != 0 && m_timer == 0)
+        StartTimerLocked(m_connectTimeoutMs);
+    if (wanted == m_interest)
+        return;
+    // A socket with nothing wanted leaves the loop altogether: epoll would report a hang-up
+    // again and again even without interest.
+    if (wanted == 0) {
+        m_loop.Remove(m_token, m_socket);
+        m_token = 0;
+        m_interest = 0;
+        return;
+    }
+    if (m_token == 0) {
+        m_token = m_loop.Add(m_socket, wanted, QOX::CRefCountPtr<IEventHandler>(this));
+        if (m_token == 0) {
+            // Without the loop nothing could be read or flushed: the link is broken.
+            MoveLocked(EEvent::Fail, ENOMEM);
+            return;
+        }
+    } else {
+        m_loop.Modify(m_token, m_socket, wanted);
+    }
+    m_interest = wanted;
+}
+
+uint32_t CTcpDataLayer::WantedEventsLocked() const
+{
+    // A connect is the loop's to watch only for a sink without a reader.
+    if (State::IsConnecting(m_state))
+        return m_reader == EReader::Loop ? static_cast<uint32_t>(EPOLLOUT) : 0;
+    uint32_t wanted = 0;
+    if (m_reader == EReader::Loop && ReadsAheadLocked() && !m_readPaused)
+        wanted |= EPOLLIN;
+    if (UnsentLocked() > 0)
+        wanted |= EPOLLOUT;
+    return wanted;
 }
 
 void CTcpDataLayer::ReleaseSocketLocked()
 {
-    CancelTimersLocked();
+    CancelTimerLocked();
     // Callers hold their own reference, so the loop's may go here.
     if (m_token != 0) {
         m_loop.Remove(m_token, m_socket);
@@ -482,143 +683,80 @@ void CTcpDataLayer::ReleaseSocketLocked()
     m_sendPipe.Close();
 }
 
-void CTcpDataLayer::UpdateInterestLocked()
+void CTcpDataLayer::StartTimerLocked(int milliseconds)
 {
-    if (m_socket < 0 || m_phase == EPhase::Closed)
-        return;
-    uint32_t wanted = 0;
-    if (m_phase == EPhase::Connecting) {
-        if (m_reader == EReader::Attached || !m_sinkAdded)
-            wanted = 0;
-        else
-            wanted = EPOLLOUT;
-        if (wanted != 0 && m_timer == 0)
-            StartConnectTimerLocked();
-    } else {
-        if (m_phase == EPhase::Open && m_reader == EReader::Loop && m_sinkAdded && !m_inputEnded && !m_failed &&
-            !m_readPaused)
-            wanted |= EPOLLIN;
-        if (UnsentLocked() > 0 && !m_failed)
-            wanted |= EPOLLOUT;
-    }
-    if (wanted == m_interest)
-        return;
-    // A socket with nothing wanted leaves the loop altogether: epoll would report a hang-up
-    // again and again even without interest.
-    if (wanted == 0) {
-        m_loop.Remove(m_token, m_socket);
-        m_token = 0;
-        m_interest = 0;
-        return;
-    }
-    if (m_token == 0) {
-        m_token = m_loop.Add(m_socket, wanted, QOX::CRefCountPtr<IEventHandler>(this));
-        if (m_token == 0) {
-            // Without the loop nothing could be read or flushed: the link is broken.
-            FailLocked(ENOMEM);
-            return;
-        }
-    } else {
-        m_loop.Modify(m_token, m_socket, wanted);
-    }
-    m_interest = wanted;
+    CancelTimerLocked();
+    QOX::CRefCountPtr<CTcpDataLayer> self(this);
+    m_timer = m_loop.PostDelayed(milliseconds, [self] { self->OnTimeLimit(); });
 }
 
-void CTcpDataLayer::FinishConnectLocked()
+void CTcpDataLayer::CancelTimerLocked()
 {
-    int error = 0;
-    socklen_t length = sizeof(error);
-    if (getsockopt(m_socket, SOL_SOCKET, SO_ERROR, &error, &length) != 0 || error != 0) {
-        FailLocked(error != 0 ? error : errno);
-        return;
-    }
-    CancelTimersLocked();
-    m_phase = EPhase::Open;
+    if (m_timer != 0)
+        m_loop.CancelDelayed(m_timer);
+    m_timer = 0;
 }
 
-bool CTcpDataLayer::ConnectOutcomeLocked()
+void CTcpDataLayer::OnTimeLimit()
 {
-    if (m_destinationLength == 0) {
-        pollfd entry{m_socket, POLLOUT, 0};
-        if (poll(&entry, 1, 0) <= 0)
-            return false;
-        FinishConnectLocked();
-        return true;
-    }
-    // One call instead of a poll and SO_ERROR: connecting again answers "done" (0 or EISCONN),
-    // "still under way" (EALREADY) or the attempt's error.
-    if (::connect(m_socket, reinterpret_cast<const sockaddr*>(&m_destination), m_destinationLength) == 0 ||
-        errno == EISCONN) {
-        CancelTimersLocked();
-        m_phase = EPhase::Open;
-        return true;
-    }
-    if (errno == EALREADY || errno == EINPROGRESS || errno == EINTR)
-        return false;
-    FailLocked(errno);
-    return true;
-}
-
-void CTcpDataLayer::OnEvents(uint32_t events)
-{
-    bool connected = false;
-    bool gotData = false;
-    bool drained = false;
     {
         std::lock_guard<std::mutex> lock(m_mutex);
-        if (m_phase == EPhase::Connecting) {
-            FinishConnectLocked();
-            connected = m_phase == EPhase::Open;
-        }
-        const bool trouble = (events & (EPOLLERR | EPOLLHUP)) != 0;
-        if ((m_phase == EPhase::Open || m_phase == EPhase::Draining) && (connected || trouble || (events & EPOLLOUT)))
-            drained = FlushLocked();
-        if (m_phase == EPhase::Open && (events & (EPOLLIN | EPOLLERR | EPOLLHUP)))
-            ReadSocket(gotData);
-        UpdateInterestLocked();
+        m_timer = 0;
+        // A connect or a drain that took too long.
+        if (State::IsConnecting(m_state) || m_state == EState::Draining)
+            MoveLocked(EEvent::Fail, ETIMEDOUT);
     }
-    if (connected)
-        NotifyConnected();
-    if (gotData)
-        NotifyData();
-    if (drained)
-        NotifyDrained();
     Advance();
 }
 
-void CTcpDataLayer::PostAdvance()
+// ---- queries and sinks ----
+
+void CTcpDataLayer::LearnAddressesLocked() const
 {
-    QOX::CRefCountPtr<CTcpDataLayer> self(this);
-    m_loop.Post([self] { self->Advance(); });
+    if (m_socket < 0)
+        return;
+    if (m_localLength == 0) {
+        m_localLength = sizeof(m_local);
+        if (getsockname(m_socket, reinterpret_cast<sockaddr*>(&m_local), &m_localLength) != 0)
+            m_localLength = 0;
+    }
+    if (m_remoteLength == 0) {
+        m_remoteLength = sizeof(m_remote);
+        if (getpeername(m_socket, reinterpret_cast<sockaddr*>(&m_remote), &m_remoteLength) != 0)
+            m_remoteLength = 0;
+    }
 }
 
-void CTcpDataLayer::Disconnect()
+bool CTcpDataLayer::GetLocalAddress(sockaddr* address, int* length) const
 {
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        if (m_phase == EPhase::Connecting)
-            FailLocked(ECANCELED);
-        else if (m_phase == EPhase::Open)
-            m_phase = EPhase::Draining;
-        else
-            return;
-        // Nothing left to write and nobody to tell: the socket goes now, on the caller's thread.
-        if (m_sinks.IsEmpty() && UnsentLocked() == 0 && m_reader == EReader::Loop) {
-            if (m_phase == EPhase::Draining && m_output != EOutput::Ended && m_socket >= 0)
-                shutdown(m_socket, SHUT_WR);
-            m_output = EOutput::Ended;
-            m_phase = EPhase::Closed;
-            ReleaseSocketLocked();
-            return;
-        }
-    }
-    PostAdvance();
+    std::lock_guard<std::mutex> lock(m_mutex);
+    LearnAddressesLocked();
+    return CopyAddress(m_local, m_localLength, address, length);
+}
+
+bool CTcpDataLayer::GetRemoteAddress(sockaddr* address, int* length) const
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    LearnAddressesLocked();
+    return CopyAddress(m_remote, m_remoteLength, address, length);
+}
+
+bool CTcpDataLayer::IsConnected() const
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return State::IsConnected(m_state);
+}
+
+bool CTcpDataLayer::IsConnecting() const
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return State::IsConnecting(m_state);
 }
 
 int CTcpDataLayer::GetFailure() const
 {
     std::lock_guard<std::mutex> lock(m_mutex);
-    return m_failed ? m_failure : 0;
+    return m_failure;
 }
 
 unsigned int CTcpDataLayer::GetUndeliveredBytes() const
@@ -632,78 +770,6 @@ unsigned int CTcpDataLayer::GetUndeliveredBytes() const
         undelivered += static_cast<unsigned int>(queued);
 #endif
     return undelivered;
-}
-
-void CTcpDataLayer::Abort()
-{
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        if (m_phase == EPhase::Closed)
-            return;
-        if (m_socket >= 0) {
-            // The peer learns of the bytes it will never get: a reset, not a FIN.
-            const linger reset{1, 0};
-            setsockopt(m_socket, SOL_SOCKET, SO_LINGER, &reset, sizeof(reset));
-        }
-        FailLocked(ECONNABORTED);
-    }
-    PostAdvance();
-}
-
-// ---- queries and sinks ----
-
-bool CTcpDataLayer::GetLocalAddress(sockaddr* address, int* length) const
-{
-    std::lock_guard<std::mutex> lock(m_mutex);
-    if (!m_addressesKnown && m_socket >= 0) {
-        m_addressesKnown = true;
-        m_localLength = sizeof(m_local);
-        if (getsockname(m_socket, reinterpret_cast<sockaddr*>(&m_local), &m_localLength) != 0)
-            m_localLength = 0;
-        m_remoteLength = sizeof(m_remote);
-        if (getpeername(m_socket, reinterpret_cast<sockaddr*>(&m_remote), &m_remoteLength) != 0)
-            m_remoteLength = 0;
-    }
-    return CopyAddress(m_local, m_localLength, address, length);
-}
-
-bool CTcpDataLayer::GetRemoteAddress(sockaddr* address, int* length) const
-{
-    sockaddr_storage ignored{};
-    int ignoredLength = sizeof(ignored);
-    GetLocalAddress(reinterpret_cast<sockaddr*>(&ignored), &ignoredLength); // learns both once
-    std::lock_guard<std::mutex> lock(m_mutex);
-    return CopyAddress(m_remote, m_remoteLength, address, length);
-}
-
-bool CTcpDataLayer::IsConnected() const
-{
-    std::lock_guard<std::mutex> lock(m_mutex);
-    return m_phase == EPhase::Open && !m_failed && !m_inputEnded;
-}
-
-bool CTcpDataLayer::IsConnecting() const
-{
-    std::lock_guard<std::mutex> lock(m_mutex);
-    return m_phase == EPhase::Connecting;
-}
-
-void CTcpDataLayer::CompleteConnect()
-{
-    bool connected = false;
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        if (m_phase != EPhase::Connecting)
-            return;
-        if (!ConnectOutcomeLocked())
-            return; // still under way
-        connected = m_phase == EPhase::Open;
-        UpdateInterestLocked();
-    }
-    if (connected)
-        NotifyConnected();
-    else
-        Advance();
 }
 
 unsigned int CTcpDataLayer::GetReceiveBacklog() const
@@ -722,39 +788,31 @@ bool CTcpDataLayer::AddNotification(IZRTDataLayerNotification* sink)
 {
     if (!sink || !m_sinks.Add(sink))
         return false;
-    bool catchUp = false;
+    SEnd end;
     {
         std::lock_guard<std::mutex> lock(m_mutex);
-        m_sinkAdded = true;
+        if (m_reader == EReader::Nobody)
+            m_reader = EReader::Loop;
         UpdateInterestLocked();
-        catchUp = (m_beganConnecting && m_phase != EPhase::Connecting) || !m_received.Empty() || m_inputEnded ||
-                  m_failed || m_phase == EPhase::Draining || m_phase == EPhase::Closed;
+        const bool past = (m_destinationLength > 0 && !State::IsConnecting(m_state)) || !m_received.Empty() ||
+                          !State::IsInputOpen(m_state);
+        end.change = past ? EChange::SinkAdded : EChange::Nothing;
     }
-    if (!catchUp)
-        return true;
-    // What happened before the sink registered is told from the loop, like everything else;
-    // sinks that heard it already take a repeat as nothing new.
-    QOX::CRefCountPtr<CTcpDataLayer> self(this);
-    m_loop.Post([self] {
-        bool connected = false;
-        bool data = false;
-        {
-            std::lock_guard<std::mutex> lock(self->m_mutex);
-            connected = self->m_beganConnecting && self->m_phase == EPhase::Open;
-            data = !self->m_received.Empty() || (self->m_inputEnded && self->m_halfClose);
-        }
-        if (connected)
-            self->NotifyConnected();
-        if (data)
-            self->NotifyData();
-        self->Advance();
-    });
+    Finish(end);
     return true;
 }
 
 bool CTcpDataLayer::RemoveNotification(IZRTDataLayerNotification* sink)
 {
-    return sink && m_sinks.Remove(sink);
+    if (!sink || !m_sinks.Remove(sink))
+        return false;
+    std::lock_guard<std::mutex> lock(m_mutex);
+    // Nobody listens any more: the loop stops reading ahead.
+    if (m_reader == EReader::Loop && m_sinks.IsEmpty()) {
+        m_reader = EReader::Nobody;
+        UpdateInterestLocked();
+    }
+    return true;
 }
 
 void CTcpDataLayer::NotifyData()

@@ -5,42 +5,45 @@
 #include <cstdint>
 #include <mutex>
 #include <set>
+#include <thread>
 
 #include "host/CByteQueue.h"
-#include "transport/CEventLoop.h"
 #include "host/CSinkRegistry.h"
 #include "host/CSplicePipe.h"
-#include "transport/IEventHandler.h"
+#include "host/CTcpLinkState.h"
 #include "runtime/CRefCountImpl.h"
 #include "runtime/CRefCountPtr.h"
+#include "transport/CEventLoop.h"
+#include "transport/IEventHandler.h"
 #include "transport/IZRTDataLayer.h"
 #include "transport/IZRTDataLayerNotification.h"
 
 namespace ZRT {
 namespace Host {
 
-// A stream link on a non-blocking TCP socket, watched by one CEventLoop.
+// A stream link on a non-blocking TCP socket, watched by one CEventLoop. Its life is one state
+// machine (CTcpLinkState): connecting, each direction's end, draining, failure, closure. The
+// closure is reported once to each sink: after Disconnect; after a failure, reset or connect
+// failure; at the peer's end once its bytes were taken (unless a sink enabled half-close); with
+// half-close, once both directions have ended.
 //
-// Life: Connecting (a non-blocking connect in progress; SendData queues; the loop watches for
-// its end and keeps its time limit, or an attached reader does both, through CompleteConnect)
-// -> Open -> Draining
-// (the closure was reported; bytes still queued are written, for at most LINGER_MS, then FIN and
-// the socket is released) or straight to Closed (released). The closure is reported once to
-// each sink: after Disconnect; after a failure, reset or connect failure; at the peer's end once
-// its bytes were taken (unless a sink enabled half-close); with half-close, once both directions
-// have ended. Notifications are made on the loop's thread, or on a reader's thread inside its
-// own calls (ReceiveData, ReceiveInto, ShutdownSend, CompleteConnect, DetachReader), so that a
-// reader's link needs no hop through the loop; never with the link's lock held.
+// Threads. Any thread may call any operation, one call at a time or several at once (the lock
+// guards the link), except that once a reader is attached (AttachReader), its own thread makes
+// the reader's calls: ReceiveData, ReceiveInto, CompleteConnect, DetachReader (and, in the
+// engine, every other call too). Sinks may call the link from inside their callbacks. The
+// loop's thread calls OnEvents and runs the link's timers and posted steps. Sinks are told on
+// the loop's thread, or inline on the reader's thread, inside its own call, so that a reader's
+// link needs no hop through the loop; never with the link's lock held.
 //
-// Reading: the loop reads the socket into a bounded buffer and announces it with OnDataReceived;
-// while the buffer is full it stops reading (TCP then slows the peer). With a reader attached
-// (AttachReader) the loop does not read: the reader's ReceiveData and ReceiveInto read the
-// socket on the reader's thread, and the socket is not closed while the reader may still poll
-// it (its release waits for DetachReader).
+// Reading: while a sink listens and no reader is attached, the loop reads the socket into a
+// bounded buffer and announces it with OnDataReceived; while the buffer is full it stops
+// reading (TCP then slows the peer). An attached reader reads the socket itself, on its thread,
+// and the socket is not closed while it may still poll it (the release waits for DetachReader).
 //
 // Writing: SendData writes what the socket takes and queues the rest, which the loop flushes;
 // sinks hear OnSendDrained when a backlog that passed SEND_HIGH_WATER falls to SEND_LOW_WATER.
-// SendFrom moves client bytes through a splice pipe that holds the tail of the queue.
+// SendFrom moves client bytes through a splice pipe that holds the tail of the queue. Draining
+// writes the queue for at most LINGER_MS, then sends the FIN and releases the socket.
 class CTcpDataLayer : public QOX::CRefCountImpl<IZRTDataLayer>, public IEventHandler {
 public:
     static constexpr size_t RECEIVE_LIMIT = 256 * 1024;
@@ -49,11 +52,11 @@ public:
     static constexpr unsigned int SEND_LOW_WATER = 16 * 1024;
     static constexpr int LINGER_MS = 10000;
 
-    // Takes over a connected, non-blocking socket. Never empty.
+    // Takes over a connected, non-blocking socket. Never empty. Any thread.
     static QOX::CRefCountPtr<CTcpDataLayer> Create(int socket, CEventLoop& loop);
-    // Takes over a non-blocking socket whose connect() is in progress; the attempt fails after
-    // timeoutMs. Empty (and the socket closed) when the loop cannot watch it.
-    // destination is where the socket connects; asking it again is how a reader learns the outcome.
+    // Takes over a non-blocking socket whose connect() to destination is in progress; the
+    // attempt fails after timeoutMs. Empty (and the socket closed) without a destination. Asking
+    // the destination again is how a reader learns the outcome. Any thread.
     static QOX::CRefCountPtr<CTcpDataLayer> CreateConnecting(int socket, const sockaddr* destination,
                                                             socklen_t destinationLength, CEventLoop& loop,
                                                             int timeoutMs);
@@ -62,61 +65,111 @@ public:
     long ReleaseRef() override { return QOX::CRefCountImpl<IZRTDataLayer>::ReleaseRef(); }
     void* GetReferencedObject() const override { return QOX::CRefCountImpl<IZRTDataLayer>::GetReferencedObject(); }
 
+    // The reader's thread when one is attached; otherwise any (a sink inside OnDataReceived).
     int ReceiveData(unsigned char* buffer, int size) override;
-    int SendData(const unsigned char* data, int size) override;
-    bool GetLocalAddress(sockaddr* address, int* length) const override;
-    bool GetRemoteAddress(sockaddr* address, int* length) const override;
-    bool AddNotification(IZRTDataLayerNotification* sink) override;
-    bool RemoveNotification(IZRTDataLayerNotification* sink) override;
-    bool IsConnected() const override;
-    unsigned int GetReceiveBacklog() const override;
-    void Disconnect() override;
-    void Abort() override;
-    unsigned int GetSendBacklog() const override;
-    unsigned int GetUndeliveredBytes() const override;
-    int GetFailure() const override;
+    int ReceiveInto(int socket, int size) override;
     int AttachReader() override;
     void DetachReader() override;
-    int ReceiveInto(int socket, int size) override;
+    void CompleteConnect() override;
+
+    // Any thread.
+    int SendData(const unsigned char* data, int size) override;
     int SendFrom(int socket, int size) override;
     bool EnableHalfClose() override;
     bool ShutdownSend() override;
-    bool IsConnecting() const override;
-    void CompleteConnect() override;
+    void Disconnect() override;
+    void Abort() override;
+    // Any thread, a sink's own callback included.
+    bool AddNotification(IZRTDataLayerNotification* sink) override;
+    bool RemoveNotification(IZRTDataLayerNotification* sink) override;
 
+    // Queries; any thread.
+    bool GetLocalAddress(sockaddr* address, int* length) const override;
+    bool GetRemoteAddress(sockaddr* address, int* length) const override;
+    bool IsConnected() const override;
+    bool IsConnecting() const override;
+    unsigned int GetReceiveBacklog() const override;
+    unsigned int GetSendBacklog() const override;
+    unsigned int GetUndeliveredBytes() const override;
+    int GetFailure() const override;
+
+    // The loop's thread.
     void OnEvents(uint32_t events) override;
 
 private:
-    enum class EPhase { Connecting, Open, Draining, Closed };
-    // The sending direction: open, FIN due once the queue is written, FIN sent.
-    enum class EOutput { Open, Ending, Ended };
-    enum class EReader { Loop, Attached };
+    using EState = CTcpLinkState::EState;
+    using EEvent = CTcpLinkState::EEvent;
+    // Who reads the socket: nobody (no sink listens, no reader), the loop (ahead, for the
+    // sinks), or an attached reader on its own thread.
+    enum class EReader { Nobody, Loop, Attached };
+    // What a public call changed, for Finish.
+    enum class EChange {
+        Nothing,
+        Settle,    // the link is closing, or its closure is due: tell the sinks, let the socket go
+        Connected, // CompleteConnect saw the connect succeed: the sinks hear OnLinkConnected
+        SinkAdded  // a new sink hears what happened before it came
+    };
+    // How a public call ends: what it changed, and whether the attached reader made it (on its
+    // own thread).
+    struct SEnd {
+        EChange change = EChange::Nothing;
+        bool byReader = false;
+    };
 
-    CTcpDataLayer(int socket, CEventLoop& loop, EPhase phase);
+    CTcpDataLayer(int socket, CEventLoop& loop, EState state);
     ~CTcpDataLayer() override;
 
-    void FinishConnectLocked();
-    // A reader asks whether the connect has ended; true once it has (Open, or failed).
-    bool ConnectOutcomeLocked();
-    void ReadSocket(bool& gotData);
+    // ---- the state machine (under m_mutex) ----
+    // Applies event; true when the state moved. error: why, for Fail.
+    bool MoveLocked(EEvent event, int error = 0);
+    // What entering `to` from `from` does to the socket, the queue and the timer.
+    void EnterLocked(EState from, EState to, int error);
+    // The one loop: what the buffers make due (every received byte taken, every byte written)
+    // moves the state on until nothing more does.
+    void SettleLocked();
+    bool CloseDueLocked() const;
+    EChange ChangeSinceLocked(EState before) const;
+    SEnd EndLocked(EChange change) const;
+
+    // ---- finishing a call, and the loop's steps ----
+    // Every public call that changes something ends here.
+    void Finish(SEnd end);
+    void Advance();
+    void CatchUp();
+    void PostStep(void (CTcpDataLayer::*step)());
+
+    // ---- connecting ----
+    void EndConnectLocked(int error);
+    // A reader asks whether the connect has ended; true once it has (established, or failed).
+    bool AskConnectOutcomeLocked();
+
+    // ---- reading ----
+    bool ReadsAheadLocked() const;
+    // The loop's read-ahead; true when the sinks have news.
+    bool ReadAheadLocked();
     // Reader mode, with nothing buffered: one read into the reader's buffer; -1 at the end.
     int ReadForReaderLocked(unsigned char* buffer, int size);
+    int SpliceOutLocked(int socket, int size);
+    void ResumeReadingLocked();
+
+    // ---- writing ----
     size_t UnsentLocked() const { return m_unsent.Size() + m_sendPipe.Held(); }
+    int SpliceInLocked(int socket, int size);
+    bool DrainSendPipeLocked();
     // Writes the queue; true when a backlog over the high mark fell to the low mark.
     bool FlushLocked();
     void EndOutputIfDueLocked();
-    // The link is broken for good; error (an errno value) says why, for the first failure.
-    void FailLocked(int error);
+    void NoteBacklogLocked();
+
+    // ---- the socket, the loop and the timer ----
     void UpdateInterestLocked();
-    // The loop's side of every change: reports a due closure, then releases the socket when
-    // nothing more is to be written.
-    void Advance();
-    bool CloseDueLocked() const;
+    uint32_t WantedEventsLocked() const;
     void ReleaseSocketLocked();
-    void PostAdvance();
-    void StartConnectTimerLocked();
-    void StartLingerTimerLocked();
-    void CancelTimersLocked();
+    void StartTimerLocked(int milliseconds);
+    void CancelTimerLocked();
+    void OnTimeLimit();
+    void LearnAddressesLocked() const;
+
     void NotifyData();
     void NotifyDrained();
     void NotifyConnected();
@@ -127,16 +180,16 @@ private:
     // Guards every member below; never held while a sink is called or the loop runs a task.
     mutable std::mutex m_mutex;
     int m_socket;
-    EPhase m_phase;
-    EOutput m_output = EOutput::Open;
-    EReader m_reader = EReader::Loop;
+    EState m_state;
+    EReader m_reader = EReader::Nobody;
+    std::thread::id m_readerThread; // while attached: where calls settle inline
     uint64_t m_token = 0;
     uint32_t m_interest = 0;
+    // Learnt on first use (0 length: not yet).
     mutable sockaddr_storage m_local{};
     mutable socklen_t m_localLength = 0;
     mutable sockaddr_storage m_remote{};
     mutable socklen_t m_remoteLength = 0;
-    mutable bool m_addressesKnown = false;
     CByteQueue m_received;
     CByteQueue m_unsent;
     // ReceiveInto's pipe (socket -> pipe -> destination), empty between calls.
@@ -144,24 +197,20 @@ private:
     // SendFrom's pipe: the tail of the send queue, behind m_unsent.
     CSplicePipe m_sendPipe;
     std::set<IZRTDataLayerNotification*> m_toldClosed;
-    // The peer's end of sending has been read (or a reset: m_failed).
-    bool m_inputEnded = false;
-    bool m_failed = false;
-    int m_failure = 0; // why it failed, an errno value
+    int m_failure = 0; // why it failed, an errno value; 0 while it did not
+    // Three facts apart from the state, each of its own: a sink's choice, set once and for
+    // good (it changes what the peer's end means, in any state); and two marks of the flow
+    // control, whose hysteresis the buffers' sizes alone cannot tell.
     bool m_halfClose = false;
     // The loop stopped reading because m_received is full; it resumes under RECEIVE_RESUME.
     bool m_readPaused = false;
+    // The send backlog passed SEND_HIGH_WATER: the sinks hear when it falls to SEND_LOW_WATER.
     bool m_sendOverHigh = false;
-    // A sink listens: from then on the loop reads ahead (unless a reader is attached).
-    bool m_sinkAdded = false;
-    // Made by CreateConnecting: late sinks still hear OnLinkConnected.
-    bool m_beganConnecting = false;
-    // The address a connecting socket was given (CreateConnecting).
+    // Where a connecting socket connects (CreateConnecting); empty for a socket made connected,
+    // whose late sinks hear no OnLinkConnected.
     sockaddr_storage m_destination{};
     socklen_t m_destinationLength = 0;
-    // The loop is between a recv and storing its bytes: a reader must not read past them.
-    bool m_loopReading = false;
-    uint64_t m_timer = 0; // the connect time-out or the linger's end; 0 when none
+    uint64_t m_timer = 0; // the connect's or the drain's time limit; 0 when none
     int m_connectTimeoutMs = 0;
 };
 

@@ -19,6 +19,7 @@ namespace Host {
 // abandoned before its turn never runs. A name whose servers do not answer holds its thread for
 // the C library's own time-outs, so this cannot promise what CAresNameService does; nor can the
 // host's socket hook see the C library's sockets. Each thread runs the hooks first and last.
+// Start and Abandon come from any thread; answers are called on the lookup's own thread.
 class CThreadNameService : public INameService {
 public:
     static constexpr size_t MAX_THREADS = 16;

@@ -11,7 +11,7 @@ namespace ZRT {
 namespace Host {
 
 // How the direct resolver finds the addresses of a host name (DNS, the hosts file). Lookups
-// never wait for one another.
+// never wait for one another. Start and Abandon come from any thread.
 class INameService {
 public:
     // The addresses found (ports unset), IPv4 ones first; empty when the name did not resolve.

@@ -9,7 +9,8 @@
 namespace ZRT {
 namespace Host {
 
-// How the direct host services are set up.
+// How the direct host services are set up; read by CDirectHost's constructor, on its caller's
+// thread. The callbacks say where they are called.
 struct SDirectHostSettings {
     // Called once with the addresses a name has (none when it does not resolve).
     using LookupReply = std::function<void(const std::vector<sockaddr_storage>& addresses)>;

@@ -4,9 +4,12 @@
 
 #include <fcntl.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
+#include <fstream>
 #include <functional>
 #include <future>
 #include <map>
@@ -25,6 +28,7 @@
 #include "host/CDirectMultiPointLayer.h"
 #include "host/CDirectResolver.h"
 #include "host/CTcpDataLayer.h"
+#include "host/CTcpLinkState.h"
 #include "host/INameService.h"
 #include "transport/CEventLoopPool.h"
 #include "transport/CTCPIPAddress.h"
@@ -84,6 +88,93 @@ void CatchUp(CEventLoopPool& loops, int loopCount = 1)
     }
 }
 
+// Runs call on a thread of its own; made once that thread sleeps in the kernel (it waits for
+// something it cannot end itself) or call returned. The proof that a call waits, without a
+// sleep of the test's own: nothing else in call may sleep (the mutexes it takes are free).
+class BlockedCall {
+public:
+    explicit BlockedCall(std::function<void()> call)
+        : m_thread([this, call] {
+              m_tid = static_cast<long>(syscall(SYS_gettid));
+              call();
+              m_returned = true;
+          })
+    {
+        ZRT::Testing::WaitUntil([&] { return m_returned || (m_tid != 0 && Sleeps()); });
+    }
+    ~BlockedCall() { m_thread.join(); }
+
+    bool Returned() const { return m_returned; }
+
+private:
+    bool Sleeps() const
+    {
+        std::ifstream stat("/proc/self/task/" + std::to_string(m_tid) + "/stat");
+        std::string line;
+        std::getline(stat, line);
+        // The state letter follows the command name, which ends with the last parenthesis.
+        const size_t name = line.rfind(')');
+        return name != std::string::npos && name + 2 < line.size() && line[name + 2] == 'S';
+    }
+
+    std::atomic<long> m_tid{0};
+    std::atomic<bool> m_returned{false};
+    std::thread m_thread;
+};
+
+// The link's life as a table. The rows are the moves its flags used to make without naming them:
+// a peer that ends while our FIN is pending, a failure while draining, Abort in every state.
+using S = CTcpLinkState::EState;
+using E = CTcpLinkState::EEvent;
+struct STransition {
+    S from;
+    E event;
+    bool halfClose;
+    S to;
+};
+const STransition TRANSITIONS[] = {
+    // Our FIN pending when the peer ends: it still goes after the queue, then the link closes.
+    {S::OutputEnding, E::PeerEnded, true, S::InputEndedOutputEnding},
+    {S::InputEndedOutputEnding, E::Taken, true, S::InputEndedOutputEnding},
+    {S::InputEndedOutputEnding, E::QueueWritten, true, S::BothEnded},
+    {S::BothEnded, E::Taken, true, S::Closed},
+    {S::OutputEnded, E::PeerEnded, false, S::BothEnded},
+    // Without half-close the peer's end closes the link, once its bytes were taken.
+    {S::InputEndedOutputEnding, E::Taken, false, S::Draining},
+    {S::InputEnded, E::Taken, false, S::Draining},
+    {S::InputEnded, E::Taken, true, S::InputEnded},
+    {S::Open, E::Taken, false, S::Open},
+    // A failure while draining; a drain or a failure ends once nothing is left to write.
+    {S::Draining, E::Fail, false, S::Failed},
+    {S::Draining, E::QueueWritten, false, S::Closed},
+    {S::Failed, E::QueueWritten, false, S::Closed},
+    {S::Draining, E::Disconnect, false, S::Draining},
+    // ShutdownSend while connecting: the FIN is owed from the connect on.
+    {S::Connecting, E::EndOutput, false, S::ConnectingEnding},
+    {S::ConnectingEnding, E::QueueWritten, false, S::ConnectingEnding},
+    {S::ConnectingEnding, E::Connected, false, S::OutputEnding},
+    {S::InputEnded, E::EndOutput, false, S::InputEndedOutputEnding},
+    // Disconnect gives a connect up, drains an open link, closes one whose FIN went.
+    {S::ConnectingEnding, E::Disconnect, false, S::Failed},
+    {S::InputEndedOutputEnding, E::Disconnect, false, S::Draining},
+    {S::OutputEnded, E::Disconnect, false, S::Closed},
+};
+
+TEST(TcpLinkStateTest, EachEventMovesEachStateAsTheTableSays)
+{
+    for (const STransition& row : TRANSITIONS) {
+        const S to = CTcpLinkState::Next(row.from, row.event, row.halfClose);
+        EXPECT_EQ(static_cast<int>(to), static_cast<int>(row.to)) << "row " << (&row - TRANSITIONS);
+    }
+    // Abort, as every failure, breaks whatever is not closed.
+    for (int from = 0; from <= static_cast<int>(S::Closed); ++from) {
+        const S state = static_cast<S>(from);
+        const int expected = static_cast<int>(state == S::Closed ? S::Closed : S::Failed);
+        EXPECT_EQ(static_cast<int>(CTcpLinkState::Next(state, E::Fail, true)), expected) << from;
+        EXPECT_EQ(static_cast<int>(CTcpLinkState::Next(state, E::Fail, false)), expected) << from;
+    }
+}
+
 class TcpDataLayerTest : public ::testing::Test {
 protected:
     // Connects m_link to a fresh listener on ip, with m_sink registered unless told otherwise
@@ -130,7 +221,8 @@ protected:
     int m_peer = -1;
 };
 
-TEST_F(TcpDataLayerTest, ConnectsOverIPv4AndIPv6AndCarriesBytesBothWays)
+// Disconnect reports the closure at once and still delivers what was queued.
+TEST_F(TcpDataLayerTest, ConnectsOverIPv4AndIPv6AndCarriesBytesBothWaysUntilDisconnect)
 {
     for (const char* ip : {"127.0.0.1", "::1"}) {
         SCOPED_TRACE(ip);
@@ -146,9 +238,13 @@ TEST_F(TcpDataLayerTest, ConnectsOverIPv4AndIPv6AndCarriesBytesBothWays)
         ASSERT_TRUE(TestSockets::WriteAll(m_peer, "pong"));
         EXPECT_TRUE(m_sink.WaitFor([&] { return m_sink.received == "pong"; }));
 
+        const std::string data = TestSockets::Pattern(8 * 1024 * 1024, 5);
+        ASSERT_EQ(Send(data), static_cast<int>(data.size()));
         m_link->Disconnect();
         EXPECT_TRUE(m_sink.WaitFor([&] { return m_sink.closeCalls == 1; }));
         EXPECT_FALSE(m_link->IsConnected());
+        EXPECT_EQ(Send("late"), -1);
+        EXPECT_TRUE(TestSockets::Read(m_peer, 0) == data);
         TearDown();
         m_sink.Change([&] {
             m_sink.received.clear();
@@ -232,16 +328,18 @@ TEST_F(TcpDataLayerTest, RemoteCloseComesOnceAfterEveryByte)
     EXPECT_EQ(m_sink.Closes(), 1);
 }
 
-TEST_F(TcpDataLayerTest, CloseWaitsForBytesTheSinkHasNotTakenYet)
+// A sink that comes late hears what came before it; the closure waits until every byte was taken.
+TEST_F(TcpDataLayerTest, ClosureWaitsForEveryByteAndALateSinkHearsBoth)
 {
     m_sink.drain = false;
-    ASSERT_TRUE(Open());
+    ASSERT_TRUE(Open("127.0.0.1", false));
     ASSERT_TRUE(TestSockets::WriteAll(m_peer, "tail"));
-    ClosePeer();
+    ClosePeer(); // over loopback, bytes and FIN are at the link before anybody listens
+
+    m_link->AddNotification(&m_sink);
     ASSERT_TRUE(m_sink.WaitFor([&] { return m_sink.dataCalls >= 1; }));
     CatchUp(m_loops);
     EXPECT_EQ(m_sink.Closes(), 0);
-
     unsigned char buffer[16];
     ASSERT_EQ(m_link->ReceiveData(buffer, sizeof(buffer)), 4);
     EXPECT_EQ(std::string(reinterpret_cast<char*>(buffer), 4), "tail");
@@ -262,82 +360,42 @@ TEST_F(TcpDataLayerTest, DisconnectFromInsideCallbackClosesOnce)
     EXPECT_EQ(m_sink.Closes(), 1);
 }
 
-TEST_F(TcpDataLayerTest, DisconnectStillDeliversQueuedBytes)
-{
-    ASSERT_TRUE(Open());
-    const std::string data = TestSockets::Pattern(8 * 1024 * 1024, 5);
-    ASSERT_EQ(Send(data), static_cast<int>(data.size()));
-    m_link->Disconnect();
-    EXPECT_TRUE(m_sink.WaitFor([&] { return m_sink.closeCalls == 1; }));
-    EXPECT_EQ(Send("late"), -1);
-
-    const std::string arrived = TestSockets::Read(m_peer, 0);
-    EXPECT_EQ(arrived.size(), data.size());
-    EXPECT_TRUE(arrived == data);
-}
-
-TEST_F(TcpDataLayerTest, RemoveNotificationWaitsForACallbackOnAnotherThread)
+// RemoveNotification waits for a callback running on another thread, not for the sink's own
+// (that would wait for itself); after it returns, nothing reaches the sink.
+TEST_F(TcpDataLayerTest, RemoveNotificationWaitsForACallbackOnAnotherThreadButNotItsOwn)
 {
     std::promise<void> entered;
     std::promise<void> release;
     std::shared_future<void> released = release.get_future().share();
-    bool first = true;
-    m_sink.onData = [&](IZRTDataLayer&) {
-        if (!std::exchange(first, false))
+    int calls = 0; // the loop's thread only
+    m_sink.onData = [&](IZRTDataLayer& layer) {
+        if (++calls > 1) {
+            EXPECT_TRUE(layer.RemoveNotification(&m_sink));
             return;
+        }
         entered.set_value();
         released.wait();
     };
     ASSERT_TRUE(Open());
     ASSERT_TRUE(TestSockets::WriteAll(m_peer, "one"));
     entered.get_future().wait();
-    std::atomic<bool> removed{false};
-    std::thread remover([&] {
-        m_link->RemoveNotification(&m_sink);
-        removed = true;
-    });
-    // The loop is held inside the callback, so only time can tell that the removal waits.
-    std::this_thread::sleep_for(std::chrono::milliseconds(100));
-    EXPECT_FALSE(removed);
-    release.set_value();
-    remover.join();
-    EXPECT_TRUE(removed);
-
-    const int calls = m_sink.DataCalls();
+    {
+        // The loop is held inside the callback: the removal must be asleep, waiting for it.
+        BlockedCall remover([&] { m_link->RemoveNotification(&m_sink); });
+        EXPECT_FALSE(remover.Returned());
+        release.set_value();
+    }
     ASSERT_TRUE(TestSockets::WriteAll(m_peer, "two"));
-    ClosePeer();
     CatchUp(m_loops);
-    EXPECT_EQ(m_sink.DataCalls(), calls);
-    EXPECT_EQ(m_sink.Closes(), 0);
-}
-
-TEST_F(TcpDataLayerTest, RemoveNotificationFromInsideItsOwnCallbackReturnsAtOnce)
-{
-    std::atomic<int> removals{0};
-    m_sink.onData = [&](IZRTDataLayer& layer) {
-        if (layer.RemoveNotification(&m_sink))
-            ++removals;
-    };
-    ASSERT_TRUE(Open());
-    ASSERT_TRUE(TestSockets::WriteAll(m_peer, "x"));
-    ASSERT_TRUE(m_sink.WaitFor([&] { return m_sink.dataCalls == 1; }));
-    ASSERT_TRUE(TestSockets::WriteAll(m_peer, "y"));
-    ClosePeer();
-    CatchUp(m_loops);
-    EXPECT_EQ(removals, 1);
     EXPECT_EQ(m_sink.DataCalls(), 1);
+
+    m_link->AddNotification(&m_sink); // hears "two" and leaves from inside that call
+    ASSERT_TRUE(m_sink.WaitFor([&] { return m_sink.dataCalls == 2; }));
+    ASSERT_TRUE(TestSockets::WriteAll(m_peer, "three"));
+    ClosePeer();
+    CatchUp(m_loops);
+    EXPECT_EQ(m_sink.DataCalls(), 2);
     EXPECT_EQ(m_sink.Closes(), 0);
-}
-
-TEST_F(TcpDataLayerTest, SinkRegisteredLateHearsEarlierBytesAndClose)
-{
-    ASSERT_TRUE(Open("127.0.0.1", false));
-    ASSERT_TRUE(TestSockets::WriteAll(m_peer, "early"));
-    ClosePeer(); // over loopback, bytes and FIN are at the link before anybody listens
-
-    m_link->AddNotification(&m_sink);
-    EXPECT_TRUE(m_sink.WaitFor([&] { return m_sink.closeCalls == 1; }));
-    EXPECT_EQ(m_sink.Received(), "early");
 }
 
 // The relay fast paths: a reader polling the link's descriptor on its own thread
@@ -381,32 +439,10 @@ protected:
     int m_far = -1;
 };
 
-// The reader takes every byte itself, in order; the sink hears no data, and the closure once the
-// reader has met the end. The descriptor stays open until the reader leaves.
+// The reader takes every byte itself, in order: first what the loop read ahead before it came,
+// then the socket's. The sink hears no data, and the closure once the reader has met the end.
+// The descriptor stays open until the reader leaves.
 TEST_F(TcpDataLayerReaderTest, ReaderTakesTheBytesAndTheEndIsReportedWhenItLeaves)
-{
-    const int descriptor = m_link->AttachReader();
-    ASSERT_GE(descriptor, 0);
-    EXPECT_EQ(-1, m_link->AttachReader()) << "one reader at a time";
-    m_link->AddNotification(&m_sink);
-
-    const std::string sent = TestSockets::Pattern(300000);
-    ASSERT_TRUE(TestSockets::WriteAll(m_peer, sent));
-    ClosePeer();
-    int last = 0;
-    EXPECT_EQ(sent, ReadAsReader(descriptor, SIZE_MAX, &last));
-    EXPECT_EQ(-1, last);
-    EXPECT_EQ(0, m_sink.DataCalls());
-    EXPECT_TRUE(ZRT::Testing::WaitUntil([&] { return m_sink.Closes() == 1; }));
-    EXPECT_FALSE(m_link->IsConnected());
-    EXPECT_NE(-1, fcntl(descriptor, F_GETFD)) << "closed under the reader";
-
-    m_link->DetachReader();
-    EXPECT_EQ(1, m_sink.Closes());
-}
-
-// Bytes the loop read ahead before the reader came are not overtaken by later ones.
-TEST_F(TcpDataLayerReaderTest, BytesReadAheadBeforeAttachingComeFirst)
 {
     RecordingSink quiet;
     quiet.drain = false; // hears, but leaves the bytes in the link
@@ -417,12 +453,26 @@ TEST_F(TcpDataLayerReaderTest, BytesReadAheadBeforeAttachingComeFirst)
 
     const int descriptor = m_link->AttachReader();
     ASSERT_GE(descriptor, 0);
-    ASSERT_TRUE(TestSockets::WriteAll(m_peer, "late"));
-    unsigned char buffer[64];
-    EXPECT_EQ(6, m_link->ReceiveData(buffer, sizeof(buffer))) << "held bytes first, without waiting";
-    EXPECT_EQ("early ", std::string(reinterpret_cast<char*>(buffer), 6));
+    EXPECT_EQ(-1, m_link->AttachReader()) << "one reader at a time";
+    ASSERT_TRUE(TestSockets::WriteAll(m_peer, "late "));
+    unsigned char held[64];
+    EXPECT_EQ(6, m_link->ReceiveData(held, sizeof(held))) << "held bytes first, without waiting";
+    EXPECT_EQ("early ", std::string(reinterpret_cast<char*>(held), 6));
+    m_link->AddNotification(&m_sink);
+
+    const std::string sent = TestSockets::Pattern(300000);
+    ASSERT_TRUE(TestSockets::WriteAll(m_peer, sent));
+    ClosePeer();
     int last = 0;
-    EXPECT_EQ("late", ReadAsReader(descriptor, 4, &last));
+    EXPECT_EQ("late " + sent, ReadAsReader(descriptor, SIZE_MAX, &last));
+    EXPECT_EQ(-1, last);
+    EXPECT_EQ(0, m_sink.DataCalls());
+    EXPECT_TRUE(ZRT::Testing::WaitUntil([&] { return m_sink.Closes() == 1; }));
+    EXPECT_FALSE(m_link->IsConnected());
+    EXPECT_NE(-1, fcntl(descriptor, F_GETFD)) << "closed under the reader";
+
+    m_link->DetachReader();
+    EXPECT_EQ(1, m_sink.Closes());
 }
 
 // ReceiveInto moves the link's bytes into a socket; what that socket will not take stays with
@@ -688,15 +738,11 @@ TEST_F(DirectDatagramHandlerTest, UnregisterWaitsForADeliveryAndStopsAllOthers)
     send();
     entered.get_future().wait();
     send();  // waits in the socket while the first is being delivered
-    std::atomic<bool> unregistered{false};
-    std::thread stopper([&] {
-        m_handler.UnregisterReceiver(handle);
-        unregistered = true;
-    });
-    std::this_thread::sleep_for(std::chrono::milliseconds(150));
-    EXPECT_FALSE(unregistered);
-    release.set_value();
-    stopper.join();
+    {
+        BlockedCall stopper([&] { m_handler.UnregisterReceiver(handle); });
+        EXPECT_FALSE(stopper.Returned());
+        release.set_value();
+    }
     send();
     CatchUp(m_loops, 2);
     EXPECT_EQ(calls, 1);
