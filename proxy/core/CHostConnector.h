@@ -76,7 +76,7 @@ private:
     std::deque<AddressPtr> OtherAddresses(const IZRTConnectionAddress& destination, const Allowed& allowed) const;
 
     IZRTMultiPointLayer* const m_layer;
-    const CTCPIPAddress m_client;
+    const CTCPIPAddress& m_client; // the connection's: a balancer's header may name it after this is made
     QOX::CThreadPool* const m_pool;
     CHostLink& m_link;
     const std::function<void()> m_wake;
