@@ -276,7 +276,8 @@ protected:
     CHostLink m_link{m_sink, *this};
     std::atomic<int> m_wakes{0};
     std::vector<bool> m_outcomes;
-    CHostConnector m_connector{&m_layer, CTCPIPAddress(127, 0, 0, 1, 5000), nullptr, m_link, [this] { ++m_wakes; },
+    const CTCPIPAddress m_client{127, 0, 0, 1, 5000};
+    CHostConnector m_connector{&m_layer, m_client, nullptr, m_link, [this] { ++m_wakes; },
                                [this](bool connected) { m_outcomes.push_back(connected); }};
 };
 
@@ -301,7 +302,7 @@ TEST_F(ConnectorTest, RefusedAddressesGiveWayToTheNextAllowedOneThenTheFailureIs
         << "the address the rules refuse is never tried";
 
     CHostLink other{m_sink, *this};
-    CHostConnector refused{&m_layer, CTCPIPAddress(127, 0, 0, 1, 5000), nullptr, other, [] {},
+    CHostConnector refused{&m_layer, m_client, nullptr, other, [] {},
                            [this](bool connected) { m_outcomes.push_back(connected); }};
     ASSERT_TRUE(refused.Begin(Destination({2, 3}), 5000, [](const IZRTConnectionAddress&) { return true; }));
     refused.OnWake();
@@ -334,12 +335,6 @@ TEST_F(ConnectorTest, AHostThatMayBlockAnswersFromAHelperAndALateAnswerIsClosed)
     }));
     EXPECT_EQ(m_wakes.load(), 1) << "nobody is woken for it";
 }
-
-} // namespace
-} // namespace ZRT
-
-namespace ZRT {
-namespace {
 
 using EHeader = CProxyHeader::EState;
 
