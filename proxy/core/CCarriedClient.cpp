@@ -11,20 +11,20 @@ std::optional<bool> CCarriedClient::Read(int socket, std::optional<Clock::time_p
     if (state == CProxyHeader::EState::Incomplete && (!deadline || Clock::now() < *deadline))
         return std::nullopt;
     EOutcome outcome = state == CProxyHeader::EState::Done ? EOutcome::Ok : EOutcome::BadRequest;
-    if (outcome == EOutcome::Ok && m_header.NamesClient())
-        outcome = m_admit(m_peer, m_header.GetClient());
-    if (outcome != EOutcome::Ok) {
-        m_record.SetOutcome(outcome);
-        return false;
-    }
-    if (m_header.NamesClient()) {
+    if (outcome == EOutcome::Ok && m_header.NamesClient()) {
+        // The record names the client even when it is refused; the balancer's slot is the
+        // connection's until the client has one.
         const sockaddr_storage& client = m_header.GetClient();
         const socklen_t length = client.ss_family == AF_INET6 ? sizeof(sockaddr_in6) : sizeof(sockaddr_in);
         m_address.SetAddress(reinterpret_cast<const sockaddr&>(client), length);
-        m_peer = client;
         m_record.SetClient(m_address.ToString());
+        outcome = m_admit(m_peer, client);
+        if (outcome == EOutcome::Ok)
+            m_peer = client;
     }
-    return true;
+    if (outcome != EOutcome::Ok)
+        m_record.SetOutcome(outcome);
+    return outcome == EOutcome::Ok;
 }
 
 } // namespace Proxy
