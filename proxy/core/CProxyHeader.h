@@ -12,7 +12,7 @@ namespace Proxy {
 // 2 (binary: 16 bytes, then an address block of up to 65,535 bytes, whose TLVs are skipped).
 // Bytes may come in any pieces; the parser takes them one by one up to the header's last byte and
 // never one past it, so what follows stays for the protocol handler. Its only memory is a fixed
-// buffer: the text line, or the binary part's first 52 bytes (the rest is counted, not kept).
+// buffer: the text line, or the start of a binary header (its addresses; the rest is counted).
 //
 // Threads: one at a time (a connection's thread).
 class CProxyHeader {
