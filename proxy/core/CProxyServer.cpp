@@ -287,9 +287,10 @@ void CProxyServer::Serve(int client, const sockaddr_storage& peer, CEventLoop& l
         new CProxyConnection(*this, std::shared_ptr<const SProxySettings>(active, &active->settings),
                              std::shared_ptr<const CDestinationPolicy>(active, &active->destinations)));
     if (balancer) {
-        connection->ExpectProxyHeader([this, active](const sockaddr_storage& from, const sockaddr_storage& carried) {
-            return AdmitCarried(from, carried, *active);
-        });
+        connection->ExpectProxyHeader(
+            [this, active](const sockaddr_storage& from, const sockaddr_storage& carried) {
+                return AdmitCarried(from, carried, *active);
+            });
     }
     // Registered in the set (by its constructor) before this look: a stop that began before is
     // seen here, one that begins after terminates it.
@@ -379,7 +380,8 @@ EOutcome CProxyServer::AdmitCarried(const sockaddr_storage& balancer, const sock
 
 bool CProxyServer::InRanges(const std::vector<CAddressRange>& ranges, const sockaddr_storage& address)
 {
-    return std::any_of(ranges.begin(), ranges.end(), [&](const CAddressRange& range) { return range.Contains(address); });
+    return std::any_of(ranges.begin(), ranges.end(),
+                       [&](const CAddressRange& range) { return range.Contains(address); });
 }
 
 void CProxyServer::ReportRefused(const sockaddr_storage& peer, EOutcome outcome)
