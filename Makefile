@@ -11,7 +11,7 @@ LISTEN     ?= 127.0.0.1
 # their own and conflict with Debian's npm package.
 PACKAGES := cmake ninja-build g++ clang libc++-14-dev libc++abi-14-dev pkgconf libgtest-dev libgmock-dev libbenchmark-dev \
             libc-ares-dev libcrypt-dev curl ncat proxychains4 nodejs \
-            python3-socks python3-pytest python3-prometheus-client default-jdk
+            python3-socks python3-pytest python3-prometheus-client default-jdk haproxy
 
 ARMHF_PACKAGES := g++-arm-linux-gnueabihf qemu-user googletest
 

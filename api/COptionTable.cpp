@@ -97,15 +97,20 @@ bool SetUsersFile(SEmbeddedSettings& settings, const std::string& value, std::st
     return true;
 }
 
-bool SetAllow(SEmbeddedSettings& settings, const std::string& value, std::string& error)
+bool AddAddressRange(std::vector<std::string>& ranges, const std::string& value, std::string& error)
 {
     Proxy::CAddressRange range;
     if (!range.Parse(value)) {
         error = "'" + value + "' is not an address block such as 192.0.2.0/24 or 2001:db8::/32";
         return false;
     }
-    settings.proxy.allow.push_back(value);
+    ranges.push_back(value);
     return true;
+}
+
+bool SetAllow(SEmbeddedSettings& settings, const std::string& value, std::string& error)
+{
+    return AddAddressRange(settings.proxy.allow, value, error);
 }
 
 bool AddDestinationRule(std::vector<std::string>& rules, const std::string& value, std::string& error)
@@ -286,6 +291,13 @@ const COptionTable::SOption OPTIONS[] = {
     {"allow", COptionTable::REPEATABLE | COptionTable::LIVE, "CIDR",
      "clients allowed in (192.0.2.0/24, 2001:db8::/32, or one address); others are closed at once (default: all)",
      SetAllow, [](SEmbeddedSettings& s) { s.proxy.allow.clear(); }},
+    {"proxy-protocol-from", COptionTable::REPEATABLE | COptionTable::LIVE, "CIDR",
+     "load balancers whose clients start with a PROXY protocol header (v1 or v2) naming the real client, "
+     "who is then judged and logged (default: none)",
+     [](SEmbeddedSettings& s, const std::string& v, std::string& e) {
+         return AddAddressRange(s.proxy.proxyProtocolFrom, v, e);
+     },
+     [](SEmbeddedSettings& s) { s.proxy.proxyProtocolFrom.clear(); }},
     {"max-clients", COptionTable::LIVE, "N", "most clients served at once, more are closed at accept; 0 for no limit (default 0)",
      [](SEmbeddedSettings& s, const std::string& v, std::string& e) { return SetCount(v, 1000000, s.proxy.maxClients, e); },
      [](SEmbeddedSettings& s) { s.proxy.maxClients = Defaults().proxy.maxClients; }},

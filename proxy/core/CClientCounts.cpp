@@ -49,6 +49,23 @@ void CClientCounts::Remove(const sockaddr_storage& client)
         --m_total;
 }
 
+bool CClientCounts::Move(const sockaddr_storage& from, const sockaddr_storage& to, size_t maxPerSource)
+{
+    const std::string fromKey = Key(from);
+    const std::string toKey = Key(to);
+    std::lock_guard<std::mutex> hold(m_mutex);
+    if (fromKey == toKey)
+        return true;
+    const auto counted = m_bySource.find(toKey);
+    if (maxPerSource > 0 && counted != m_bySource.end() && counted->second >= maxPerSource)
+        return false;
+    const auto found = m_bySource.find(fromKey);
+    if (found != m_bySource.end() && --found->second == 0)
+        m_bySource.erase(found);
+    ++m_bySource[toKey];
+    return true;
+}
+
 size_t CClientCounts::Total() const
 {
     std::lock_guard<std::mutex> hold(m_mutex);

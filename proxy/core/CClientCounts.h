@@ -14,8 +14,8 @@ namespace Proxy {
 // path can hold the limits (max-clients, max-clients-per-source) without asking the connections.
 // An IPv4 client seen through a dual-stack socket counts as its IPv4 address.
 //
-// Threads: TryAdd on the event thread that accepts, Remove on the thread where a connection
-// finishes; any number at once.
+// Threads: TryAdd on the event thread that accepts, Move and Remove on the connection's thread;
+// any number at once.
 class CClientCounts {
 public:
     enum class EResult { Added, OverTotal, OverSource };
@@ -23,6 +23,8 @@ public:
     // Counts the client in unless a limit (0: none) is reached.
     EResult TryAdd(const sockaddr_storage& client, size_t maxTotal, size_t maxPerSource);
     void Remove(const sockaddr_storage& client);
+    // Gives from's place to to, unless to is at the per-source limit (0: none); the total stays.
+    bool Move(const sockaddr_storage& from, const sockaddr_storage& to, size_t maxPerSource);
     size_t Total() const;
     size_t FromSource(const sockaddr_storage& client) const;
 

@@ -26,6 +26,7 @@ namespace Proxy {
 // its answer waits in a hand-off, and `wake` (called on that thread) asks the connection's thread
 // for OnWake. An answer that comes after Cancel, or for an attempt given up, is closed there.
 // `wake` is also how an outcome known at once reaches the owner after Begin has returned.
+// `client` is the connection's, kept by reference: it outlives the connector.
 class CHostConnector {
 public:
     using Clock = std::chrono::steady_clock;
@@ -73,7 +74,7 @@ private:
     std::deque<AddressPtr> OtherAddresses(const IZRTConnectionAddress& destination, const Allowed& allowed) const;
 
     IZRTMultiPointLayer* const m_layer;
-    const CTCPIPAddress m_client;
+    const CTCPIPAddress& m_client; // a balancer's header may name it after the connector is made
     CConnectHelpers& m_helpers;
     CHostLink& m_link;
     const std::function<void()> m_wake;

@@ -71,7 +71,7 @@ bool CProxyConnection::Start(int socket, const sockaddr_storage& peer, CEventLoo
         multiPointLayer, m_clientAddress, m_server.GetConnectHelpers(), m_link, [this] { RequestStep(NOTICE_CONNECTOR); },
         [this](bool connected) { TellConnected(connected); }));
     m_watches.Start(loop, [this](ERole role, uint32_t events) { OnReady(role, events); });
-    m_phase = EPhase::AwaitFirstBytes;
+    m_phase = m_carried ? EPhase::AwaitProxyHeader : EPhase::AwaitFirstBytes;
     m_self = this;
     // The first step comes with the client's first bytes (or its end, or a deadline).
     if (m_watches.Watch(ERole::CLIENT, socket, ClientInterest())) {
@@ -147,6 +147,8 @@ void CProxyConnection::DoLoop()
 CProxyConnection::EPhase CProxyConnection::DoPhase(EPhase phase)
 {
     switch (phase) {
+    case EPhase::AwaitProxyHeader:
+        return DoParts({&CProxyConnection::TakeNotices, &CProxyConnection::ReadProxyHeader});
     case EPhase::AwaitFirstBytes: {
         const EPhase next = DoParts({&CProxyConnection::TakeNotices, &CProxyConnection::ServeClient,
                                      &CProxyConnection::CheckLimits});
@@ -253,6 +255,13 @@ void CProxyConnection::Finish()
 }
 
 // ---- parts of a step ----
+
+CProxyConnection::Next CProxyConnection::ReadProxyHeader()
+{
+    if (const std::optional<bool> admitted = m_carried->Read(m_client.GetSocket(), m_limits.Next(false)))
+        return *admitted ? EPhase::AwaitFirstBytes : Abandon();
+    return std::nullopt;
+}
 
 CProxyConnection::Next CProxyConnection::TakeNotices()
 {
@@ -482,7 +491,7 @@ uint32_t CProxyConnection::ClientInterest() const
 bool CProxyConnection::MayReadClient() const
 {
     const EPhase phase = m_phase;
-    if ((phase != EPhase::AwaitFirstBytes && phase != EPhase::Serve) || m_toHost != EFlow::Open)
+    if (phase < EPhase::AwaitProxyHeader || phase > EPhase::Serve || m_toHost != EFlow::Open)
         return false;
     if (!m_protocol)
         return true;

@@ -10,6 +10,7 @@
 #include <string>
 
 #include "proxy/address/CDestinationPolicy.h"
+#include "proxy/core/CCarriedClient.h"
 #include "proxy/core/CClientEnd.h"
 #include "proxy/core/CConnectionLimits.h"
 #include "proxy/core/CConnectionRecord.h"
@@ -41,7 +42,8 @@ class CProxyServer;
 // its wake-up time has come, or another thread asked for a step with a reason (RequestStep: a
 // link's report, a handler's helper, a stop). Between steps it costs nothing.
 //
-//   NotStarted -> AwaitFirstBytes -> Serve -> Drain -> Close -> Finished
+//   NotStarted -> [AwaitProxyHeader ->] AwaitFirstBytes -> Serve -> Drain -> Close -> Finished
+//   AwaitProxyHeader: a trusted balancer's header says whom it carries (CCarriedClient).
 //   AwaitFirstBytes: no handler yet; the first client bytes choose one.
 //   Serve:  the handler negotiates, connects (CHostConnector) and relays (CRelayPump), each way
 //           Open -> (Ending ->) Ended. Client to host ends when the client finished and the
@@ -86,6 +88,13 @@ public:
     // and serves it on loop, whose thread calls this. On false the socket is closed.
     bool Start(int socket, const sockaddr_storage& peer, CEventLoop& loop, IZRTMultiPointLayer* multiPointLayer,
                IDatagramHandler* datagramHandler, IConnectionListener* connectionListener);
+    // The peer is a trusted load balancer: the connection starts with the header that names the
+    // client it carries (admit: the server's admission of that client). Before Start, on the
+    // accepting thread.
+    void ExpectProxyHeader(CCarriedClient::Admit admit)
+    {
+        m_carried.reset(new CCarriedClient(std::move(admit), m_peer, m_clientAddress, m_record));
+    }
     // Ends the connection at once (queued bytes for the client are dropped) and waits until it
     // has finished, unless called on its thread. Any thread.
     void Terminate();
@@ -138,7 +147,8 @@ public:
     void FinishRequest(const std::string& method, int status) override { m_record.FinishRequest(method, status); }
 
 private:
-    enum class EPhase { NotStarted, AwaitFirstBytes, Serve, Drain, Close, Finished };
+    // In the order they come: the client is read from AwaitProxyHeader to Serve.
+    enum class EPhase { NotStarted, AwaitProxyHeader, AwaitFirstBytes, Serve, Drain, Close, Finished };
     enum class EFlow { Open, Ending, Ended };
     // Why a step was asked for (bits of m_notices); each is taken by the next step.
     enum ENotice : unsigned {
@@ -178,6 +188,9 @@ private:
     void EndExchange();
     void Finish();
 
+    // The part of AwaitProxyHeader. The client's readiness is left for AwaitFirstBytes, which
+    // reads what followed the header in the same step.
+    Next ReadProxyHeader();
     // Parts of AwaitFirstBytes and Serve.
     Next TakeNotices();
     void TakeLinkNotices(unsigned notices);
@@ -249,6 +262,7 @@ private:
     // Made from the first client bytes; gone when the exchange ends.
     std::unique_ptr<IConnectionProtocol> m_protocol;
     std::optional<Clock::time_point> m_handlerDeadline; // the handler's timer, when set
+    std::unique_ptr<CCarriedClient> m_carried;          // a trusted balancer's connection's
 };
 
 } // namespace Proxy

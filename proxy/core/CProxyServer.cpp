@@ -281,11 +281,18 @@ void CProxyServer::AcceptOn(size_t listener, int socket, CEventLoop& loop)
 void CProxyServer::Serve(int client, const sockaddr_storage& peer, CEventLoop& loop)
 {
     const std::shared_ptr<const SActive> active = GetActive();
-    if (!Admit(client, peer, *active))
+    const bool balancer = InRanges(active->proxyProtocolFrom, peer);
+    if (!Admit(client, peer, *active, balancer))
         return;
     QOX::CRefCountPtr<CProxyConnection> connection(
         new CProxyConnection(*this, std::shared_ptr<const SProxySettings>(active, &active->settings),
                              std::shared_ptr<const CDestinationPolicy>(active, &active->destinations)));
+    if (balancer) {
+        connection->ExpectProxyHeader(
+            [this, active](const sockaddr_storage& from, const sockaddr_storage& carried) {
+                return AdmitCarried(from, carried, *active);
+            });
+    }
     // Registered in the set (by its constructor) before this look: a stop that began before is
     // seen here, one that begins after terminates it.
     if (IsStopping()) {
@@ -332,11 +339,9 @@ bool CProxyServer::IsStopping() const
     return m_stopping;
 }
 
-bool CProxyServer::Admit(int client, const sockaddr_storage& peer, const SActive& active)
+bool CProxyServer::Admit(int client, const sockaddr_storage& peer, const SActive& active, bool balancer)
 {
-    const bool allowed = active.allow.empty() ||
-                         std::any_of(active.allow.begin(), active.allow.end(),
-                                     [&](const CAddressRange& range) { return range.Contains(peer); });
+    const bool allowed = balancer || active.allow.empty() || InRanges(active.allow, peer);
     // Counted and reported before the close, so that whoever sees the close sees the count.
     if (!allowed) {
         m_stats.Add(CProxyStats::REFUSED_NOT_ALLOWED);
@@ -347,7 +352,7 @@ bool CProxyServer::Admit(int client, const sockaddr_storage& peer, const SActive
     const SProxySettings& settings = active.settings;
     const CClientCounts::EResult counted =
         m_clients.TryAdd(peer, static_cast<size_t>(std::max(0, settings.maxClients)),
-                         static_cast<size_t>(std::max(0, settings.maxClientsPerSource)));
+                         balancer ? 0u : static_cast<size_t>(std::max(0, settings.maxClientsPerSource)));
     if (counted == CClientCounts::EResult::Added) {
         Unwarn(WARNED_OVER_LIMIT);
         return true;
@@ -360,6 +365,24 @@ bool CProxyServer::Admit(int client, const sockaddr_storage& peer, const SActive
     ReportRefused(peer, EOutcome::OverLimit);
     CSocketUtils::CloseSocket(client);
     return false;
+}
+
+EOutcome CProxyServer::AdmitCarried(const sockaddr_storage& balancer, const sockaddr_storage& client,
+                                    const SActive& active)
+{
+    if (!active.allow.empty() && !InRanges(active.allow, client))
+        return EOutcome::NotAllowed;
+    const size_t perSource = static_cast<size_t>(std::max(0, active.settings.maxClientsPerSource));
+    if (m_clients.Move(balancer, client, perSource))
+        return EOutcome::Ok;
+    m_stats.Add(CProxyStats::REFUSED_SOURCE_LIMIT);
+    return EOutcome::OverLimit;
+}
+
+bool CProxyServer::InRanges(const std::vector<CAddressRange>& ranges, const sockaddr_storage& address)
+{
+    return std::any_of(ranges.begin(), ranges.end(),
+                       [&](const CAddressRange& range) { return range.Contains(address); });
 }
 
 void CProxyServer::ReportRefused(const sockaddr_storage& peer, EOutcome outcome)
@@ -379,12 +402,16 @@ bool CProxyServer::SetSettings(const SProxySettings& settings)
 {
     auto active = std::make_shared<SActive>();
     active->settings = settings;
-    for (const std::string& text : settings.allow) {
-        CAddressRange range;
-        if (!range.Parse(text))
-            return false;
-        active->allow.push_back(range);
-    }
+    const auto parse = [](const std::vector<std::string>& texts, std::vector<CAddressRange>& ranges) {
+        for (const std::string& text : texts) {
+            ranges.emplace_back();
+            if (!ranges.back().Parse(text))
+                return false;
+        }
+        return true;
+    };
+    if (!parse(settings.allow, active->allow) || !parse(settings.proxyProtocolFrom, active->proxyProtocolFrom))
+        return false;
     std::string error;
     if (!active->destinations.Build(settings.allowDestinations, settings.denyDestinations, settings.privatePorts, error))
         return false;

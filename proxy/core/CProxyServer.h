@@ -163,13 +163,19 @@ private:
     struct SActive {
         SProxySettings settings;
         std::vector<CAddressRange> allow;
+        std::vector<CAddressRange> proxyProtocolFrom;
         CDestinationPolicy destinations;
     };
 
     std::shared_ptr<const SActive> GetActive() const;
     // Whether a client just accepted may stay: not when the allow list or the limit says no
-    // (counted, reported, and the socket closed).
-    bool Admit(int client, const sockaddr_storage& peer, const SActive& active);
+    // (counted, reported, and the socket closed). A trusted balancer is judged by the total limit
+    // alone: the clients it carries are judged as they come (AdmitCarried).
+    bool Admit(int client, const sockaddr_storage& peer, const SActive& active, bool balancer);
+    // The client a balancer's header names takes the balancer's slot: Ok, or why not (the
+    // per-source limit counted here, the allow list by the connection's record).
+    EOutcome AdmitCarried(const sockaddr_storage& balancer, const sockaddr_storage& client, const SActive& active);
+    static bool InRanges(const std::vector<CAddressRange>& ranges, const sockaddr_storage& address);
     void ReportRefused(const sockaddr_storage& peer, EOutcome outcome);
 
     // -1 (and the start error set) on failure; ipv6Only for an IPv6 socket beside others.

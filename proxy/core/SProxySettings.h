@@ -38,6 +38,12 @@ struct SProxySettings {
     // Client addresses allowed in, as CIDR blocks ("192.0.2.0/24", "2001:db8::/32", or one
     // address); empty: every client. Others are closed at accept, before a byte is read.
     std::vector<std::string> allow;
+    // Load balancers that tell who their clients are with the PROXY protocol (version 1 or 2), as
+    // CIDR blocks; empty: none. A client from these must start with such a header, and the client
+    // it names is the connection's from then on (for the allow list, the per-source limit, logs
+    // and handlers); the balancer itself is judged by max-clients alone. Elsewhere a header is
+    // nothing special.
+    std::vector<std::string> proxyProtocolFrom;
     // Most clients served at once; more are closed at accept. 0: no limit.
     int maxClients = 0;
     // Most clients from one address served at once, so that one address cannot take every

@@ -1,5 +1,6 @@
 // The connection's parts on their own: the client end over a socket pair, the relay pump with a
-// scripted handler and a fake link, the connect attempts with a fake host.
+// scripted handler and a fake link, the connect attempts with a fake host, the PROXY protocol
+// header's parser.
 
 #include <errno.h>
 #include <fcntl.h>
@@ -24,6 +25,7 @@
 #include "proxy/core/CHostLink.h"
 #include "proxy/core/CProxy.h"
 #include "proxy/core/CProxyServer.h"
+#include "proxy/core/CProxyHeader.h"
 #include "proxy/core/CRelayPump.h"
 
 namespace ZRT {
@@ -32,6 +34,7 @@ namespace {
 using Proxy::CClientEnd;
 using Proxy::CHostConnector;
 using Proxy::CHostLink;
+using Proxy::CProxyHeader;
 using Proxy::CRelayPump;
 using Testing::FakeDataLayer;
 using Testing::FakeMultiPointLayer;
@@ -279,7 +282,8 @@ protected:
     CHostLink m_link{m_sink, *this};
     std::atomic<int> m_wakes{0};
     std::vector<bool> m_outcomes;
-    CHostConnector m_connector{&m_layer, CTCPIPAddress(127, 0, 0, 1, 5000), m_helpers, m_link, [this] { ++m_wakes; },
+    const CTCPIPAddress m_client{127, 0, 0, 1, 5000};
+    CHostConnector m_connector{&m_layer, m_client, m_helpers, m_link, [this] { ++m_wakes; },
                                [this](bool connected) { m_outcomes.push_back(connected); }};
 };
 
@@ -304,7 +308,7 @@ TEST_F(ConnectorTest, RefusedAddressesGiveWayToTheNextAllowedOneThenTheFailureIs
         << "the address the rules refuse is never tried";
 
     CHostLink other{m_sink, *this};
-    CHostConnector refused{&m_layer, CTCPIPAddress(127, 0, 0, 1, 5000), m_helpers, other, [] {},
+    CHostConnector refused{&m_layer, m_client, m_helpers, other, [] {},
                            [this](bool connected) { m_outcomes.push_back(connected); }};
     ASSERT_TRUE(refused.Begin(Destination({2, 3}), 5000, [](const IZRTConnectionAddress&) { return true; }));
     refused.OnWake();
@@ -337,6 +341,119 @@ TEST_F(ConnectorTest, AHostThatMayBlockAnswersFromAHelperAndALateAnswerIsClosed)
         return link && m_layer.GetConnectCount() == 2 && link->GetDisconnects() == 1;
     }));
     EXPECT_EQ(m_wakes.load(), 1) << "nobody is woken for it";
+}
+
+using EHeader = CProxyHeader::EState;
+
+std::string Binary(unsigned char command, unsigned char family, const std::string& block)
+{
+    const std::string signature("\r\n\r\n\0\r\nQUIT\n", 12);
+    return signature + static_cast<char>(command) + static_cast<char>(family) +
+           static_cast<char>(block.size() >> 8) + static_cast<char>(block.size() & 0xFF) + block;
+}
+
+// What a parser made of the header: its state, and the client it names ("-": none).
+std::string Outcome(const CProxyHeader& header)
+{
+    static const char* const STATES[] = {"incomplete", "done", "malformed"};
+    std::string text = STATES[static_cast<int>(header.GetState())];
+    if (!header.NamesClient())
+        return text + " -";
+    const sockaddr_storage& client = header.GetClient();
+    CTCPIPAddress address;
+    address.SetAddress(reinterpret_cast<const sockaddr&>(client), sizeof(client));
+    return text + " " + address.ToString();
+}
+
+TEST(ProxyHeaderTest, EveryFormWholeSplitAnywhereOrFollowedByRequestBytes)
+{
+    const std::string v4(std::string("\xC0\x00\x02\x07\xC6\x33\x64\x01", 8) + "\xDC\x04\x01\xBB");
+    const std::string v6 = std::string("\x20\x01\x0D\xB8", 4) + std::string(11, '\0') + "\x07" +
+                           std::string(16, '\x01') + "\xFF\xFF\x04\x38";
+    const std::string ffff = "ffff:ffff:ffff:ffff:ffff:ffff:ffff:ffff";
+    const std::string longest = "PROXY UNKNOWN " + ffff + " " + ffff + " 65535 65535\r\n";
+    const struct {
+        std::string bytes;
+        const char* outcome;
+    } cases[] = {
+        {"PROXY TCP4 192.0.2.7 198.51.100.1 56324 443\r\n", "done 192.0.2.7:56324"},
+        {"PROXY TCP6 2001:db8::7 ::1 0 1080\r\n", "done [2001:db8::7]:0"},
+        {"PROXY UNKNOWN\r\n", "done -"},
+        {longest, "done -"}, // 107 bytes, the most a line may have
+        {Binary(0x21, 0x11, v4), "done 192.0.2.7:56324"},
+        {Binary(0x21, 0x21, v6 + std::string("\x04\x00\x02xy", 5) + std::string(600, 'T')), "done [2001:db8::7]:65535"},
+        {Binary(0x20, 0x11, v4), "done -"}, // LOCAL: its addresses are ignored
+        {Binary(0x20, 0x00, ""), "done -"},
+        {Binary(0x21, 0x00, ""), "done -"},
+        {Binary(0x21, 0x10, v4), "done -"},                 // no transport named
+        {Binary(0x21, 0x31, std::string(216, '/')), "done -"}, // UNIX
+        {"PROXY TCP4 192.0.2.7 198.51.100.1 56324 443\r", "incomplete -"},
+        {Binary(0x21, 0x11, v4).substr(0, 20), "incomplete -"},
+        {"GET / HTTP/1.1\r\n", "malformed -"},
+        {"PROXY TCP4 192.0.2.7 198.51.100.1 56324 443\n", "malformed -"},
+        {"PROXY TCP4 192.0.2.7 198.51.100.1 56324 443\rX\r\n", "malformed -"},
+        {"PROXY TCP4 192.0.2.07 198.51.100.1 56324 443\r\n", "malformed -"},
+        {"PROXY TCP4 192.0.2.7 198.51.100.1 056324 443\r\n", "malformed -"},
+        {"PROXY TCP4 192.0.2.7 198.51.100.1 65536 443\r\n", "malformed -"},
+        {"PROXY TCP4 2001:db8::7 ::1 1 2\r\n", "malformed -"},
+        {"PROXY TCP4  192.0.2.7 198.51.100.1 1 2\r\n", "malformed -"},
+        {"PROXY TCP4 192.0.2.7 198.51.100.1 1\r\n", "malformed -"},
+        {"PROXY TCP4 192.0.2.7 198.51.100.1 1 2 3\r\n", "malformed -"},
+        {"PROXY UDP4 192.0.2.7 198.51.100.1 1 2\r\n", "malformed -"},
+        {std::string("PROXY TCP4 192.0.2.7 198.51.100.1 1 2\0\r\n", 40), "malformed -"},
+        {longest.substr(0, 105) + "f\r\n", "malformed -"}, // 108 bytes
+        {Binary(0x21, 0x11, v4).replace(7, 1, "X"), "malformed -"},
+        {Binary(0x11, 0x11, v4), "malformed -"}, // version 1 in binary
+        {Binary(0x22, 0x11, v4), "malformed -"}, // no such command
+        {Binary(0x21, 0x41, v4), "malformed -"},
+        {Binary(0x21, 0x13, v4), "malformed -"},
+        {Binary(0x21, 0x21, v4), "malformed -"}, // too short for IPv6 addresses
+    };
+    const std::string request = "GET / HTTP/1.1\r\n";
+    for (const auto& test : cases) {
+        const auto* bytes = reinterpret_cast<const unsigned char*>(test.bytes.data());
+        const size_t size = test.bytes.size();
+        const bool done = std::strncmp(test.outcome, "done", 4) == 0;
+        CProxyHeader whole;
+        const std::string followed = test.bytes + (done ? request : "");
+        const size_t taken = whole.Feed(reinterpret_cast<const unsigned char*>(followed.data()), followed.size());
+        EXPECT_EQ(Outcome(whole), test.outcome) << test.bytes;
+        EXPECT_TRUE(done ? taken == size : taken <= size) << test.bytes; // never a request byte
+        if (whole.GetState() != EHeader::Incomplete) {
+            EXPECT_EQ(whole.Feed(bytes, size), 0u) << test.bytes; // settled: nothing more is taken
+        }
+        for (size_t split = 1; split < size; ++split) {
+            CProxyHeader pieces;
+            const size_t first = pieces.Feed(bytes, split);
+            const size_t second = pieces.Feed(bytes + first, size - first);
+            if (Outcome(pieces) != test.outcome || first + second != taken) {
+                ADD_FAILURE() << test.bytes << " split at " << split << ": " << Outcome(pieces);
+                break;
+            }
+        }
+    }
+}
+
+TEST(ProxyHeaderTest, ReadFromASocketLeavesWhatFollowsTheHeaderAndTakesAnEndAsMalformed)
+{
+    SSocketPair split;
+    const std::string line = "PROXY TCP4 192.0.2.7 198.51.100.1 56324 443\r\n";
+    CProxyHeader header;
+    ASSERT_EQ(send(split.peer, line.data(), 20, 0), 20);
+    EXPECT_EQ(header.Take(split.ours), EHeader::Incomplete);
+    const std::string rest = line.substr(20) + "GET / HTTP/1.1\r\n";
+    ASSERT_EQ(send(split.peer, rest.data(), rest.size(), 0), static_cast<ssize_t>(rest.size()));
+    EXPECT_EQ(header.Take(split.ours), EHeader::Done);
+    char left[64];
+    EXPECT_EQ(std::string(left, static_cast<size_t>(recv(split.ours, left, sizeof(left), 0))), "GET / HTTP/1.1\r\n");
+    close(split.ours);
+
+    SSocketPair cut;
+    CProxyHeader other;
+    ASSERT_EQ(send(cut.peer, line.data(), 30, 0), 30);
+    shutdown(cut.peer, SHUT_WR);
+    EXPECT_EQ(other.Take(cut.ours), EHeader::Malformed);
+    close(cut.ours);
 }
 
 } // namespace

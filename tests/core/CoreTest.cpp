@@ -322,6 +322,52 @@ TEST_F(ProxyTest, RelaysBothWaysOverOneLinkPerConnectionOrNoneWhenTheHostFails)
     EXPECT_FALSE(failed->Connection()->SendToHost("y", 1));
 }
 
+// A trusted balancer's header (coalesced with the first request here; split in the parser's
+// tests) puts its client in its place for the handler, the host and the per-source limit, which
+// the balancer itself is not held to; LOCAL keeps the balancer; a bad or missing header is closed.
+TEST_F(ProxyTest, ABalancersHeaderPutsTheClientInItsPlaceAndNothingElseIsServed)
+{
+    EchoLinks();
+    Proxy::SProxySettings settings = m_proxy.GetSettings();
+    settings.proxyProtocolFrom = {"127.0.0.0/30"};
+    settings.maxClientsPerSource = 1;
+    ASSERT_TRUE(m_proxy.SetSettings(settings));
+    const auto carrying = [this](TestClient& client, const std::string& header) {
+        return client.Connect(m_port) && client.Send(header + "go") && client.Read(2) == "go";
+    };
+    const auto line = [](const char* client) { return "PROXY TCP4 " + std::string(client) + " 192.0.2.1 5000 443\r\n"; };
+    TestClient carried;
+    TestClient again;
+    TestClient other;
+    TestClient local;
+    ASSERT_TRUE(carrying(carried, line("192.0.2.7"))); // echoed: the handler saw nothing of the header
+    EXPECT_EQ(Handler(0)->Connection()->GetClientAddress().ToString(), "192.0.2.7:5000");
+    EXPECT_FALSE(carrying(again, line("192.0.2.7")));
+    EXPECT_TRUE(carrying(other, line("192.0.2.8")));
+    EXPECT_TRUE(carrying(local, std::string("\r\n\r\n\0\r\nQUIT\n\x20\0\0\0", 16)));
+    const std::vector<std::string> sources = m_multiPointLayer.GetSources();
+    ASSERT_EQ(sources.size(), 3u);
+    EXPECT_EQ(sources[0] + " " + sources[1], "192.0.2.7:5000 192.0.2.8:5000");
+    EXPECT_EQ(sources[2].find("127.0.0.1:"), 0u);
+    carried.Close(); // its slot, not the balancer's, is given back
+    ASSERT_TRUE(WaitForConnections(2));
+    TestClient back;
+    EXPECT_TRUE(carrying(back, line("192.0.2.7")));
+
+    settings.handshakeTimeoutMs = 300;
+    ASSERT_TRUE(m_proxy.SetSettings(settings));
+    TestClient bad;
+    TestClient silent;
+    ASSERT_TRUE(bad.Connect(m_port) && bad.Send("PROXY TCP4 192.0.2.9\r\ngo"));
+    ASSERT_TRUE(silent.Connect(m_port));
+    EXPECT_TRUE(bad.WaitForClose());
+    EXPECT_TRUE(silent.WaitForClose());
+    const Proxy::CProxyStats& stats = m_proxy.GetStats();
+    EXPECT_EQ(stats.Get(Proxy::CProxyStats::REFUSED_BAD_REQUEST), 2u);
+    EXPECT_EQ(stats.Get(Proxy::CProxyStats::REFUSED_SOURCE_LIMIT), 1u);
+    EXPECT_EQ(HandlerCount(), 4u);
+}
+
 TEST_F(ProxyTest, StaleClosureIsIgnoredAndTwoDisconnectsTerminateOnce)
 {
     EchoLinks();

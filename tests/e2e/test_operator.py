@@ -1,12 +1,14 @@
 """What an operator configures: users, the client allow list, limits and time-outs, the access
 log, Prometheus metrics, the configuration file and its reload on SIGHUP, the outgoing address,
-names with several addresses, and the packaged systemd unit and sample configuration."""
+names with several addresses, the packaged systemd unit and sample configuration, and daemons
+behind HAProxy (the sample examples/haproxy.cfg) that tell them the client."""
 import base64
 import contextlib
 import datetime
 import os
 import re
 import select
+import shutil
 import signal
 import socket
 import socketserver
@@ -25,6 +27,7 @@ BODY = b"from the recorder\n" * 20
 RESPONSE = b"HTTP/1.0 200 OK\r\nContent-Length: %d\r\nConnection: close\r\n\r\n" % len(BODY) + BODY
 REQUEST = f"GET /raw HTTP/1.0\r\nHost: {DEST_V4}\r\n\r\n".encode()
 ENV = {key: value for key, value in os.environ.items() if "proxy" not in key.lower()}
+HAPROXY_SAMPLE = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "examples", "haproxy.cfg")
 
 
 class Recording(socketserver.BaseRequestHandler):
@@ -229,6 +232,75 @@ def test_allow_list_closes_other_clients_before_a_byte(recorder, tmp_path):
                 check_entry(log_entry(log, outsider.getsockname()), "-", "-", "-", "not-allowed", 0, 0)
         assert curl("--interface", "127.0.0.3", "--socks5", proxy.socks, recorder.url("/outsider"))[0] != 0
     assert recorder.seen("/outsider") == []
+
+
+@contextlib.contextmanager
+def haproxy(daemon_port, version, tmp_path):
+    """HAProxy from the sample configuration on 127.0.0.1, both its servers being the daemon, with
+    PROXY protocol headers of that version; yields its port."""
+    if not shutil.which("haproxy"):
+        pytest.skip("haproxy is not installed (make deps installs it as root)")
+    port = free_port()
+    with open(HAPROXY_SAMPLE) as sample:
+        config = sample.read().replace("bind :1080", f"bind 127.0.0.1:{port}")
+    for server in ("192.0.2.11:1080", "192.0.2.12:1080"):
+        config = config.replace(server, f"127.0.0.1:{daemon_port}")
+    path = tmp_path / f"haproxy-v{version}.cfg"
+    path.write_text(config if version == 2 else config.replace("send-proxy-v2", "send-proxy"))
+    balancer = subprocess.Popen(["haproxy", "-db", "-f", str(path)], stdout=subprocess.DEVNULL,
+                                stderr=subprocess.DEVNULL)
+    try:
+        deadline = time.time() + 30
+        while balancer.poll() is None and time.time() < deadline:
+            with contextlib.suppress(OSError), socket.create_connection(("127.0.0.1", port), timeout=5):
+                break
+            time.sleep(0.05)
+        assert balancer.poll() is None, "haproxy did not start"
+        yield port
+    finally:
+        balancer.terminate()
+        balancer.wait(timeout=30)
+
+
+def http_get(port, source, url, before=b""):
+    """An HTTP proxy request from source (a loopback address) to 127.0.0.1:port, after `before`;
+    returns the whole reply and the client's address."""
+    with socket.socket() as sock:
+        sock.settimeout(20)
+        sock.bind((source, 0))
+        sock.connect(("127.0.0.1", port))
+        with contextlib.suppress(OSError):
+            sock.sendall(before + f"GET {url} HTTP/1.1\r\nHost: {DEST_V4}\r\nConnection: close\r\n\r\n".encode())
+        try:
+            return recv_until(sock), sock.getsockname()
+        except ConnectionResetError:
+            return b"", sock.getsockname()
+
+
+def test_behind_haproxy_the_client_it_names_is_judged_and_logged_and_nobody_else_is_believed(recorder, tmp_path):
+    log = str(tmp_path / "access.log")
+    destination = f"{DEST_V4}:{recorder.port}"
+    with running("--proxy-protocol-from", "127.0.0.1/32", "--allow", "127.0.0.5", "--access-log", log) as proxy:
+        for version in (1, 2):
+            with haproxy(proxy.port, version, tmp_path) as port:
+                reply, client = http_get(port, "127.0.0.5", recorder.url(f"/v{version}"))
+                assert reply.endswith(BODY), reply
+                check_entry(log_entry(log, client), "http", "-", destination, "ok")
+                reply, outsider = http_get(port, "127.0.0.6", recorder.url("/outsider"))
+                assert reply == b""
+                check_entry(log_entry(log, outsider), "-", "-", "-", "not-allowed", 0, 0)
+        # Straight from the balancer's address, a client without a header is closed unserved;
+        # from elsewhere, a header is nothing but the start of a request nobody understands.
+        reply, direct = http_get(proxy.port, "127.0.0.1", recorder.url("/direct"))
+        assert reply == b""
+        check_entry(log_entry(log, direct), "-", "-", "-", "bad-request", 0, 0)
+        forged = b"PROXY TCP4 127.0.0.9 127.0.0.1 4000 1080\r\n"
+        reply, client = http_get(proxy.port, "127.0.0.5", recorder.url("/forged"), forged)
+        assert reply.startswith(b"HTTP/1.1 400 "), reply
+        assert log_entry(log, client)[5] == "bad-request"
+        with open(log) as lines:
+            assert "127.0.0.9" not in lines.read()
+    assert [path for path in ("/outsider", "/direct", "/forged") if recorder.seen(path)] == []
 
 
 def test_handshake_timeout_closes_only_clients_that_never_finish(echo, tmp_path):

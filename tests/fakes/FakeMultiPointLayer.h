@@ -18,12 +18,13 @@ public:
     using ConnectHook = std::function<void(FakeDataLayer& link, const IZRTConnectionAddress& destination)>;
 
     QOX::CRefCountPtr<IZRTDataLayer> Connect(const IZRTConnectionAddress& destination,
-                                             const IZRTConnectionAddress& /*source*/) override
+                                             const IZRTConnectionAddress& source) override
     {
         ConnectHook hook;
         QOX::CRefCountPtr<FakeDataLayer> link;
         Locked([&] {
             m_destinations.push_back(destination.ToString());
+            m_sources.push_back(source.ToString());
             if (m_fail || m_refused.count(destination.ToString()) != 0)
                 return;
             link = new FakeDataLayer();
@@ -46,6 +47,8 @@ public:
     void SetOnConnect(ConnectHook hook) { Locked([&] { m_hook = std::move(hook); }); }
     // ToString() of each Connect's destination.
     std::vector<std::string> GetDestinations() const { return Locked([&] { return m_destinations; }); }
+    // ToString() of the client each Connect was for.
+    std::vector<std::string> GetSources() const { return Locked([&] { return m_sources; }); }
     QOX::CRefCountPtr<FakeDataLayer> GetLastLink() const
     {
         return Locked([&] { return m_links.empty() ? QOX::CRefCountPtr<FakeDataLayer>() : m_links.back(); });
@@ -60,6 +63,7 @@ private:
     std::set<std::string> m_refused;
     ConnectHook m_hook;
     std::vector<std::string> m_destinations;
+    std::vector<std::string> m_sources;
     std::vector<QOX::CRefCountPtr<FakeDataLayer>> m_links;
 };
 
