@@ -50,8 +50,9 @@ bench: deps
 # The engine and its unit tests cross-built for 32-bit ARM and run under qemu-arm.
 test-armhf:
 	@$(MAKE) --no-print-directory deps PACKAGES="$(ARMHF_PACKAGES) cmake ninja-build"
+	tools/fetch-armhf-cares build-armhf/target
 	cmake -S . -B build-armhf -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
-	  -DCMAKE_TOOLCHAIN_FILE=cmake/armhf.cmake $(CMAKE_ARGS)
+	  -DCMAKE_TOOLCHAIN_FILE=cmake/armhf.cmake -DZRT_TARGET_ROOTS=$(CURDIR)/build-armhf/target $(CMAKE_ARGS)
 	cmake --build build-armhf -j $(JOBS)
 	cd build-armhf && ctest --output-on-failure -j $(JOBS) --timeout 600 -LE slow
 

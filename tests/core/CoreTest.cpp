@@ -967,11 +967,11 @@ class PolicyTest : public EndToEndTest {
 protected:
     void Apply(const std::function<void(Proxy::SProxySettings&)>& change)
     {
-        Proxy::SProxySettings settings = m_proxy.GetSettings();
+        Proxy::SProxySettings settings = m_proxy.GetServer().GetSettings();
         change(settings);
-        ASSERT_TRUE(m_proxy.SetSettings(settings));
+        ASSERT_TRUE(m_proxy.GetServer().SetSettings(settings));
     }
-    uint64_t Count(Proxy::CProxyStats::ECounter counter) { return m_proxy.GetStats().Get(counter); }
+    uint64_t Count(Proxy::CProxyStats::ECounter counter) { return m_proxy.GetServer().GetStats().Get(counter); }
     // A SOCKS5 tunnel to server1:80 through an echoing link.
     void OpenTunnel(TestClient& client)
     {
@@ -1031,9 +1031,9 @@ TEST_F(PolicyTest, AllowListAndClientLimitCloseAtAcceptBeforeAnyByte)
     EXPECT_EQ(Count(Proxy::CProxyStats::REFUSED_NOT_ALLOWED), 1u);
 
     // A bad block changes nothing.
-    Proxy::SProxySettings bad = m_proxy.GetSettings();
+    Proxy::SProxySettings bad = m_proxy.GetServer().GetSettings();
     bad.allow = {"127.0.0.0/33"};
-    EXPECT_FALSE(m_proxy.SetSettings(bad));
+    EXPECT_FALSE(m_proxy.GetServer().SetSettings(bad));
 
     Apply([](Proxy::SProxySettings& s) { s.allow = {"127.0.0.0/8"}, s.maxClients = 1; });
     TestClient first;
@@ -1097,9 +1097,9 @@ private:
 TEST_F(ProxyTest, AHostConnectThatBlocksHoldsUpNoOtherClient)
 {
     m_proxy.StopProxy();
-    Proxy::SProxySettings settings = m_proxy.GetSettings();
+    Proxy::SProxySettings settings = m_proxy.GetServer().GetSettings();
     settings.eventThreads = 1;
-    ASSERT_TRUE(m_proxy.SetSettings(settings));
+    ASSERT_TRUE(m_proxy.GetServer().SetSettings(settings));
     BlockingLayer blocking;
     ASSERT_TRUE(m_proxy.StartProxy("127.0.0.1", 0, &m_resolver, &blocking, &m_datagramHandler, &m_connectionListener));
     const int port = m_proxy.GetListenPort();
