@@ -9,13 +9,13 @@ LISTEN     ?= 127.0.0.1
 
 PACKAGES := cmake ninja-build g++ clang libc++-14-dev libc++abi-14-dev pkgconf libgtest-dev libgmock-dev libbenchmark-dev \
             libc-ares-dev libcrypt-dev curl ncat proxychains4 \
-            python3-socks python3-pytest python3-prometheus-client default-jdk
+            python3-socks python3-pytest python3-prometheus-client default-jdk abigail-tools
 
 ARMHF_PACKAGES := g++-arm-linux-gnueabihf qemu-user googletest
 
 FUZZ_SECONDS ?= 60
 
-.PHONY: all build deps test run bench test-armhf fuzz clean
+.PHONY: all build deps test run bench test-armhf abi-check fuzz clean
 
 all: build
 
@@ -55,6 +55,11 @@ test-armhf:
 	  -DCMAKE_TOOLCHAIN_FILE=cmake/armhf.cmake -DZRT_TARGET_ROOTS=$(CURDIR)/build-armhf/target $(CMAKE_ARGS)
 	cmake --build build-armhf -j $(JOBS)
 	cd build-armhf && ctest --output-on-failure -j $(JOBS) --timeout 600 -LE slow
+
+# The library's interface against its baseline in abi/ (BUILD=build-armhf after test-armhf for
+# 32-bit ARM); tools/abi-check BUILD --update records a new one.
+abi-check: build
+	tools/abi-check $(BUILD)
 
 # Every libFuzzer target for FUZZ_SECONDS each (clang, ASan+UBSan+leak checks).
 fuzz: deps

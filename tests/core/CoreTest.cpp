@@ -716,6 +716,16 @@ TEST_F(ProxyTest, StartWithTheSameServicesKeepsTheFirstPort)
     EXPECT_FALSE(refused.Connect(m_port));
 }
 
+TEST_F(ProxyTest, AStartOnAPortAloneListensOnLoopbackOnly)
+{
+    m_proxy.StopProxy();
+    ASSERT_TRUE(m_proxy.StartProxy(0, &m_resolver, &m_multiPointLayer, &m_datagramHandler, &m_connectionListener));
+    TestClient local;
+    EXPECT_TRUE(local.Connect(m_proxy.GetListenPort(), "127.0.0.1"));
+    TestClient elsewhere; // 0.0.0.0 would take it
+    EXPECT_FALSE(elsewhere.Connect(m_proxy.GetListenPort(), "127.0.0.2"));
+}
+
 TEST_F(ProxyTest, PortInUseFailsAndStoppedServerStopsHarmlessly)
 {
     Proxy::CProxy second(Proxy::CProxy::PROXY_MODE_LOCAL);
@@ -971,7 +981,13 @@ protected:
         change(settings);
         ASSERT_TRUE(m_proxy.GetServer().SetSettings(settings));
     }
-    uint64_t Count(Proxy::CProxyStats::ECounter counter) { return m_proxy.GetServer().GetStats().Get(counter); }
+    // The counters by their public numbers, as a host reads them.
+    uint64_t Count(Proxy::CProxy::ECounter counter) { return m_proxy.GetCounter(counter); }
+    void SetOption(const char* name, const char* value)
+    {
+        std::string error;
+        ASSERT_EQ(m_proxy.SetOption(name, value, &error), Proxy::CProxy::OPTION_OK) << error;
+    }
     // A SOCKS5 tunnel to server1:80 through an echoing link.
     void OpenTunnel(TestClient& client)
     {
@@ -998,7 +1014,7 @@ TEST_F(PolicyTest, HandshakeLimitClosesSilentAndSlowClientsWhileOthersAreServed)
     // The limit is for the handshake alone: the tunnel outlives it.
     std::this_thread::sleep_for(std::chrono::milliseconds(400));
     EXPECT_TRUE(served.Echoes("still here"));
-    EXPECT_EQ(Count(Proxy::CProxyStats::TIMED_OUT), 2u);
+    EXPECT_EQ(Count(Proxy::CProxy::COUNTER_TIMED_OUT), 2u);
 }
 
 TEST_F(PolicyTest, IdleLimitClosesAQuietTunnelButNotABusyOne)
@@ -1015,34 +1031,43 @@ TEST_F(PolicyTest, IdleLimitClosesAQuietTunnelButNotABusyOne)
     }
     EXPECT_TRUE(quiet.WaitForClose(5000));
     EXPECT_TRUE(busy.Echoes("alive after twice the limit"));
-    EXPECT_EQ(Count(Proxy::CProxyStats::TIMED_OUT), 1u);
+    EXPECT_EQ(Count(Proxy::CProxy::COUNTER_TIMED_OUT), 1u);
 }
 
 TEST_F(PolicyTest, AllowListAndClientLimitCloseAtAcceptBeforeAnyByte)
 {
     EchoLinks();
-    Apply([](Proxy::SProxySettings& s) { s.allow = {"127.0.0.2/32", "::1"}; });
+    SetOption("allow", "127.0.0.2/32");
+    SetOption("allow", "::1");
     TestClient outsider;
     ASSERT_TRUE(outsider.Connect(m_port));
     ASSERT_TRUE(outsider.Send(Bytes({5, 1, 0})));
     bool closed = false;
     EXPECT_EQ(outsider.ReadToEnd(&closed, 5000), "");
     EXPECT_TRUE(closed);
-    EXPECT_EQ(Count(Proxy::CProxyStats::REFUSED_NOT_ALLOWED), 1u);
+    EXPECT_EQ(Count(Proxy::CProxy::COUNTER_REFUSED_NOT_ALLOWED), 1u);
 
-    // A bad block changes nothing.
-    Proxy::SProxySettings bad = m_proxy.GetServer().GetSettings();
-    bad.allow = {"127.0.0.0/33"};
-    EXPECT_FALSE(m_proxy.GetServer().SetSettings(bad));
+    // A bad block changes nothing and says why; what is read at start waits for a stop.
+    std::string error;
+    EXPECT_EQ(m_proxy.SetOption("allow", "127.0.0.0/33", &error), Proxy::CProxy::OPTION_BAD_VALUE);
+    EXPECT_NE(error.find("127.0.0.0/33"), std::string::npos);
+    EXPECT_EQ(m_proxy.GetServer().GetSettings().allow, (std::vector<std::string>{"127.0.0.2/32", "::1"}));
+    EXPECT_EQ(m_proxy.SetOption("threads", "2"), Proxy::CProxy::OPTION_RUNNING);
+    EXPECT_EQ(m_proxy.SetOption("listen", "127.0.0.1"), Proxy::CProxy::OPTION_UNKNOWN);
+    EXPECT_EQ(m_proxy.SetOption(nullptr, "1"), Proxy::CProxy::OPTION_UNKNOWN);
+    EXPECT_EQ(m_proxy.SetOption("auth", "alice:$6$salt$hash", &error), Proxy::CProxy::OPTION_BAD_VALUE) << error;
+    EXPECT_EQ(m_proxy.GetCounter(-1) + m_proxy.GetCounter(Proxy::CProxy::COUNTER_HTTP_ORIGIN_REUSES + 1), 0u);
 
-    Apply([](Proxy::SProxySettings& s) { s.allow = {"127.0.0.0/8"}, s.maxClients = 1; });
+    SetOption("allow", nullptr); // every client again
+    SetOption("allow", "127.0.0.0/8");
+    SetOption("max-clients", "1");
     TestClient first;
     OpenTunnel(first);
     TestClient second;
     ASSERT_TRUE(second.Connect(m_port));
     EXPECT_EQ(second.ReadToEnd(&closed, 5000), "");
     EXPECT_TRUE(closed);
-    EXPECT_EQ(Count(Proxy::CProxyStats::REFUSED_OVER_LIMIT), 1u);
+    EXPECT_EQ(Count(Proxy::CProxy::COUNTER_REFUSED_OVER_LIMIT), 1u);
     first.Close();
     m_multiPointLayer.GetLastLink()->CloseFromRemote(); // the host's end too: the tunnel is over
     ASSERT_TRUE(WaitForConnections(0));
