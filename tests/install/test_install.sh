@@ -1,9 +1,10 @@
 #!/bin/bash
 # Installs the build into a temporary prefix and uses it as an application developer would:
 # the example hosts built with find_package and with pkg-config (and, where Debian's libc++ is
-# installed, the C example as a C++ program on libc++), each run against curl. Checks the
-# service files name the prefix they were installed under, and that a staged install (DESTDIR)
-# puts everything under the stage once.
+# installed, the C example as a C++ program on libc++), each run against curl; a C++ host that
+# implements every host interface from zrtproxy.hpp alone, which refuses libc++. Checks that no
+# internal header is installed, the service files name the prefix they were installed under, and
+# that a staged install (DESTDIR) puts everything under the stage once.
 #   test_install.sh BUILD_DIR SOURCE_DIR
 set -euo pipefail
 build=$1
