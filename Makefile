@@ -11,13 +11,13 @@ LISTEN     ?= 127.0.0.1
 # their own and conflict with Debian's npm package.
 PACKAGES := cmake ninja-build g++ clang libc++-14-dev libc++abi-14-dev pkgconf libgtest-dev libgmock-dev libbenchmark-dev \
             libc-ares-dev libcrypt-dev curl ncat proxychains4 nodejs \
-            python3-socks python3-pytest python3-prometheus-client default-jdk haproxy
+            python3-socks python3-pytest python3-prometheus-client default-jdk haproxy abigail-tools
 
 ARMHF_PACKAGES := g++-arm-linux-gnueabihf qemu-user googletest
 
 FUZZ_SECONDS ?= 60
 
-.PHONY: all build deps test run bench test-armhf fuzz clean
+.PHONY: all build deps test run bench test-armhf abi-check fuzz clean
 
 all: build
 
@@ -53,10 +53,16 @@ bench: deps
 # The engine and its unit tests cross-built for 32-bit ARM and run under qemu-arm.
 test-armhf:
 	@$(MAKE) --no-print-directory deps PACKAGES="$(ARMHF_PACKAGES) cmake ninja-build"
+	tools/fetch-armhf-cares build-armhf/target
 	cmake -S . -B build-armhf -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
-	  -DCMAKE_TOOLCHAIN_FILE=cmake/armhf.cmake $(CMAKE_ARGS)
+	  -DCMAKE_TOOLCHAIN_FILE=cmake/armhf.cmake -DZRT_TARGET_ROOTS=$(CURDIR)/build-armhf/target $(CMAKE_ARGS)
 	cmake --build build-armhf -j $(JOBS)
 	cd build-armhf && ctest --output-on-failure -j $(JOBS) --timeout 600 -LE slow
+
+# The library's interface against its baseline in abi/ (BUILD=build-armhf after test-armhf for
+# 32-bit ARM); tools/abi-check BUILD --update records a new one.
+abi-check: build
+	tools/abi-check $(BUILD)
 
 # Every libFuzzer target for FUZZ_SECONDS each (clang, ASan+UBSan+leak checks).
 fuzz: deps

@@ -16,7 +16,7 @@ namespace Api {
 static_assert(SEmbeddedSettings::MAX_LISTEN == Proxy::CProxyServer::MAX_LISTEN_SOCKETS,
               "every listen address the options take gets a socket");
 
-CEmbeddedProxy::CEmbeddedProxy() : m_metrics(m_proxy.GetStats()) {}
+CEmbeddedProxy::CEmbeddedProxy() : m_metrics(m_proxy.GetServer().GetStats()) {}
 
 CEmbeddedProxy::~CEmbeddedProxy()
 {
@@ -97,7 +97,7 @@ bool CEmbeddedProxy::MakeLive(SLive& live, std::string& error) const
 
 bool CEmbeddedProxy::DropsEveryUser(const SLive& live) const
 {
-    return live.proxy.users.empty() && !m_settings.authNone && !m_proxy.GetSettings().users.empty();
+    return live.proxy.users.empty() && !m_settings.authNone && !m_proxy.GetServer().GetSettings().users.empty();
 }
 
 void CEmbeddedProxy::ApplyLive(const SLive& live)
@@ -106,7 +106,7 @@ void CEmbeddedProxy::ApplyLive(const SLive& live)
     // The metrics listener is this machine's own business, never a destination.
     if (m_metrics.GetPort() != 0)
         settings.privatePorts.push_back(static_cast<unsigned int>(m_metrics.GetPort()));
-    m_proxy.SetSettings(settings); // the allow list was checked when it was set
+    m_proxy.GetServer().SetSettings(settings); // the allow list was checked when it was set
     m_log.SetAccessLog(live.accessLog);
     m_log.SetLevel(m_settings.logLevel);
 }
@@ -119,7 +119,7 @@ int CEmbeddedProxy::Start()
     std::string error;
     if (!MakeLive(live, error))
         return Fail(ZRT_E_START, error);
-    std::unique_ptr<Host::CDirectHost> host(new Host::CDirectHost(HostSettings()));
+    std::unique_ptr<Host::CDirectServices> host(new Host::CDirectServices(HostSettings()));
     const std::string problem = host->GetError();
     if (!problem.empty())
         return Fail(ZRT_E_START, problem);
@@ -217,7 +217,7 @@ int CEmbeddedProxy::GetListenPort(int index) const
 void CEmbeddedProxy::GetStats(zrt_proxy_stats_t& stats) const
 {
     using Proxy::CProxyStats;
-    const CProxyStats& counters = m_proxy.GetStats();
+    const CProxyStats& counters = m_proxy.GetServer().GetStats();
     stats.connections_active = counters.Get(CProxyStats::CONNECTIONS_ACTIVE);
     stats.connections_total = counters.Get(CProxyStats::CONNECTIONS_TOTAL);
     stats.socks5_total = counters.Get(CProxyStats::SOCKS5_TOTAL);

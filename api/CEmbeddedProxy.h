@@ -6,7 +6,7 @@
 #include "api/CLogRelay.h"
 #include "api/CMetricsServer.h"
 #include "api/SEmbeddedSettings.h"
-#include "host/CDirectHost.h"
+#include "host/CDirectServices.h"
 #include "proxy/core/CProxy.h"
 #include "zrtproxy/zrtproxy.h"
 
@@ -93,7 +93,7 @@ private:
     // per start.
     std::unique_ptr<QOX::CThreadPool> m_pool;
     // Declared before the proxy, so it goes after it: the proxy uses its services to the end.
-    std::unique_ptr<Host::CDirectHost> m_host;
+    std::unique_ptr<Host::CDirectServices> m_host;
     Proxy::CProxy m_proxy;
     CMetricsServer m_metrics;
     std::string m_lastError; // the controlling thread's

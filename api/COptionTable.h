@@ -3,6 +3,7 @@
 #include <string>
 
 #include "api/SEmbeddedSettings.h"
+#include "transport/COptionText.h"
 
 namespace ZRT {
 namespace Api {
@@ -11,22 +12,16 @@ namespace Api {
 // configuration file know them. One table, so that a new setting is one new row.
 class COptionTable {
 public:
-    enum class EResult { Ok, Unknown, BadValue };
+    using EResult = COptionText::EResult;
+    static constexpr unsigned REPEATABLE = COptionText::REPEATABLE;
+    static constexpr unsigned LIVE = COptionText::LIVE;
 
-    enum EFlags : unsigned {
-        REPEATABLE = 1u, // each value adds to the list; a NULL value empties it
-        LIVE = 2u        // may change while running: staged, applied by a reload
-    };
-
+    // What an option is, for help texts and checks (COptionText::SRow without its setters).
     struct SOption {
         const char* name;
         unsigned flags;
-        const char* value;       // what the value looks like, for help texts: "ADDR", "N", ...
-        const char* description; // one line, with the default
-        // Sets the option from text; false with a reason in error.
-        bool (*set)(SEmbeddedSettings& settings, const std::string& value, std::string& error);
-        // Puts the default back (a list option forgets every value given).
-        void (*reset)(SEmbeddedSettings& settings);
+        const char* value;
+        const char* description;
     };
 
     // Sets name to value (null value: back to its default); error says why when not Ok.

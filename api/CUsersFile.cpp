@@ -7,12 +7,12 @@
 #include <fstream>
 
 #include "api/CCryptVerifier.h"
+#include "proxy/auth/CCredentials.h"
 
 namespace ZRT {
 namespace Api {
 
 namespace {
-const size_t MAX_PART = 255; // what one length byte of SOCKS5 username/password carries
 const char SPACE[] = " \t";
 
 // The line without its comment ('#' at its start or after white space) and outer spaces.
@@ -47,21 +47,8 @@ bool IsRegularFile(const std::string& path, std::string& error)
 
 bool CUsersFile::ParseEntry(const std::string& text, std::string& user, std::string& password, std::string& error)
 {
-    const size_t colon = text.find(':');
-    if (colon == std::string::npos) {
-        error = "expected user:password";
+    if (!Proxy::CCredentials::ParseEntry(text, user, password, error))
         return false;
-    }
-    user = text.substr(0, colon);
-    password = text.substr(colon + 1);
-    if (user.empty()) {
-        error = "the user name is empty";
-        return false;
-    }
-    if (user.size() > MAX_PART || password.size() > MAX_PART) {
-        error = "user name and password are limited to 255 bytes each";
-        return false;
-    }
     std::string reason;
     if (CCryptVerifier::LooksLikeHash(password) && !CCryptVerifier::IsUsable(password, reason)) {
         error = "the hash of '" + user + "': " + reason;

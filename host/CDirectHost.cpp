@@ -1,124 +1,102 @@
 #include "host/CDirectHost.h"
 
-#include "host/CDirectConnectionListener.h"
-#include "host/CDirectDatagramHandler.h"
-#include "host/CDirectMultiPointLayer.h"
-#include "host/CDirectResolver.h"
-#include "transport/CEventLoopPool.h"
-#include "host/CHookNameService.h"
-#include "host/CSocketPreparer.h"
-#include "host/INameService.h"
-
-#if defined(ZRT_WITH_CARES)
-#include "host/CAresNameService.h"
-#else
-#include "host/CThreadNameService.h"
-#endif
+#include "host/CDirectHostOptions.h"
+#include "host/CDirectServices.h"
 
 namespace ZRT {
 namespace Host {
 
-namespace {
-CSocketPreparer::SOutgoing OutgoingOf(const SDirectHostSettings& settings)
-{
-    CSocketPreparer::SOutgoing outgoing;
-    outgoing.ipv4 = settings.outgoingIPv4;
-    outgoing.ipv6 = settings.outgoingIPv6;
-    outgoing.interfaceName = settings.outgoingInterface;
-    return outgoing;
-}
-
-QOX::SThreadHooks HooksOf(const SDirectHostSettings& settings)
-{
-    QOX::SThreadHooks hooks;
-    hooks.onStart = settings.threadStart;
-    hooks.onStop = settings.threadStop;
-    hooks.context = settings.threadContext;
-    return hooks;
-}
-
-std::unique_ptr<INameService> MakeNameService(CEventLoopPool& loops, const SDirectHostSettings& settings,
-                                              const CSocketPreparer& preparer, bool& ready)
-{
-    if (settings.resolveHook) {
-        ready = true;
-        return std::unique_ptr<INameService>(
-            new CHookNameService(loops.Next(), settings.resolveHook, settings.lookupTimeoutMs));
-    }
-#if defined(ZRT_WITH_CARES)
-    std::unique_ptr<CAresNameService> names(
-        new CAresNameService(loops.Next(), settings.dnsServers, settings.lookupTimeoutMs, preparer));
-    ready = names->IsReady();
-    return std::unique_ptr<INameService>(names.release());
-#else
-    (void)preparer;
-    // Without c-ares the C library chooses the servers: a list of our own cannot be honoured.
-    ready = settings.dnsServers.empty();
-    return std::unique_ptr<INameService>(new CThreadNameService(HooksOf(settings)));
-#endif
-}
-} // namespace
-
-// Members go in reverse order: the services stop their sockets while the loops still run, and
-// the loops (whose destructor waits for their threads) go last.
-struct CDirectHost::SServices {
-    explicit SServices(const SDirectHostSettings& settings)
-        : dnsServers(settings.dnsServers), preparer(settings.socketHook, OutgoingOf(settings)), loops(settings.transportThreads, HooksOf(settings)),
-          names(MakeNameService(loops, settings, preparer, namesReady)), multiPointLayer(loops, preparer),
-          resolver(*names), datagramHandler(loops, preparer),
-          connectionListener(loops, settings.bindIPv4, settings.bindIPv6), outgoingProblem(preparer.Check())
-    {
-    }
-
-    std::string dnsServers;
-    CSocketPreparer preparer;
-    CEventLoopPool loops;
-    bool namesReady = false; // before names, whose making sets it
-    std::unique_ptr<INameService> names;
-    CDirectMultiPointLayer multiPointLayer;
-    CDirectResolver resolver;
-    CDirectDatagramHandler datagramHandler;
-    CDirectConnectionListener connectionListener;
-    const std::string outgoingProblem;
+struct CDirectHost::SParts {
+    SDirectHostSettings settings;
+    std::unique_ptr<CDirectServices> services;
 };
 
-CDirectHost::CDirectHost(const SDirectHostSettings& settings) : m_services(new SServices(settings)) {}
+CDirectHost::CDirectHost() : m_parts(new SParts()) {}
 
 CDirectHost::~CDirectHost() = default;
 
+int CDirectHost::SetOption(const char* name, const char* value, std::string* error)
+{
+    std::string reason;
+    int result = OPTION_OK;
+    if (!name) {
+        reason = "no option name given";
+        result = OPTION_UNKNOWN;
+    } else if (m_parts->services) {
+        reason = std::string("option '") + name + "' cannot change once the services run";
+        result = OPTION_RUNNING;
+    } else {
+        switch (CDirectHostOptions::Apply(m_parts->settings, name, value, reason)) {
+        case COptionText::EResult::Ok:
+            break;
+        case COptionText::EResult::Unknown:
+            result = OPTION_UNKNOWN;
+            break;
+        case COptionText::EResult::BadValue:
+            result = OPTION_BAD_VALUE;
+            break;
+        }
+    }
+    if (error)
+        *error = reason;
+    return result;
+}
+
+void CDirectHost::SetThreadHooks(void (*onStart)(void* context), void (*onStop)(void* context), void* context)
+{
+    m_parts->settings.threadStart = onStart;
+    m_parts->settings.threadStop = onStop;
+    m_parts->settings.threadContext = context;
+}
+
+void CDirectHost::SetSocketHook(int (*hook)(void* context, int socket), void* context)
+{
+    if (!hook) {
+        m_parts->settings.socketHook = nullptr;
+        return;
+    }
+    m_parts->settings.socketHook = [hook, context](int socket) { return hook(context, socket) == 0; };
+}
+
+bool CDirectHost::Start()
+{
+    if (!m_parts->services)
+        m_parts->services.reset(new CDirectServices(m_parts->settings));
+    return IsRunning();
+}
+
 bool CDirectHost::IsRunning() const
 {
-    return GetError().empty();
+    return m_parts->services && m_parts->services->GetError().empty();
 }
 
 std::string CDirectHost::GetError() const
 {
-    if (!m_services->loops.IsRunning())
-        return "cannot start the transport threads";
-    if (!m_services->namesReady)
-        return m_services->dnsServers.empty() ? "cannot start the name service"
-                                              : "cannot use the DNS servers '" + m_services->dnsServers + "'";
-    return m_services->outgoingProblem;
+    return m_parts->services ? m_parts->services->GetError() : "the services have not been started";
 }
 
 IZRTMultiPointLayer& CDirectHost::GetMultiPointLayer()
 {
-    return m_services->multiPointLayer;
+    Start();
+    return m_parts->services->GetMultiPointLayer();
 }
 
 IResolveAddress& CDirectHost::GetResolver()
 {
-    return m_services->resolver;
+    Start();
+    return m_parts->services->GetResolver();
 }
 
 IDatagramHandler& CDirectHost::GetDatagramHandler()
 {
-    return m_services->datagramHandler;
+    Start();
+    return m_parts->services->GetDatagramHandler();
 }
 
 IConnectionListener& CDirectHost::GetConnectionListener()
 {
-    return m_services->connectionListener;
+    Start();
+    return m_parts->services->GetConnectionListener();
 }
 
 } // namespace Host

@@ -3,7 +3,6 @@
 #include <memory>
 #include <string>
 
-#include "host/SDirectHostSettings.h"
 #include "runtime/Export.h"
 #include "transport/IConnectionListener.h"
 #include "transport/IDatagramHandler.h"
@@ -14,20 +13,39 @@ namespace ZRT {
 namespace Host {
 
 // The four host services on real sockets of this machine, sharing a few transport threads (name
-// lookups run on the first of them). It must outlive every use the engine makes of them: stop
-// the engine first. Its destructor returns when none of its threads runs any more.
+// lookups run on the first of them), for a C++ host to mix with services of its own. Set it up
+// by option and hook, then Start; it must outlive every use the engine makes of the services:
+// stop the engine first. Its destructor returns when none of its threads runs any more. Its
+// layout stays as it is for as long as the library's SONAME does: new settings are new option
+// names.
 //
-// Threads: the host's controlling thread makes and destroys it; the queries and the services
-// they return may be used from any thread.
+// Threads: one thread at a time controls it (the setters, Start, the destructor); the services
+// are used as their interfaces say.
 class ZRT_EXPORT CDirectHost {
 public:
-    explicit CDirectHost(const SDirectHostSettings& settings = SDirectHostSettings());
+    // SetOption's results: the values of CProxy's (and the C interface's).
+    enum EOptionResult { OPTION_OK = 0, OPTION_UNKNOWN = -2, OPTION_BAD_VALUE = -3, OPTION_RUNNING = -4 };
+
+    CDirectHost();
     ~CDirectHost();
     CDirectHost(const CDirectHost&) = delete;
     CDirectHost& operator=(const CDirectHost&) = delete;
 
-    // False when the transport threads or the name service could not start, or the outgoing
-    // address or interface cannot be used; GetError says which.
+    // One setting by the C interface's name and with its value syntax, before Start: dns-server,
+    // lookup-timeout, outgoing-address, outgoing-interface, transport-threads. A null value puts
+    // the default back. OPTION_RUNNING once started; a reason for a failure goes to *error.
+    int SetOption(const char* name, const char* value, std::string* error = nullptr);
+    // Run first and last on every thread the services start. Before Start.
+    void SetThreadHooks(void (*onStart)(void* context), void (*onStop)(void* context), void* context);
+    // Sees every socket towards the outside (TCP to destinations, UDP for datagrams and name
+    // lookups) before it connects, binds or sends; non-zero refuses that use of it. Called on the
+    // services' or the engine's threads, possibly several at once. Before Start.
+    void SetSocketHook(int (*hook)(void* context, int socket), void* context);
+
+    // Starts the services with the settings given so far; false when the transport threads or
+    // the name service could not start, or the outgoing address or interface cannot be used
+    // (GetError says which). The Get functions below start them too, when nobody did.
+    bool Start();
     bool IsRunning() const;
     std::string GetError() const;
     IZRTMultiPointLayer& GetMultiPointLayer();
@@ -36,8 +54,8 @@ public:
     IConnectionListener& GetConnectionListener();
 
 private:
-    struct SServices;
-    std::unique_ptr<SServices> m_services;
+    struct SParts;
+    std::unique_ptr<SParts> m_parts;
 };
 
 } // namespace Host

@@ -21,9 +21,9 @@ namespace Host {
 // address on failure, unless it was cancelled (CancelRequest) first. IPv4 results are preferred,
 // as local services often listen on 127.0.0.1 only.
 //
-// RemoveNotification never waits for an answer being delivered: its caller may hold the lock that
-// the delivery is waiting for. It marks the registration removed, so no answer starts towards it
-// afterwards; one that had already started may still finish.
+// RemoveNotification never waits for an answer being delivered (the engine waits for those
+// itself): it marks the registration removed, so no answer starts towards it afterwards; one
+// that had already started may still finish.
 //
 // Threads: every operation comes from any thread. Numeric answers are called on the caller's
 // thread, inside ResolveAddressAsync; names on the thread the name service answers on.

@@ -13,7 +13,8 @@ public:
     // Returns the address connections are awaited on, or empty on failure.
     virtual QOX::CRefCountPtr<IZRTConnectionAddress> StartListening(const IZRTConnectionAddress& address, int count,
                                                                     IConnectionReceiver* receiver) = 0;
-    // Given the address StartListening returned; afterwards no call reaches that receiver.
+    // Given the address StartListening returned; afterwards no call reaches that receiver: one
+    // running on another thread is waited for (the engine may free the receiver at once).
     virtual void StopListening(const IZRTConnectionAddress& address) = 0;
 };
 

@@ -83,9 +83,18 @@ int main(int argc, char** argv)
     // The services outlive the proxy: declared first, destroyed last.
     ZRT::Host::CDirectHost host;
     ZRT::Proxy::CProxy proxy;
-    if (!host.IsRunning() ||
-        !proxy.StartProxy("127.0.0.1", std::stoi(argv[1]), &resolver, &host.GetMultiPointLayer(),
-                          &host.GetDatagramHandler(), &host.GetConnectionListener())) {
+    std::string error;
+    if (proxy.SetOption("idle-timeout", "600", &error) != ZRT::Proxy::CProxy::OPTION_OK) {
+        std::fprintf(stderr, "cpp-host: %s\n", error.c_str());
+        return 1;
+    }
+    if (!host.Start()) {
+        std::fprintf(stderr, "cpp-host: %s\n", host.GetError().c_str());
+        return 1;
+    }
+    // On 127.0.0.1, as the C interface.
+    if (!proxy.StartProxy(std::stoi(argv[1]), &resolver, &host.GetMultiPointLayer(), &host.GetDatagramHandler(),
+                          &host.GetConnectionListener())) {
         std::fprintf(stderr, "cpp-host: %s\n", proxy.GetStartError().c_str());
         return 1;
     }
@@ -95,6 +104,6 @@ int main(int argc, char** argv)
     sigwait(&stop, &received);
     proxy.StopProxy();
     std::printf("connections %llu\n",
-                static_cast<unsigned long long>(proxy.GetStats().Get(ZRT::Proxy::CProxyStats::CONNECTIONS_TOTAL)));
+                static_cast<unsigned long long>(proxy.GetCounter(ZRT::Proxy::CProxy::COUNTER_CONNECTIONS_TOTAL)));
     return 0;
 }

@@ -12,6 +12,38 @@ namespace Proxy {
 class CCredentials {
 public:
     using Users = std::map<std::string, std::string>;
+    // What one length byte of SOCKS5 username/password carries.
+    static constexpr size_t MAX_PART = 255;
+
+    // One "user:password" as an operator writes it: false with a reason for a missing colon, an
+    // empty name or a part longer than SOCKS5 carries.
+    static bool ParseEntry(const std::string& text, std::string& user, std::string& password, std::string& error)
+    {
+        const size_t colon = text.find(':');
+        if (colon == std::string::npos) {
+            error = "expected user:password";
+            return false;
+        }
+        user = text.substr(0, colon);
+        password = text.substr(colon + 1);
+        if (user.empty()) {
+            error = "the user name is empty";
+            return false;
+        }
+        if (user.size() > MAX_PART || password.size() > MAX_PART) {
+            error = "user name and password are limited to 255 bytes each";
+            return false;
+        }
+        return true;
+    }
+
+    // Whether a stored password is written as a crypt(3) hash ("$ID$..."): such an entry needs a
+    // verifier and is never compared as the password itself.
+    static bool LooksLikeHash(const std::string& stored)
+    {
+        const size_t end = stored.find('$', 1);
+        return stored.size() > 3 && stored[0] == '$' && end != std::string::npos && end <= 3;
+    }
 
     static bool Check(const Users& users, const std::string& user, const std::string& password)
     {

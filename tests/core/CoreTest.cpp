@@ -328,10 +328,10 @@ TEST_F(ProxyTest, RelaysBothWaysOverOneLinkPerConnectionOrNoneWhenTheHostFails)
 TEST_F(ProxyTest, ABalancersHeaderPutsTheClientInItsPlaceAndNothingElseIsServed)
 {
     EchoLinks();
-    Proxy::SProxySettings settings = m_proxy.GetSettings();
+    Proxy::SProxySettings settings = m_proxy.GetServer().GetSettings();
     settings.proxyProtocolFrom = {"127.0.0.0/30"};
     settings.maxClientsPerSource = 1;
-    ASSERT_TRUE(m_proxy.SetSettings(settings));
+    ASSERT_TRUE(m_proxy.GetServer().SetSettings(settings));
     const auto carrying = [this](TestClient& client, const std::string& header) {
         return client.Connect(m_port) && client.Send(header + "go") && client.Read(2) == "go";
     };
@@ -355,14 +355,14 @@ TEST_F(ProxyTest, ABalancersHeaderPutsTheClientInItsPlaceAndNothingElseIsServed)
     EXPECT_TRUE(carrying(back, line("192.0.2.7")));
 
     settings.handshakeTimeoutMs = 300;
-    ASSERT_TRUE(m_proxy.SetSettings(settings));
+    ASSERT_TRUE(m_proxy.GetServer().SetSettings(settings));
     TestClient bad;
     TestClient silent;
     ASSERT_TRUE(bad.Connect(m_port) && bad.Send("PROXY TCP4 192.0.2.9\r\ngo"));
     ASSERT_TRUE(silent.Connect(m_port));
     EXPECT_TRUE(bad.WaitForClose());
     EXPECT_TRUE(silent.WaitForClose());
-    const Proxy::CProxyStats& stats = m_proxy.GetStats();
+    const Proxy::CProxyStats& stats = m_proxy.GetServer().GetStats();
     EXPECT_EQ(stats.Get(Proxy::CProxyStats::REFUSED_BAD_REQUEST), 2u);
     EXPECT_EQ(stats.Get(Proxy::CProxyStats::REFUSED_SOURCE_LIMIT), 1u);
     EXPECT_EQ(HandlerCount(), 4u);
@@ -651,6 +651,16 @@ TEST_F(ProxyTest, StartingAgainKeepsThePortUnlessTheServicesChangeAndATakenPortF
     EXPECT_FALSE(m_proxy.IsConnected());
 }
 
+TEST_F(ProxyTest, AStartOnAPortAloneListensOnLoopbackOnly)
+{
+    m_proxy.StopProxy();
+    ASSERT_TRUE(m_proxy.StartProxy(0, &m_resolver, &m_multiPointLayer, &m_datagramHandler, &m_connectionListener));
+    TestClient local;
+    EXPECT_TRUE(local.Connect(m_proxy.GetListenPort(), "127.0.0.1"));
+    TestClient elsewhere; // 0.0.0.0 would take it
+    EXPECT_FALSE(elsewhere.Connect(m_proxy.GetListenPort(), "127.0.0.2"));
+}
+
 TEST_F(ProxyTest, ParallelShortClientsAreServedAndAStopEndsThoseMidExchangeLeavingNothingBehind)
 {
     // Links echo, except "hold" (an exchange the stop catches in the middle); after "bye" the
@@ -777,11 +787,11 @@ protected:
     }
     void Apply(const std::function<void(Proxy::SProxySettings&)>& change)
     {
-        Proxy::SProxySettings settings = m_proxy.GetSettings();
+        Proxy::SProxySettings settings = m_proxy.GetServer().GetSettings();
         change(settings);
-        ASSERT_TRUE(m_proxy.SetSettings(settings));
+        ASSERT_TRUE(m_proxy.GetServer().SetSettings(settings));
     }
-    uint64_t Count(Proxy::CProxyStats::ECounter counter) { return m_proxy.GetStats().Get(counter); }
+    uint64_t Count(Proxy::CProxyStats::ECounter counter) { return m_proxy.GetServer().GetStats().Get(counter); }
     // Greeting and request; returns the first reply (10 bytes for an IPv4 address).
     std::string Socks5Request(TestClient& client, const std::string& request)
     {
@@ -891,9 +901,9 @@ private:
 TEST_F(ProxyTest, AHostConnectThatBlocksHoldsUpNoOtherClient)
 {
     m_proxy.StopProxy();
-    Proxy::SProxySettings settings = m_proxy.GetSettings();
+    Proxy::SProxySettings settings = m_proxy.GetServer().GetSettings();
     settings.eventThreads = 1;
-    ASSERT_TRUE(m_proxy.SetSettings(settings));
+    ASSERT_TRUE(m_proxy.GetServer().SetSettings(settings));
     BlockingLayer blocking;
     ASSERT_TRUE(m_proxy.StartProxy("127.0.0.1", 0, &m_resolver, &blocking, &m_datagramHandler, &m_connectionListener));
     const int port = m_proxy.GetListenPort();

@@ -24,6 +24,7 @@
 #include "fakes/TestSockets.h"
 #include "host/CAresNameService.h"
 #include "host/CDirectConnectionListener.h"
+#include "host/CDirectHost.h"
 #include "host/CDirectDatagramHandler.h"
 #include "host/CDirectMultiPointLayer.h"
 #include "host/CDirectResolver.h"
@@ -714,6 +715,45 @@ TEST_F(DirectDatagramHandlerTest, RoundTripWithIPv4AndIPv6Peers)
         TestSockets::Close(peer);
     }
     m_handler.UnregisterReceiver(handle);
+}
+
+// A C++ host sets the direct host up by option, then starts it; its socket hook sees every
+// socket towards the outside and may refuse it.
+TEST(DirectHostTest, OptionsGoBeforeStartAndTheSocketHookDecides)
+{
+    CDirectHost host;
+    std::string error;
+    EXPECT_EQ(host.SetOption("max-clients", "1"), CDirectHost::OPTION_UNKNOWN); // the engine's
+    EXPECT_EQ(host.SetOption("transport-threads", "0", &error), CDirectHost::OPTION_BAD_VALUE);
+    EXPECT_NE(error.find("transport-threads"), std::string::npos);
+    EXPECT_FALSE(host.IsRunning());
+    struct SHook {
+        std::atomic<int> seen{0};
+        std::atomic<int> verdict{0};
+    } hook;
+    host.SetSocketHook(
+        [](void* context, int) {
+            auto* self = static_cast<SHook*>(context);
+            ++self->seen;
+            return self->verdict.load();
+        },
+        &hook);
+    ASSERT_EQ(host.SetOption("transport-threads", "1"), CDirectHost::OPTION_OK);
+    ASSERT_TRUE(host.Start()) << host.GetError();
+    EXPECT_EQ(host.SetOption("transport-threads", "2"), CDirectHost::OPTION_RUNNING);
+    RecordingReceiver receiver;
+    const CTCPIPAddress any(0, 0, 0, 0, 0);
+    const int handle = host.GetDatagramHandler().RegisterReceiver(any, &receiver);
+    EXPECT_NE(handle, -1);
+    host.GetDatagramHandler().UnregisterReceiver(handle);
+    hook.verdict = 1;
+    EXPECT_EQ(host.GetDatagramHandler().RegisterReceiver(any, &receiver), -1);
+    EXPECT_EQ(hook.seen.load(), 2);
+
+    CDirectHost elsewhere;
+    ASSERT_EQ(elsewhere.SetOption("outgoing-interface", "zrt-none0"), CDirectHost::OPTION_OK);
+    EXPECT_FALSE(elsewhere.Start());
+    EXPECT_NE(elsewhere.GetError().find("zrt-none0"), std::string::npos);
 }
 
 TEST_F(DirectDatagramHandlerTest, UnregisterWaitsForADeliveryAndStopsAllOthers)

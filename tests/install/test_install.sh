@@ -1,9 +1,10 @@
 #!/bin/bash
 # Installs the build into a temporary prefix and uses it as an application developer would:
 # the example hosts built with find_package and with pkg-config (and, where Debian's libc++ is
-# installed, the C example as a C++ program on libc++), each run against curl. Checks the
-# service files name the prefix they were installed under, and that a staged install (DESTDIR)
-# puts everything under the stage once.
+# installed, the C example as a C++ program on libc++), each run against curl; a C++ host that
+# implements every host interface from zrtproxy.hpp alone, which refuses libc++. Checks that no
+# internal header is installed, the service files name the prefix they were installed under, and
+# that a staged install (DESTDIR) puts everything under the stage once.
 #   test_install.sh BUILD_DIR SOURCE_DIR
 set -euo pipefail
 build=$1
@@ -21,12 +22,17 @@ prefix=$work/prefix
 cmake --install "$build" --prefix "$prefix" >/dev/null
 libdir=$(cd "$prefix" && ls -d lib*/ | head -1)
 libdir=${libdir%/}
-[ -L "$prefix/$libdir/libzrtproxy.so.0" ] || fail "no SONAME link libzrtproxy.so.0"
+soname=$(readelf -d "$build/libzrtproxy.so" | sed -n 's/.*(SONAME).*\[\(.*\)\]/\1/p')
+[ -L "$prefix/$libdir/$soname" ] || fail "no SONAME link $soname"
 [ -L "$prefix/$libdir/libzrtproxy.so" ] || fail "no development link libzrtproxy.so"
 [ -f "$prefix/include/zrtproxy/zrtproxy.h" ] || fail "no C header"
 [ -f "$prefix/include/zrtproxy/proxy/core/CProxy.h" ] || fail "no C++ header"
 [ -f "$prefix/$libdir/pkgconfig/zrtproxy.pc" ] || fail "no pkg-config file"
 [ -f "$prefix/$libdir/cmake/zrtproxy/zrtproxyConfig.cmake" ] || fail "no CMake package"
+[ -f "$prefix/$libdir/cmake/zrtproxy/armhf.cmake" ] || fail "no 32-bit ARM toolchain file"
+for internal in proxy/core/SProxySettings.h proxy/core/CProxyStats.h host/SDirectHostSettings.h; do
+    [ ! -e "$prefix/include/zrtproxy/$internal" ] || fail "an internal header is installed: $internal"
+done
 "$prefix/bin/zrt-proxy" --version | grep -q '^zrt-proxy [0-9]' || fail "the installed daemon does not run"
 for folder in runtime transport proxy host; do
     [ ! -e "$prefix/include/$folder" ] || fail "headers in a generic folder include/$folder"
@@ -128,8 +134,20 @@ if command -v clang >/dev/null; then
     check_c_host c-host-clang "$work/c-host-clang"
 fi
 
-# 3. Another C++ standard library: the C interface does not care.
+# 3. zrtproxy.hpp alone suffices to implement every host interface and drive a CProxy.
+c++ -std=c++17 -Wall -Wextra -Werror "$source/tests/install/host_interfaces.cpp" -o "$work/host-interfaces" $flags $rpath
+"$work/host-interfaces" >"$work/host-interfaces.out" || fail "host_interfaces: $(cat "$work/host-interfaces.out")"
+grep -q "^started [1-9]" "$work/host-interfaces.out" && grep -q "^connections 0" "$work/host-interfaces.out" ||
+    fail "host_interfaces: $(cat "$work/host-interfaces.out")"
+echo "ok: zrtproxy.hpp alone"
+
+# 4. Another C++ standard library: the C interface does not care; the C++ one refuses to compile.
 if command -v clang++-14 >/dev/null && [ -e /usr/lib/llvm-14/include/c++/v1/string ]; then
+    if clang++-14 -stdlib=libc++ -std=c++17 -c "$source/tests/install/host_interfaces.cpp" -o "$work/libcxx.o" \
+        $flags 2>"$work/libcxx.err"; then
+        fail "zrtproxy.hpp accepted libc++ against a libstdc++ library"
+    fi
+    grep -q "another C++ standard library" "$work/libcxx.err" || fail "libc++ refused unclearly: $(head -5 "$work/libcxx.err")"
     clang++-14 -stdlib=libc++ -x c++ "$source/examples/c-host/main.c" -o "$work/c-host-libcxx" $flags $rpath
     ldd "$work/c-host-libcxx" >"$work/libcxx.ldd" # grep -q in a pipe would cut ldd short (pipefail)
     grep -q 'libc++.so' "$work/libcxx.ldd" || fail "the libc++ build does not use libc++"

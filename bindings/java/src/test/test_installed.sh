@@ -13,6 +13,6 @@ jni=$(find "$prefix" -name libzrtproxy_jni.so)
 jar=$prefix/share/java/zrtproxy.jar
 [ -n "$jni" ] || { echo "FAIL: no libzrtproxy_jni.so installed" >&2; exit 1; }
 [ -f "$jar" ] || { echo "FAIL: no share/java/zrtproxy.jar installed" >&2; exit 1; }
-[ -e "$(dirname "$jni")/libzrtproxy.so.0" ] || { echo "FAIL: the JNI library is not beside libzrtproxy" >&2; exit 1; }
+[ -e "$(dirname "$jni")/libzrtproxy.so" ] || { echo "FAIL: the JNI library is not beside libzrtproxy" >&2; exit 1; }
 unset LD_LIBRARY_PATH
 "$java" -ea -Xcheck:jni -Djava.library.path="$(dirname "$jni")" -cp "$jar:$test_jar" zrt.proxy.ZrtProxyTest options_and_errors
