@@ -4,7 +4,9 @@
 
 #include <poll.h>
 
+#include <atomic>
 #include <cstring>
+#include <future>
 #include <initializer_list>
 #include <memory>
 #include <string>
@@ -354,13 +356,25 @@ INSTANTIATE_TEST_SUITE_P(
     [](const ::testing::TestParamInfo<SAuthRefusal>& info) { return std::string(info.param.name); });
 
 // "hash:PASSWORD" entries stand for crypt(3) hashes, checked on another thread.
+// Its hashes take until the test lets them finish, so what the handler does meanwhile is seen.
 class HashVerifier : public Proxy::IPasswordVerifier {
 public:
     bool Recognizes(const std::string& stored) const override { return stored.rfind("hash:", 0) == 0; }
     bool Verify(const std::string& stored, const std::string& password) const override
     {
+        m_finish.wait();
         return stored == "hash:" + password;
     }
+    void Finish()
+    {
+        if (!m_finished.exchange(true))
+            m_release.set_value();
+    }
+
+private:
+    std::atomic<bool> m_finished{false};
+    std::promise<void> m_release;
+    std::shared_future<void> m_finish{m_release.get_future().share()};
 };
 
 class Socks5HashedAuthTest : public Socks5Fixture {
@@ -368,9 +382,13 @@ protected:
     void SetUp() override
     {
         m_connection.Settings().users = {{"alice", "hash:s3cret"}};
-        m_connection.Settings().passwordVerifier = std::make_shared<HashVerifier>();
+        m_connection.Settings().passwordVerifier = m_verifier;
         Socks5Fixture::SetUp();
     }
+    void TearDown() override { m_verifier->Finish(); }
+
+    // Finished at the latest at the end, so no hash outlives the test.
+    std::shared_ptr<HashVerifier> m_verifier = std::make_shared<HashVerifier>();
 };
 
 TEST_F(Socks5HashedAuthTest, TheAnswerWaitsForTheHashAndTheBytesBehindItForTheAnswer)
@@ -379,6 +397,7 @@ TEST_F(Socks5HashedAuthTest, TheAnswerWaitsForTheHashAndTheBytesBehindItForTheAn
     // Nothing is answered on this thread while the hash is computed on another.
     EXPECT_EQ(EState::Login, m_handler->GetState());
     EXPECT_EQ(Bytes({5, 2}), m_connection.GetToClient());
+    m_verifier->Finish();
     ASSERT_TRUE(m_connection.RunWhenWoken());
     EXPECT_EQ(Bytes({5, 2, 1, 0}) + CommandReply(0), m_connection.GetToClient());
     EXPECT_EQ("payload", m_connection.GetToHost());
@@ -389,6 +408,7 @@ class Socks5HashedRefusalTest : public Socks5HashedAuthTest, public ::testing::W
 TEST_P(Socks5HashedRefusalTest, WrongHashedPasswordsAndUnknownNamesFailAlike)
 {
     Send(Bytes({5, 1, 2}) + Credentials(GetParam(), "guess"));
+    m_verifier->Finish();
     ASSERT_TRUE(m_connection.RunWhenWoken());
     EXPECT_EQ(Bytes({5, 2, 1, 1}), m_connection.GetToClient());
     EXPECT_TRUE(Dropped());
