@@ -114,7 +114,15 @@ uint64_t CAresNameService::Start(const std::string& host, Answer answer)
 
 void CAresNameService::Abandon(uint64_t id)
 {
+    {
+        const std::lock_guard<std::mutex> lock(m_abandonLock);
+        m_abandoned.insert(id);
+    }
     m_loop.Post([this, id] {
+        {
+            const std::lock_guard<std::mutex> lock(m_abandonLock);
+            m_abandoned.erase(id);
+        }
         const auto lookup = m_lookups.find(id);
         if (lookup == m_lookups.end())
             return;
@@ -178,6 +186,11 @@ void CAresNameService::Finish(uint64_t id, const std::vector<sockaddr_storage>& 
         m_loop.CancelDelayed(lookup->second.timer);
     Answer answer = std::move(lookup->second.answer);
     m_lookups.erase(lookup);
+    {
+        const std::lock_guard<std::mutex> lock(m_abandonLock);
+        if (m_abandoned.count(id) != 0)
+            return;
+    }
     answer(addresses);
 }
 

@@ -9,6 +9,8 @@
 #include <cstdint>
 #include <map>
 #include <memory>
+#include <mutex>
+#include <set>
 #include <string>
 
 #include "transport/CEventLoop.h"
@@ -77,6 +79,10 @@ private:
     uint64_t m_timeoutTimer = 0;
     // Ids handed out by Start, from any thread.
     std::atomic<uint64_t> m_nextId{1};
+    // Guards m_abandoned: Abandon marks a lookup at once on its caller's thread, so no answer
+    // starts after it returns, though the loop forgets the lookup later.
+    std::mutex m_abandonLock;
+    std::set<uint64_t> m_abandoned;
 };
 
 } // namespace Host
