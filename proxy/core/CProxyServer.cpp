@@ -123,6 +123,19 @@ bool CProxyServer::StartProxy(const std::vector<std::string>& listenAddresses, i
     m_multiPointLayer = multiPointLayer;
     m_datagramHandler = datagramHandler;
     m_connectionListener = connectionListener;
+    PrepareRun(listenAddresses);
+    if (WatchListeners()) {
+        m_originPool.Start(&m_loops->At(0));
+        for (size_t i = 0; m_observer && i < m_listenSockets.size(); ++i)
+            m_observer->OnStarted(listenAddresses[i], m_listenPorts[i]);
+        return true;
+    }
+    StopProxy();
+    return FailStart("cannot start the event threads");
+}
+
+void CProxyServer::PrepareRun(const std::vector<std::string>& listenAddresses)
+{
     m_loginGuard.SetThreadPool(m_pool);
     m_connectHelpers.Configure(m_pool ? m_pool->GetHooks() : QOX::SThreadHooks(), GetSettings().connectHelpers);
     // Loops back into the proxy are recognized by any of its ports.
@@ -137,31 +150,27 @@ bool CProxyServer::StartProxy(const std::vector<std::string>& listenAddresses, i
     if (threads <= 0)
         threads = DefaultEventThreads(static_cast<int>(std::thread::hardware_concurrency()));
     m_loops.reset(m_pool ? new CEventLoopPool(threads, *m_pool) : new CEventLoopPool(threads));
+}
+
+// Every listening socket on every loop; false when a loop or a watch failed.
+bool CProxyServer::WatchListeners()
+{
     bool watched = m_loops->IsRunning();
-    {
-        std::lock_guard<std::mutex> hold(m_mutex);
-        m_stopping = false;
-        m_listeners.clear();
-        // Reserved whole: a loop accepting on an early entry must not see the list move.
-        m_listeners.reserve(m_listenSockets.size() * m_loops->Size());
-        for (const int socket : m_listenSockets) {
-            for (size_t i = 0; i < m_loops->Size() && watched; ++i) {
-                const size_t listener = m_listeners.size();
-                CEventLoop& loop = m_loops->At(i);
-                m_listeners.push_back(SListener{&loop, socket, new CListenWatch(*this, listener, socket, loop), 0});
-                WatchListenerLocked(listener);
-                watched = m_listeners[listener].token != 0;
-            }
+    std::lock_guard<std::mutex> hold(m_mutex);
+    m_stopping = false;
+    m_listeners.clear();
+    // Reserved whole: a loop accepting on an early entry must not see the list move.
+    m_listeners.reserve(m_listenSockets.size() * m_loops->Size());
+    for (const int socket : m_listenSockets) {
+        for (size_t i = 0; i < m_loops->Size() && watched; ++i) {
+            const size_t listener = m_listeners.size();
+            CEventLoop& loop = m_loops->At(i);
+            m_listeners.push_back(SListener{&loop, socket, new CListenWatch(*this, listener, socket, loop), 0});
+            WatchListenerLocked(listener);
+            watched = m_listeners[listener].token != 0;
         }
     }
-    if (watched) {
-        m_originPool.Start(&m_loops->At(0));
-        for (size_t i = 0; m_observer && i < m_listenSockets.size(); ++i)
-            m_observer->OnStarted(listenAddresses[i], m_listenPorts[i]);
-        return true;
-    }
-    StopProxy();
-    return FailStart("cannot start the event threads");
+    return watched;
 }
 
 bool CProxyServer::OpenListenSockets(const std::vector<std::string>& listenAddresses, int port)

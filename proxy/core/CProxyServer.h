@@ -181,6 +181,9 @@ private:
     // -1 (and the start error set) on failure; ipv6Only for an IPv6 socket beside others.
     int OpenListenSocket(const std::string& listenAddress, int port, bool ipv6Only);
     // Every socket or none: on failure the opened ones are closed again and false returned.
+    // Ports, warnings and event threads of a run about to start.
+    void PrepareRun(const std::vector<std::string>& listenAddresses);
+    bool WatchListeners();
     bool OpenListenSockets(const std::vector<std::string>& listenAddresses, int port);
     void CloseListenSockets();
     // Records why a start failed; false.

@@ -217,20 +217,7 @@ CConnectionProtocol_SOCKS4::EState CConnectionProtocol_SOCKS4::DoRequest()
         Refuse(EOutcome::BadRequest);
         return EState::Closed;
     }
-    m_command = data[1];
-    const unsigned int port = static_cast<unsigned int>(data[2]) << 8 | data[3];
-    const CTCPIPAddress numeric(data[4], data[5], data[6], data[7], port);
-    const bool named = layout.nameEnd != 0;
-    const std::string user(reinterpret_cast<const char*>(data + HEADER_LENGTH), layout.userEnd - HEADER_LENGTH);
-    const std::string name = named ? std::string(reinterpret_cast<const char*>(data + layout.userEnd + 1),
-                                                 layout.nameEnd - layout.userEnd - 1)
-                                   : std::string();
-    const std::string key = named ? name + ":" + std::to_string(port) : numeric.ToString();
-    m_buffer.erase(m_buffer.begin(),
-                   m_buffer.begin() + static_cast<std::ptrdiff_t>((named ? layout.nameEnd : layout.userEnd) + 1));
-    m_connection.MarkRequestComplete();
-    m_connection.SetUser(user);
-    m_connection.DescribeExchange(m_command == CMD_BIND ? "bind" : named ? "socks4a" : "socks4", key);
+    const SDestination destination = TakeRequest(layout);
 
     // No password comes with SOCKS4: with users it is let in only when the settings say so.
     const SProxySettings& settings = m_connection.GetSettings();
@@ -238,14 +225,33 @@ CConnectionProtocol_SOCKS4::EState CConnectionProtocol_SOCKS4::DoRequest()
         Refuse(EOutcome::AuthFailed);
         return EState::Closed;
     }
-    if (!named)
-        return DoCommand(AddressPtr(numeric.Clone()));
-    if (!CAddressManager::IsPlausibleHostName(name)) {
+    if (!destination.named)
+        return DoCommand(AddressPtr(destination.numeric.Clone()));
+    if (!CAddressManager::IsPlausibleHostName(destination.name)) {
         Refuse(EOutcome::BadRequest);
         return EState::Closed;
     }
-    m_lookup.Start(m_connection.GetAddressManager(), key);
+    m_lookup.Start(m_connection.GetAddressManager(), destination.key);
     return DoResolveComplete();
+}
+
+CConnectionProtocol_SOCKS4::SDestination CConnectionProtocol_SOCKS4::TakeRequest(const SRequestLayout& layout)
+{
+    const unsigned char* data = m_buffer.data();
+    m_command = data[1];
+    const unsigned int port = static_cast<unsigned int>(data[2]) << 8 | data[3];
+    const bool named = layout.nameEnd != 0;
+    SDestination destination{CTCPIPAddress(data[4], data[5], data[6], data[7], port), named, {}, {}};
+    const std::string user(reinterpret_cast<const char*>(data + HEADER_LENGTH), layout.userEnd - HEADER_LENGTH);
+    if (named)
+        destination.name.assign(reinterpret_cast<const char*>(data + layout.userEnd + 1), layout.nameEnd - layout.userEnd - 1);
+    destination.key = named ? destination.name + ":" + std::to_string(port) : destination.numeric.ToString();
+    m_buffer.erase(m_buffer.begin(),
+                   m_buffer.begin() + static_cast<std::ptrdiff_t>((named ? layout.nameEnd : layout.userEnd) + 1));
+    m_connection.MarkRequestComplete();
+    m_connection.SetUser(user);
+    m_connection.DescribeExchange(m_command == CMD_BIND ? "bind" : named ? "socks4a" : "socks4", destination.key);
+    return destination;
 }
 
 CConnectionProtocol_SOCKS4::EState CConnectionProtocol_SOCKS4::DoResolveComplete()

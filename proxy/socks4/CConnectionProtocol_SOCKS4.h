@@ -10,6 +10,7 @@
 #include "proxy/socks5/CSocks5Bind.h"
 #include "runtime/CRefCountPtr.h"
 #include "runtime/Export.h"
+#include "transport/CTCPIPAddress.h"
 #include "transport/IZRTConnectionAddress.h"
 
 namespace ZRT {
@@ -66,6 +67,13 @@ private:
         size_t nameEnd = 0; // the host name's NUL (4A), or 0
     };
     enum class EParse { Incomplete, Whole, Malformed };
+    // A whole request's destination, taken out of the buffer.
+    struct SDestination {
+        CTCPIPAddress numeric;
+        bool named = false; // 4A: the name decides (an empty one is refused)
+        std::string name;
+        std::string key;  // name:port, or the numeric address's text
+    };
 
     void DoLoop();
     EState DoRequest();
@@ -76,6 +84,8 @@ private:
     EState DoBindAccept();
     EState DoRelay();
     EParse ParseRequest(SRequestLayout& layout) const;
+    // Records the request's command, user and destination and drops it from the buffer.
+    SDestination TakeRequest(const SRequestLayout& layout);
     // Leaves for Closed: drops what is buffered and asks the connection to end.
     void Close();
     // Replies 91 (with no address), records the outcome, and closes.
