@@ -675,25 +675,11 @@ bool CProxyConnection::IsDestinationAllowed(const IZRTConnectionAddress& destina
     return m_policy->Allows(storage, GetAddressManager(), m_server.ListensBeyondLoopback());
 }
 
-CProxyStats& CProxyConnection::GetStats()
-{
-    return m_server.GetStats();
-}
-
-COriginPool& CProxyConnection::GetOriginPool()
-{
-    return m_server.GetOriginPool();
-}
-
-CAddressManager& CProxyConnection::GetAddressManager()
-{
-    return m_server.GetAddressManager();
-}
-
-CLoginGuard& CProxyConnection::GetLoginGuard()
-{
-    return m_server.GetLoginGuard();
-}
+// The server's shared parts, for the handlers.
+CProxyStats& CProxyConnection::GetStats() { return m_server.GetStats(); }
+COriginPool& CProxyConnection::GetOriginPool() { return m_server.GetOriginPool(); }
+CAddressManager& CProxyConnection::GetAddressManager() { return m_server.GetAddressManager(); }
+CLoginGuard& CProxyConnection::GetLoginGuard() { return m_server.GetLoginGuard(); }
 
 // ---- the link's reports, from any thread ----
 
