@@ -29,7 +29,6 @@ from types import SimpleNamespace
 import pytest
 
 from conftest import Daemon, StubDns
-from proxyharness import EchoServer
 
 PEER = os.environ.get("ZRT_HTTP_PEER", "zrt")
 SQUID = PEER == "squid"
@@ -649,16 +648,9 @@ def test_an_origin_connection_is_reused_until_its_response_goes_wrong(proxy, ori
 
 # ---- tunnels and load ----
 
-@pytest.fixture(scope="module")
-def echo():
-    server = EchoServer(HOSTS[1])
-    yield server
-    server.close()
-
-
 def test_connect_after_requests_becomes_a_tunnel_with_the_bytes_behind_it(proxy, origins, echo):
     origin, path = origins[0], fresh("before-tunnel")
-    target = f"{HOSTS[1]}:{echo.port}"
+    target = f"{HOSTS[0]}:{echo.port}"
     with Client(proxy) as client:
         assert exchange(client, [request(origin, path)])[0].body == f"{origin.host} {path}".encode()
         client.send(f"CONNECT {target} HTTP/1.1\r\nHost: {target}\r\n\r\n".encode() + b"riding along")
