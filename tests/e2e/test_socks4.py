@@ -1,4 +1,4 @@
-"""SOCKS4 and 4A through the daemon with real clients: curl, proxychains4 and the npm "socks"
+"""SOCKS4 and 4A through the daemon with real clients: curl and the npm "socks"
 client (CONNECT and BIND), names from the stub DNS, the access log, and users. Missing clients are installed when running as root; otherwise their tests
 are skipped."""
 import hashlib
@@ -34,11 +34,6 @@ def install_debian(binary, package):
 @pytest.fixture(scope="module")
 def curl_tool():
     install_debian("curl", "curl")
-
-
-@pytest.fixture(scope="module")
-def proxychains_tool():
-    install_debian("proxychains4", "proxychains4")
 
 
 @pytest.fixture(scope="module")
@@ -115,16 +110,6 @@ def test_curl_downloads_and_the_access_log_names_the_protocol(curl_tool, proxy, 
     assert result.returncode == 0, result.stderr.decode()
     assert sha256(result.stdout) == files[2]
     assert logged(proxy.log, f" {protocol} - {host}:{port} ok ")
-
-
-def test_proxychains_with_a_socks4_line(proxychains_tool, curl_tool, proxy, http_servers, files, tmp_path):
-    config = tmp_path / "proxychains.conf"
-    config.write_text(f"strict_chain\nquiet_mode\n[ProxyList]\nsocks4 {proxy.host} {proxy.port}\n")
-    url = f"http://{DEST_V4}:{http_servers[DEST_V4]}/{files[1]}"
-    result = subprocess.run(["proxychains4", "-f", str(config), "curl", "-sS", "--fail", "--max-time", "60",
-                             "--noproxy", "*", url], stdout=subprocess.PIPE, stderr=subprocess.PIPE)
-    assert result.returncode == 0, result.stderr.decode()
-    assert sha256(result.stdout) == files[2]
 
 
 def node(modules, *args):
