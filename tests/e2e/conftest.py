@@ -80,6 +80,16 @@ def connect_from(source, proxy, timeout=10):
     return sock
 
 
+def socks5_login(proxy, user, password, source="127.0.0.1", timeout=10):
+    """Greets offering only username/password and logs in from source; the socket and the status."""
+    user, password = (value.encode() if isinstance(value, str) else value for value in (user, password))
+    sock = connect_from(source, proxy, timeout)
+    sock.sendall(b"\x05\x01\x02")
+    assert recv_exact(sock, 2) == b"\x05\x02"
+    sock.sendall(bytes([1, len(user)]) + user + bytes([len(password)]) + password)
+    return sock, recv_exact(sock, 2)
+
+
 def closed_without_reply(sock, timeout=5):
     """True when the peer closes (or resets) with nothing to say within the timeout."""
     sock.settimeout(timeout)

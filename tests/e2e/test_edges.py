@@ -10,7 +10,7 @@ import time
 import pytest
 
 from conftest import (DEST_V4, Daemon, EchoServer, connect_from, free_port, read_socks5_reply, recv_exact,
-                      recv_until, running, socks5_connect, socks5_request, stopped, wait_for)
+                      recv_until, running, socks5_connect, socks5_login, socks5_request, stopped, wait_for)
 from proxyharness import echo_round_trip
 
 
@@ -43,7 +43,8 @@ def get(host, port):
 
 def test_destination_rules_hold_for_every_protocol(echo):
     other = EchoServer()
-    with running("--deny-destination", f"{DEST_V4}:{echo.port}", "--allow-destination", f"{DEST_V4}/32:1-65535") as proxy:
+    rules = ("--deny-destination", f"{DEST_V4}:{echo.port}", "--allow-destination", f"{DEST_V4}/32:1-65535")
+    with running(*rules) as proxy:
         assert socks5_code(proxy, DEST_V4, echo.port) == 2
         assert http_status(proxy, f"CONNECT {DEST_V4}:{echo.port} HTTP/1.1\r\n\r\n") == 403
         assert http_status(proxy, get(DEST_V4, echo.port)) == 403
@@ -186,13 +187,10 @@ def test_a_destination_that_never_reads_is_given_up_after_the_linger_time():
 # ---- guessing ----
 
 def login_attempt(proxy, source, password):
-    with connect_from(source, proxy, timeout=30) as sock:
-        start = time.monotonic()
-        sock.sendall(b"\x05\x01\x02")
-        assert recv_exact(sock, 2) == b"\x05\x02"
-        sock.sendall(b"\x01\x05alice" + bytes([len(password)]) + password)
-        reply = recv_exact(sock, 2)
-    return reply[1], time.monotonic() - start
+    start = time.monotonic()
+    sock, status = socks5_login(proxy, "alice", password, source, timeout=30)
+    sock.close()
+    return status[1], time.monotonic() - start
 
 
 def test_guesses_are_slowed_for_the_guesser_only():

@@ -15,7 +15,7 @@ from pathlib import Path
 import pytest
 
 from conftest import (DEST_V4, Daemon, connect_from, free_port, recv_exact, recv_until, running, socks5_address,
-                      wait_for)
+                      socks5_login, wait_for)
 from test_operator import run, scrape
 
 FORGED = b"2026-01-01T00:00:00.000Z 192.0.2.66:4444 socks5 - - auth-failed 0 0 0"
@@ -29,18 +29,9 @@ NAME = b"a" * 64 + b".x\n" + FORGED + b"\x00\xff.invalid"
 NAME_FIELD = "a" * 64 + ".x\\x0a" + FORGED.decode().replace(" ", "\\x20") + "\\x00\\xff.invalid:80"
 
 
-def login(proxy, user, password, source="127.0.0.1"):
-    """A SOCKS5 username/password login from source; the socket and the status bytes."""
-    sock = connect_from(source, proxy)
-    sock.sendall(b"\x05\x01\x02")
-    assert recv_exact(sock, 2) == b"\x05\x02"
-    sock.sendall(bytes([1, len(user)]) + user + bytes([len(password)]) + password)
-    return sock, recv_exact(sock, 2)
-
-
 def failed_login(proxy, user=b"alice", source="127.0.0.1"):
     """Logs in with a wrong password; the client's address:port."""
-    sock, status = login(proxy, user, b"wrong", source)
+    sock, status = socks5_login(proxy, user, b"wrong", source)
     with sock:
         assert status == b"\x01\x01"
         return "%s:%d" % sock.getsockname()
@@ -85,7 +76,7 @@ def test_client_bytes_appear_escaped_and_every_client_has_exactly_one_line(tmp_p
                          base64.b64encode(b"ev\nil:pw") + b"\r\n\r\n")
             assert re.match(rb"HTTP/1\.[01] 407 ", recv_until(sock))
             fields["127.0.0.20:%d" % sock.getsockname()[1]] = "ev\\x0ail"
-        sock, status = login(proxy, b"alice", b"pw")
+        sock, status = socks5_login(proxy, b"alice", b"pw")
         with sock:
             assert status == b"\x01\x00"
             sock.sendall(b"\x05\x01\x00\x03" + bytes([len(NAME)]) + NAME + b"\x00\x50")
@@ -136,7 +127,7 @@ def test_a_log_sink_nobody_reads_costs_lines_not_clients_nor_the_stop(tmp_path, 
             nonlocal slowest, rounds
             while flooding:
                 started = time.time()
-                sock, status = login(proxy, b"alice", b"pw")
+                sock, status = socks5_login(proxy, b"alice", b"pw")
                 with sock:
                     assert status == b"\x01\x00"
                     sock.sendall(b"\x05\x01\x00" + socks5_address(DEST_V4, echo.port))

@@ -20,7 +20,8 @@ import pytest
 from prometheus_client.parser import text_string_to_metric_families
 
 from conftest import (DEST_V4, PROXY_BIN, Daemon, StubDns, closed_without_reply, free_port, read_socks5_reply,
-                      recv_exact, recv_until, running, socks5_address, socks5_connect, socks5_request, stopped, wait_for)
+                      recv_exact, recv_until, running, socks5_address, socks5_connect, socks5_login, socks5_request, stopped,
+                      wait_for)
 from proxyharness import echo_round_trip, serve_forever
 
 BODY = b"from the recorder\n" * 20
@@ -74,15 +75,6 @@ def curl(*args):
 
 def basic(user, password):
     return "Basic " + base64.b64encode(f"{user}:{password}".encode()).decode()
-
-
-def socks5_login(proxy, user, password):
-    """Greets offering only username/password and logs in; returns the socket and the status."""
-    sock = socket.create_connection((proxy.host, proxy.port), timeout=10)
-    sock.sendall(b"\x05\x01\x02")
-    assert recv_exact(sock, 2) == b"\x05\x02"
-    sock.sendall(bytes([1, len(user)]) + user.encode() + bytes([len(password)]) + password.encode())
-    return sock, recv_exact(sock, 2)
 
 
 def socks5_command(proxy, user, password, command, host, port):
