@@ -597,17 +597,6 @@ def test_hop_by_hop_headers_stay_on_their_hop(proxy, origins):
         record.head
 
 
-@zrt_only
-def test_an_origin_asking_for_proxy_credentials_is_a_bad_gateway(proxy, origins):
-    origin, path = origins[0], fresh("origin-407")
-    origin.replies[path] = Reply(status=407, headers=[("Proxy-Authenticate", 'Basic realm="origin"')])
-    with Client(proxy) as client:
-        client.send(request(origin, path))
-        response = client.response()
-        assert "proxy-authenticate" not in response.names()
-        check_error(client, response, 502)
-
-
 # ---- origin connections ----
 
 BROKEN = [
