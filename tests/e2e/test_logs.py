@@ -22,7 +22,8 @@ FORGED = b"2026-01-01T00:00:00.000Z 192.0.2.66:4444 socks5 - - auth-failed 0 0 0
 # User names as sent, and as the user field must show them.
 USERS = {
     b"mallory\n" + FORGED: "mallory\\x0a" + FORGED.decode().replace(" ", "\\x20"),
-    "zoë nul\0".encode() + b"bad\xc3\x28\xed\xa0\x80\xff back\\x0a": "zoë\\x20nul\\x00bad\\xc3(\\xed\\xa0\\x80\\xff\\x20back\\x5cx0a",
+    "zoë nul\0".encode() + b"bad\xc3\x28\xed\xa0\x80\xff back\\x0a":
+        "zoë\\x20nul\\x00bad\\xc3(\\xed\\xa0\\x80\\xff\\x20back\\x5cx0a",
 }
 # A first label longer than 63 bytes: the name is never looked up, whatever a NUL cuts.
 NAME = b"a" * 64 + b".x\n" + FORGED + b"\x00\xff.invalid"

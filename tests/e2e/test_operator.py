@@ -20,8 +20,8 @@ import pytest
 from prometheus_client.parser import text_string_to_metric_families
 
 from conftest import (DEST_V4, PROXY_BIN, Daemon, StubDns, closed_without_reply, free_port, read_socks5_reply,
-                      recv_exact, recv_until, running, socks5_address, socks5_connect, socks5_login, socks5_request, stopped,
-                      wait_for)
+                      recv_exact, recv_until, running, socks5_address, socks5_connect, socks5_login, socks5_request,
+                      stopped, wait_for)
 from proxyharness import echo_round_trip, serve_forever
 
 BODY = b"from the recorder\n" * 20

@@ -1,6 +1,6 @@
-"""SOCKS4 and 4A through the daemon with real clients: curl and the npm "socks"
-client (CONNECT and BIND), names from the stub DNS, the access log, and users. Missing clients are installed when running as root; otherwise their tests
-are skipped."""
+"""SOCKS4 and 4A through the daemon with real clients: curl and the npm "socks" client (CONNECT
+and BIND), names from the stub DNS, the access log, and users. Missing clients are installed when
+running as root; otherwise their tests are skipped."""
 import hashlib
 import os
 import select
