@@ -1,5 +1,6 @@
 """Fixtures for the end-to-end tests: the zrt-proxy daemon on a free port, and destination
 servers on loopback (HTTP file servers, a UDP echo, a TCP sink) run inside the test process."""
+import contextlib
 import hashlib
 import http.server
 import os
@@ -8,22 +9,96 @@ import socketserver
 import struct
 import sys
 import threading
+import time
 
 import pytest
 
 sys.path.insert(0, os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
-from proxyharness import (DEST_V4, DEST_V6, PROXY_BIN, Daemon, read_socks5_reply, recv_exact,  # noqa: E402,F401
-                          recv_until, serve_forever, socks5_address, socks5_request)
+from proxyharness import (DEST_V4, DEST_V6, PROXY_BIN, Daemon, EchoServer, read_socks5_reply,  # noqa: E402,F401
+                          recv_exact, recv_until, serve_forever, socks5_address, socks5_connect, socks5_request)
 
 BIG_SIZE = 8 * 1024 * 1024
 
 
-@pytest.fixture(scope="module")
-def daemon():
-    proxy = Daemon("--listen", "127.0.0.1")
-    yield proxy
+def stopped(proxy):
     assert proxy.stop() == 0
     assert "Sanitizer" not in proxy.errors(), proxy.errors()
+
+
+@contextlib.contextmanager
+def running(*args, **kwargs):
+    """A daemon on 127.0.0.1 with these options, stopped cleanly at the end."""
+    proxy = Daemon("--listen", "127.0.0.1", *args, **kwargs)
+    proxy.socks, proxy.http = f"127.0.0.1:{proxy.port}", f"http://127.0.0.1:{proxy.port}"
+    try:
+        yield proxy
+    finally:
+        stopped(proxy)
+
+
+@pytest.fixture(scope="module")
+def daemon():
+    with running() as proxy:
+        yield proxy
+
+
+@pytest.fixture(scope="module")
+def echo():
+    server = EchoServer()
+    yield server
+    server.close()
+
+
+@pytest.fixture(scope="module")
+def dns():
+    server = StubDns()
+    yield server
+    server.close()
+
+
+def wait_for(condition, timeout=20):
+    deadline = time.time() + timeout
+    while not condition():
+        if time.time() > deadline:
+            return False
+        time.sleep(0.05)
+    return True
+
+
+def free_port(host="127.0.0.1"):
+    with socket.socket() as sock:
+        sock.bind((host, 0))
+        return sock.getsockname()[1]
+
+
+def connect_from(source, proxy, timeout=10):
+    """A client connection to the proxy (or an (address, port)) from a loopback address of its own."""
+    sock = socket.socket()
+    sock.settimeout(timeout)
+    sock.bind((source, 0))
+    sock.connect(proxy if isinstance(proxy, tuple) else (proxy.host, proxy.port))
+    return sock
+
+
+def socks5_login(proxy, user, password, source="127.0.0.1", timeout=10):
+    """Greets offering only username/password and logs in from source; the socket and the status."""
+    user, password = (value.encode() if isinstance(value, str) else value for value in (user, password))
+    sock = connect_from(source, proxy, timeout)
+    sock.sendall(b"\x05\x01\x02")
+    assert recv_exact(sock, 2) == b"\x05\x02"
+    sock.sendall(bytes([1, len(user)]) + user + bytes([len(password)]) + password)
+    return sock, recv_exact(sock, 2)
+
+
+def closed_without_reply(sock, timeout=5):
+    """True when the peer closes (or resets) with nothing to say within the timeout."""
+    sock.settimeout(timeout)
+    try:
+        return sock.recv(100) == b""
+    except ConnectionResetError:
+        return True
+    except socket.timeout:
+        return False
 
 
 class QuietHandler(http.server.SimpleHTTPRequestHandler):

@@ -11,7 +11,6 @@ from concurrent.futures import ThreadPoolExecutor
 from conftest import DEST_HOST, echo_round_trip, recv_exact, recv_until, socks5_connect
 
 
-
 def baseline(daemon, echo):
     assert echo_round_trip(daemon, echo.port)  # warm up the pools and threads
     time.sleep(0.3)
@@ -42,21 +41,23 @@ def test_a_thousand_connections_sending_random_bytes(daemon, echo):
     assert daemon.settle(fds, threads), (daemon.fds(), fds, daemon.threads(), threads)
 
 
-def test_slow_clients_do_not_hold_up_a_normal_one(daemon, echo):
+def test_slow_and_stalled_clients_do_not_hold_up_a_normal_one(daemon, echo):
     fds, threads = baseline(daemon, echo)
     header = b"GET http://127.0.0.2/ HTTP/1.1\r\nHost: 127.0.0.2\r\n"
-    slow = []
-    for _ in range(200):
-        s = socket.create_connection(("127.0.0.1", daemon.port), timeout=5)
-        slow.append(s)
-    for i in range(4):  # a header byte per second from each
+    slow = [socket.create_connection(("127.0.0.1", daemon.port), timeout=5) for _ in range(200)]
+    stalled = [socket.create_connection(("127.0.0.1", daemon.port), timeout=5) for _ in range(20)]
+    for s in stalled:  # a SOCKS5 request that announces a long name and stops
+        s.sendall(b"\x05\x01\x00")
+        assert recv_exact(s, 2) == b"\x05\x00"
+        s.sendall(b"\x05\x01\x00\x03\xff" + b"n" * 40)
+    for i in range(4):  # a header byte per second from each slow one
         for s in slow:
             s.sendall(header[i:i + 1])
         start = time.time()
         assert echo_round_trip(daemon, echo.port)
         assert time.time() - start < 5
         time.sleep(1)
-    for s in slow:
+    for s in slow + stalled:
         s.close()
     assert daemon.settle(fds, threads)
 
@@ -73,21 +74,6 @@ def test_header_block_past_the_bound_gets_the_400_reply(daemon, echo):
         reply = recv_until(s)
     assert re.match(rb"HTTP/1\.[01] 400 ", reply), reply
     assert echo_round_trip(daemon, echo.port)
-
-
-def test_socks5_request_announcing_a_long_name_and_stopping(daemon, echo):
-    fds, threads = baseline(daemon, echo)
-    stalled = []
-    for _ in range(20):
-        s = socket.create_connection(("127.0.0.1", daemon.port), timeout=5)
-        s.sendall(b"\x05\x01\x00")
-        assert recv_exact(s, 2) == b"\x05\x00"
-        s.sendall(b"\x05\x01\x00\x03\xff" + b"n" * 40)
-        stalled.append(s)
-    assert echo_round_trip(daemon, echo.port)
-    for s in stalled:
-        s.close()
-    assert daemon.settle(fds, threads)
 
 
 def test_clients_resetting_mid_transfer(daemon, echo):

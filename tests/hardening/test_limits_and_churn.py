@@ -3,6 +3,7 @@ import contextlib
 import os
 import signal
 import socket
+import threading
 import time
 from concurrent.futures import ThreadPoolExecutor
 
@@ -81,21 +82,40 @@ def test_descriptor_exhaustion_does_not_spin_and_recovers():
         echo.close()
 
 
+class EndlessSource(EchoServer):
+    """Writes zeros to every client until it goes."""
+
+    @staticmethod
+    def _serve(conn):
+        with conn, contextlib.suppress(OSError):
+            while True:
+                conn.sendall(bytes(1 << 16))
+
+
+def drain(sock):
+    with contextlib.suppress(OSError):
+        while sock.recv(1 << 20):
+            pass
+
+
 @pytest.mark.parametrize("stop_signal,limit_fds", [(signal.SIGTERM, None), (signal.SIGINT, None),
                                                    (signal.SIGTERM, 256)])
 def test_stop_signals_end_the_daemon_at_once_with_many_tunnels(stop_signal, limit_fds):
-    """500 open tunnels (or as many as the descriptor limit allows) do not hold up a stop."""
-    echo = EchoServer()
+    """500 open tunnels (or as many as the descriptor limit allows), the first 32 of them
+    streaming at full speed, do not hold up a stop."""
+    echo, source = EchoServer(), EndlessSource()
     daemon = Daemon(limit_fds=limit_fds)
     clients = []
     try:
-        for _ in range(500):
+        for i in range(500):
             try:
-                clients.append(socks5_connect(daemon, DEST_HOST, echo.port, timeout=5))
+                clients.append(socks5_connect(daemon, DEST_HOST, (source if i < 32 else echo).port, timeout=5))
             except (OSError, AssertionError):
                 if limit_fds is None:
                     raise
                 break
+            if i < 32:
+                threading.Thread(target=drain, args=(clients[-1],), daemon=True).start()
         # At the limit, more clients wait in the listen queue or are turned away.
         for _ in range(100 if limit_fds else 0):
             try:
@@ -114,6 +134,7 @@ def test_stop_signals_end_the_daemon_at_once_with_many_tunnels(stop_signal, limi
             c.close()
         daemon.stop()
         echo.close()
+        source.close()
 
 
 def http_get(proxy_port, port):

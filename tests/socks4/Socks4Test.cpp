@@ -7,7 +7,6 @@
 #include <initializer_list>
 #include <memory>
 #include <optional>
-#include <ostream>
 #include <string>
 #include <vector>
 
@@ -41,10 +40,7 @@ std::string Port(unsigned int port)
 // VN CD DSTPORT DSTIP USERID NUL.
 std::string Request(int command, std::initializer_list<int> ipv4, unsigned int port, const std::string& user = "")
 {
-    std::string request = Bytes({4, command}) + Port(port);
-    for (int byte : ipv4)
-        request.push_back(static_cast<char>(byte));
-    return request + user + std::string(1, '\0');
+    return Bytes({4, command}) + Port(port) + Bytes(ipv4) + user + std::string(1, '\0');
 }
 
 // The 4A form: DSTIP 0.0.0.1, then the name and its NUL after the user id's.
@@ -56,10 +52,7 @@ std::string NameRequest(int command, const std::string& name, unsigned int port,
 // VN 0, the code, then port and address.
 std::string Reply(int code, unsigned int port = 0, std::initializer_list<int> ipv4 = {0, 0, 0, 0})
 {
-    std::string reply = Bytes({0, code}) + Port(port);
-    for (int byte : ipv4)
-        reply.push_back(static_cast<char>(byte));
-    return reply;
+    return Bytes({0, code}) + Port(port) + Bytes(ipv4);
 }
 
 const std::string GRANTED = Reply(90);
@@ -97,6 +90,15 @@ protected:
         m_handler->HandleRequest(bytes.data(), static_cast<int>(bytes.size()));
         m_connection.RunPending();
     }
+    // Hands a request to a handler of its own on another connection, one without a listener.
+    void SendAlone(FakeProxyConnection& connection, const std::string& request)
+    {
+        connection.SetAddressManager(&m_manager);
+        Handler handler(connection);
+        connection.SetProtocol(&handler);
+        handler.HandleRequest(request.data(), static_cast<int>(request.size()));
+        connection.RunPending();
+    }
     bool Dropped() { return !m_connection.IsConnectedToClient(); }
     std::vector<std::string> Destinations() { return m_connection.GetMultiPointLayer().GetDestinations(); }
 
@@ -117,11 +119,6 @@ struct SServedCase {
     std::string described;   // the destination as the client named it
     std::string user;
 };
-
-void PrintTo(const SServedCase& served, std::ostream* out)
-{
-    *out << served.name;
-}
 
 class Socks4ServedTest : public Socks4Fixture, public ::testing::WithParamInterface<SServedCase> {
 protected:
@@ -183,11 +180,6 @@ struct SRefusalCase {
     EOutcome outcome;
 };
 
-void PrintTo(const SRefusalCase& refusal, std::ostream* out)
-{
-    *out << refusal.name;
-}
-
 class Socks4RefusalTest : public Socks4Fixture, public ::testing::WithParamInterface<SRefusalCase> {};
 
 TEST_P(Socks4RefusalTest, RejectsOnceAndCloses)
@@ -235,11 +227,7 @@ TEST_F(Socks4Fixture, TheProxyItselfIsNotAllowedInAnyForm)
     for (const auto& request : {Request(1, {127, 0, 0, 1}, 1080), Request(1, {0, 0, 0, 0}, 1080),
                                 Request(1, {192, 0, 2, 7}, 1080), NameRequest(1, "me.test", 1080)}) {
         FakeProxyConnection connection;
-        connection.SetAddressManager(&m_manager);
-        Handler handler(connection);
-        connection.SetProtocol(&handler);
-        handler.HandleRequest(request.data(), static_cast<int>(request.size()));
-        connection.RunPending();
+        SendAlone(connection, request);
         EXPECT_EQ(REJECTED, connection.GetToClient());
         EXPECT_EQ(0, connection.GetConnectCalls());
         EXPECT_EQ(EOutcome::NotAllowed, connection.GetOutcome());
@@ -396,11 +384,7 @@ TEST_F(Socks4Fixture, BindWithoutAListenerOrWhenListeningFailsIsRejected)
     EXPECT_EQ(EOutcome::Unreachable, m_connection.GetOutcome());
 
     FakeProxyConnection connection;
-    connection.SetAddressManager(&m_manager);
-    Handler handler(connection);
-    connection.SetProtocol(&handler);
-    const std::string request = Request(2, {127, 0, 0, 5}, 0);
-    handler.HandleRequest(request.data(), static_cast<int>(request.size()));
+    SendAlone(connection, Request(2, {127, 0, 0, 5}, 0));
     EXPECT_EQ(REJECTED, connection.GetToClient());
     EXPECT_EQ(EOutcome::BadRequest, connection.GetOutcome());
 }
