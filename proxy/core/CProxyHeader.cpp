@@ -129,7 +129,9 @@ bool CProxyHeader::ParseLine()
         if (field)
             *field++ = '\0';
     }
-    if (count >= 2 && std::strcmp(fields[1], "UNKNOWN") == 0)
+    if (count < 2)
+        return false;
+    if (std::strcmp(fields[1], "UNKNOWN") == 0)
         return true; // the rest of the line is to be ignored, and the peer stands
     const int family = std::strcmp(fields[1], "TCP4") == 0 ? AF_INET
                        : std::strcmp(fields[1], "TCP6") == 0 ? AF_INET6
