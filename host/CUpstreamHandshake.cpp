@@ -211,12 +211,11 @@ void CUpstreamHandshake::OnMethod()
 
 void CUpstreamHandshake::OnSocksConnect()
 {
-    if (m_input[0] != SOCKS_VERSION)
+    // A reply shorter than the shortest whole one named a bound address of no known type.
+    if (m_input[0] != SOCKS_VERSION || (m_input[1] == 0 && m_input.size() < 10))
         Fail(EPROTO);
     else if (m_input[1] != 0)
         Fail(FailureOfSocksReply(static_cast<unsigned char>(m_input[1])));
-    else if (m_input.size() < 10)
-        Fail(EPROTO); // a bound address of no known type
     else
         m_step = EStep::Done;
 }
