@@ -57,7 +57,8 @@ public:
     // Takes over a non-blocking socket whose connect() to destination is in progress; the
     // attempt fails after timeoutMs. Empty (and the socket closed) without a destination. Asking
     // the destination again is how a reader learns the outcome. Any thread. A socket of -1: the
-    // connect is made elsewhere (through an upstream) and ends with EndConnect, which keeps the time.
+    // connect is made elsewhere (through an upstream), under its maker's time limit, and ends
+    // with EndConnect; until then the link has no descriptor for a reader.
     static QOX::CRefCountPtr<CTcpDataLayer> CreateConnecting(int socket, const sockaddr* destination,
                                                             socklen_t destinationLength, CEventLoop& loop,
                                                             int timeoutMs);
