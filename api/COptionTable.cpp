@@ -203,7 +203,8 @@ const SEntry ORDER[] = {
     {"idle-timeout", EOwner::Engine}, {"linger-timeout", EOwner::Engine}, {"allow-destination", EOwner::Engine},
     {"deny-destination", EOwner::Engine}, {"http-keep-alive", EOwner::Engine}, {"connect-timeout", EOwner::Engine},
     {"bind-timeout", EOwner::Engine}, {"dns-server", EOwner::Host}, {"lookup-timeout", EOwner::Host},
-    {"outgoing-address", EOwner::Host}, {"outgoing-interface", EOwner::Host}, {"threads", EOwner::Engine},
+    {"outgoing-address", EOwner::Host}, {"outgoing-interface", EOwner::Host}, {"upstream", EOwner::Host},
+    {"upstream-bypass", EOwner::Host}, {"threads", EOwner::Engine},
     {"connect-helpers", EOwner::Engine}, {"transport-threads", EOwner::Host}, {"access-log", EOwner::Own}, {"log-level", EOwner::Own},
     {"metrics", EOwner::Own}, {"metrics-allow", EOwner::Own},
 };

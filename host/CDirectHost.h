@@ -32,8 +32,8 @@ public:
     CDirectHost& operator=(const CDirectHost&) = delete;
 
     // One setting by the C interface's name and with its value syntax, before Start: dns-server,
-    // lookup-timeout, outgoing-address, outgoing-interface, transport-threads. A null value puts
-    // the default back. OPTION_RUNNING once started; a reason for a failure goes to *error.
+    // lookup-timeout, outgoing-address, outgoing-interface, upstream, upstream-bypass,
+    // transport-threads. A null value puts the default back. OPTION_RUNNING once started; a reason for a failure goes to *error.
     int SetOption(const char* name, const char* value, std::string* error = nullptr);
     // Run first and last on every thread the services start. Before Start.
     void SetThreadHooks(void (*onStart)(void* context), void (*onStop)(void* context), void* context);

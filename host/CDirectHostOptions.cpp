@@ -59,6 +59,15 @@ const CDirectHostOptions::SOption OPTIONS[] = {
      SetOutgoingAddress, [](SDirectHostSettings& s) { s.outgoingIPv4.clear(), s.outgoingIPv6.clear(); }},
     {"outgoing-interface", 0, "NAME", "network interface for traffic to destinations (SO_BINDTODEVICE; default: any)",
      SetOutgoingInterface, [](SDirectHostSettings& s) { s.outgoingInterface.clear(); }},
+    {"upstream", 0, "URL",
+     "a parent proxy for every TCP connection to a destination, socks5://[USER:PASSWORD@]ADDR:PORT or "
+     "http://[USER:PASSWORD@]ADDR:PORT, by numeric address (default: none, direct)",
+     [](SDirectHostSettings& s, const std::string& v, std::string& e) { return s.upstream.SetUrl(v, e); },
+     [](SDirectHostSettings& s) { s.upstream.ClearUrl(); }},
+    {"upstream-bypass", Text::REPEATABLE, "CIDR",
+     "destinations connected directly, not through the upstream (default: none)",
+     [](SDirectHostSettings& s, const std::string& v, std::string& e) { return s.upstream.AddBypass(v, e); },
+     [](SDirectHostSettings& s) { s.upstream.ClearBypass(); }},
     {"transport-threads", 0, "N", "threads that move bytes of outgoing sockets (default 2)",
      [](SDirectHostSettings& s, const std::string& v, std::string& e) {
          return Text::SetCount(v, 1, 64, s.transportThreads, e);

@@ -6,59 +6,93 @@
 #include <sys/socket.h>
 
 #include <cerrno>
-#include <chrono>
+#include <cstring>
+#include <utility>
 
 #include "transport/CSocketHandle.h"
 #include "host/CTcpDataLayer.h"
+#include "host/CUpstreamConnect.h"
+#include "host/CUpstreamHandshake.h"
 
 namespace ZRT {
 namespace Host {
 
 namespace {
-// Waits for a non-blocking connect to finish; true when it succeeded.
-bool WaitConnected(int socket, int timeoutMs)
+// Waits until the socket is ready for events; false when the time ran out first.
+bool WaitFor(int socket, short events, std::chrono::steady_clock::time_point deadline)
 {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
     for (;;) {
-        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+        const auto left =
+            std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
         if (left.count() <= 0)
             return false;
-        pollfd entry{socket, POLLOUT, 0};
+        pollfd entry{socket, events, 0};
         const int ready = poll(&entry, 1, static_cast<int>(left.count()));
         if (ready < 0 && errno == EINTR)
             continue;
-        if (ready <= 0)
-            return false;
-        int error = 0;
-        socklen_t length = sizeof(error);
-        return getsockopt(socket, SOL_SOCKET, SO_ERROR, &error, &length) == 0 && error == 0;
+        return ready > 0;
     }
+}
+
+// Waits for a non-blocking connect to finish; true when it succeeded.
+bool WaitConnected(int socket, std::chrono::steady_clock::time_point deadline)
+{
+    if (!WaitFor(socket, POLLOUT, deadline))
+        return false;
+    int error = 0;
+    socklen_t length = sizeof(error);
+    return getsockopt(socket, SOL_SOCKET, SO_ERROR, &error, &length) == 0 && error == 0;
 }
 } // namespace
 
-CSocketHandle CDirectMultiPointLayer::StartConnect(const IZRTConnectionAddress& destination, SDestination& to,
-                                                  bool& done) const
+bool CDirectMultiPointLayer::Plan(const IZRTConnectionAddress& destination, SDestination& to, SDestination& hop) const
 {
     int length = sizeof(to.address);
     if (!destination.GetSockAddr(reinterpret_cast<sockaddr*>(&to.address), &length))
-        return CSocketHandle();
+        return false;
     to.length = static_cast<socklen_t>(length);
-    CSocketHandle socket(::socket(to.address.ss_family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, IPPROTO_TCP));
-    if (!socket.IsValid() || !m_preparer.PrepareToConnect(socket.Get(), to.address.ss_family))
+    hop = to;
+    if (m_route.Carries(to.address)) {
+        std::memcpy(&hop.address, &m_route.GetAddress(), sizeof(hop.address));
+        hop.length = m_route.GetAddressLength();
+    }
+    return true;
+}
+
+CSocketHandle CDirectMultiPointLayer::StartConnect(const SDestination& hop, bool& done) const
+{
+    CSocketHandle socket(::socket(hop.address.ss_family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, IPPROTO_TCP));
+    if (!socket.IsValid() || !m_preparer.PrepareToConnect(socket.Get(), hop.address.ss_family))
         return CSocketHandle();
-    done = connect(socket.Get(), reinterpret_cast<sockaddr*>(&to.address), to.length) == 0;
+    done = connect(socket.Get(), reinterpret_cast<const sockaddr*>(&hop.address), hop.length) == 0;
     if (!done && errno != EINPROGRESS && errno != EINTR)
         return CSocketHandle();
     return socket;
+}
+
+bool CDirectMultiPointLayer::HandshakeBlocking(int socket, const SDestination& to, Clock::time_point deadline) const
+{
+    CUpstreamHandshake handshake(m_route, to.address);
+    for (short wanted = handshake.Run(socket); wanted != 0; wanted = handshake.Run(socket)) {
+        if (!WaitFor(socket, wanted, deadline))
+            return false;
+    }
+    return handshake.GetStep() == CUpstreamHandshake::EStep::Done;
 }
 
 QOX::CRefCountPtr<IZRTDataLayer> CDirectMultiPointLayer::Connect(const IZRTConnectionAddress& destination,
                                                                  const IZRTConnectionAddress& /*source*/)
 {
     SDestination to;
+    SDestination hop;
     bool done = false;
-    CSocketHandle socket = StartConnect(destination, to, done);
-    if (!socket.IsValid() || (!done && !WaitConnected(socket.Get(), CONNECT_TIMEOUT_MS)))
+    if (!Plan(destination, to, hop))
+        return {};
+    const Clock::time_point deadline = Clock::now() + std::chrono::milliseconds(CONNECT_TIMEOUT_MS);
+    CSocketHandle socket = StartConnect(hop, done);
+    if (!socket.IsValid() || (!done && !WaitConnected(socket.Get(), deadline)))
+        return {};
+    if (m_route.Carries(to.address) && !HandshakeBlocking(socket.Get(), to, deadline))
         return {};
     QOX::CRefCountPtr<CTcpDataLayer> layer = CTcpDataLayer::Create(socket.Release(), m_loops.Next());
     return QOX::CRefCountPtr<IZRTDataLayer>(layer.Get());
@@ -68,14 +102,24 @@ QOX::CRefCountPtr<IZRTDataLayer> CDirectMultiPointLayer::BeginConnect(const IZRT
                                                                       const IZRTConnectionAddress& /*source*/)
 {
     SDestination to;
+    SDestination hop;
     bool done = false;
-    CSocketHandle socket = StartConnect(destination, to, done);
+    if (!Plan(destination, to, hop))
+        return {};
+    CSocketHandle socket = StartConnect(hop, done);
     if (!socket.IsValid())
         return {};
-    // Even a connect that finished at once is reported through the loop, like every other.
-    QOX::CRefCountPtr<CTcpDataLayer> layer =
-        CTcpDataLayer::CreateConnecting(socket.Release(), reinterpret_cast<sockaddr*>(&to.address), to.length,
-                                        m_loops.Next(), CONNECT_TIMEOUT_MS);
+    CEventLoop& loop = m_loops.Next();
+    const auto* first = reinterpret_cast<const sockaddr*>(&hop.address);
+    if (!m_route.Carries(to.address)) {
+        // Even a connect that finished at once is reported through the loop, like every other.
+        return QOX::CRefCountPtr<IZRTDataLayer>(
+            CTcpDataLayer::CreateConnecting(socket.Release(), first, hop.length, loop, CONNECT_TIMEOUT_MS).Get());
+    }
+    // The link waits without a socket while the upstream's handshake runs on the same loop.
+    QOX::CRefCountPtr<CTcpDataLayer> layer = CTcpDataLayer::CreateConnecting(-1, first, hop.length, loop, 0);
+    CUpstreamConnect::Start(std::move(socket), done, CUpstreamHandshake(m_route, to.address), layer, loop,
+                            CONNECT_TIMEOUT_MS);
     return QOX::CRefCountPtr<IZRTDataLayer>(layer.Get());
 }
 

@@ -2,17 +2,22 @@
 
 #include <sys/socket.h>
 
+#include <chrono>
+
 #include "transport/CEventLoopPool.h"
 #include "transport/CSocketHandle.h"
 #include "host/CSocketPreparer.h"
+#include "host/CUpstreamRoute.h"
 #include "transport/IZRTMultiPointLayer.h"
 
 namespace ZRT {
 namespace Host {
 
 // Opens host links as plain TCP connections from this machine, each driven by one of the pool's
-// loops. Connect blocks its caller (up to CONNECT_TIMEOUT_MS); BeginConnect returns at once with
-// a link that reports the outcome, within the same time limit.
+// loops, or through the upstream proxy of the route for the destinations it carries (the link
+// says it is connecting until the upstream's handshake is done). Connect blocks its caller (up to
+// CONNECT_TIMEOUT_MS); BeginConnect returns at once with a link that reports the outcome, within
+// the same time limit.
 //
 // Threads: both come from any thread (Connect blocks it; the engine uses BeginConnect, on its
 // event threads); the links they return say how they are called.
@@ -21,8 +26,9 @@ public:
     static constexpr int CONNECT_TIMEOUT_MS = 10000;
 
     // Every socket goes through the preparer before it connects; a refused one fails the link.
-    explicit CDirectMultiPointLayer(CEventLoopPool& loops, const CSocketPreparer& preparer = CSocketPreparer())
-        : m_loops(loops), m_preparer(preparer)
+    explicit CDirectMultiPointLayer(CEventLoopPool& loops, const CSocketPreparer& preparer = CSocketPreparer(),
+                                    const CUpstreamRoute& route = CUpstreamRoute())
+        : m_loops(loops), m_preparer(preparer), m_route(route)
     {
     }
 
@@ -38,12 +44,20 @@ private:
         sockaddr_storage address{};
         socklen_t length = 0;
     };
-    // Opens a prepared socket towards destination and starts connecting it; done when the
-    // connect finished at once. Invalid when the address, the socket or the connect fails.
-    CSocketHandle StartConnect(const IZRTConnectionAddress& destination, SDestination& to, bool& done) const;
+    using Clock = std::chrono::steady_clock;
+
+    // Where a connection to destination goes first: itself, or the upstream that carries it.
+    // False for an address that is not IP.
+    bool Plan(const IZRTConnectionAddress& destination, SDestination& to, SDestination& hop) const;
+    // Opens a prepared socket towards hop and starts connecting it; done when the connect
+    // finished at once. Invalid when the socket or the connect fails.
+    CSocketHandle StartConnect(const SDestination& hop, bool& done) const;
+    // Connect's wait for the upstream's handshake; false when it failed or ran out of time.
+    bool HandshakeBlocking(int socket, const SDestination& to, Clock::time_point deadline) const;
 
     CEventLoopPool& m_loops;
     const CSocketPreparer m_preparer;
+    const CUpstreamRoute m_route;
 };
 
 } // namespace Host

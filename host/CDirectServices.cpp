@@ -55,7 +55,7 @@ std::unique_ptr<INameService> MakeNameService(CEventLoopPool& loops, const SDire
 CDirectServices::CDirectServices(const SDirectHostSettings& settings)
     : m_dnsServers(settings.dnsServers), m_preparer(settings.socketHook, OutgoingOf(settings)),
       m_loops(settings.transportThreads, HooksOf(settings)),
-      m_names(MakeNameService(m_loops, settings, m_preparer, m_namesReady)), m_multiPointLayer(m_loops, m_preparer),
+      m_names(MakeNameService(m_loops, settings, m_preparer, m_namesReady)), m_multiPointLayer(m_loops, m_preparer, settings.upstream),
       m_resolver(*m_names), m_datagramHandler(m_loops, m_preparer),
       m_connectionListener(m_loops, settings.bindIPv4, settings.bindIPv6), m_outgoingProblem(m_preparer.Check())
 {

@@ -243,6 +243,26 @@ void CTcpDataLayer::CompleteConnect()
     Finish(end);
 }
 
+bool CTcpDataLayer::EndConnect(int socket, int error)
+{
+    SEnd end;
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        if (!State::IsConnecting(m_state) || m_socket >= 0)
+            return false;
+        if (socket >= 0) {
+            m_socket = socket;
+            const int on = 1;
+            setsockopt(socket, IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on));
+        }
+        EndConnectLocked(socket >= 0 ? 0 : (error != 0 ? error : ECONNREFUSED));
+        UpdateInterestLocked();
+        end = EndLocked(State::IsEstablished(m_state) ? EChange::Connected : EChange::Settle);
+    }
+    Finish(end);
+    return true;
+}
+
 // ---- reading ----
 
 int CTcpDataLayer::ReceiveData(unsigned char* buffer, int size)

@@ -56,10 +56,16 @@ public:
     static QOX::CRefCountPtr<CTcpDataLayer> Create(int socket, CEventLoop& loop);
     // Takes over a non-blocking socket whose connect() to destination is in progress; the
     // attempt fails after timeoutMs. Empty (and the socket closed) without a destination. Asking
-    // the destination again is how a reader learns the outcome. Any thread.
+    // the destination again is how a reader learns the outcome. Any thread. A socket of -1: the
+    // connect is made elsewhere (through an upstream), under its maker's time limit, and ends
+    // with EndConnect; until then the link has no descriptor for a reader.
     static QOX::CRefCountPtr<CTcpDataLayer> CreateConnecting(int socket, const sockaddr* destination,
                                                             socklen_t destinationLength, CEventLoop& loop,
                                                             int timeoutMs);
+    // Ends the connect of a link made without a socket: the connected socket that carries the
+    // stream from now on, or -1 and why it failed (an errno value). False when the link no
+    // longer waits for it (it was given up): the socket stays the caller's. Any thread.
+    bool EndConnect(int socket, int error);
 
     long AddRef() override { return QOX::CRefCountImpl<IZRTDataLayer>::AddRef(); }
     long ReleaseRef() override { return QOX::CRefCountImpl<IZRTDataLayer>::ReleaseRef(); }

@@ -6,6 +6,8 @@
 #include <string>
 #include <vector>
 
+#include "host/CUpstreamRoute.h"
+
 namespace ZRT {
 namespace Host {
 
@@ -28,6 +30,9 @@ struct SDirectHostSettings {
     std::string outgoingIPv4;
     std::string outgoingIPv6;
     std::string outgoingInterface;
+    // The parent proxy that carries TCP connections to destinations, but those it bypasses
+    // (none: every connection is direct).
+    CUpstreamRoute upstream;
 
     // Run first and last on every thread the host starts.
     void (*threadStart)(void* context) = nullptr;

@@ -30,6 +30,7 @@
 #include "host/CDirectResolver.h"
 #include "host/CTcpDataLayer.h"
 #include "host/CTcpLinkState.h"
+#include "host/CUpstreamRoute.h"
 #include "host/INameService.h"
 #include "transport/CEventLoopPool.h"
 #include "transport/CTCPIPAddress.h"
@@ -65,6 +66,7 @@ public:
     }
     void OnConnectionClosed(IZRTDataLayer& /*layer*/) override { Change([&] { ++closeCalls; }); }
     void OnSendDrained(IZRTDataLayer& /*layer*/) override { Change([&] { ++drainedCalls; }); }
+    void OnLinkConnected(IZRTDataLayer& /*layer*/) override { Change([&] { ++connectedCalls; }); }
 
     int Closes() const { return Locked([&] { return closeCalls; }); }
     int DataCalls() const { return Locked([&] { return dataCalls; }); }
@@ -75,6 +77,7 @@ public:
     int dataCalls = 0;
     int closeCalls = 0;
     int drainedCalls = 0;
+    int connectedCalls = 0;
     bool dataAfterClose = false;
 };
 
@@ -557,6 +560,228 @@ TEST_F(TcpDataLayerReaderTest, SendFromKeepsOrderWithSendData)
     TestSockets::Close(m_far);
     m_far = -1;
     EXPECT_EQ(IZRTDataLayer::SEND_SOCKET_ENDED, m_link->SendFrom(m_near, 1024));
+}
+
+// ---- links through an upstream proxy ----
+
+// One exchange of a scripted upstream: what it must read (nothing: it only answers), then its answer.
+struct SExchange {
+    std::string read;
+    std::string answer;
+};
+
+struct SUpstreamCase {
+    const char* name;
+    std::string url; // up to the upstream's address, credentials included
+    const char* destination;
+    std::vector<SExchange> script;
+    int failure; // 0: the link opens, and the bytes right behind the last answer are its first
+};
+
+CUpstreamRoute RouteTo(const std::string& url, const char* bypass = nullptr)
+{
+    CUpstreamRoute route;
+    std::string error;
+    EXPECT_TRUE(route.SetUrl(url, error)) << error;
+    if (bypass) {
+        EXPECT_TRUE(route.AddBypass(bypass, error)) << error;
+    }
+    return route;
+}
+
+// Plays the upstream of one case on its own thread: accepts, follows the script, and goes after
+// a refusal. The accepted socket (-1 once gone) and what went wrong.
+std::future<std::pair<int, std::string>> PlayUpstream(int listening, const SUpstreamCase& play)
+{
+    return std::async(std::launch::async, [listening, &play] {
+        const int peer = TestSockets::Accept(listening);
+        std::string problem = peer < 0 ? "no connection came" : "";
+        for (size_t i = 0; problem.empty() && i < play.script.size(); ++i) {
+            const SExchange& step = play.script[i];
+            if (!step.read.empty() && TestSockets::Read(peer, step.read.size()) != step.read)
+                problem = "exchange " + std::to_string(i) + ": not the request expected";
+            else if (!TestSockets::WriteAll(peer, step.answer))
+                problem = "exchange " + std::to_string(i) + ": cannot answer";
+        }
+        if (play.failure == 0)
+            return std::make_pair(peer, problem);
+        TestSockets::Close(peer);
+        return std::make_pair(-1, problem);
+    });
+}
+
+const std::string GREETING("\x05\x01\x00", 3);
+const std::string GREETING_LOGIN("\x05\x02\x00\x02", 4);
+const std::string NO_LOGIN("\x05\x00", 2);
+const std::string LOGIN = std::string("\x01\x05") + "alice" + "\x06" + "s3cr:t";
+const std::string CONNECT_V4("\x05\x01\x00\x01\x7f\x00\x00\x02\x10\xe1", 10);
+const std::string CONNECT_V6 = std::string("\x05\x01\x00\x04", 4) + std::string(15, '\0') + "\x01\x10\xe1";
+const std::string BOUND_V4("\x05\x00\x00\x01\x7f\x00\x00\x01\x04\x38", 10);
+const std::string BOUND_NAME = std::string("\x05\x00\x00\x03\x04", 5) + "host" + std::string("\x00\x50", 2);
+const std::string HTTP_V4 = "CONNECT 127.0.0.2:4321 HTTP/1.1\r\nHost: 127.0.0.2:4321\r\n\r\n";
+const std::string HTTP_V6_LOGIN = "CONNECT [::1]:4321 HTTP/1.1\r\nHost: [::1]:4321\r\n"
+                                  "Proxy-Authorization: Basic YWxpY2U6czNjcjp0\r\n\r\n";
+
+// Every handshake, through BeginConnect (the link says it connects until the upstream's last
+// answer) and through the blocking Connect; a refusal fails the link with the upstream's reason.
+TEST(UpstreamTest, HandshakesOpenTheLinkOrFailItAsTheUpstreamAnswers)
+{
+    const std::vector<SUpstreamCase> cases = {
+        {"socks5", "socks5://", "127.0.0.2", {{GREETING, NO_LOGIN}, {CONNECT_V4, BOUND_V4 + "early"}}, 0},
+        {"socks5 login, IPv6, a bound name",
+         "socks5://alice:s3cr%3At@",
+         "::1",
+         {{GREETING_LOGIN, "\x05\x02"}, {LOGIN, std::string("\x01\x00", 2)}, {CONNECT_V6, BOUND_NAME + "early"}},
+         0},
+        {"http, the answer in pieces",
+         "http://",
+         "127.0.0.2",
+         {{HTTP_V4, "HTTP/1.1 200 Connection established\r\n"}, {"", "Via: x\r\n\r"}, {"", "\nearly"}},
+         0},
+        {"http login, IPv6", "http://alice:s3cr%3At@", "::1", {{HTTP_V6_LOGIN, "HTTP/1.0 200 OK\r\n\r\nearly"}}, 0},
+        {"socks5 refused", "socks5://", "127.0.0.2", {{GREETING, NO_LOGIN}, {CONNECT_V4, "\x05\x05"}}, ECONNREFUSED},
+        {"socks5 wants a login", "socks5://", "127.0.0.2", {{GREETING, "\x05\xff"}}, EACCES},
+        {"socks5 login refused", "socks5://alice:s3cr%3At@", "127.0.0.2",
+         {{GREETING_LOGIN, "\x05\x02"}, {LOGIN, "\x01\x01"}}, EACCES},
+        {"http refused", "http://", "127.0.0.2", {{HTTP_V4, "HTTP/1.1 502 Bad Gateway\r\n\r\n"}}, ECONNREFUSED},
+        {"http login wanted", "http://", "127.0.0.2", {{HTTP_V4, "HTTP/1.1 407 Login\r\n\r\n"}}, EACCES},
+        {"http answers no HTTP", "http://", "127.0.0.2", {{HTTP_V4, "SSH-2.0-x\r\n\r\n"}}, EPROTO},
+        {"upstream goes without a word", "socks5://", "127.0.0.2", {{GREETING, ""}}, ECONNRESET},
+    };
+    CEventLoopPool loops(1);
+    for (const SUpstreamCase& play : cases) {
+        for (const bool blocking : {false, true}) {
+            SCOPED_TRACE(std::string(play.name) + (blocking ? ", Connect" : ", BeginConnect"));
+            unsigned int port = 0;
+            const int listening = TestSockets::Listen("127.0.0.1", port);
+            CDirectMultiPointLayer layer(loops, CSocketPreparer(), RouteTo(play.url + "127.0.0.1:" + std::to_string(port)));
+            auto upstream = PlayUpstream(listening, play);
+            const auto destination = TestSockets::Address(play.destination, 4321);
+            const auto source = TestSockets::Address("127.0.0.1", 1);
+            QOX::CRefCountPtr<IZRTDataLayer> link =
+                blocking ? layer.Connect(*destination, *source) : layer.BeginConnect(*destination, *source);
+            RecordingSink sink;
+            if (link)
+                link->AddNotification(&sink);
+            const std::pair<int, std::string> played = upstream.get();
+            EXPECT_EQ(played.second, "");
+            if (play.failure == 0) {
+                ASSERT_TRUE(link);
+                EXPECT_TRUE(sink.WaitFor([&] { return sink.received == "early" && (blocking || sink.connectedCalls > 0); }));
+                EXPECT_TRUE(link->IsConnected());
+                EXPECT_EQ(link->SendData(reinterpret_cast<const unsigned char*>("ping"), 4), 4);
+                EXPECT_EQ(TestSockets::Read(played.first, 4), "ping");
+            } else if (blocking) {
+                EXPECT_FALSE(link);
+            } else {
+                ASSERT_TRUE(link);
+                EXPECT_TRUE(sink.WaitFor([&] { return sink.closeCalls == 1; }));
+                EXPECT_EQ(sink.Locked([&] { return sink.connectedCalls; }), 0);
+                EXPECT_EQ(link->GetFailure(), play.failure);
+            }
+            if (link) {
+                link->RemoveNotification(&sink);
+                link->Disconnect();
+            }
+            TestSockets::Close(played.first);
+            TestSockets::Close(listening);
+        }
+    }
+}
+
+// A bypassed destination is connected directly; an attempt given up while the upstream has not
+// answered lets the upstream go at once, and offers no reader meanwhile (its descriptor would
+// poll writable all along).
+TEST(UpstreamTest, BypassGoesDirectAndAGivenUpAttemptLetsTheUpstreamGo)
+{
+    CEventLoopPool loops(1);
+    unsigned int upstreamPort = 0;
+    unsigned int directPort = 0;
+    const int upstream = TestSockets::Listen("127.0.0.1", upstreamPort);
+    const int direct = TestSockets::Listen("127.0.0.2", directPort);
+    CDirectMultiPointLayer layer(loops, CSocketPreparer(),
+                                 RouteTo("socks5://127.0.0.1:" + std::to_string(upstreamPort), "127.0.0.2/32"));
+    const auto source = TestSockets::Address("127.0.0.1", 1);
+
+    RecordingSink sink;
+    QOX::CRefCountPtr<IZRTDataLayer> link = layer.BeginConnect(*TestSockets::Address("127.0.0.2", directPort), *source);
+    ASSERT_TRUE(link);
+    link->AddNotification(&sink);
+    const int peer = TestSockets::Accept(direct);
+    EXPECT_TRUE(sink.WaitFor([&] { return sink.connectedCalls == 1; }));
+    EXPECT_EQ(link->SendData(reinterpret_cast<const unsigned char*>("ping"), 4), 4);
+    EXPECT_EQ(TestSockets::Read(peer, 4), "ping");
+    link->RemoveNotification(&sink);
+    link->Disconnect();
+    EXPECT_FALSE(TestSockets::WaitReadable(upstream, 0)); // nobody came to the upstream
+
+    RecordingSink waiting;
+    link = layer.BeginConnect(*TestSockets::Address("127.0.0.3", 80), *source);
+    ASSERT_TRUE(link);
+    link->AddNotification(&waiting);
+    const int carried = TestSockets::Accept(upstream);
+    EXPECT_EQ(TestSockets::Read(carried, GREETING.size()), GREETING);
+    EXPECT_TRUE(link->IsConnecting());
+    EXPECT_EQ(link->AttachReader(), -1);
+    link->Disconnect();
+    bool closed = false;
+    EXPECT_EQ(TestSockets::Read(carried, 0, 10000, &closed), "");
+    EXPECT_TRUE(closed);
+    EXPECT_TRUE(waiting.WaitFor([&] { return waiting.closeCalls == 1; }));
+    EXPECT_EQ(waiting.Locked([&] { return waiting.connectedCalls; }), 0);
+    link->RemoveNotification(&waiting);
+    for (const int socket : {peer, carried, upstream, direct})
+        TestSockets::Close(socket);
+}
+
+// The upstream is given by address (reaching it needs no resolver); bypass blocks are CIDR
+// without host bits, IPv4 ones matching IPv4 written as IPv6 too.
+TEST(UpstreamTest, TheRouteTakesNumericUpstreamsAndAddressBlocks)
+{
+    const struct {
+        const char* url;
+        const char* error; // nullptr: taken
+    } urls[] = {
+        {"socks5://127.0.0.1:1080", nullptr},
+        {"http://user:p%40ss@[::1]:3128/", nullptr},
+        {"socks5://proxy.example:1080", "not a numeric address"},
+        {"http://localhost:3128", "not a numeric address"},
+        {"ftp://127.0.0.1:21", "is not socks5://"},
+        {"socks5://127.0.0.1", "is not socks5://"},
+        {"socks5://::1:1080", "is not socks5://"},
+        {"socks5://:pw@127.0.0.1:1080", "credentials"},
+        {"socks5://user@127.0.0.1:1080", "credentials"},
+    };
+    for (const auto& url : urls) {
+        CUpstreamRoute route;
+        std::string error;
+        EXPECT_EQ(route.SetUrl(url.url, error), url.error == nullptr) << url.url;
+        if (url.error) {
+            EXPECT_NE(error.find(url.error), std::string::npos) << url.url << ": " << error;
+        }
+    }
+    CUpstreamRoute route = RouteTo("http://user:p%40ss@[::1]:3128");
+    EXPECT_EQ(route.GetPassword(), "p@ss");
+    std::string error;
+    EXPECT_FALSE(route.AddBypass("10.0.0.1/8", error));
+    EXPECT_FALSE(route.AddBypass("10.0.0.0/33", error));
+    ASSERT_TRUE(route.AddBypass("10.0.0.0/8", error));
+    ASSERT_TRUE(route.AddBypass("2001:db8::/32", error));
+    const struct {
+        const char* ip;
+        bool carried;
+    } destinations[] = {{"10.1.2.3", false}, {"11.0.0.1", true}, {"::ffff:10.0.0.1", false},
+                        {"2001:db8::1", false}, {"2001:db9::1", true}};
+    for (const auto& destination : destinations) {
+        sockaddr_storage address{};
+        int length = sizeof(address);
+        ASSERT_TRUE(TestSockets::Address(destination.ip, 80)->GetSockAddr(reinterpret_cast<sockaddr*>(&address), &length));
+        EXPECT_EQ(route.Carries(address), destination.carried) << destination.ip;
+    }
+    CDirectHost host;
+    EXPECT_EQ(host.SetOption("upstream", "socks5://proxy.example:1080", &error), CDirectHost::OPTION_BAD_VALUE);
+    EXPECT_EQ(error.rfind("upstream: ", 0), 0u) << error;
+    EXPECT_EQ(host.SetOption("upstream-bypass", "10.0.0.0/8"), CDirectHost::OPTION_OK);
 }
 
 // Takes the accepted stream the way the engine does: a reference, then a sink on it.
