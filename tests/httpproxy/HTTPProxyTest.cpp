@@ -18,6 +18,7 @@
 #include "proxy/httpproxy/CHTTPBody.h"
 #include "proxy/httpproxy/CHTTPRoute.h"
 #include "proxy/httpproxy/COriginPool.h"
+#include "proxy/httpproxy/CProxyHTTPResponse.h"
 
 namespace ZRT {
 namespace Proxy {
@@ -476,7 +477,7 @@ TEST_F(HTTPProxyTest, SetCookieValuesAreSplit)
         {"", {}},
     };
     for (const SCase& c : cases) {
-        QOX::CRefCountPtr<CHTTPPacket> response(new CConnectionProtocol_HTTP::CProxyHTTPResponse());
+        QOX::CRefCountPtr<CHTTPPacket> response(new CProxyHTTPResponse());
         response->AddHeader("SET-COOKIE", c.value);
         CHTTPPacket::HeaderList expected;
         for (const std::string& piece : c.pieces)
