@@ -5,15 +5,12 @@
 
 #include <cstdlib>
 #include <cstring>
-#include <utility>
 
 #include "proxy/address/CAddressManager.h"
-#include "proxy/core/CProxyStats.h"
 #include "proxy/core/SProxySettings.h"
 #include "proxy/http/CBase64.h"
 #include "proxy/http/CHTTPFraming.h"
 #include "proxy/http/CHTTPHopByHop.h"
-#include "proxy/httpproxy/COriginPool.h"
 #include "transport/CSocketUtils.h"
 
 namespace ZRT {
