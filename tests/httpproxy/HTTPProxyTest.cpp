@@ -145,6 +145,17 @@ TEST_F(HTTPProxyTest, AnOriginConnectionStaysForTheNextRequestToTheSamePlaceUnti
     EXPECT_EQ(2, m_connection.GetConnectCalls());
     const std::string forwarded = "GET /a HTTP/1.1\r\nHost: server1\r\n\r\n";
     EXPECT_EQ(m_connection.GetToHost(), forwarded + forwarded + forwarded);
+    // Kept again, and closed by its origin just as it is used: the request goes once more on a
+    // new connection; that one closing too is the end.
+    Response(answer);
+    Request(request);
+    EXPECT_TRUE(m_handler->HandleHostEnd());
+    m_connection.RunPending();
+    EXPECT_EQ(3, m_connection.GetConnectCalls());
+    EXPECT_EQ(m_connection.GetToHost(), forwarded + forwarded + forwarded + forwarded + forwarded);
+    EXPECT_FALSE(m_handler->HandleHostEnd());
+    EXPECT_EQ(m_connection.GetToClient().find("HTTP/1.1 502 Bad Gateway\r\n"), 3 * answer.size());
+    EXPECT_FALSE(m_connection.IsConnectedToClient());
 }
 
 TEST_F(HTTPProxyTest, BodiesAreFramedAndWhatFollowsABodyIsTheNextRequest)
