@@ -455,7 +455,8 @@ CConnectionProtocol_HTTP::EState CConnectionProtocol_HTTP::DoExchange(EEvent eve
     if (!ForwardHeldBody())
         return Fail(EReply::BadRequest, EOutcome::BadRequest, "The request's chunked body is malformed.");
     if (m_answer.GetState() == CHTTPAnswer::EState::Upgraded) {
-        // The tunnel passes the client's end on by itself, even when the exchange did.
+        // The tunnel passes the client's end on by itself, even when the exchange did: a link
+        // that can no longer end one direction alone ends the client.
         if (m_clientEnd == EClientEnd::PassedOn)
             m_clientEnd = EClientEnd::Ended;
         return EState::Tunnel;
@@ -562,7 +563,7 @@ CConnectionProtocol_HTTP::EState CConnectionProtocol_HTTP::Fail(EReply reply, EO
 
 void CConnectionProtocol_HTTP::LetGoOfOrigin(bool reusable)
 {
-    // A parked connection meets a CONNECT request when it is let go: it is not kept then.
+    // Nothing is kept while a CONNECT request is under way, not even a connection parked before it.
     m_origin.Release(reusable && m_kind != EHTTPRequestKind::Connect);
 }
 
