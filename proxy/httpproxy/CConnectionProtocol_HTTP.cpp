@@ -5,15 +5,12 @@
 
 #include <cstdlib>
 #include <cstring>
-#include <vector>
 
 #include "proxy/address/CAddressManager.h"
-#include "proxy/core/CProxyStats.h"
 #include "proxy/core/SProxySettings.h"
 #include "proxy/http/CBase64.h"
 #include "proxy/http/CHTTPFraming.h"
 #include "proxy/http/CHTTPHopByHop.h"
-#include "proxy/httpproxy/COriginPool.h"
 #include "transport/CSocketUtils.h"
 
 namespace ZRT {
@@ -25,7 +22,6 @@ using EReply = CHTTPReplies::EReply;
 const char TUNNEL_METHOD[] = "CONNECT";
 const char VERSION_1_0[] = "HTTP/1.0";
 const char VERSION_1_1[] = "HTTP/1.1";
-const char SET_COOKIE[] = "set-cookie";
 const char BASIC_SCHEME[] = "basic";
 
 int StatusOf(EReply reply)
@@ -81,48 +77,12 @@ bool ReadBasic(const std::string& field, std::string& user, std::string& passwor
 }
 } // namespace
 
-// ---- Set-Cookie ----
-
-void CConnectionProtocol_HTTP::CProxyHTTPResponse::AddHeader(const std::string& name, const std::string& value)
-{
-    if (strcasecmp(name.c_str(), SET_COOKIE) != 0) {
-        CHTTPPacket::AddHeader(name, value);
-        return;
-    }
-    const auto addPiece = [&](const std::string& piece) {
-        if (!piece.empty())
-            CHTTPPacket::AddHeader(name, piece);
-    };
-    const std::string::size_type length = value.size();
-    std::string::size_type start = 0;
-    std::string::size_type pos = 0;
-    for (;;) {
-        const std::string::size_type comma = value.find(',', pos);
-        if (comma == std::string::npos || comma == length - 1) {
-            addPiece(value.substr(start));
-            return;
-        }
-        pos = comma + 1;
-        if (value[pos] == ' ')
-            continue;
-        addPiece(value.substr(start, comma - start));
-        start = pos;
-    }
-}
-
-CConnectionProtocol_HTTP::CProxyHTTPResponseParser::~CProxyHTTPResponseParser() = default;
-
-CHTTPPacket* CConnectionProtocol_HTTP::CProxyHTTPResponseParser::CreatePacket() const
-{
-    return new CProxyHTTPResponse();
-}
-
 // ---- life cycle ----
 
 CConnectionProtocol_HTTP::CConnectionProtocol_HTTP(IProxyConnection& connection)
     : m_connection(connection), m_keepAliveMs(connection.GetSettings().httpKeepAliveMs),
       m_lookup([&connection] { connection.WakeHandler(); }, connection.GetSettings().lookupLimitMs),
-      m_login(connection)
+      m_login(connection), m_origin(connection, m_keepAliveMs), m_answer(connection, m_keepAliveMs > 0)
 {
 }
 
@@ -135,12 +95,10 @@ void CConnectionProtocol_HTTP::Init() {}
 
 void CConnectionProtocol_HTTP::Terminate()
 {
+    DoLoop(EEvent::Terminated);
     // A kept origin connection outlives its client: another client may use it.
-    if (m_parked && !m_terminated)
+    if (m_origin.GetState() == CHTTPOriginLink::EState::Parked)
         LetGoOfOrigin(true);
-    m_parked = false;
-    m_terminated = true;
-    m_state = EState::Closed;
     m_lookup.Cancel();
     m_login.Cancel();
     m_input.clear();
@@ -150,7 +108,7 @@ void CConnectionProtocol_HTTP::Terminate()
 
 void CConnectionProtocol_HTTP::HandleRequest(const char* data, int length)
 {
-    if (m_terminated || !data || length <= 0 || m_state == EState::Closing)
+    if (!data || length <= 0 || m_state == EState::Closing || m_state == EState::Closed)
         return;
     const size_t size = static_cast<size_t>(length);
     if (m_state == EState::Tunnel && m_input.empty()) {
@@ -161,7 +119,7 @@ void CConnectionProtocol_HTTP::HandleRequest(const char* data, int length)
     if (m_state == EState::Exchange && m_input.empty() && !m_requestBody.IsDone()) {
         size_t taken = 0;
         if (!ForwardBody(data, size, taken)) {
-            m_state = Fail(EReply::BadRequest, EOutcome::BadRequest, "The request's chunked body is malformed.");
+            DoLoop(EEvent::MalformedBody);
             return;
         }
         m_input.append(data + taken, size - taken);
@@ -173,7 +131,7 @@ void CConnectionProtocol_HTTP::HandleRequest(const char* data, int length)
 
 void CConnectionProtocol_HTTP::HandleResponse(const char* data, int length)
 {
-    if (m_terminated || !data || length <= 0)
+    if (!data || length <= 0 || m_state == EState::Closed)
         return;
     if (m_state == EState::Tunnel) {
         m_connection.SendToClient(data, length);
@@ -181,23 +139,19 @@ void CConnectionProtocol_HTTP::HandleResponse(const char* data, int length)
     }
     if (m_state != EState::Exchange) {
         // An origin that speaks unasked is out of step: its connection serves nobody more.
-        m_originReusable = false;
-        if (m_parked) {
-            m_parked = false;
+        if (m_origin.GetState() == CHTTPOriginLink::EState::Parked)
             LetGoOfOrigin(false);
-        }
         return;
     }
-    ReadResponse(data, static_cast<size_t>(length));
+    m_answer.Read(data, static_cast<size_t>(length), !m_requestBody.IsDone() || m_clientEnd != EClientEnd::Sending);
     DoLoop();
 }
 
 void CConnectionProtocol_HTTP::OnHostConnected(bool connected)
 {
-    if (m_terminated || m_state != EState::Connect)
+    if (m_state != EState::Connect)
         return;
-    m_connected = connected;
-    DoLoop();
+    DoLoop(connected ? EEvent::Connected : EEvent::ConnectFailed);
 }
 
 void CConnectionProtocol_HTTP::Resume()
@@ -207,8 +161,6 @@ void CConnectionProtocol_HTTP::Resume()
 
 void CConnectionProtocol_HTTP::OnTimer()
 {
-    if (m_terminated)
-        return;
     switch (m_state) {
     case EState::Login:
         if (m_login.OnTimer())
@@ -218,9 +170,7 @@ void CConnectionProtocol_HTTP::OnTimer()
         DoLoop(); // the lookup knows whether its time is up
         return;
     case EState::ReadHead:
-        // Idle between requests for as long as a persistent connection may be.
-        m_state = EState::Closing;
-        m_connection.DisconnectClient();
+        DoLoop(EEvent::Timer);
         return;
     default:
         return;
@@ -237,7 +187,8 @@ bool CConnectionProtocol_HTTP::HandleClientEnd()
     case EState::Connect:
     case EState::Exchange:
         // A client that sent its request and finished still gets its answer; then the end.
-        m_clientEnded = true;
+        if (m_clientEnd == EClientEnd::Sending)
+            m_clientEnd = EClientEnd::Ended;
         DoLoop();
         return m_state != EState::Closing && m_state != EState::Closed;
     default:
@@ -249,22 +200,14 @@ bool CConnectionProtocol_HTTP::HandleHostEnd()
 {
     if (m_state == EState::Tunnel)
         return true;
-    if (m_parked) {
+    if (m_origin.GetState() == CHTTPOriginLink::EState::Parked) {
         // The kept origin connection closed between requests: the client stays.
-        m_parked = false;
         LetGoOfOrigin(false);
         return true;
     }
     if (m_state != EState::Exchange)
         return false;
-    if (m_response == EResponse::Body && m_responseBody.RunsUntilClose()) {
-        // The origin's close is the end of its answer.
-        m_response = EResponse::Done;
-        m_originReusable = false;
-        m_closeAfter = true;
-    } else if (m_response != EResponse::Done) {
-        m_originLost = true;
-    }
+    m_answer.OnOriginEnd();
     DoLoop();
     return m_state == EState::Connect;
 }
@@ -273,20 +216,13 @@ unsigned long long CConnectionProtocol_HTTP::GetResponseRelayAllowance() const
 {
     if (m_state == EState::Tunnel)
         return RELAY_ALL;
-    if (m_state != EState::Exchange || m_response != EResponse::Body)
-        return 0;
-    return m_responseBody.GetRelayAllowance();
+    return m_state == EState::Exchange ? m_answer.GetRelayAllowance() : 0;
 }
 
 void CConnectionProtocol_HTTP::OnResponseRelayed(unsigned long long count)
 {
-    if (m_state != EState::Exchange || m_response != EResponse::Body)
-        return;
-    m_responseBody.Relayed(count);
-    if (m_responseBody.IsDone()) {
-        m_response = EResponse::Done;
+    if (m_state == EState::Exchange && m_answer.Relayed(count))
         DoLoop();
-    }
 }
 
 unsigned long long CConnectionProtocol_HTTP::GetRequestRelayAllowance() const
@@ -311,45 +247,50 @@ void CConnectionProtocol_HTTP::OnRequestRelayed(unsigned long long count)
 
 // ---- the state machine ----
 
-void CConnectionProtocol_HTTP::DoLoop()
+void CConnectionProtocol_HTTP::DoLoop(EEvent event)
 {
-    while (!m_terminated) {
+    // The event is for the state it found; the steps after it see none.
+    while (m_state != EState::Closed) {
         const EState state = m_state;
-        EState next = state;
-        switch (state) {
-        case EState::ReadHead:
-            next = DoReadHead();
-            break;
-        case EState::Login:
-            next = DoLogin();
-            break;
-        case EState::Resolve:
-            next = DoResolve();
-            break;
-        case EState::Connect:
-            next = DoConnect();
-            break;
-        case EState::Exchange:
-            next = DoExchange();
-            break;
-        case EState::Tunnel:
-            next = DoTunnel();
-            break;
-        case EState::Closing:
-        case EState::Closed:
-            break; // nothing more to do
-        }
-        if (m_terminated)
-            return;
+        const EState next = event == EEvent::Terminated ? EState::Closed : DoStep(state, event);
+        if (m_state == EState::Closed)
+            return; // terminated by the connection inside the step
         m_state = next;
-        // A step that stays in its state waits for an event.
         if (next == state)
-            return;
+            return; // waiting for an event
+        event = EEvent::None;
     }
 }
 
-CConnectionProtocol_HTTP::EState CConnectionProtocol_HTTP::DoReadHead()
+CConnectionProtocol_HTTP::EState CConnectionProtocol_HTTP::DoStep(EState state, EEvent event)
 {
+    switch (state) {
+    case EState::ReadHead:
+        return DoReadHead(event);
+    case EState::Login:
+        return DoLogin();
+    case EState::Resolve:
+        return DoResolve();
+    case EState::Connect:
+        return DoConnect(event);
+    case EState::Exchange:
+        return DoExchange(event);
+    case EState::Tunnel:
+        return DoTunnel();
+    case EState::Closing:
+    case EState::Closed:
+        break; // nothing more to do
+    }
+    return state;
+}
+
+CConnectionProtocol_HTTP::EState CConnectionProtocol_HTTP::DoReadHead(EEvent event)
+{
+    if (event == EEvent::Timer) {
+        // Idle between requests for as long as a persistent connection may be.
+        m_connection.DisconnectClient();
+        return EState::Closing;
+    }
     if (m_input.empty())
         return EState::ReadHead;
     std::string input;
@@ -368,36 +309,33 @@ CConnectionProtocol_HTTP::EState CConnectionProtocol_HTTP::DoReadHead()
 
 CConnectionProtocol_HTTP::EState CConnectionProtocol_HTTP::StartRequest()
 {
-    // Nothing of the previous request's answer carries over.
-    m_response = EResponse::Head;
-    m_status = 0;
-    m_responseStarted = false;
-    m_upgraded = false;
-    m_originLost = false;
-    m_endPassedOn = false;
-    m_responseFault.clear();
-    m_connected.reset();
     m_connection.MarkRequestComplete();
     m_method = m_request->m_method;
-    m_tunnel = strcasecmp(m_method.c_str(), TUNNEL_METHOD) == 0;
-    m_connection.DescribeExchange(m_tunnel ? "connect" : "http", "");
+    const bool tunnel = strcasecmp(m_method.c_str(), TUNNEL_METHOD) == 0;
+    m_connection.DescribeExchange(tunnel ? "connect" : "http", "");
     const CHTTPFraming framing = CHTTPFraming::OfRequest(*m_request);
+    const bool upgrade = Persistent() && framing.AsksUpgrade(); // kept only with keep-alive
+    m_kind = tunnel ? EHTTPRequestKind::Connect : upgrade ? EHTTPRequestKind::Upgrade : EHTTPRequestKind::Ordinary;
+    // Nothing of the previous request's answer carries over.
+    m_answer.Begin(m_method, m_kind, m_request->m_version == VERSION_1_0,
+                   Persistent() && framing.IsPersistent() && !tunnel);
     if (framing.GetFault() != CHTTPFraming::EFault::None)
         return Fail(EReply::BadRequest, EOutcome::BadRequest, "The request's length or fields contradict each other.");
-    m_clientHttp10 = m_request->m_version == VERSION_1_0;
-    m_clientPersistent = Persistent() && framing.IsPersistent() && !m_tunnel;
-    m_upgrade = Persistent() && framing.AsksUpgrade();
-    const CHTTPHopByHop::SRemoved removed = CHTTPHopByHop::Remove(*m_request, m_upgrade);
-    m_requestBody.Begin(m_tunnel ? CHTTPFraming::EBody::None : framing.GetBody(), framing.GetLength());
+    const CHTTPHopByHop::SRemoved removed = CHTTPHopByHop::Remove(*m_request, upgrade);
+    m_requestBody.Begin(tunnel ? CHTTPFraming::EBody::None : framing.GetBody(), framing.GetLength());
+    return RouteRequest(removed.proxyAuthorization.empty() ? std::string() : removed.proxyAuthorization.front());
+}
+
+CConnectionProtocol_HTTP::EState CConnectionProtocol_HTTP::RouteRequest(const std::string& authorization)
+{
     if (!m_route.Find(*m_request))
         return Fail(Persistent() ? EReply::BadRequest : EReply::NotFound, EOutcome::NoDestination,
                     "The request names no destination.");
-    m_connection.DescribeExchange(m_tunnel ? "connect" : "http", m_route.GetDestination());
+    m_connection.DescribeExchange(m_kind == EHTTPRequestKind::Connect ? "connect" : "http", m_route.GetDestination());
     if (!CAddressManager::IsPlausibleHostName(CSocketUtils::StripBrackets(m_route.GetHost())))
         return Fail(EReply::BadRequest, EOutcome::BadRequest, "The request's destination is not a host name.");
-    return StartLogin(removed.proxyAuthorization.empty() ? std::string() : removed.proxyAuthorization.front());
+    return StartLogin(authorization);
 }
-
 CConnectionProtocol_HTTP::EState CConnectionProtocol_HTTP::StartLogin(const std::string& authorization)
 {
     if (m_connection.GetSettings().users.empty())
@@ -451,6 +389,7 @@ CConnectionProtocol_HTTP::EState CConnectionProtocol_HTTP::DoResolve()
     return UseDestination(address);
 }
 
+
 CConnectionProtocol_HTTP::EState CConnectionProtocol_HTTP::UseDestination(const AddressPtr& destination)
 {
     if (!destination)
@@ -460,50 +399,28 @@ CConnectionProtocol_HTTP::EState CConnectionProtocol_HTTP::UseDestination(const 
         return Fail(Persistent() ? EReply::LoopDetected : EReply::NotFound, EOutcome::NotAllowed);
     if (!m_connection.IsDestinationAllowed(*destination))
         return Fail(EReply::Forbidden, EOutcome::Denied);
-    const std::string key = destination->ToString();
-    m_reusedOrigin = false;
-    m_retried = false;
-    if (m_parked) {
-        // The origin connection kept from the previous request, when it goes to the same place.
-        m_parked = false;
-        if (!m_tunnel && key == m_originKey) {
-            m_destination = destination;
-            m_reusedOrigin = true;
-            m_connection.GetStats().Add(CProxyStats::HTTP_ORIGINS_REUSED);
-            return SendRequest();
-        }
-        LetGoOfOrigin(true);
+    switch (m_origin.Open(destination, m_kind != EHTTPRequestKind::Connect && Persistent())) {
+    case CHTTPOriginLink::EOpened::Reused:
+        return SendRequest();
+    case CHTTPOriginLink::EOpened::Connecting:
+        return EState::Connect;
+    case CHTTPOriginLink::EOpened::Failed:
+        break;
     }
-    m_destination = destination;
-    m_originKey = key;
-    if (!m_tunnel && Persistent()) {
-        const QOX::CRefCountPtr<IZRTDataLayer> idle = m_connection.GetOriginPool().Take(m_originKey);
-        if (idle && m_connection.AdoptHostLink(idle)) {
-            m_reusedOrigin = true;
-            m_connection.GetStats().Add(CProxyStats::HTTP_ORIGINS_REUSED);
-            return SendRequest();
-        }
-        if (idle)
-            idle->Disconnect();
-    }
-    if (!m_connection.BeginConnectToHost(destination))
-        return Fail(Persistent() ? EReply::BadGateway : EReply::NotFound, EOutcome::Unreachable);
-    return EState::Connect;
+    return Fail(Persistent() ? EReply::BadGateway : EReply::NotFound, EOutcome::Unreachable);
 }
 
-CConnectionProtocol_HTTP::EState CConnectionProtocol_HTTP::DoConnect()
+CConnectionProtocol_HTTP::EState CConnectionProtocol_HTTP::DoConnect(EEvent event)
 {
-    if (!m_connected)
-        return EState::Connect;
-    const bool connected = *m_connected;
-    m_connected.reset();
-    if (!connected) {
+    if (event == EEvent::ConnectFailed) {
         const bool late = m_connection.GetConnectFailure() == ETIMEDOUT;
         return Fail(!Persistent() ? EReply::NotFound : late ? EReply::GatewayTimeout : EReply::BadGateway,
                     EOutcome::Unreachable,
                     late ? "The destination did not answer in time." : "The destination refused the connection.");
     }
-    if (!m_tunnel)
+    if (event != EEvent::Connected)
+        return EState::Connect;
+    if (m_kind != EHTTPRequestKind::Connect)
         return SendRequest();
     m_connection.SendToClient(CHTTPReplies::CONNECTION_ESTABLISHED,
                               static_cast<int>(std::strlen(CHTTPReplies::CONNECTION_ESTABLISHED)));
@@ -518,46 +435,60 @@ CConnectionProtocol_HTTP::EState CConnectionProtocol_HTTP::SendRequest()
     // Routed by an absolute target: the origin learns the same host from its Host field.
     if (m_route.IsAbsolute() || !hasHost)
         m_request->SetHeader("Host", m_route.GetAuthority());
-    if (m_upgrade)
+    if (m_kind == EHTTPRequestKind::Upgrade)
         m_request->SetHeader("Connection", "upgrade");
     const std::string head = m_request->GetHead(Persistent() ? VERSION_1_1 : VERSION_1_0);
     m_connection.SendToHost(head.data(), static_cast<int>(head.size()));
-    m_responseParser.Reset();
-    m_originReusable = Persistent();
-    m_closeAfter = !m_clientPersistent;
+    m_answer.Expect();
     return EState::Exchange;
 }
 
-CConnectionProtocol_HTTP::EState CConnectionProtocol_HTTP::DoExchange()
+CConnectionProtocol_HTTP::EState CConnectionProtocol_HTTP::DoExchange(EEvent event)
 {
-    if (!m_responseFault.empty())
-        return Fail(EReply::BadGateway, EOutcome::Unreachable, m_responseFault);
-    if (m_originLost)
+    if (event == EEvent::MalformedBody)
+        return Fail(EReply::BadRequest, EOutcome::BadRequest, "The request's chunked body is malformed.");
+    if (m_answer.GetState() == CHTTPAnswer::EState::Faulted)
+        return Fail(EReply::BadGateway, EOutcome::Unreachable, m_answer.GetFault());
+    if (m_answer.GetState() == CHTTPAnswer::EState::Lost)
         return OriginLost();
     // Held client bytes: the rest of this request's body first, the next requests wait.
-    if (!m_input.empty() && !m_requestBody.IsDone()) {
-        std::string input;
-        input.swap(m_input);
-        size_t taken = 0;
-        if (!ForwardBody(input.data(), input.size(), taken))
-            return Fail(EReply::BadRequest, EOutcome::BadRequest, "The request's chunked body is malformed.");
-        m_input = input.substr(taken);
-    }
-    if (m_upgraded)
+    if (!ForwardHeldBody())
+        return Fail(EReply::BadRequest, EOutcome::BadRequest, "The request's chunked body is malformed.");
+    if (m_answer.GetState() == CHTTPAnswer::EState::Upgraded) {
+        // The tunnel passes the client's end on by itself, even when the exchange did: a link
+        // that can no longer end one direction alone ends the client.
+        if (m_clientEnd == EClientEnd::PassedOn)
+            m_clientEnd = EClientEnd::Ended;
         return EState::Tunnel;
-    if (!m_requestBody.IsDone() && m_clientEnded && m_input.empty())
-        return Fail(EReply::BadRequest, EOutcome::BadRequest, "The request ended before its body.");
-    // A client that finished with its request: the origin hears the end too (some answer only
-    // then), and its connection serves nobody else afterwards.
-    if (m_requestBody.IsDone() && m_clientEnded && !m_endPassedOn) {
-        m_endPassedOn = true;
-        m_originReusable = false;
-        m_closeAfter = true;
-        m_connection.EndHostOutput();
     }
-    if (m_response == EResponse::Done && (m_requestBody.IsDone() || m_closeAfter))
+    if (!m_requestBody.IsDone() && m_clientEnd != EClientEnd::Sending && m_input.empty())
+        return Fail(EReply::BadRequest, EOutcome::BadRequest, "The request ended before its body.");
+    PassClientEnd();
+    if (m_answer.GetState() == CHTTPAnswer::EState::Done && (m_requestBody.IsDone() || m_answer.EndsClient()))
         return FinishExchange();
     return EState::Exchange;
+}
+
+bool CConnectionProtocol_HTTP::ForwardHeldBody()
+{
+    if (m_input.empty() || m_requestBody.IsDone())
+        return true;
+    std::string input;
+    input.swap(m_input);
+    size_t taken = 0;
+    if (!ForwardBody(input.data(), input.size(), taken))
+        return false;
+    m_input = input.substr(taken);
+    return true;
+}
+
+void CConnectionProtocol_HTTP::PassClientEnd()
+{
+    if (!m_requestBody.IsDone() || m_clientEnd != EClientEnd::Ended)
+        return;
+    m_clientEnd = EClientEnd::PassedOn;
+    m_answer.LeaveOriginOutOfStep();
+    m_connection.EndHostOutput();
 }
 
 CConnectionProtocol_HTTP::EState CConnectionProtocol_HTTP::DoTunnel()
@@ -567,43 +498,42 @@ CConnectionProtocol_HTTP::EState CConnectionProtocol_HTTP::DoTunnel()
         input.swap(m_input);
         m_connection.SendToHost(input.data(), static_cast<int>(input.size()));
     }
-    if (m_clientEnded && !m_connection.EndHostOutput()) {
+    if (m_clientEnd != EClientEnd::Ended)
+        return EState::Tunnel;
+    m_clientEnd = EClientEnd::PassedOn;
+    if (!m_connection.EndHostOutput()) {
         m_connection.DisconnectClient();
         return EState::Closing;
     }
-    m_clientEnded = false; // passed on
     return EState::Tunnel;
 }
 
 CConnectionProtocol_HTTP::EState CConnectionProtocol_HTTP::OriginLost()
 {
-    m_originLost = false;
     // A kept connection that its origin closed just as it was used: once more on a new one, for
-    // a request that can be sent again as it was (no body went yet).
-    const bool again = m_reusedOrigin && !m_retried && !m_responseStarted && m_requestBody.IsDone() &&
-                       m_request && m_response == EResponse::Head;
+    // a request that can be sent again as it was (no body went yet, no answer began).
+    const bool again = m_origin.GetState() == CHTTPOriginLink::EState::Reused && !m_answer.HasStarted() &&
+                       m_requestBody.IsDone() && m_request;
     if (!again)
         return Fail(EReply::BadGateway, EOutcome::Unreachable, "The destination closed the connection.");
-    LetGoOfOrigin(false);
-    m_retried = true;
-    m_reusedOrigin = false;
-    if (!m_connection.BeginConnectToHost(m_destination))
+    if (!m_origin.Replace())
         return Fail(EReply::BadGateway, EOutcome::Unreachable);
     return EState::Connect;
 }
 
 CConnectionProtocol_HTTP::EState CConnectionProtocol_HTTP::FinishExchange()
 {
-    m_connection.FinishRequest(m_method, m_status);
-    const bool reusable = m_originReusable && m_requestBody.IsDone() && Persistent();
+    m_connection.FinishRequest(m_method, m_answer.GetStatus());
+    const bool reusable = m_answer.KeepsOriginInStep() && m_requestBody.IsDone() && Persistent();
+    const bool last = m_answer.EndsClient() || m_clientEnd != EClientEnd::Sending;
     m_request.Reset();
-    m_destination.Reset();
     // Kept for the client's next request, which most often goes to the same origin; to the pool
     // when it goes elsewhere or the client goes.
-    m_parked = reusable && !m_closeAfter && !m_clientEnded;
-    if (!m_parked)
+    if (reusable && !last)
+        m_origin.Park();
+    else
         LetGoOfOrigin(reusable);
-    if (m_closeAfter || m_clientEnded) {
+    if (last) {
         m_connection.DisconnectClient();
         return EState::Closing;
     }
@@ -617,13 +547,14 @@ CConnectionProtocol_HTTP::EState CConnectionProtocol_HTTP::Fail(EReply reply, EO
     m_connection.SetHandlerTimer(-1);
     m_lookup.Cancel();
     m_login.Cancel();
-    if (!m_responseStarted && m_connection.IsConnectedToClient()) {
+    int status = m_answer.GetStatus();
+    if (!m_answer.HasStarted() && m_connection.IsConnectedToClient()) {
         const std::string text = CHTTPReplies::Make(reply, Persistent(), why);
         m_connection.SendToClient(text.data(), static_cast<int>(text.size()));
-        m_status = StatusOf(reply);
+        status = StatusOf(reply);
     }
     if (!m_method.empty())
-        m_connection.FinishRequest(m_method, m_status);
+        m_connection.FinishRequest(m_method, status);
     LetGoOfOrigin(false);
     m_input.clear();
     m_connection.DisconnectClient();
@@ -632,138 +563,15 @@ CConnectionProtocol_HTTP::EState CConnectionProtocol_HTTP::Fail(EReply reply, EO
 
 void CConnectionProtocol_HTTP::LetGoOfOrigin(bool reusable)
 {
-    const QOX::CRefCountPtr<IZRTDataLayer> link = m_connection.ReleaseHostLink();
-    if (!link)
-        return;
-    if (reusable && Persistent() && !m_tunnel &&
-        m_connection.GetOriginPool().Give(m_originKey, link, std::chrono::milliseconds(m_keepAliveMs)))
-        return;
-    link->Disconnect();
+    // Nothing is kept while a CONNECT request is under way, not even a connection parked before it.
+    m_origin.Release(reusable && m_kind != EHTTPRequestKind::Connect);
 }
-
-// ---- bodies and answers ----
 
 bool CConnectionProtocol_HTTP::ForwardBody(const char* data, size_t length, size_t& taken)
 {
     return m_requestBody.Relay(data, length, taken, [this](const char* bytes, size_t count) {
         m_connection.SendToHost(bytes, static_cast<int>(count));
     });
-}
-
-void CConnectionProtocol_HTTP::ReadResponse(const char* data, size_t length)
-{
-    std::string carried; // bytes behind a head, read anew
-    while (length > 0 && m_responseFault.empty() && !m_upgraded) {
-        if (m_response == EResponse::Done) {
-            m_originReusable = false; // more than its answer: out of step
-            return;
-        }
-        if (m_response == EResponse::Body) {
-            size_t taken = 0;
-            const bool framed = m_responseBody.Relay(data, length, taken, [this](const char* bytes, size_t count) {
-                m_connection.SendToClient(bytes, static_cast<int>(count));
-            });
-            if (!framed) {
-                FaultResponse("The destination's chunked answer is malformed.");
-                return;
-            }
-            data += taken;
-            length -= taken;
-            if (m_responseBody.IsDone())
-                m_response = EResponse::Done;
-            continue;
-        }
-        const CHTTPParser::EParseResult result = m_responseParser.Parse(Bytes(data), static_cast<unsigned int>(length));
-        if (result == CHTTPParser::PARSE_ERROR) {
-            FaultResponse("The destination's answer is malformed.");
-            return;
-        }
-        if (result != CHTTPParser::PARSE_COMPLETE)
-            return;
-        std::string rest = Pending(m_responseParser);
-        carried.swap(rest);
-        data = carried.data();
-        length = carried.size();
-        StartResponse();
-    }
-    if (m_upgraded && length > 0)
-        m_connection.SendToClient(data, static_cast<int>(length));
-}
-
-void CConnectionProtocol_HTTP::StartResponse()
-{
-    const QOX::CRefCountPtr<CHTTPResponse> response = QOX::StaticCast<CHTTPResponse>(m_responseParser.m_packet);
-    m_responseParser.Reset();
-    if (!response) {
-        FaultResponse("The destination's answer is malformed.");
-        return;
-    }
-    const int status = static_cast<int>(response->GetStatusCode());
-    const char* version = Persistent() ? VERSION_1_1 : VERSION_1_0;
-    if (status == 101) {
-        if (!m_upgrade) {
-            FaultResponse("The destination switched protocols unasked.");
-            return;
-        }
-        CHTTPHopByHop::Remove(*response, true);
-        response->SetHeader("Connection", "upgrade");
-        const std::string head = response->GetHead(VERSION_1_1);
-        m_connection.SendToClient(head.data(), static_cast<int>(head.size()));
-        m_responseStarted = true;
-        m_status = status;
-        m_upgraded = true;
-        return;
-    }
-    if (status < 200) {
-        // Interim answers pass on (an HTTP/1.0 client knows none); the final one follows.
-        CHTTPHopByHop::Remove(*response, false);
-        if (!m_clientHttp10) {
-            const std::string head = response->GetHead(version);
-            m_connection.SendToClient(head.data(), static_cast<int>(head.size()));
-        }
-        return;
-    }
-    // An origin must not collect the proxy's credentials from its users.
-    if (status == 407) {
-        FaultResponse("The destination asked for proxy credentials.");
-        return;
-    }
-    const CHTTPFraming framing = CHTTPFraming::OfResponse(*response, m_method);
-    if (framing.GetFault() != CHTTPFraming::EFault::None) {
-        FaultResponse("The destination's answer has no certain length.");
-        return;
-    }
-    CHTTPHopByHop::Remove(*response, false);
-    const bool chunked = framing.GetBody() == CHTTPFraming::EBody::Chunked;
-    // An HTTP/1.0 client knows no chunks: it gets the data, ended by the close.
-    const bool dechunk = chunked && m_clientHttp10;
-    if (dechunk) {
-        CHTTPPacket::HeaderList fields;
-        for (const auto& field : response->GetHeaders()) {
-            if (strcasecmp(field.first.c_str(), "transfer-encoding") != 0)
-                fields.push_back(field);
-        }
-        response->SetHeaders(fields);
-    }
-    m_originReusable = m_originReusable && framing.IsPersistent();
-    m_closeAfter = m_closeAfter || !m_requestBody.IsDone() || dechunk || m_clientEnded ||
-                   framing.GetBody() == CHTTPFraming::EBody::UntilClose;
-    if (m_closeAfter)
-        response->SetHeader("Connection", "close");
-    else if (m_clientHttp10)
-        response->SetHeader("Connection", "keep-alive");
-    const std::string head = response->GetHead(version);
-    m_connection.SendToClient(head.data(), static_cast<int>(head.size()));
-    m_responseStarted = true;
-    m_status = status;
-    m_responseBody.Begin(framing.GetBody(), framing.GetLength(), dechunk);
-    m_response = m_responseBody.IsDone() ? EResponse::Done : EResponse::Body;
-}
-
-void CConnectionProtocol_HTTP::FaultResponse(const std::string& why)
-{
-    m_originReusable = false;
-    m_responseFault = why;
 }
 
 } // namespace Proxy

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <optional>
 #include <string>
 
 #include "proxy/address/CNameLookup.h"
@@ -9,11 +8,12 @@
 #include "proxy/core/IProxyConnection.h"
 #include "proxy/http/CHTTPRequest.h"
 #include "proxy/http/CHTTPRequestParser.h"
-#include "proxy/http/CHTTPResponse.h"
-#include "proxy/http/CHTTPResponseParser.h"
+#include "proxy/httpproxy/CHTTPAnswer.h"
 #include "proxy/httpproxy/CHTTPBody.h"
+#include "proxy/httpproxy/CHTTPOriginLink.h"
 #include "proxy/httpproxy/CHTTPReplies.h"
 #include "proxy/httpproxy/CHTTPRoute.h"
+#include "proxy/httpproxy/EHTTPRequestKind.h"
 #include "runtime/CRefCountPtr.h"
 #include "runtime/Export.h"
 #include "transport/IZRTConnectionAddress.h"
@@ -35,33 +35,25 @@ namespace Proxy {
 // and an origin whose answer is not is not believed (502). Fields meant for one connection
 // (Connection and what it names, Proxy-Authorization, Proxy-Authenticate, ...) never pass.
 //
-// One state machine on the connection's thread:
+// One state machine, run by DoLoop alone: each step returns the next state, and DoLoop runs steps
+// until one has to wait. Every operation is called on the connection's thread. The entry points
+// record what happened and run the loop, whose step for the current state takes it:
+// HandleRequest (client bytes, held until a step takes them; a body in full flow goes on at
+// once), HandleResponse (origin bytes, read by the answer as they come, in Exchange),
+// HandleClientEnd and HandleHostEnd, Resume (a name or a password hash answered),
+// OnHostConnected, OnTimer (a slowed login's turn, the lookup's limit, the idle time between
+// requests), the relay fast path (OnRequestRelayed, OnResponseRelayed) for the bytes of a framed
+// body, and Terminate (the connection's end). Its parts: CHTTPAnswer (the answer under way) and
+// CHTTPOriginLink (the origin connection, kept between requests).
 //
 //   ReadHead -> [Login] -> [Resolve] -> [Connect] -> Exchange -> ReadHead (persistent) | Closing
-//                                                \-> Tunnel (CONNECT, 101)
-//   any state -> Closing (a refusal, the last answer); Terminate stops everything
-//
-// DoLoop runs the current state's step until it has to wait. The waits end through the
-// connection's calls: HandleRequest (client bytes), HandleResponse (origin bytes: the answer is
-// read as it comes, in Exchange), Resume (a name or a password hash answered), OnHostConnected,
-// OnTimer (a slowed login's turn, the lookup's limit, the idle time between requests), and the
-// relay fast path (OnRequestRelayed, OnResponseRelayed) for the bytes of a framed body.
+//                                                \-> Tunnel (CONNECT)          \-> Tunnel (101)
+//   Exchange -> Connect (a reused origin connection lost before any answer, once)
+//   any state -> Closing (a refusal, the last answer; the connection is asked to end)
+//   any state -> Closed (Terminate)
 class ZRT_EXPORT CConnectionProtocol_HTTP : public IConnectionProtocol {
 public:
     enum class EState { ReadHead, Login, Resolve, Connect, Exchange, Tunnel, Closing, Closed };
-
-    // Splits a Set-Cookie value that joins several cookies with commas into one field each; a
-    // comma followed by a space (as in an Expires date) does not split.
-    class ZRT_EXPORT CProxyHTTPResponse : public CHTTPResponse {
-    public:
-        void AddHeader(const std::string& name, const std::string& value) override;
-    };
-
-    class ZRT_EXPORT CProxyHTTPResponseParser : public CHTTPResponseParser {
-    public:
-        ~CProxyHTTPResponseParser() override;
-        CHTTPPacket* CreatePacket() const override;
-    };
 
     explicit CConnectionProtocol_HTTP(IProxyConnection& connection);
     ~CConnectionProtocol_HTTP() override;
@@ -90,22 +82,32 @@ public:
 
 private:
     using AddressPtr = QOX::CRefCountPtr<IZRTConnectionAddress>;
-    // Where the answer to the request under way stands.
-    enum class EResponse { Head, Body, Done };
+    // What an entry point hands to the step of the current state.
+    enum class EEvent { None, Connected, ConnectFailed, Timer, MalformedBody, Terminated };
+    // The client's end of sending: it goes on to the origin once the request's body is sent.
+    enum class EClientEnd { Sending, Ended, PassedOn };
 
-    void DoLoop();
-    EState DoReadHead();
+    void DoLoop(EEvent event = EEvent::None);
+    EState DoStep(EState state, EEvent event);
+    EState DoReadHead(EEvent event);
     EState DoLogin();
     EState DoResolve();
-    EState DoConnect();
-    EState DoExchange();
+    EState DoConnect(EEvent event);
+    EState DoExchange(EEvent event);
     EState DoTunnel();
 
     EState StartRequest();
+    EState RouteRequest(const std::string& authorization);
     EState StartLogin(const std::string& authorization);
     EState FindDestination();
     EState UseDestination(const AddressPtr& destination);
     EState SendRequest();
+    // The held client bytes of the request's body go on; false when its chunked framing is
+    // malformed.
+    bool ForwardHeldBody();
+    // A client that finished with its request: the origin hears the end too (some answer only
+    // then), and its connection serves nobody else afterwards.
+    void PassClientEnd();
     EState FinishExchange();
     // The client gets reply (unless an answer to it began already) and the connection ends.
     EState Fail(CHTTPReplies::EReply reply, EOutcome outcome, const std::string& why = std::string());
@@ -115,10 +117,6 @@ private:
     // Client bytes of the request's body, as many as belong to it; false when its chunked
     // framing is malformed.
     bool ForwardBody(const char* data, size_t length, size_t& taken);
-    void ReadResponse(const char* data, size_t length);
-    // The answer's head is complete: interim, upgrade, or the final one and its body's framing.
-    void StartResponse();
-    void FaultResponse(const std::string& why);
     bool Persistent() const { return m_keepAliveMs > 0; }
     // The origin connection goes back to the pool when it answered cleanly, else it is closed.
     void LetGoOfOrigin(bool reusable);
@@ -126,42 +124,21 @@ private:
     IProxyConnection& m_connection;
     const int m_keepAliveMs;
     EState m_state = EState::ReadHead;
-    bool m_terminated = false;
+    EClientEnd m_clientEnd = EClientEnd::Sending;
     CHTTPRequestParser m_requestParser;
-    CProxyHTTPResponseParser m_responseParser;
     CNameLookup m_lookup;
     CLoginCheck m_login;
     // Client bytes not handled yet: the rest of a request behind its head, the next requests.
     std::string m_input;
-    bool m_clientEnded = false;
 
     // The request under way.
     QOX::CRefCountPtr<CHTTPRequest> m_request;
     std::string m_method;
+    EHTTPRequestKind m_kind = EHTTPRequestKind::Ordinary;
     CHTTPRoute m_route;
-    bool m_tunnel = false;           // CONNECT
-    bool m_upgrade = false;          // asks to switch protocols (kept only with keep-alive)
-    bool m_clientHttp10 = false;
-    bool m_clientPersistent = false; // the client lets the connection carry another request
     CHTTPBody m_requestBody;
-    AddressPtr m_destination;
-    std::string m_originKey;         // the destination's address and port, for the pool
-    bool m_parked = false;           // its origin connection stays attached, idle, for the next request
-    bool m_reusedOrigin = false;
-    bool m_retried = false;
-    std::optional<bool> m_connected; // OnHostConnected's news, taken by DoConnect
-
-    // The answer.
-    EResponse m_response = EResponse::Head;
-    CHTTPBody m_responseBody;
-    int m_status = 0;
-    bool m_responseStarted = false;  // bytes of the answer reached the client
-    bool m_originReusable = false;
-    bool m_closeAfter = false;       // the client connection ends with this answer
-    bool m_upgraded = false;         // the origin switched protocols: a tunnel from now on
-    bool m_originLost = false;       // the origin closed before its answer was complete
-    bool m_endPassedOn = false;      // the client's end went on to the origin
-    std::string m_responseFault;     // why the answer cannot be passed on, when it cannot
+    CHTTPOriginLink m_origin;
+    CHTTPAnswer m_answer;
 };
 
 } // namespace Proxy

@@ -15,9 +15,11 @@
 #include "proxy/auth/CCredentials.h"
 #include "proxy/http/CBase64.h"
 #include "proxy/httpproxy/CConnectionProtocol_HTTP.h"
+#include "proxy/httpproxy/CHTTPAnswer.h"
 #include "proxy/httpproxy/CHTTPBody.h"
 #include "proxy/httpproxy/CHTTPRoute.h"
 #include "proxy/httpproxy/COriginPool.h"
+#include "proxy/httpproxy/CProxyHTTPResponse.h"
 
 namespace ZRT {
 namespace Proxy {
@@ -143,6 +145,17 @@ TEST_F(HTTPProxyTest, AnOriginConnectionStaysForTheNextRequestToTheSamePlaceUnti
     EXPECT_EQ(2, m_connection.GetConnectCalls());
     const std::string forwarded = "GET /a HTTP/1.1\r\nHost: server1\r\n\r\n";
     EXPECT_EQ(m_connection.GetToHost(), forwarded + forwarded + forwarded);
+    // Kept again, and closed by its origin just as it is used: the request goes once more on a
+    // new connection; that one closing too is the end.
+    Response(answer);
+    Request(request);
+    EXPECT_TRUE(m_handler->HandleHostEnd());
+    m_connection.RunPending();
+    EXPECT_EQ(3, m_connection.GetConnectCalls());
+    EXPECT_EQ(m_connection.GetToHost(), forwarded + forwarded + forwarded + forwarded + forwarded);
+    EXPECT_FALSE(m_handler->HandleHostEnd());
+    EXPECT_EQ(m_connection.GetToClient().find("HTTP/1.1 502 Bad Gateway\r\n"), 3 * answer.size());
+    EXPECT_FALSE(m_connection.IsConnectedToClient());
 }
 
 TEST_F(HTTPProxyTest, BodiesAreFramedAndWhatFollowsABodyIsTheNextRequest)
@@ -430,6 +443,62 @@ TEST(HTTPBodyTest, RelaysWhatBelongsToTheBodyAndLetsTheRestAlone)
     EXPECT_FALSE(body.IsDone());
 }
 
+// What a client gets of an origin's bytes, read whole or in pieces, and the answer's state then
+// and after the origin's close.
+struct SAnswerCase {
+    EHTTPRequestKind kind;
+    bool clientHttp10;
+    std::string fromOrigin, toClient;
+    CHTTPAnswer::EState state, afterOriginEnd;
+    bool endsClient, originInStep;
+};
+
+void ReadAnswer(const SAnswerCase& c, size_t piece)
+{
+    FakeProxyConnection connection;
+    CHTTPAnswer answer(connection, true);
+    answer.Begin("GET", c.kind, c.clientHttp10, true);
+    answer.Expect();
+    for (size_t i = 0; i < c.fromOrigin.size(); i += piece)
+        answer.Read(c.fromOrigin.data() + i, std::min(piece, c.fromOrigin.size() - i), false);
+    const std::string label = c.fromOrigin + " in pieces of " + std::to_string(piece);
+    EXPECT_EQ(c.toClient, connection.GetToClient()) << label;
+    EXPECT_EQ(c.state, answer.GetState()) << label;
+    EXPECT_EQ(c.endsClient, answer.EndsClient()) << label;
+    EXPECT_EQ(c.originInStep, answer.KeepsOriginInStep()) << label;
+    answer.OnOriginEnd();
+    EXPECT_EQ(c.afterOriginEnd, answer.GetState()) << label;
+}
+
+TEST(HTTPAnswerTest, ReadsAnOriginsAnswerAlikeWholeOrByteByByte)
+{
+    using EState = CHTTPAnswer::EState;
+    const EHTTPRequestKind plain = EHTTPRequestKind::Ordinary;
+    const std::string ok = "HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\nhi";
+    const std::string chunked = "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n";
+    const std::string upgrade = "HTTP/1.1 101 Switching Protocols\r\nUpgrade: ws\r\nConnection: Upgrade\r\n\r\n";
+    const std::string continued = "HTTP/1.1 100 Continue\r\n\r\n";
+    // A close ends only an answer that runs until it; else the answer is lost.
+    const SAnswerCase cases[] = {
+        {plain, false, continued + ok, continued + ok, EState::Done, EState::Done, false, true},
+        {plain, false, ok + "X", ok, EState::Done, EState::Done, false, false},
+        {plain, true, continued + chunked + "2\r\nhi\r\n0\r\n\r\n", "HTTP/1.1 200 OK\r\nConnection: close\r\n\r\nhi",
+         EState::Done, EState::Done, true, true},
+        {plain, false, "HTTP/1.1 200 OK\r\n\r\nall", "HTTP/1.1 200 OK\r\nConnection: close\r\n\r\nall", EState::Body,
+         EState::Done, true, false},
+        {EHTTPRequestKind::Upgrade, false, upgrade + "ws",
+         "HTTP/1.1 101 Switching Protocols\r\nUpgrade: ws\r\nConnection: upgrade\r\n\r\nws", EState::Upgraded, EState::Lost,
+         false, true},
+        {plain, false, upgrade + "ws", "", EState::Faulted, EState::Faulted, false, false},
+        {plain, false, chunked + "zz\r\n", chunked, EState::Faulted, EState::Faulted, false, false},
+        {plain, false, "HTTP/1.1 200 OK\r\nContent-Le", "", EState::Head, EState::Lost, false, true},
+    };
+    for (const SAnswerCase& c : cases) {
+        ReadAnswer(c, c.fromOrigin.size());
+        ReadAnswer(c, 1);
+    }
+}
+
 TEST(OriginPoolTest, KeepsIdleConnectionsPerDestinationWithinItsBoundsAndDropsClosedOnes)
 {
     COriginPool pool;
@@ -476,7 +545,7 @@ TEST_F(HTTPProxyTest, SetCookieValuesAreSplit)
         {"", {}},
     };
     for (const SCase& c : cases) {
-        QOX::CRefCountPtr<CHTTPPacket> response(new CConnectionProtocol_HTTP::CProxyHTTPResponse());
+        QOX::CRefCountPtr<CHTTPPacket> response(new CProxyHTTPResponse());
         response->AddHeader("SET-COOKIE", c.value);
         CHTTPPacket::HeaderList expected;
         for (const std::string& piece : c.pieces)
