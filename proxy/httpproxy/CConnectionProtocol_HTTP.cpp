@@ -526,6 +526,9 @@ CConnectionProtocol_HTTP::EState CConnectionProtocol_HTTP::FinishExchange()
     m_connection.FinishRequest(m_method, m_answer.GetStatus());
     const bool reusable = m_answer.KeepsOriginInStep() && m_requestBody.IsDone() && Persistent();
     const bool last = m_answer.EndsClient() || m_clientEnd != EClientEnd::Sending;
+    // Recorded: whatever goes wrong before the next request's head is answered on its own.
+    m_method.clear();
+    m_answer.Forget();
     m_request.Reset();
     // Kept for the client's next request, which most often goes to the same origin; to the pool
     // when it goes elsewhere or the client goes.

@@ -38,6 +38,8 @@ public:
     // A new request; nothing of the previous answer carries over. clientPersistent: the client
     // lets its connection carry another request.
     void Begin(const std::string& method, EHTTPRequestKind kind, bool clientHttp10, bool clientPersistent);
+    // The answer was recorded: until the next Begin nothing of it has reached the client.
+    void Forget() { m_status = 0; }
     // The request went to an origin connection (once more, when a kept one was lost).
     void Expect();
     // Bytes from the origin. requestOpen: the request's body is not all sent yet or the client

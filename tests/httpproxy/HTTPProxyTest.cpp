@@ -125,6 +125,18 @@ TEST_F(HTTPProxyTest, PersistentRequestsAreEachRoutedOnTheirOwnAndAnsweredInOrde
     EXPECT_FALSE(m_connection.IsConnectedToClient());
 }
 
+TEST_F(HTTPProxyTest, AMalformedRequestAfterAnAnsweredOneGetsItsOwn400)
+{
+    Start(60000);
+    Request("GET http://server1/a HTTP/1.1\r\nHost: server1\r\n\r\n");
+    Response("HTTP/1.1 200 OK\r\nContent-Length: 1\r\n\r\n1");
+    const size_t answered = m_connection.GetToClient().size();
+    Request("GET http://server1/b HTTP/1.1\r\nHost : server1\r\n\r\n");
+    EXPECT_EQ(m_connection.GetToClient().substr(answered).rfind("HTTP/1.1 400 Bad Request\r\n", 0), 0u);
+    EXPECT_EQ(m_connection.GetFinishedRequests().size(), 1u) << "the answered request is recorded once";
+    EXPECT_FALSE(m_connection.IsConnectedToClient());
+}
+
 TEST_F(HTTPProxyTest, AnOriginConnectionStaysForTheNextRequestToTheSamePlaceUntilItsOriginCloses)
 {
     Start(60000);
