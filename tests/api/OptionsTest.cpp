@@ -34,7 +34,7 @@ TEST(OptionTableTest, EveryOptionOnceWithItsOwnersMeaning)
             EXPECT_STREQ(option->description, host->description) << option->name;
         }
     }
-    EXPECT_EQ(count, 29);
+    EXPECT_EQ(count, 30);
     EXPECT_EQ(COptionTable::Find("no-such-option"), nullptr);
 
     SEmbeddedSettings settings;
