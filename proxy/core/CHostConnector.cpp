@@ -377,7 +377,7 @@ void CHostConnector::StartRacer(const AddressPtr& address)
         m_failure = ECONNREFUSED;
         return;
     }
-    m_racers.emplace_back(new SRacer(link, m_wake));
+    m_racers.push_back(std::make_unique<SRacer>(link, m_wake));
     // A link that settled before this sink came is told to it at once (the next round reads it).
     link->AddNotification(m_racers.back().get());
     m_nextStart = Now() + std::chrono::milliseconds(ATTEMPT_DELAY_MS);
