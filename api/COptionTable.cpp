@@ -197,7 +197,8 @@ struct SEntry {
 // Every option, in the order zrt_option_name lists them.
 const SEntry ORDER[] = {
     {"listen", EOwner::Own}, {"port", EOwner::Own}, {"listen-backlog", EOwner::Own}, {"auth", EOwner::Own},
-    {"auth-file", EOwner::Own}, {"socks4", EOwner::Engine}, {"allow", EOwner::Engine},
+    {"auth-file", EOwner::Own}, {"socks4", EOwner::Engine}, {"socks5-precise-replies", EOwner::Engine},
+    {"allow", EOwner::Engine},
     {"proxy-protocol-from", EOwner::Engine}, {"max-clients", EOwner::Engine},
     {"max-clients-per-source", EOwner::Engine}, {"handshake-timeout", EOwner::Engine},
     {"idle-timeout", EOwner::Engine}, {"linger-timeout", EOwner::Engine}, {"allow-destination", EOwner::Engine},

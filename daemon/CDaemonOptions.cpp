@@ -53,7 +53,8 @@ CDaemonOptions::Entries CDaemonOptions::Defaults(long descriptorLimit)
             {"idle-timeout", "3600", DEFAULT_ORIGIN},
             {"log-level", "warning", DEFAULT_ORIGIN},
             {"max-clients", std::to_string(clients), DEFAULT_ORIGIN},
-            {"max-clients-per-source", ClientsPerSource(clients), DEFAULT_ORIGIN}};
+            {"max-clients-per-source", ClientsPerSource(clients), DEFAULT_ORIGIN},
+            {"socks5-precise-replies", "on", DEFAULT_ORIGIN}};
 }
 
 std::string CDaemonOptions::DefaultReason(const std::string& name)

@@ -3,7 +3,11 @@
 #include <errno.h>
 #include <netinet/in.h>
 
+#include <atomic>
 #include <mutex>
+#include <utility>
+
+#include "transport/IZRTDataLayerNotification.h"
 
 
 namespace ZRT {
@@ -23,6 +27,55 @@ struct CHostConnector::SHandOff {
     std::function<void()> wake;
 };
 
+// One address in a race: its link, and the sink of the link's reports, which wake the
+// connection. The link's threads report; the connection's thread does everything else.
+struct CHostConnector::SRacer : IZRTDataLayerNotification {
+    SRacer(LinkPtr racing, const std::function<void()>& wakeUp) : link(std::move(racing)), wake(wakeUp) {}
+
+    void OnDataReceived(IZRTDataLayer& /*dataLayer*/) override {} // read once the link has won
+    void OnLinkConnected(IZRTDataLayer& /*dataLayer*/) override
+    {
+        opened = true;
+        wake();
+    }
+    void OnConnectionClosed(IZRTDataLayer& /*dataLayer*/) override { wake(); }
+
+    // A link that opened counts even when it closed since: its bytes and its end are read.
+    bool Connected() const { return opened || link->IsConnected(); }
+    bool Settled() const { return opened || !link->IsConnecting(); }
+    // Out of the race: no report comes any more, and the link is closed.
+    void Drop()
+    {
+        link->RemoveNotification(this);
+        link->Disconnect();
+    }
+
+    const LinkPtr link;
+    const std::function<void()>& wake; // the connector's, which outlives its racers
+    std::atomic<bool> opened{false};
+};
+
+namespace {
+// The addresses in the order of a race, IPv6 first and the families taking turns; empty when
+// they are all of one family (nothing to race).
+std::deque<CHostConnector::AddressPtr> RaceOrder(const std::deque<CHostConnector::AddressPtr>& addresses)
+{
+    std::deque<CHostConnector::AddressPtr> families[2];
+    for (const CHostConnector::AddressPtr& address : addresses)
+        families[address->GetFamily() == AF_INET6 ? 0 : 1].push_back(address);
+    std::deque<CHostConnector::AddressPtr> order;
+    if (families[0].empty() || families[1].empty())
+        return order;
+    for (size_t i = 0; i < families[0].size() || i < families[1].size(); ++i) {
+        for (const auto& family : families) {
+            if (i < family.size())
+                order.push_back(family[i]);
+        }
+    }
+    return order;
+}
+} // namespace
+
 CHostConnector::CHostConnector(IZRTMultiPointLayer* layer, const CTCPIPAddress& client, CConnectHelpers& helpers,
                                CHostLink& link, std::function<void()> wake, Outcome outcome)
     : m_layer(layer), m_client(client), m_helpers(helpers), m_link(link), m_wake(std::move(wake)),
@@ -41,9 +94,27 @@ bool CHostConnector::Begin(const AddressPtr& destination, int timeoutMs, const A
     if (!destination || !m_layer || state == CHostLink::EState::Connecting || state == CHostLink::EState::Open)
         return false;
     m_link.Drop(); // a link that closed and was not handed over
-    m_deadline = Clock::now() + std::chrono::milliseconds(timeoutMs);
-    m_candidates = OtherAddresses(*destination, allowed);
+    m_deadline = Now() + std::chrono::milliseconds(timeoutMs);
+    std::deque<AddressPtr> others = OtherAddresses(*destination, allowed);
     m_failure = 0;
+    m_racing = false;
+    if (m_layer->ConnectsWithoutBlocking()) {
+        others.push_front(destination);
+        m_candidates = RaceOrder(others);
+        others.pop_front();
+        m_racing = !m_candidates.empty();
+    }
+    if (m_racing) {
+        m_link.AwaitLink();
+        m_nextStart = Now();
+        m_settled = Race();
+        if (m_settled) {
+            m_racing = false;
+            m_wake(); // the owner hears of it only after this returns
+        }
+        return true;
+    }
+    m_candidates = std::move(others);
     Attempt(destination);
     const bool failed = m_link.GetState() == CHostLink::EState::None && !Retry();
     // The owner hears of an outcome known now only after this returns.
@@ -56,7 +127,7 @@ bool CHostConnector::Begin(const AddressPtr& destination, int timeoutMs, const A
 
 void CHostConnector::Attempt(const AddressPtr& address)
 {
-    const Clock::time_point now = Clock::now();
+    const Clock::time_point now = Now();
     m_attemptDeadline = now + (m_deadline - now) / static_cast<int>(1 + m_candidates.size());
     ++m_attempt;
     if (!m_layer->ConnectsWithoutBlocking()) {
@@ -77,7 +148,7 @@ bool CHostConnector::Install(const LinkPtr& link)
 
 bool CHostConnector::Retry()
 {
-    while (!m_candidates.empty() && Clock::now() < m_deadline) {
+    while (!m_candidates.empty() && Now() < m_deadline) {
         const AddressPtr next = m_candidates.front();
         m_candidates.pop_front();
         Attempt(next);
@@ -90,12 +161,14 @@ bool CHostConnector::Retry()
 
 void CHostConnector::EndAttempt(bool connected)
 {
+    if (m_racing)
+        return; // the racers report to the connector itself
     if (connected) {
         Settle(true);
         return;
     }
     const int failure = m_link.GetFailure();
-    m_failure = Clock::now() >= m_attemptDeadline ? ETIMEDOUT : failure != 0 ? failure : ECONNREFUSED;
+    m_failure = Now() >= m_attemptDeadline ? ETIMEDOUT : failure != 0 ? failure : ECONNREFUSED;
     m_link.Drop();
     if (!Retry())
         Settle(false);
@@ -127,7 +200,15 @@ void CHostConnector::CompleteConnect()
 
 bool CHostConnector::GiveUpSlowAttempt()
 {
-    if (m_link.GetState() != CHostLink::EState::Connecting || Clock::now() < m_attemptDeadline)
+    if (m_racing) {
+        const std::optional<Clock::time_point> due = GetAttemptDeadline();
+        if (!due || Now() < *due)
+            return false;
+        if (const std::optional<bool> outcome = Race())
+            EndRace(*outcome);
+        return true;
+    }
+    if (m_link.GetState() != CHostLink::EState::Connecting || Now() < m_attemptDeadline)
         return false;
     EndAttempt(false);
     return true;
@@ -139,6 +220,10 @@ void CHostConnector::OnWake()
         const bool connected = *m_settled;
         m_settled.reset();
         Settle(connected);
+    } else if (m_racing) {
+        if (const std::optional<bool> outcome = Race())
+            EndRace(*outcome);
+        return;
     }
     TakeAnswer();
 }
@@ -147,7 +232,9 @@ std::optional<CHostConnector::Clock::time_point> CHostConnector::GetAttemptDeadl
 {
     if (m_link.GetState() != CHostLink::EState::Connecting)
         return std::nullopt;
-    return m_attemptDeadline;
+    if (!m_racing)
+        return m_attemptDeadline;
+    return m_candidates.empty() || m_nextStart > m_deadline ? m_deadline : m_nextStart;
 }
 
 bool CHostConnector::Launch(const AddressPtr& address)
@@ -221,6 +308,8 @@ void CHostConnector::Cancel()
     ++m_attempt; // whatever comes for the attempts so far is not waited for
     m_settled.reset();
     m_candidates.clear();
+    DropRacers();
+    m_racing = false;
     if (!m_handOff)
         return;
     LinkPtr unwanted;
@@ -250,6 +339,95 @@ std::deque<CHostConnector::AddressPtr> CHostConnector::OtherAddresses(const IZRT
             others.push_back(held);
     }
     return others;
+}
+
+// ---- the race ----
+
+std::optional<bool> CHostConnector::Race()
+{
+    for (;;) {
+        if (std::unique_ptr<SRacer> winner = TakeFinishedRacers()) {
+            Win(std::move(winner));
+            return true;
+        }
+        const Clock::time_point now = Now();
+        if (now >= m_deadline) {
+            if (!m_racers.empty() || !m_candidates.empty())
+                m_failure = ETIMEDOUT;
+            break;
+        }
+        if (m_candidates.empty() || (!m_racers.empty() && now < m_nextStart))
+            break;
+        const AddressPtr next = m_candidates.front();
+        m_candidates.pop_front();
+        StartRacer(next);
+    }
+    if (!m_racers.empty() && Now() < m_deadline)
+        return std::nullopt;
+    DropRacers();
+    m_candidates.clear();
+    m_link.Release(); // it waited for a racer: None again
+    return false;
+}
+
+void CHostConnector::StartRacer(const AddressPtr& address)
+{
+    const LinkPtr link = m_layer->BeginConnect(*address, m_client);
+    if (!link) {
+        m_failure = ECONNREFUSED;
+        return;
+    }
+    m_racers.push_back(std::make_unique<SRacer>(link, m_wake));
+    // A link that settled before this sink came is told to it at once (the next round reads it).
+    link->AddNotification(m_racers.back().get());
+    m_nextStart = Now() + std::chrono::milliseconds(ATTEMPT_DELAY_MS);
+}
+
+std::unique_ptr<CHostConnector::SRacer> CHostConnector::TakeFinishedRacers()
+{
+    for (auto racer = m_racers.begin(); racer != m_racers.end();) {
+        if (!(*racer)->Settled()) {
+            ++racer;
+            continue;
+        }
+        if ((*racer)->Connected()) {
+            std::unique_ptr<SRacer> winner = std::move(*racer);
+            m_racers.erase(racer);
+            return winner;
+        }
+        const int failure = (*racer)->link->GetFailure();
+        m_failure = failure != 0 ? failure : ECONNREFUSED;
+        (*racer)->Drop();
+        racer = m_racers.erase(racer);
+        m_nextStart = Now(); // a failure lets the next address start at once
+    }
+    return nullptr;
+}
+
+void CHostConnector::Win(std::unique_ptr<SRacer> winner)
+{
+    const LinkPtr link = winner->link;
+    link->RemoveNotification(winner.get());
+    DropRacers();
+    m_candidates.clear();
+    m_link.Release(); // it waited for a racer: the winner takes its place
+    if (!m_link.Install(link, CHostLink::EState::Open)) {
+        link->Disconnect();
+        m_failure = ECONNREFUSED;
+    }
+}
+
+void CHostConnector::DropRacers()
+{
+    for (const std::unique_ptr<SRacer>& racer : m_racers)
+        racer->Drop();
+    m_racers.clear();
+}
+
+void CHostConnector::EndRace(bool connected)
+{
+    m_racing = false;
+    Settle(connected && m_link.GetState() == CHostLink::EState::Open);
 }
 
 } // namespace Proxy

@@ -5,6 +5,7 @@
 #include <functional>
 #include <memory>
 #include <optional>
+#include <vector>
 
 #include "proxy/core/CConnectHelpers.h"
 #include "proxy/core/CHostLink.h"
@@ -21,6 +22,13 @@ namespace Proxy {
 // addresses of its name, each with its share of the time left, until one gives a link (installed
 // in the connection's CHostLink) or the time is up.
 //
+// A name with IPv6 and IPv4 addresses, at a host whose connects do not block, is raced instead
+// (Happy Eyeballs): IPv6 first, the families taking turns; each next address starts once the
+// attempts under way have not connected for ATTEMPT_DELAY_MS (at once when one fails); the
+// first link to connect wins and the others are closed. The racers are the connector's own (no
+// reader attached, their reports wake the connection) until the winner goes to the CHostLink,
+// which stays Connecting without a link meanwhile. The connect time-out bounds the whole race.
+//
 // Every operation runs on the connection's thread. A host that may block on a connect
 // (IZRTMultiPointLayer::ConnectsWithoutBlocking false) is asked on one of the proxy's helpers;
 // its answer waits in a hand-off, and `wake` (called on that thread) asks the connection's thread
@@ -30,6 +38,8 @@ namespace Proxy {
 class CHostConnector {
 public:
     using Clock = std::chrono::steady_clock;
+    // How long the attempts under way have to connect before the next address joins them.
+    static constexpr int ATTEMPT_DELAY_MS = 250;
     using AddressPtr = QOX::CRefCountPtr<IZRTConnectionAddress>;
     using LinkPtr = QOX::CRefCountPtr<IZRTDataLayer>;
     // Whether the destination rules let the connection reach an address.
@@ -60,9 +70,12 @@ public:
     std::optional<Clock::time_point> GetAttemptDeadline() const;
     // Why the last attempts failed, as an errno value; 0 after a success.
     int GetFailure() const { return m_failure; }
+    // The clock that deadlines are read from (tests step their own).
+    void SetClock(std::function<Clock::time_point()> now) { m_now = std::move(now); }
 
 private:
     struct SHandOff;
+    struct SRacer;
 
     void Attempt(const AddressPtr& address);
     // The next address, while time is left; false when none is left.
@@ -72,6 +85,17 @@ private:
     void TakeAnswer();
     void Settle(bool connected);
     std::deque<AddressPtr> OtherAddresses(const IZRTConnectionAddress& destination, const Allowed& allowed) const;
+    Clock::time_point Now() const { return m_now(); }
+
+    // The race: a round takes the racers' news and starts the next address when due; it returns
+    // the outcome once there is one.
+    std::optional<bool> Race();
+    void StartRacer(const AddressPtr& address);
+    // Drops the racers that failed (noting why); the first that connected, if any.
+    std::unique_ptr<SRacer> TakeFinishedRacers();
+    void Win(std::unique_ptr<SRacer> winner);
+    void DropRacers();
+    void EndRace(bool connected);
 
     IZRTMultiPointLayer* const m_layer;
     const CTCPIPAddress& m_client; // a balancer's header may name it after the connector is made
@@ -87,6 +111,10 @@ private:
     int m_failure = 0;
     // An outcome known inside Begin, for OnWake to report.
     std::optional<bool> m_settled;
+    std::function<Clock::time_point()> m_now = Clock::now;
+    bool m_racing = false;
+    std::vector<std::unique_ptr<SRacer>> m_racers;
+    Clock::time_point m_nextStart{}; // when the next address joins the race
 };
 
 } // namespace Proxy

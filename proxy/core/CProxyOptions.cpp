@@ -53,6 +53,16 @@ bool SetSocks4(SProxySettings& settings, const std::string& value, std::string& 
     return true;
 }
 
+bool SetSwitch(bool& setting, const std::string& value, std::string& error)
+{
+    if (value != "on" && value != "off") {
+        error = "'" + value + "' is neither on nor off";
+        return false;
+    }
+    setting = value == "on";
+    return true;
+}
+
 bool AddDestinationRule(std::vector<std::string>& rules, const std::string& value, std::string& error)
 {
     CDestinationRule rule;
@@ -74,6 +84,11 @@ const CProxyOptions::SOption OPTIONS[] = {
      "SOCKS4 and 4A clients (which send no password) while there are users: deny refuses them, allow serves "
      "them without a password (default deny)",
      SetSocks4, [](SProxySettings& s) { s.socks4WithUsers = Defaults().socks4WithUsers; }},
+    {"socks5-precise-replies", Text::LIVE, "on|off",
+     "SOCKS5 replies say why a connect failed (3 network, 4 host or name unreachable, 5 refused, 6 timed "
+     "out) instead of 5 for every failure and 8 for a name unknown (default off)",
+     [](SProxySettings& s, const std::string& v, std::string& e) { return SetSwitch(s.socks5PreciseReplies, v, e); },
+     [](SProxySettings& s) { s.socks5PreciseReplies = Defaults().socks5PreciseReplies; }},
     {"proxy-protocol-from", Text::REPEATABLE | Text::LIVE, "CIDR",
      "load balancers whose clients start with a PROXY protocol header (v1 or v2) naming the real client, "
      "who is then judged and logged (default: none)",

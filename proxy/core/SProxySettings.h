@@ -35,6 +35,10 @@ struct SProxySettings {
     // SOCKS4 carries no password: while there are users, its clients are refused unless this is
     // set (then they are served without authentication).
     bool socks4WithUsers = false;
+    // SOCKS5 replies say why a CONNECT failed: 4 a name that does not resolve or a host
+    // unreachable, 3 a network unreachable, 5 refused, 6 a connect that took too long, 1 any other
+    // failure. Off: 8 for a name that does not resolve and 5 for every failed connect.
+    bool socks5PreciseReplies = false;
     // Client addresses allowed in, as CIDR blocks ("192.0.2.0/24", "2001:db8::/32", or one
     // address); empty: every client. Others are closed at accept, before a byte is read.
     std::vector<std::string> allow;

@@ -1,6 +1,7 @@
 #include "proxy/socks5/CConnectionProtocol_SOCKS5.h"
 
 #include <arpa/inet.h>
+#include <errno.h>
 #include <netinet/in.h>
 
 #include <cstring>
@@ -29,10 +30,33 @@ enum EReply {
     REP_SUCCEEDED = 0,
     REP_GENERAL_FAILURE = 1,
     REP_NOT_ALLOWED = 2,
+    REP_NETWORK_UNREACHABLE = 3,
+    REP_HOST_UNREACHABLE = 4,
     REP_REFUSED = 5,
+    REP_TTL_EXPIRED = 6,
     REP_COMMAND_NOT_SUPPORTED = 7,
     REP_ADDRESS_TYPE_NOT_SUPPORTED = 8
 };
+
+// The reply to a connect that failed for this reason (an errno value), in precise replies.
+int ConnectFailureReply(int failure)
+{
+    switch (failure) {
+    case ENETUNREACH:
+    case ENETDOWN:
+        return REP_NETWORK_UNREACHABLE;
+    case EHOSTUNREACH:
+    case EHOSTDOWN:
+        return REP_HOST_UNREACHABLE;
+    case ETIMEDOUT:
+        return REP_TTL_EXPIRED; // the nearest the protocol has to a connect that took too long
+    case ECONNREFUSED:
+    case ECONNRESET:
+        return REP_REFUSED;
+    default:
+        return REP_GENERAL_FAILURE;
+    }
+}
 
 bool IsUnspecifiedAddress(const IZRTConnectionAddress& address)
 {
@@ -351,6 +375,8 @@ CConnectionProtocol_SOCKS5::EState CConnectionProtocol_SOCKS5::DoResolve()
     if (result == CNameLookup::EResult::Waiting)
         return EState::Resolve;
     // A name that is not answered in time does not resolve either.
+    if (!address && m_connection.GetSettings().socks5PreciseReplies)
+        return Refuse(REP_HOST_UNREACHABLE, EOutcome::NoDestination);
     return DoCommand(address);
 }
 
@@ -385,8 +411,11 @@ CConnectionProtocol_SOCKS5::EState CConnectionProtocol_SOCKS5::DoConnect(const A
 
 CConnectionProtocol_SOCKS5::EState CConnectionProtocol_SOCKS5::DoConnectOutcome(EEvent event)
 {
-    if (event == EEvent::ConnectFailed)
-        return Refuse(REP_REFUSED, EOutcome::Unreachable);
+    if (event == EEvent::ConnectFailed) {
+        const bool precise = m_connection.GetSettings().socks5PreciseReplies;
+        return Refuse(precise ? ConnectFailureReply(m_connection.GetConnectFailure()) : REP_REFUSED,
+                      EOutcome::Unreachable);
+    }
     if (event != EEvent::Connected)
         return EState::Connect;
     SendCommandResponse(REP_SUCCEEDED);

@@ -34,7 +34,7 @@ TEST(OptionTableTest, EveryOptionOnceWithItsOwnersMeaning)
             EXPECT_STREQ(option->description, host->description) << option->name;
         }
     }
-    EXPECT_EQ(count, 31);
+    EXPECT_EQ(count, 32);
     EXPECT_EQ(COptionTable::Find("no-such-option"), nullptr);
 
     SEmbeddedSettings settings;

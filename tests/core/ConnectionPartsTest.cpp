@@ -11,6 +11,8 @@
 
 #include <atomic>
 #include <cstring>
+#include <map>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -341,6 +343,190 @@ TEST_F(ConnectorTest, AHostThatMayBlockAnswersFromAHelperAndALateAnswerIsClosed)
         return link && m_layer.GetConnectCount() == 2 && link->GetDisconnects() == 1;
     }));
     EXPECT_EQ(m_wakes.load(), 1) << "nobody is woken for it";
+}
+
+// A link that connects, or fails, when the test says: a host whose connects do not block.
+class PendingLink : public FakeDataLayer {
+public:
+    bool IsConnecting() const override { return m_connecting; }
+    bool IsConnected() const override { return !m_connecting && m_failure == 0 && FakeDataLayer::IsConnected(); }
+    int GetFailure() const override { return m_failure; }
+    bool AddNotification(IZRTDataLayerNotification* sink) override
+    {
+        m_sinks.insert(sink);
+        return FakeDataLayer::AddNotification(sink);
+    }
+    bool RemoveNotification(IZRTDataLayerNotification* sink) override
+    {
+        m_sinks.erase(sink);
+        return FakeDataLayer::RemoveNotification(sink);
+    }
+    void Open()
+    {
+        m_connecting = false;
+        for (IZRTDataLayerNotification* sink : std::set<IZRTDataLayerNotification*>(m_sinks))
+            sink->OnLinkConnected(*this);
+    }
+    void Fail(int error)
+    {
+        m_failure = error;
+        m_connecting = false;
+        CloseFromRemote();
+    }
+
+private:
+    // The test's thread alone.
+    bool m_connecting = true;
+    int m_failure = 0;
+    std::set<IZRTDataLayerNotification*> m_sinks;
+};
+
+class RacingHost : public IZRTMultiPointLayer {
+public:
+    QOX::CRefCountPtr<IZRTDataLayer> Connect(const IZRTConnectionAddress& destination,
+                                             const IZRTConnectionAddress& source) override
+    {
+        return BeginConnect(destination, source);
+    }
+    QOX::CRefCountPtr<IZRTDataLayer> BeginConnect(const IZRTConnectionAddress& destination,
+                                                  const IZRTConnectionAddress& /*source*/) override
+    {
+        const std::string to = destination.ToString();
+        tried.push_back(to);
+        if (refused.count(to) != 0)
+            return {};
+        links[to] = new PendingLink();
+        return QOX::CRefCountPtr<IZRTDataLayer>(links[to].GetRawPointer());
+    }
+    bool ConnectsWithoutBlocking() const override { return true; }
+
+    std::vector<std::string> tried;
+    std::set<std::string> refused; // fail at once
+    std::map<std::string, QOX::CRefCountPtr<PendingLink>> links;
+};
+
+// A name with IPv6 and IPv4 addresses raced on a host whose connects do not block, on a clock
+// that the test steps; the test plays the connection, which calls OnWake when woken.
+class RaceTest : public ::testing::Test, protected CHostLink::IListener {
+protected:
+    void SetUp() override { m_connector.SetClock([this] { return m_now; }); }
+    // The resolver's answer: the first address, the others as its alternatives.
+    static QOX::CRefCountPtr<IZRTConnectionAddress> Name(const std::vector<const char*>& hosts)
+    {
+        const QOX::CRefCountPtr<IZRTConnectionAddress> first = CTCPIPAddress::FromText(hosts.front(), 80);
+        std::vector<sockaddr_storage> others(hosts.size() - 1);
+        for (size_t i = 1; i < hosts.size(); ++i) {
+            int length = sizeof(sockaddr_storage);
+            CTCPIPAddress::FromText(hosts[i], 80)->GetSockAddr(reinterpret_cast<sockaddr*>(&others[i - 1]), &length);
+        }
+        static_cast<CTCPIPAddress*>(first.Get())->SetAlternatives(others);
+        return first;
+    }
+    void Begin(const std::vector<const char*>& hosts, int timeoutMs = 5000)
+    {
+        ASSERT_TRUE(m_connector.Begin(Name(hosts), timeoutMs, [](const IZRTConnectionAddress& address) {
+            return address.ToString() != "127.0.0.9:80"; // refused by the rules
+        }));
+    }
+    // Time passes until the connection's next wake-up is due.
+    void After(int milliseconds)
+    {
+        m_now += std::chrono::milliseconds(milliseconds);
+        m_connector.GiveUpSlowAttempt();
+    }
+    PendingLink& Link(const std::string& to) { return *m_host.links.at(to); }
+    void OnLinkTaken() override {}
+    void OnLinkLeaving() override {}
+
+    const CHostConnector::Clock::time_point m_start = CHostConnector::Clock::now();
+    CHostConnector::Clock::time_point m_now = m_start;
+    RacingHost m_host;
+    Proxy::CConnectHelpers m_helpers;
+    NullSink m_sink;
+    CHostLink m_link{m_sink, *this};
+    int m_wakes = 0;
+    std::vector<bool> m_outcomes;
+    const CTCPIPAddress m_client{127, 0, 0, 1, 5000};
+    CHostConnector m_connector{&m_host, m_client, m_helpers, m_link, [this] { ++m_wakes; },
+                               [this](bool connected) { m_outcomes.push_back(connected); }};
+};
+
+using Tried = std::vector<std::string>;
+
+TEST_F(RaceTest, IPv4JoinsASilentIPv6AfterTheDelayAndTheWinnerAloneStays)
+{
+    Begin({"127.0.0.2", "::1"});
+    EXPECT_EQ(m_host.tried, Tried{"[::1]:80"});
+    EXPECT_EQ(m_link.GetState(), CHostLink::EState::Connecting);
+    EXPECT_EQ(m_connector.GetAttemptDeadline(),
+              m_start + std::chrono::milliseconds(CHostConnector::ATTEMPT_DELAY_MS));
+    After(CHostConnector::ATTEMPT_DELAY_MS - 1);
+    EXPECT_EQ(m_host.tried.size(), 1u);
+    After(1);
+    EXPECT_EQ(m_host.tried, (Tried{"[::1]:80", "127.0.0.2:80"}));
+    EXPECT_EQ(m_connector.GetAttemptDeadline(), m_start + std::chrono::milliseconds(5000)) << "nobody left to start";
+
+    Link("127.0.0.2:80").Open();
+    EXPECT_EQ(m_wakes, 1);
+    m_connector.OnWake();
+    EXPECT_EQ(m_outcomes, std::vector<bool>{true});
+    EXPECT_EQ(m_link.GetState(), CHostLink::EState::Open);
+    EXPECT_EQ(m_link.Get(), &Link("127.0.0.2:80"));
+    EXPECT_EQ(Link("127.0.0.2:80").GetSinkCount(), 1) << "the connection's sink alone";
+    EXPECT_EQ(Link("[::1]:80").GetDisconnects(), 1);
+    EXPECT_EQ(Link("[::1]:80").GetSinkCount(), 0);
+    Link("[::1]:80").Open();
+    EXPECT_EQ(m_wakes, 1) << "the loser's late answer reaches nobody";
+    EXPECT_EQ(m_outcomes.size(), 1u);
+}
+
+TEST_F(RaceTest, AFailureStartsTheNextAtOnceAndTheLastFailureIsToldOnce)
+{
+    Begin({"127.0.0.2", "127.0.0.3", "127.0.0.9", "::1"});
+    Link("[::1]:80").Fail(ENETUNREACH);
+    m_connector.OnWake();
+    EXPECT_EQ(m_host.tried, (Tried{"[::1]:80", "127.0.0.2:80"})) << "no delay after a failure";
+    After(CHostConnector::ATTEMPT_DELAY_MS);
+    EXPECT_EQ(m_host.tried, (Tried{"[::1]:80", "127.0.0.2:80", "127.0.0.3:80"})) << "the rules' refusal never tried";
+    Link("127.0.0.2:80").Fail(ECONNREFUSED);
+    m_connector.OnWake();
+    EXPECT_TRUE(m_outcomes.empty());
+    Link("127.0.0.3:80").Fail(EHOSTUNREACH);
+    m_connector.OnWake();
+    m_connector.OnWake();
+    EXPECT_EQ(m_outcomes, std::vector<bool>{false});
+    EXPECT_EQ(m_connector.GetFailure(), EHOSTUNREACH);
+    EXPECT_EQ(m_link.GetState(), CHostLink::EState::None);
+    EXPECT_FALSE(m_connector.GetAttemptDeadline());
+}
+
+TEST_F(RaceTest, TheConnectTimeoutEndsTheWholeRaceAndAnAnswerAtOnceEndsItAtOnce)
+{
+    m_host.refused = {"[::1]:80"};
+    Begin({"127.0.0.2", "::1", "::2"}, 1000);
+    EXPECT_EQ(m_host.tried, (Tried{"[::1]:80", "127.0.0.2:80"}));
+    After(CHostConnector::ATTEMPT_DELAY_MS);
+    EXPECT_EQ(m_host.tried.size(), 3u);
+    After(1000 - CHostConnector::ATTEMPT_DELAY_MS);
+    EXPECT_EQ(m_outcomes, std::vector<bool>{false});
+    EXPECT_EQ(m_connector.GetFailure(), ETIMEDOUT);
+    for (const char* to : {"127.0.0.2:80", "[::2]:80"}) {
+        EXPECT_EQ(Link(to).GetDisconnects(), 1) << to;
+        EXPECT_EQ(Link(to).GetSinkCount(), 0) << to;
+    }
+
+    // A host that answers open at once: the race is won inside Begin, told after it.
+    m_host.refused.clear();
+    m_host.links.clear();
+    FakeMultiPointLayer opening;
+    CHostConnector atOnce{&opening, m_client, m_helpers, m_link, [this] { ++m_wakes; },
+                          [this](bool connected) { m_outcomes.push_back(connected); }};
+    ASSERT_TRUE(atOnce.Begin(Name({"127.0.0.2", "::1"}), 1000, [](const IZRTConnectionAddress&) { return true; }));
+    EXPECT_EQ(opening.GetDestinations(), Tried{"[::1]:80"});
+    EXPECT_EQ(m_outcomes.size(), 1u);
+    atOnce.OnWake();
+    EXPECT_EQ(m_outcomes, (std::vector<bool>{false, true}));
+    EXPECT_EQ(m_link.GetState(), CHostLink::EState::Open);
 }
 
 using EHeader = CProxyHeader::EState;

@@ -1,7 +1,9 @@
 """SOCKS5 commands through the daemon with raw sockets: UDP ASSOCIATE, BIND, CONNECT to IPv6,
-uploads, a host that writes before it reads, and a slow reader."""
+uploads, a host that writes before it reads, a slow reader; a name raced over IPv6 and IPv4, and
+replies that say why a connect failed."""
 import hashlib
 import os
+import select
 import socket
 import struct
 import threading
@@ -9,7 +11,8 @@ import time
 
 import pytest
 
-from conftest import DEST_V4, DEST_V6, http_connect, recv_exact, read_socks5_reply, socks5_address, socks5_request
+from conftest import (DEST_V4, DEST_V6, Daemon, StubDns, http_connect, recv_exact, read_socks5_reply, socks5_address,
+                      socks5_request)
 
 
 @pytest.mark.parametrize("destination", [DEST_V4, DEST_V6])
@@ -126,3 +129,84 @@ def test_slow_reader_gets_every_byte_and_memory_stays_bounded(daemon, http_serve
     # The file is 8 MiB; the proxy must not have taken it all in while the client dawdled.
     if not daemon.sanitized():
         assert peak - rss_before < 6 * 1024
+
+
+# ---- connect attempts, and replies that say why one failed ----
+
+def silent_listener(host, port=0):
+    """A listener whose accept queue is full, so that a connect to it is never answered (its SYNs
+    are dropped): a host that does not answer. Returns it and the sockets that fill it."""
+    family = socket.AF_INET6 if ":" in host else socket.AF_INET
+    listener = socket.socket(family)
+    listener.bind((host, port))
+    listener.listen(0)
+    fillers = []
+    for _ in range(8):  # a backlog of 0 takes one or two
+        filler = socket.socket(family)
+        filler.setblocking(False)
+        filler.connect_ex(listener.getsockname()[:2])
+        fillers.append(filler)
+        if not select.select([], [filler], [], 0.5)[1]:
+            return listener, fillers
+    pytest.fail("the listener's queue never filled")
+
+
+def test_a_name_whose_first_addresses_are_silent_is_served_well_within_the_timeout():
+    # The resolver's order is 127.0.0.3, 127.0.0.2, ::1; only 127.0.0.2 answers. Address by
+    # address, each with a third of the 30 s, the client would wait 10 s; raced (::1, then
+    # 127.0.0.3 after 250 ms, then 127.0.0.2), half a second.
+    silent_v6, fillers_v6 = silent_listener(DEST_V6)
+    port = silent_v6.getsockname()[1]
+    silent_v4, fillers_v4 = silent_listener("127.0.0.3", port)
+    echo = socket.create_server((DEST_V4, port))
+    threading.Thread(target=lambda: echo_once(echo), daemon=True).start()
+    dns = StubDns(addresses=("127.0.0.3", DEST_V4), v6_addresses=(DEST_V6,))
+    proxy = Daemon("--listen", "127.0.0.1", "--dns-server", f"127.0.0.53:{dns.port}", "--connect-timeout", "30")
+    try:
+        started = time.monotonic()
+        sock, (code, _, _) = socks5_request(proxy, 1, "dual.test", port)
+        with sock:
+            assert code == 0
+            assert time.monotonic() - started < 5
+            sock.sendall(b"ping")
+            assert recv_exact(sock, 4) == b"ping"
+    finally:
+        assert proxy.stop() == 0
+        dns.close()
+        for held in (silent_v6, silent_v4, echo, *fillers_v6, *fillers_v4):
+            held.close()
+
+
+def echo_once(server):
+    conn, _ = server.accept()
+    with conn:
+        conn.sendall(conn.recv(100))
+
+
+def test_replies_say_why_a_connect_failed_unless_turned_off():
+    silent, fillers = silent_listener("127.0.0.3")
+    closed = socket.socket()
+    closed.bind((DEST_V4, 0))  # bound, never listening: a connect is refused
+    dns = StubDns()
+    common = ("--listen", "127.0.0.1", "--dns-server", f"127.0.0.53:{dns.port}", "--connect-timeout", "1",
+              "--deny-destination", "127.0.0.4/32")
+    cases = [  # destination, reply of the daemon (precise by default), reply with them off
+        (("nx.test", 80), 4, 8),
+        ((DEST_V4, closed.getsockname()[1]), 5, 5),
+        (silent.getsockname(), 6, 5),
+        (("127.0.0.4", 80), 2, 2),
+    ]
+    try:
+        for extra, column in (((), 1), (("--socks5-precise-replies", "off"), 2)):
+            proxy = Daemon(*common, *extra)
+            try:
+                for case in cases:
+                    sock, (code, _, _) = socks5_request(proxy, 1, *case[0])
+                    sock.close()
+                    assert code == case[column], (case, extra)
+            finally:
+                assert proxy.stop() == 0
+    finally:
+        dns.close()
+        for held in (silent, closed, *fillers):
+            held.close()

@@ -2,6 +2,7 @@
 // refusals byte for byte, the three commands, and the UDP relay on real loopback sockets.
 #include <gtest/gtest.h>
 
+#include <errno.h>
 #include <poll.h>
 
 #include <atomic>
@@ -467,6 +468,45 @@ TEST_F(Socks5ConnectTest, UnreachableDestinationGetsOneRefusal)
     EXPECT_EQ(CommandReply(5), Replies());
     EXPECT_TRUE(Dropped());
 }
+
+// Why a CONNECT failed, which the reply says only with precise replies.
+struct SFailureCase {
+    const char* name;
+    std::string request;
+    int failure; // the connect's, as an errno value
+    int usual;   // the reply without precise replies
+    int precise; // and with them
+};
+
+class Socks5FailureReplyTest : public Socks5Fixture, public ::testing::WithParamInterface<SFailureCase> {};
+
+TEST_P(Socks5FailureReplyTest, SaysWhyOnlyWhenAsked)
+{
+    for (const bool precise : {false, true}) {
+        SOwnExchange own(m_manager);
+        own.connection.Settings().socks5PreciseReplies = precise;
+        own.connection.Settings().denyDestinations = {"10.9.9.9/32"};
+        own.connection.GetMultiPointLayer().SetFail(true);
+        own.connection.SetConnectFailure(GetParam().failure);
+        own.Take(Bytes({5, 1, 0}) + GetParam().request);
+        own.connection.RunPending();
+        EXPECT_EQ(Bytes({5, 0}) + CommandReply(precise ? GetParam().precise : GetParam().usual),
+                  own.connection.GetToClient())
+            << (precise ? "precise" : "usual");
+        EXPECT_FALSE(own.connection.IsConnectedToClient());
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Failures, Socks5FailureReplyTest,
+    ::testing::Values(SFailureCase{"NameUnknown", NameRequest(1, "nowhere", 80), 0, 8, 4},
+                      SFailureCase{"DeniedByRules", Request(1, {10, 9, 9, 9}, 80), 0, 2, 2},
+                      SFailureCase{"Refused", Request(1, {10, 1, 2, 3}, 80), ECONNREFUSED, 5, 5},
+                      SFailureCase{"HostUnreachable", Request(1, {10, 1, 2, 3}, 80), EHOSTUNREACH, 5, 4},
+                      SFailureCase{"NetworkUnreachable", Request(1, {10, 1, 2, 3}, 80), ENETUNREACH, 5, 3},
+                      SFailureCase{"TimedOut", Request(1, {10, 1, 2, 3}, 80), ETIMEDOUT, 5, 6},
+                      SFailureCase{"OtherFailure", Request(1, {10, 1, 2, 3}, 80), EADDRNOTAVAIL, 5, 1}),
+    [](const ::testing::TestParamInfo<SFailureCase>& info) { return std::string(info.param.name); });
 
 TEST_F(Socks5ConnectTest, TheProxyItselfIsNotAllowedInAnyForm)
 {
