@@ -81,6 +81,22 @@ bool ParseEndpoint(const std::string& text, std::string& host, sockaddr_storage&
 }
 } // namespace
 
+// Takes "USER:PASSWORD@" off the front of rest, percent-decoded; true when there is none.
+bool CUpstreamRoute::TakeCredentials(std::string& rest, std::string& user, std::string& password)
+{
+    const size_t at = rest.rfind('@');
+    if (at == std::string::npos)
+        return true;
+    const std::string userInfo = rest.substr(0, at);
+    const size_t colon = userInfo.find(':');
+    if (colon == std::string::npos || colon == 0 || !PercentDecode(userInfo.substr(0, colon), user) ||
+        !PercentDecode(userInfo.substr(colon + 1), password) || user.size() > CREDENTIAL_LIMIT ||
+        password.empty() || password.size() > CREDENTIAL_LIMIT)
+        return false;
+    rest = rest.substr(at + 1);
+    return true;
+}
+
 bool CUpstreamRoute::SetUrl(const std::string& url, std::string& error)
 {
     EProtocol protocol = EProtocol::None;
@@ -99,17 +115,9 @@ bool CUpstreamRoute::SetUrl(const std::string& url, std::string& error)
         rest.pop_back();
     std::string user;
     std::string password;
-    const size_t at = rest.rfind('@');
-    if (at != std::string::npos) {
-        const std::string userInfo = rest.substr(0, at);
-        const size_t colon = userInfo.find(':');
-        if (colon == std::string::npos || colon == 0 || !PercentDecode(userInfo.substr(0, colon), user) ||
-            !PercentDecode(userInfo.substr(colon + 1), password) || user.size() > CREDENTIAL_LIMIT ||
-            password.empty() || password.size() > CREDENTIAL_LIMIT) {
-            error = "'" + url + "': the credentials are not USER:PASSWORD, each of 1 to 255 bytes";
-            return false;
-        }
-        rest = rest.substr(at + 1);
+    if (!TakeCredentials(rest, user, password)) {
+        error = "'" + url + "': the credentials are not USER:PASSWORD, each of 1 to 255 bytes";
+        return false;
     }
     std::string host;
     sockaddr_storage address{};

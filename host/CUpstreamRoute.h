@@ -47,6 +47,7 @@ private:
         int prefix = 0;
     };
 
+    static bool TakeCredentials(std::string& rest, std::string& user, std::string& password);
     static bool ParseBlock(const std::string& text, SBlock& block);
     static bool Contains(const SBlock& block, const sockaddr_storage& address);
 
