@@ -96,8 +96,8 @@ CMetricsServer::~CMetricsServer()
     Stop();
 }
 
-bool CMetricsServer::Start(const std::string& address, int port, const std::vector<std::string>& allow,
-                           QOX::CThreadPool* pool, std::string& error)
+// Loopback alone unless told otherwise.
+bool CMetricsServer::SetAllowList(const std::vector<std::string>& allow, std::string& error)
 {
     m_allow.clear();
     std::vector<std::string> blocks = allow;
@@ -111,6 +111,14 @@ bool CMetricsServer::Start(const std::string& address, int port, const std::vect
         }
         m_allow.push_back(range);
     }
+    return true;
+}
+
+bool CMetricsServer::Start(const std::string& address, int port, const std::vector<std::string>& allow,
+                           QOX::CThreadPool* pool, std::string& error)
+{
+    if (!SetAllowList(allow, error))
+        return false;
     sockaddr_storage local{};
     socklen_t length = 0;
     auto& v4 = reinterpret_cast<sockaddr_in&>(local);

@@ -52,6 +52,7 @@ protected:
     int Run() override;
 
 private:
+    bool SetAllowList(const std::vector<std::string>& allow, std::string& error);
     using Clock = std::chrono::steady_clock;
 
     struct SScraper {
