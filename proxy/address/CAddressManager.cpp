@@ -357,7 +357,7 @@ bool CAddressManager::IsFresh(const SAddressInfo& info)
 void CAddressManager::InsertLocked(const std::string& name, const AddressPtr& address, int lifetimeSeconds)
 {
     if (m_cache.count(name) != 0 || lifetimeSeconds == 0)
-        return; // the first answer for a name stays
+        return; // the first answer for a name stays; a lifetime of 0 keeps none
     SweepLocked();
     while (!m_cache.empty() && m_cache.size() >= m_cacheLimit)
         EraseLocked(m_cache.find(m_recency.back()));

@@ -21,9 +21,9 @@ namespace ZRT {
 namespace Proxy {
 
 // The name cache in front of the host's asynchronous resolver. Each proxy has one of its own. It
-// turns "host:port" texts into addresses: answers are kept for an hour, failures for a minute
-// (or as long as the resolver says, at most an hour: IResolveAddressLifetimeNotification), keyed by the name alone
-// (the port of each request is applied to the cached address), at most GetCacheLimit() names,
+// turns "host:port" texts into addresses: answers are kept for an hour, failures for a minute (or
+// as long as the resolver says, at most an hour: IResolveAddressLifetimeNotification), keyed by
+// the name alone (the port of each request is applied to the cached address), at most GetCacheLimit() names,
 // the least recently used leaving first. Expired names are swept as new ones come in; nothing
 // runs on a timer.
 //
@@ -81,7 +81,7 @@ public:
     // address), whatever the port: what a proxy serving a network keeps its clients out of.
     bool IsThisMachine(const sockaddr_storage& address);
     // The network changed: forgets every cached answer and reads this machine's names and
-    // addresses again. Lookups under way go on. Any thread.
+    // addresses again. Lookups under way go on (their answers are kept). Any thread.
     void ForgetNetwork();
     // Makes every waiting ResolveAddress give up.
     void StopRequest();
