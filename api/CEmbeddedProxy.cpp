@@ -31,6 +31,22 @@ std::string NumericText(const sockaddr_storage& address)
                             : static_cast<const void*>(&reinterpret_cast<const sockaddr_in&>(address).sin_addr);
     return inet_ntop(address.ss_family, bytes, text, sizeof(text)) ? text : "";
 }
+
+// Whether socket is a stream socket that listens; its address in local.
+bool IsListeningStream(int socket, sockaddr_storage& local)
+{
+    int type = 0;
+    int listening = 0;
+    socklen_t size = sizeof(type);
+    if (socket < 0 || getsockopt(socket, SOL_SOCKET, SO_TYPE, &type, &size) != 0 || type != SOCK_STREAM)
+        return false;
+    size = sizeof(listening);
+    if (getsockopt(socket, SOL_SOCKET, SO_ACCEPTCONN, &listening, &size) != 0 || !listening)
+        return false;
+    socklen_t length = sizeof(local);
+    return getsockname(socket, reinterpret_cast<sockaddr*>(&local), &length) == 0 &&
+           (local.ss_family == AF_INET || local.ss_family == AF_INET6);
+}
 } // namespace
 
 static_assert(SEmbeddedSettings::MAX_LISTEN == Proxy::CProxyServer::MAX_LISTEN_SOCKETS,
@@ -145,14 +161,8 @@ int CEmbeddedProxy::StartOnSocket(int socket)
         return ZRT_E_REENTRANT;
     if (IsRunning())
         return Fail(ZRT_E_RUNNING, "the proxy runs already");
-    int type = 0;
-    int listening = 0;
-    socklen_t size = sizeof(type);
     sockaddr_storage local{};
-    socklen_t length = sizeof(local);
-    if (socket < 0 || getsockopt(socket, SOL_SOCKET, SO_TYPE, &type, &size) != 0 || type != SOCK_STREAM ||
-        getsockopt(socket, SOL_SOCKET, SO_ACCEPTCONN, &listening, &(size = sizeof(listening))) != 0 || !listening ||
-        getsockname(socket, reinterpret_cast<sockaddr*>(&local), &length) != 0)
+    if (!IsListeningStream(socket, local))
         return Fail(ZRT_E_INVALID, "not a listening TCP socket");
     const std::string address = NumericText(local);
     const int copy = fcntl(socket, F_DUPFD_CLOEXEC, 0);
