@@ -341,34 +341,29 @@ bool CEmbeddedProxy::Refuses(const char* call)
     return true;
 }
 
-int CEmbeddedProxy::HookSet(const char* call)
-{
-    return Refuses(call) ? ZRT_E_REENTRANT : Succeed();
-}
-
 int CEmbeddedProxy::SetLogCallback(CHostHooks::LogCallback callback, void* context)
 {
     m_hooks.SetLog(callback, context);
     m_log.SetCallback(callback ? &CHostHooks::Log : nullptr, &m_hooks);
-    return Succeed();
+    return ZRT_OK;
 }
 
 int CEmbeddedProxy::SetSocketHook(CHostHooks::SocketHook hook, void* context)
 {
     m_hooks.SetSocket(hook, context);
-    return Succeed();
+    return ZRT_OK;
 }
 
 int CEmbeddedProxy::SetPlainSocketHook(CHostHooks::PlainSocketHook hook, void* context)
 {
     m_hooks.SetPlainSocket(hook, context);
-    return Succeed();
+    return ZRT_OK;
 }
 
 int CEmbeddedProxy::SetAcceptHook(CHostHooks::AcceptHook hook, void* context)
 {
     m_hooks.SetAccept(hook, context);
-    return Succeed();
+    return ZRT_OK;
 }
 
 int CEmbeddedProxy::SetThreadHooks(CHostHooks::ThreadHook onStart, CHostHooks::ThreadHook onStop, void* context)

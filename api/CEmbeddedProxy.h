@@ -68,7 +68,8 @@ public:
     // The controlling thread's reason, or inside a callback the reason of that thread's last call.
     const std::string& GetLastError() const;
 
-    // Any time, any thread: a call under way may still reach the old one.
+    // Any time, any thread: a call under way may still reach the old one. They leave the last
+    // error alone: it is the controlling thread's.
     int SetLogCallback(CHostHooks::LogCallback callback, void* context);
     int SetSocketHook(CHostHooks::SocketHook hook, void* context);
     int SetPlainSocketHook(CHostHooks::PlainSocketHook hook, void* context);
@@ -92,8 +93,6 @@ private:
     Host::SDirectHostSettings HostSettings(const std::vector<std::string>& listen);
     // Start with these addresses; adopted: a listening socket to use for the only one, or -1.
     int StartServing(const std::vector<std::string>& listen, int adopted);
-    // The hook setters' common part: ZRT_E_REENTRANT from inside a callback.
-    int HookSet(const char* call);
     // Reads the users file and opens the access log; false with the reason.
     bool MakeLive(SLive& live, std::string& error) const;
     // Whether live would let every client in where the running proxy asks for a password,
