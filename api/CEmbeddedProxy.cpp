@@ -4,14 +4,50 @@
 #include <cstring>
 #include <vector>
 
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+
+#include "api/CCallbackScope.h"
 #include "api/CCryptVerifier.h"
 #include "api/COptionTable.h"
 #include "api/CUsersFile.h"
 #include "proxy/core/CProxyServer.h"
 #include "runtime/CThreadPool.h"
+#include "transport/CSocketHandle.h"
 
 namespace ZRT {
 namespace Api {
+
+namespace {
+// "192.0.2.7" or "2001:db8::7": the address of a socket, as listen addresses are given.
+std::string NumericText(const sockaddr_storage& address)
+{
+    char text[INET6_ADDRSTRLEN] = "";
+    const void* bytes = address.ss_family == AF_INET6
+                            ? static_cast<const void*>(&reinterpret_cast<const sockaddr_in6&>(address).sin6_addr)
+                            : static_cast<const void*>(&reinterpret_cast<const sockaddr_in&>(address).sin_addr);
+    return inet_ntop(address.ss_family, bytes, text, sizeof(text)) ? text : "";
+}
+
+// Whether socket is a stream socket that listens; its address in local.
+bool IsListeningStream(int socket, sockaddr_storage& local)
+{
+    int type = 0;
+    int listening = 0;
+    socklen_t size = sizeof(type);
+    if (socket < 0 || getsockopt(socket, SOL_SOCKET, SO_TYPE, &type, &size) != 0 || type != SOCK_STREAM)
+        return false;
+    size = sizeof(listening);
+    if (getsockopt(socket, SOL_SOCKET, SO_ACCEPTCONN, &listening, &size) != 0 || !listening)
+        return false;
+    socklen_t length = sizeof(local);
+    return getsockname(socket, reinterpret_cast<sockaddr*>(&local), &length) == 0 &&
+           (local.ss_family == AF_INET || local.ss_family == AF_INET6);
+}
+} // namespace
 
 static_assert(SEmbeddedSettings::MAX_LISTEN == Proxy::CProxyServer::MAX_LISTEN_SOCKETS,
               "every listen address the options take gets a socket");
@@ -25,6 +61,8 @@ CEmbeddedProxy::~CEmbeddedProxy()
 
 int CEmbeddedProxy::SetOption(const char* name, const char* value)
 {
+    if (Refuses("zrt_proxy_set_option"))
+        return ZRT_E_REENTRANT;
     if (!name)
         return Fail(ZRT_E_INVALID, "no option name given");
     const COptionTable::SOption* option = COptionTable::Find(name);
@@ -42,28 +80,27 @@ int CEmbeddedProxy::SetOption(const char* name, const char* value)
     return Fail(ZRT_E_BAD_VALUE, error);
 }
 
-Host::SDirectHostSettings CEmbeddedProxy::HostSettings() const
+Host::SDirectHostSettings CEmbeddedProxy::HostSettings(const std::vector<std::string>& listen)
 {
     Host::SDirectHostSettings host = m_settings.host;
     // BIND listeners use the proxy's own first address of the right family.
-    for (const std::string& address : m_settings.ListenAddresses()) {
+    for (const std::string& address : listen) {
         std::string& bind = address.find(':') != std::string::npos ? host.bindIPv6 : host.bindIPv4;
         if (bind.empty())
             bind = address;
     }
-    host.threadStart = m_threadStart;
-    host.threadStop = m_threadStop;
-    host.threadContext = m_threadContext;
-    if (m_socketHook) {
-        const auto hook = m_socketHook;
-        void* const context = m_socketContext;
-        host.socketHook = [hook, context](int socket) { return hook(context, socket) == 0; };
+    if (m_hooks.HasThreadHooks()) {
+        host.threadStart = &CHostHooks::ThreadStart;
+        host.threadStop = &CHostHooks::ThreadStop;
+        host.threadContext = &m_hooks;
     }
-    if (m_resolve) {
-        const auto resolve = m_resolve;
-        void* const context = m_resolveContext;
-        host.resolveHook = [resolve, context](const std::string& name, Host::SDirectHostSettings::LookupReply reply) {
-            resolve(context, name.c_str(), new zrt_lookup{std::move(reply)});
+    // Always there: the hook may be set while the proxy runs.
+    host.socketHook = [this](int socket, Host::SDirectHostSettings::ESocketPurpose purpose) {
+        return m_hooks.AllowsSocket(socket, static_cast<int>(purpose));
+    };
+    if (m_hooks.HasResolver()) {
+        host.resolveHook = [this](const std::string& name, Host::SDirectHostSettings::LookupReply reply) {
+            m_hooks.Ask(name, std::move(reply));
         };
     }
     return host;
@@ -113,21 +150,51 @@ void CEmbeddedProxy::ApplyLive(const SLive& live)
 
 int CEmbeddedProxy::Start()
 {
+    if (Refuses("zrt_proxy_start"))
+        return ZRT_E_REENTRANT;
+    return StartServing(m_settings.ListenAddresses(), -1);
+}
+
+int CEmbeddedProxy::StartOnSocket(int socket)
+{
+    if (Refuses("zrt_proxy_start_on_socket"))
+        return ZRT_E_REENTRANT;
+    if (IsRunning())
+        return Fail(ZRT_E_RUNNING, "the proxy runs already");
+    sockaddr_storage local{};
+    if (!IsListeningStream(socket, local))
+        return Fail(ZRT_E_INVALID, "not a listening TCP socket");
+    const std::string address = NumericText(local);
+    const int copy = fcntl(socket, F_DUPFD_CLOEXEC, 0);
+    if (copy < 0)
+        return Fail(ZRT_E_START, std::string("cannot take the listening socket: ") + std::strerror(errno));
+    const int result = StartServing({address}, copy); // the engine closes the copy on a failure
+    if (result == ZRT_OK)
+        close(socket);
+    return result;
+}
+
+int CEmbeddedProxy::StartServing(const std::vector<std::string>& listen, int adopted)
+{
+    CSocketHandle handed(adopted);
     if (IsRunning())
         return Fail(ZRT_E_RUNNING, "the proxy runs already");
     SLive live;
     std::string error;
     if (!MakeLive(live, error))
         return Fail(ZRT_E_START, error);
-    std::unique_ptr<Host::CDirectServices> host(new Host::CDirectServices(HostSettings()));
+    std::unique_ptr<Host::CDirectServices> host(new Host::CDirectServices(HostSettings(listen)));
     const std::string problem = host->GetError();
     if (!problem.empty())
         return Fail(ZRT_E_START, problem);
     QOX::SThreadHooks hooks;
-    hooks.onStart = m_threadStart;
-    hooks.onStop = m_threadStop;
-    hooks.context = m_threadContext;
+    if (m_hooks.HasThreadHooks()) {
+        hooks.onStart = &CHostHooks::ThreadStart;
+        hooks.onStop = &CHostHooks::ThreadStop;
+        hooks.context = &m_hooks;
+    }
     m_pool.reset(new QOX::CThreadPool(hooks));
+    m_refusalLogged = false;
     if (!m_settings.metricsAddress.empty() && !m_metrics.Start(m_settings.metricsAddress, m_settings.metricsPort,
                                                                m_settings.metricsAllow, m_pool.get(), error))
         return Fail(ZRT_E_START, error);
@@ -138,8 +205,13 @@ int CEmbeddedProxy::Start()
     ApplyLive(live);
     m_proxy.SetListenBacklog(m_settings.listenBacklog);
     m_proxy.SetObserver(&m_log);
-    m_proxy.SetThreadHooks(m_threadStart, m_threadStop, m_threadContext);
-    if (!m_proxy.StartProxy(m_settings.ListenAddresses(), m_settings.port, &host->GetResolver(), &host->GetMultiPointLayer(),
+    m_proxy.SetThreadHooks(hooks.onStart, hooks.onStop, hooks.context);
+    m_proxy.GetServer().SetAcceptFilter([this](const sockaddr_storage& client, const sockaddr_storage& local) {
+        return m_hooks.AllowsClient(client, local);
+    });
+    if (handed.IsValid())
+        m_proxy.GetServer().AdoptListenSocket(handed.Release());
+    if (!m_proxy.StartProxy(listen, m_settings.port, &host->GetResolver(), &host->GetMultiPointLayer(),
                             &host->GetDatagramHandler(), &host->GetConnectionListener())) {
         m_metrics.Stop();
         m_log.Stop();
@@ -152,6 +224,8 @@ int CEmbeddedProxy::Start()
 
 int CEmbeddedProxy::Reload()
 {
+    if (Refuses("zrt_proxy_reload"))
+        return ZRT_E_REENTRANT;
     if (!IsRunning())
         return Fail(ZRT_E_NOT_RUNNING, "the proxy does not run");
     SLive live;
@@ -168,7 +242,7 @@ int CEmbeddedProxy::Reload()
 
 void CEmbeddedProxy::Stop()
 {
-    if (!IsRunning())
+    if (Refuses("zrt_proxy_stop") || !IsRunning())
         return;
     m_metrics.Stop();
     // The proxy's threads end first: they use the host's services to their last call.
@@ -181,6 +255,8 @@ void CEmbeddedProxy::Stop()
 
 int CEmbeddedProxy::ReopenLogs()
 {
+    if (Refuses("zrt_proxy_reopen_logs"))
+        return ZRT_E_REENTRANT;
     if (!IsRunning())
         return Fail(ZRT_E_NOT_RUNNING, "the proxy does not run");
     const std::string path = m_log.GetAccessLogPath();
@@ -242,48 +318,92 @@ void CEmbeddedProxy::GetStats(zrt_proxy_stats_t& stats) const
     stats.socks4_total = counters.Get(CProxyStats::SOCKS4_TOTAL);
 }
 
-void CEmbeddedProxy::SetLogCallback(CLogRelay::Callback callback, void* context)
+int CEmbeddedProxy::NetworkChanged()
 {
+    if (Refuses("zrt_proxy_network_changed"))
+        return ZRT_E_REENTRANT;
     if (!IsRunning())
-        m_log.SetCallback(callback, context);
+        return Fail(ZRT_E_NOT_RUNNING, "the proxy does not run");
+    m_proxy.GetServer().GetAddressManager().ForgetNetwork();
+    m_log.Emit(ZRT_LOG_INFO, "network changed: cached names forgotten");
+    return Succeed();
 }
 
-void CEmbeddedProxy::SetThreadHooks(void (*onStart)(void*), void (*onStop)(void*), void* context)
+bool CEmbeddedProxy::Refuses(const char* call)
 {
-    if (IsRunning())
-        return;
-    m_threadStart = onStart;
-    m_threadStop = onStop;
-    m_threadContext = context;
+    if (!CCallbackScope::IsInside(this))
+        return false;
+    const std::string reason = std::string(call) + " called from inside a callback of the same proxy: it would wait for "
+                                                   "the thread the callback runs on; call it from another thread";
+    CCallbackScope::SetError(this, reason);
+    if (!m_refusalLogged.exchange(true))
+        m_log.Emit(ZRT_LOG_ERROR, reason);
+    return true;
 }
 
-void CEmbeddedProxy::SetSocketHook(int (*hook)(void* context, int socket), void* context)
+int CEmbeddedProxy::SetLogCallback(CHostHooks::LogCallback callback, void* context)
 {
-    if (IsRunning())
-        return;
-    m_socketHook = hook;
-    m_socketContext = context;
+    m_hooks.SetLog(callback, context);
+    m_log.SetCallback(callback ? &CHostHooks::Log : nullptr, &m_hooks);
+    return ZRT_OK;
 }
 
-void CEmbeddedProxy::SetResolver(void (*resolve)(void* context, const char* name, zrt_lookup_t* lookup),
-                                 void* context)
+int CEmbeddedProxy::SetSocketHook(CHostHooks::SocketHook hook, void* context)
 {
+    m_hooks.SetSocket(hook, context);
+    return ZRT_OK;
+}
+
+int CEmbeddedProxy::SetPlainSocketHook(CHostHooks::PlainSocketHook hook, void* context)
+{
+    m_hooks.SetPlainSocket(hook, context);
+    return ZRT_OK;
+}
+
+int CEmbeddedProxy::SetAcceptHook(CHostHooks::AcceptHook hook, void* context)
+{
+    m_hooks.SetAccept(hook, context);
+    return ZRT_OK;
+}
+
+int CEmbeddedProxy::SetThreadHooks(CHostHooks::ThreadHook onStart, CHostHooks::ThreadHook onStop, void* context)
+{
+    if (Refuses("zrt_proxy_set_thread_hooks"))
+        return ZRT_E_REENTRANT;
     if (IsRunning())
-        return;
-    m_resolve = resolve;
-    m_resolveContext = context;
+        return Fail(ZRT_E_RUNNING, "thread hooks cannot change while the proxy runs");
+    m_hooks.SetThreadHooks(onStart, onStop, context);
+    return Succeed();
+}
+
+int CEmbeddedProxy::SetResolver(CHostHooks::Resolve resolve, void* context)
+{
+    if (Refuses("zrt_proxy_set_resolver"))
+        return ZRT_E_REENTRANT;
+    if (IsRunning())
+        return Fail(ZRT_E_RUNNING, "the resolver cannot change while the proxy runs");
+    m_hooks.SetResolver(resolve, context);
+    return Succeed();
+}
+
+const std::string& CEmbeddedProxy::GetLastError() const
+{
+    return CCallbackScope::IsInside(this) ? CCallbackScope::GetError(this) : m_lastError;
 }
 
 int CEmbeddedProxy::Fail(int code, const std::string& reason)
 {
-    m_lastError = reason;
+    // A call from a callback keeps its reason on its own thread: the controlling one may read its own.
+    if (CCallbackScope::IsInside(this))
+        CCallbackScope::SetError(this, reason);
+    else
+        m_lastError = reason;
     return code;
 }
 
 int CEmbeddedProxy::Succeed()
 {
-    m_lastError.clear();
-    return ZRT_OK;
+    return Fail(ZRT_OK, std::string());
 }
 
 } // namespace Api

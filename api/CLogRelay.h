@@ -23,7 +23,7 @@ namespace Api {
 // from one address (failed logins, refusals by the allow list or a client limit) are rate-limited
 // for the callback (CLogRateLimit); the access log keeps a line for every client.
 //
-// Threads: SetCallback while stopped; Start, Stop, SetAccessLog and GetAccessLogPath on the
+// Threads: SetCallback at any time (as CLogWriter's); Start, Stop, SetAccessLog and GetAccessLogPath on the
 // controlling thread; SetLevel, the observer operations and Emit on any thread.
 class CLogRelay : public Proxy::IProxyObserver {
 public:

@@ -180,8 +180,9 @@ void CLogWriter::Dropped(uint64_t lines)
 
 void CLogWriter::Tell(int level, const std::string& line) const
 {
-    if (Wants(level))
-        m_callback(m_context, level, line.c_str());
+    const Callback callback = m_callback;
+    if (callback && level <= m_level.load(std::memory_order_relaxed))
+        callback(m_context, level, line.c_str());
 }
 
 void CLogWriter::Summarize(int64_t now, bool flush)

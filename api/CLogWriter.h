@@ -32,7 +32,9 @@ namespace Api {
 // A stop delivers what was queued before it, tries the access log once more and ends: it never
 // waits for a sink, and the callback must not block either.
 //
-// Threads: SetCallback while stopped, Start and Stop on the controlling thread; SetAccessLog and
+// Threads: SetCallback on any thread at any time (a line being delivered may still reach the old
+// callback; give a new context only with a new callback, or keep it valid); Start and Stop on
+// the controlling thread; SetAccessLog and
 // GetAccessLogPath on the controlling thread at any time; SetLevel, Wants, HasAccessLog and Push on
 // any thread; the rest on the writer's own thread (from the pool given to Start, so the host's
 // thread hooks run on it).
@@ -51,8 +53,8 @@ public:
 
     void SetCallback(Callback callback, void* context)
     {
-        m_callback = callback;
         m_context = context;
+        m_callback = callback;
     }
     // Lines above the level are not wanted by the callback.
     void SetLevel(int level) { m_level = level; }
@@ -90,8 +92,8 @@ private:
     void Wait(int64_t now);
 
     CLogRateLimit& m_limit;
-    Callback m_callback = nullptr;
-    void* m_context = nullptr;
+    std::atomic<Callback> m_callback{nullptr};
+    std::atomic<void*> m_context{nullptr};
     std::atomic<int> m_level{4};
     std::atomic<bool> m_hasAccessLog{false};
     Proxy::CProxyStats* m_stats = nullptr;

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "api/CEmbeddedProxy.h"
+#include "api/CLookupTable.h"
 #include "api/COptionTable.h"
 
 struct zrt_proxy {
@@ -19,7 +20,8 @@ zrt_proxy_t* zrt_proxy_create(void)
 
 void zrt_proxy_destroy(zrt_proxy_t* proxy)
 {
-    delete proxy;
+    if (proxy && !proxy->proxy.Refuses("zrt_proxy_destroy"))
+        delete proxy;
 }
 
 int zrt_proxy_set_option(zrt_proxy_t* proxy, const char* name, const char* value)
@@ -34,6 +36,20 @@ int zrt_proxy_start(zrt_proxy_t* proxy)
     if (!proxy)
         return ZRT_E_INVALID;
     return proxy->proxy.Start();
+}
+
+int zrt_proxy_start_on_socket(zrt_proxy_t* proxy, int listening_fd)
+{
+    if (!proxy)
+        return ZRT_E_INVALID;
+    return proxy->proxy.StartOnSocket(listening_fd);
+}
+
+int zrt_proxy_network_changed(zrt_proxy_t* proxy)
+{
+    if (!proxy)
+        return ZRT_E_INVALID;
+    return proxy->proxy.NetworkChanged();
 }
 
 int zrt_proxy_port(const zrt_proxy_t* proxy)
@@ -94,14 +110,16 @@ int zrt_proxy_get_stats(const zrt_proxy_t* proxy, zrt_proxy_stats_t* out)
     const size_t copied = size < sizeof(stats) ? size : sizeof(stats);
     std::memcpy(reinterpret_cast<char*>(out) + sizeof(stats.size), reinterpret_cast<const char*>(&stats) + sizeof(stats.size),
                 copied - sizeof(stats.size));
+    out->size = copied;
     return ZRT_OK;
 }
 
-void zrt_proxy_set_log_callback(zrt_proxy_t* proxy, void (*callback)(void* context, int level, const char* line),
-                                void* context)
+int zrt_proxy_set_log_callback(zrt_proxy_t* proxy, void (*callback)(void* context, int level, const char* line),
+                               void* context)
 {
-    if (proxy)
-        proxy->proxy.SetLogCallback(callback, context);
+    if (!proxy)
+        return ZRT_E_INVALID;
+    return proxy->proxy.SetLogCallback(callback, context);
 }
 
 void zrt_proxy_count_dropped_log_lines(zrt_proxy_t* proxy, unsigned count)
@@ -110,24 +128,43 @@ void zrt_proxy_count_dropped_log_lines(zrt_proxy_t* proxy, unsigned count)
         proxy->proxy.CountDroppedLogLines(count);
 }
 
-void zrt_proxy_set_thread_hooks(zrt_proxy_t* proxy, void (*on_start)(void* context), void (*on_stop)(void* context),
-                                void* context)
+int zrt_proxy_set_thread_hooks(zrt_proxy_t* proxy, void (*on_start)(void* context), void (*on_stop)(void* context),
+                               void* context)
 {
-    if (proxy)
-        proxy->proxy.SetThreadHooks(on_start, on_stop, context);
+    if (!proxy)
+        return ZRT_E_INVALID;
+    return proxy->proxy.SetThreadHooks(on_start, on_stop, context);
 }
 
-void zrt_proxy_set_socket_hook(zrt_proxy_t* proxy, int (*hook)(void* context, int fd), void* context)
+int zrt_proxy_set_socket_hook(zrt_proxy_t* proxy, int (*hook)(void* context, int fd), void* context)
 {
-    if (proxy)
-        proxy->proxy.SetSocketHook(hook, context);
+    if (!proxy)
+        return ZRT_E_INVALID;
+    return proxy->proxy.SetPlainSocketHook(hook, context);
 }
 
-void zrt_proxy_set_resolver(zrt_proxy_t* proxy, void (*resolve)(void* context, const char* name, zrt_lookup_t* lookup),
-                            void* context)
+int zrt_proxy_set_socket_hook_ex(zrt_proxy_t* proxy, int (*hook)(void* context, int fd, int purpose), void* context)
 {
-    if (proxy)
-        proxy->proxy.SetResolver(resolve, context);
+    if (!proxy)
+        return ZRT_E_INVALID;
+    return proxy->proxy.SetSocketHook(hook, context);
+}
+
+int zrt_proxy_set_accept_hook(zrt_proxy_t* proxy,
+                              int (*hook)(void* context, const struct sockaddr* client, const struct sockaddr* local),
+                              void* context)
+{
+    if (!proxy)
+        return ZRT_E_INVALID;
+    return proxy->proxy.SetAcceptHook(hook, context);
+}
+
+int zrt_proxy_set_resolver(zrt_proxy_t* proxy, void (*resolve)(void* context, const char* name, zrt_lookup_t* lookup),
+                           void* context)
+{
+    if (!proxy)
+        return ZRT_E_INVALID;
+    return proxy->proxy.SetResolver(resolve, context);
 }
 
 const char* zrt_option_name(int index)
@@ -157,15 +194,20 @@ const char* zrt_option_description(const char* name)
     return option ? option->description : nullptr;
 }
 
-void zrt_lookup_answer(zrt_lookup_t* lookup, const struct sockaddr_storage* addresses, int count)
+void zrt_lookup_answer_ttl(zrt_lookup_t* lookup, const struct sockaddr_storage* addresses, int count, int ttl_seconds)
 {
-    if (!lookup)
-        return;
+    const ZRT::Api::CLookupTable::Reply reply = ZRT::Api::CLookupTable::Take(lookup);
+    if (!reply)
+        return; // answered already, or no lookup
     std::vector<sockaddr_storage> found;
     for (int i = 0; addresses && i < count; ++i) {
         if (addresses[i].ss_family == AF_INET || addresses[i].ss_family == AF_INET6)
             found.push_back(addresses[i]);
     }
-    lookup->reply(found);
-    delete lookup;
+    reply(found, ttl_seconds < 0 ? ZRT::Host::SDirectHostSettings::DEFAULT_LIFETIME : ttl_seconds);
+}
+
+void zrt_lookup_answer(zrt_lookup_t* lookup, const struct sockaddr_storage* addresses, int count)
+{
+    zrt_lookup_answer_ttl(lookup, addresses, count, -1);
 }

@@ -12,7 +12,8 @@ set(zrt_public_headers
   host/CDirectHost.h
   transport/CTCPIPAddress.h transport/IConnectionListener.h transport/IConnectionReceiver.h
   transport/IDatagramHandler.h transport/IDatagramReceiver.h transport/IResolveAddress.h
-  transport/IResolveAddressCompletedNotification.h transport/IZRTConnectionAddress.h
+  transport/IResolveAddressCompletedNotification.h transport/IResolveAddressLifetimeNotification.h
+  transport/IZRTConnectionAddress.h
   transport/IZRTConnectionClosedNotification.h transport/IZRTDataLayer.h transport/IZRTDataLayerNotification.h
   transport/IZRTMultiPointLayer.h transport/IZRTNotification.h
   runtime/CAtomicInt.h runtime/CRefCountImpl.h runtime/CRefCountPtr.h runtime/CRefCount_Base.h runtime/Export.h)

@@ -69,7 +69,7 @@ CAresNameService::CAresNameService(CEventLoop& loop, const std::string& servers,
 int CAresNameService::PrepareSocket(ares_socket_t socket, int /*type*/, void* self)
 {
     // Non-zero makes c-ares close the socket and try the next server, or fail the query.
-    return static_cast<CAresNameService*>(self)->m_preparer.Prepare(socket) ? ARES_SUCCESS : -1;
+    return static_cast<CAresNameService*>(self)->m_preparer.Prepare(socket, CSocketPreparer::EPurpose::Lookup) ? ARES_SUCCESS : -1;
 }
 
 CAresNameService::~CAresNameService()
@@ -136,7 +136,7 @@ void CAresNameService::Abandon(uint64_t id)
 void CAresNameService::Begin(uint64_t id, const std::string& host, Answer answer)
 {
     if (!m_ready || !m_channel) {
-        answer({});
+        answer({}, -1);
         return;
     }
     SLookup& lookup = m_lookups[id];
@@ -191,7 +191,7 @@ void CAresNameService::Finish(uint64_t id, const std::vector<sockaddr_storage>& 
         if (m_abandoned.count(id) != 0)
             return;
     }
-    answer(addresses);
+    answer(addresses, -1);
 }
 
 void CAresNameService::OnSocketState(void* data, ares_socket_t socket, int readable, int writable)

@@ -54,8 +54,8 @@ QOX::CRefCountPtr<IZRTConnectionAddress> SocketAddress(int socket, bool peer)
 } // namespace
 
 CDirectConnectionListener::CDirectConnectionListener(CEventLoopPool& loops, std::string ipv4Address,
-                                                     std::string ipv6Address)
-    : m_loops(loops), m_ipv4Address(std::move(ipv4Address)), m_ipv6Address(std::move(ipv6Address))
+                                                     std::string ipv6Address, const CSocketPreparer& preparer)
+    : m_loops(loops), m_ipv4Address(std::move(ipv4Address)), m_ipv6Address(std::move(ipv6Address)), m_preparer(preparer)
 {
 }
 
@@ -85,7 +85,7 @@ QOX::CRefCountPtr<IZRTConnectionAddress> CDirectConnectionListener::StartListeni
         return {};
 
     CSocketHandle socket(::socket(bindAddress.ss_family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, IPPROTO_TCP));
-    if (!socket.IsValid() ||
+    if (!socket.IsValid() || !m_preparer.Announce(socket.Get(), CSocketPreparer::EPurpose::Listen) ||
         bind(socket.Get(), reinterpret_cast<sockaddr*>(&bindAddress), static_cast<socklen_t>(bindLength)) != 0 ||
         listen(socket.Get(), LISTEN_BACKLOG) != 0)
         return {};

@@ -7,6 +7,7 @@
 
 #include "transport/CEventLoopPool.h"
 #include "host/CSinkRegistry.h"
+#include "host/CSocketPreparer.h"
 #include "transport/IEventHandler.h"
 #include "runtime/CRefCount_Base.h"
 #include "runtime/CRefCountPtr.h"
@@ -26,8 +27,9 @@ namespace Host {
 // accepts run on a loop's thread, which hands each connection to the receiver.
 class CDirectConnectionListener : public IConnectionListener {
 public:
+    // Each listening socket is shown to the preparer's hook (Listen) before it listens.
     CDirectConnectionListener(CEventLoopPool& loops, std::string ipv4Address = "127.0.0.1",
-                              std::string ipv6Address = "::1");
+                              std::string ipv6Address = "::1", const CSocketPreparer& preparer = CSocketPreparer());
     ~CDirectConnectionListener() override;
 
     QOX::CRefCountPtr<IZRTConnectionAddress> StartListening(const IZRTConnectionAddress& address, int count,
@@ -72,6 +74,7 @@ private:
     CEventLoopPool& m_loops;
     std::string m_ipv4Address;
     std::string m_ipv6Address;
+    const CSocketPreparer m_preparer;
     // Guards m_sockets; never held across a receiver call.
     std::mutex m_mutex;
     std::vector<QOX::CRefCountPtr<CListeningSocket>> m_sockets;

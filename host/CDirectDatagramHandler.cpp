@@ -32,7 +32,7 @@ int OpenOutgoingSocket(int& family, const CSocketPreparer& preparer)
             continue;
         CSocketHandle socket(::socket(candidate, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
         const int on = 1;
-        if (!socket.IsValid() || !preparer.Prepare(socket.Get()) ||
+        if (!socket.IsValid() || !preparer.Prepare(socket.Get(), CSocketPreparer::EPurpose::Datagram) ||
             (candidate == AF_INET6 && setsockopt(socket.Get(), IPPROTO_IPV6, IPV6_V6ONLY, &on, sizeof(on)) != 0) ||
             bind(socket.Get(), reinterpret_cast<sockaddr*>(&local), length) != 0)
             return -1;
@@ -51,7 +51,7 @@ int OpenSocket(int& family, const CSocketPreparer& preparer)
         return outgoing;
     CSocketHandle socket(::socket(AF_INET6, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
     if (socket.IsValid()) {
-        if (!preparer.Prepare(socket.Get()))
+        if (!preparer.Prepare(socket.Get(), CSocketPreparer::EPurpose::Datagram))
             return -1;
         const int off = 0;
         sockaddr_in6 any{};
@@ -64,7 +64,7 @@ int OpenSocket(int& family, const CSocketPreparer& preparer)
         }
     }
     socket.Reset(::socket(AF_INET, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
-    if (socket.IsValid() && !preparer.Prepare(socket.Get()))
+    if (socket.IsValid() && !preparer.Prepare(socket.Get(), CSocketPreparer::EPurpose::Datagram))
         return -1;
     sockaddr_in any{};
     any.sin_family = AF_INET;

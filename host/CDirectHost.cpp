@@ -55,7 +55,20 @@ void CDirectHost::SetSocketHook(int (*hook)(void* context, int socket), void* co
         m_parts->settings.socketHook = nullptr;
         return;
     }
-    m_parts->settings.socketHook = [hook, context](int socket) { return hook(context, socket) == 0; };
+    m_parts->settings.socketHook = [hook, context](int socket, SDirectHostSettings::ESocketPurpose) {
+        return hook(context, socket) == 0;
+    };
+}
+
+void CDirectHost::SetSocketPurposeHook(int (*hook)(void* context, int socket, int purpose), void* context)
+{
+    if (!hook) {
+        m_parts->settings.socketHook = nullptr;
+        return;
+    }
+    m_parts->settings.socketHook = [hook, context](int socket, SDirectHostSettings::ESocketPurpose purpose) {
+        return hook(context, socket, static_cast<int>(purpose)) == 0;
+    };
 }
 
 bool CDirectHost::Start()

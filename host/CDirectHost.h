@@ -41,6 +41,10 @@ public:
     // lookups) before it connects, binds or sends; non-zero refuses that use of it. Called on the
     // services' or the engine's threads, possibly several at once. Before Start.
     void SetSocketHook(int (*hook)(void* context, int socket), void* context);
+    // As SetSocketHook, told what each socket is for (the C interface's ZRT_SOCKET_CONNECT 1,
+    // _DATAGRAM 2, _LOOKUP 3, _LISTEN 4: BIND listeners are shown too); it and SetSocketHook share
+    // one slot. Before Start.
+    void SetSocketPurposeHook(int (*hook)(void* context, int socket, int purpose), void* context);
 
     // Starts the services with the settings given so far; false when the transport threads or
     // the name service could not start, or the outgoing address or interface cannot be used

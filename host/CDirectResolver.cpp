@@ -10,6 +10,7 @@
 
 #include "transport/CSocketUtils.h"
 #include "transport/CTCPIPAddress.h"
+#include "transport/IResolveAddressLifetimeNotification.h"
 
 namespace ZRT {
 namespace Host {
@@ -109,8 +110,9 @@ int CDirectResolver::ResolveAddressAsync(const std::string& address)
         // Entered first, so an answer that comes at once finds it.
         m_pending[address] = SPending{0, 1};
     }
-    const uint64_t id = m_names.Start(host, [this, address, port](const std::vector<sockaddr_storage>& found) {
-        Answered(address, port, found);
+    const uint64_t id =
+        m_names.Start(host, [this, address, port](const std::vector<sockaddr_storage>& found, int lifetimeSeconds) {
+            Answered(address, port, found, lifetimeSeconds);
     });
     std::lock_guard<std::mutex> lock(m_mutex);
     const auto pending = m_pending.find(address);
@@ -136,7 +138,8 @@ int CDirectResolver::CancelRequest(const std::string& address)
     return 0;
 }
 
-void CDirectResolver::Answered(const std::string& text, unsigned int port, const std::vector<sockaddr_storage>& addresses)
+void CDirectResolver::Answered(const std::string& text, unsigned int port, const std::vector<sockaddr_storage>& addresses,
+                               int lifetimeSeconds)
 {
     int requests = 0;
     {
@@ -162,7 +165,7 @@ void CDirectResolver::Answered(const std::string& text, unsigned int port, const
         first->SetAlternatives(others);
         result = first->WithPort(port);
     }
-    Deliver(text, result, requests);
+    Deliver(text, result, requests, lifetimeSeconds);
 }
 
 int CDirectResolver::AddNotification(IResolveAddressCompletedNotification* notification)
@@ -192,7 +195,7 @@ int CDirectResolver::RemoveNotification(IResolveAddressCompletedNotification* no
 }
 
 void CDirectResolver::Deliver(const std::string& address, const QOX::CRefCountPtr<IZRTConnectionAddress>& result,
-                              int times)
+                              int times, int lifetimeSeconds)
 {
     std::vector<std::shared_ptr<SRegistration>> registrations;
     {
@@ -207,7 +210,11 @@ void CDirectResolver::Deliver(const std::string& address, const QOX::CRefCountPt
                 if (registration->removed)
                     continue;
             }
-            registration->notification->OnResolveAddressCompleted(status, address, result);
+            auto* timed = dynamic_cast<IResolveAddressLifetimeNotification*>(registration->notification);
+            if (timed)
+                timed->OnResolveAddressCompletedFor(status, address, result, lifetimeSeconds);
+            else
+                registration->notification->OnResolveAddressCompleted(status, address, result);
         }
     }
 }

@@ -59,8 +59,11 @@ private:
         int requests;
     };
 
-    void Answered(const std::string& text, unsigned int port, const std::vector<sockaddr_storage>& addresses);
-    void Deliver(const std::string& address, const QOX::CRefCountPtr<IZRTConnectionAddress>& result, int times);
+    void Answered(const std::string& text, unsigned int port, const std::vector<sockaddr_storage>& addresses,
+                  int lifetimeSeconds);
+    // lifetimeSeconds reaches notifications that take it (IResolveAddressLifetimeNotification).
+    void Deliver(const std::string& address, const QOX::CRefCountPtr<IZRTConnectionAddress>& result, int times,
+                 int lifetimeSeconds = -1);
 
     INameService& m_names;
     // Guards the lookups under way and the registrations.

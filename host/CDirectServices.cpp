@@ -47,7 +47,7 @@ std::unique_ptr<INameService> MakeNameService(CEventLoopPool& loops, const SDire
     // without c-ares, names are the resolver hook's only, and without one they do not resolve.
     ready = settings.dnsServers.empty();
     return std::unique_ptr<INameService>(new CHookNameService(
-        loops.Next(), [](const std::string&, CHookNameService::Reply reply) { reply({}); }, settings.lookupTimeoutMs));
+        loops.Next(), [](const std::string&, CHookNameService::Reply reply) { reply({}, -1); }, settings.lookupTimeoutMs));
 #endif
 }
 } // namespace
@@ -57,7 +57,7 @@ CDirectServices::CDirectServices(const SDirectHostSettings& settings)
       m_loops(settings.transportThreads, HooksOf(settings)),
       m_names(MakeNameService(m_loops, settings, m_preparer, m_namesReady)), m_multiPointLayer(m_loops, m_preparer, settings.upstream),
       m_resolver(*m_names), m_datagramHandler(m_loops, m_preparer),
-      m_connectionListener(m_loops, settings.bindIPv4, settings.bindIPv6), m_outgoingProblem(m_preparer.Check())
+      m_connectionListener(m_loops, settings.bindIPv4, settings.bindIPv6, m_preparer), m_outgoingProblem(m_preparer.Check())
 {
 }
 

@@ -34,15 +34,15 @@ uint64_t CHookNameService::Start(const std::string& host, Answer answer)
         const uint64_t timer = m_loop.PostDelayed(m_lookupTimeoutMs, [shared = m_shared, id] {
             std::lock_guard<std::mutex> detach(shared->mutex);
             if (shared->service)
-                shared->service->Finish(id, {});
+                shared->service->Finish(id, {}, -1);
         });
         m_lookups[id] = {std::move(answer), timer};
     }
     // Without our lock: the hook may reply at once, on this thread.
-    m_resolve(host, [shared = m_shared, id](const std::vector<sockaddr_storage>& addresses) {
+    m_resolve(host, [shared = m_shared, id](const std::vector<sockaddr_storage>& addresses, int lifetimeSeconds) {
         std::lock_guard<std::mutex> detach(shared->mutex);
         if (shared->service)
-            shared->service->Finish(id, addresses);
+            shared->service->Finish(id, addresses, lifetimeSeconds);
     });
     return id;
 }
@@ -57,7 +57,7 @@ void CHookNameService::Abandon(uint64_t id)
     m_lookups.erase(lookup);
 }
 
-void CHookNameService::Finish(uint64_t id, const std::vector<sockaddr_storage>& addresses)
+void CHookNameService::Finish(uint64_t id, const std::vector<sockaddr_storage>& addresses, int lifetimeSeconds)
 {
     Answer answer;
     {
@@ -69,7 +69,7 @@ void CHookNameService::Finish(uint64_t id, const std::vector<sockaddr_storage>& 
         m_loop.CancelDelayed(lookup->second.second);
         m_lookups.erase(lookup);
     }
-    answer(addresses);
+    answer(addresses, lifetimeSeconds);
 }
 
 } // namespace Host

@@ -22,7 +22,7 @@ namespace Host {
 // thread; an answer is called on the thread that replies, or on the loop's for a time-out.
 class CHookNameService : public INameService {
 public:
-    using Reply = std::function<void(const std::vector<sockaddr_storage>& addresses)>;
+    using Reply = std::function<void(const std::vector<sockaddr_storage>& addresses, int lifetimeSeconds)>;
     using Resolve = std::function<void(const std::string& name, Reply reply)>;
 
     CHookNameService(CEventLoop& loop, Resolve resolve, int lookupTimeoutMs);
@@ -41,7 +41,7 @@ private:
         CHookNameService* service;
     };
 
-    void Finish(uint64_t id, const std::vector<sockaddr_storage>& addresses);
+    void Finish(uint64_t id, const std::vector<sockaddr_storage>& addresses, int lifetimeSeconds);
 
     CEventLoop& m_loop;
     Resolve m_resolve;

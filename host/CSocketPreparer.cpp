@@ -52,14 +52,19 @@ bool CSocketPreparer::PrepareToConnect(int socket, int family) const
     socklen_t length = 0;
     if (GetOutgoingAddress(family, local, length) && bind(socket, reinterpret_cast<sockaddr*>(&local), length) != 0)
         return false;
-    return Prepare(socket);
+    return Prepare(socket, EPurpose::Connect);
 }
 
-bool CSocketPreparer::Prepare(int socket) const
+bool CSocketPreparer::Prepare(int socket, EPurpose purpose) const
 {
     if (!BindToInterface(socket))
         return false;
-    return !m_hook || m_hook(socket);
+    return Announce(socket, purpose);
+}
+
+bool CSocketPreparer::Announce(int socket, EPurpose purpose) const
+{
+    return !m_hook || m_hook(socket, purpose);
 }
 
 std::string CSocketPreparer::Check() const

@@ -5,19 +5,23 @@
 #include <functional>
 #include <string>
 
+#include "host/SDirectHostSettings.h"
+
 namespace ZRT {
 namespace Host {
 
 // Readies every socket the direct host opens towards the outside (TCP to destinations, UDP for
 // datagrams and name lookups) before it connects or sends: it binds it to the outgoing address
-// of its family and to the outgoing interface where those are set, then asks the host's hook,
-// which may refuse it (an Android VPN app protects it from its own tunnel there). Copyable;
+// of its family and to the outgoing interface where those are set, then asks the host's hook with
+// the socket's purpose, which may refuse it (an Android VPN app protects it from its own tunnel
+// there). BIND listeners are shown to the hook alone (Announce): they face the client's side. Copyable;
 // shared by the services. Every operation comes from any thread (the one that opens the
 // socket: an event thread, a loop's for c-ares); the hook is called on that thread.
 class CSocketPreparer {
 public:
+    using EPurpose = SDirectHostSettings::ESocketPurpose;
     // hook: true lets the socket be used; empty lets every socket be used.
-    using Hook = std::function<bool(int socket)>;
+    using Hook = std::function<bool(int socket, EPurpose purpose)>;
 
     // Where outgoing traffic leaves from; empty texts leave the choice to the system.
     struct SOutgoing {
@@ -33,7 +37,9 @@ public:
     // interface, then the hook. False when it must not be used (the caller closes it).
     bool PrepareToConnect(int socket, int family) const;
     // For a socket the caller binds itself (UDP, c-ares): the interface, then the hook.
-    bool Prepare(int socket) const;
+    bool Prepare(int socket, EPurpose purpose) const;
+    // The hook alone, for a socket that stays on this machine's side (a BIND listener).
+    bool Announce(int socket, EPurpose purpose) const;
     // The outgoing address for a family with port 0; false when none is set.
     bool GetOutgoingAddress(int family, sockaddr_storage& address, socklen_t& length) const;
     const std::string& GetInterface() const { return m_outgoing.interfaceName; }

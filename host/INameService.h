@@ -14,8 +14,9 @@ namespace Host {
 // never wait for one another. Start and Abandon come from any thread.
 class INameService {
 public:
-    // The addresses found (ports unset), IPv4 ones first; empty when the name did not resolve.
-    using Answer = std::function<void(const std::vector<sockaddr_storage>& addresses)>;
+    // The addresses found (ports unset), IPv4 ones first, empty when the name did not resolve;
+    // and how long they may be kept in seconds, or -1 for the engine's own rule.
+    using Answer = std::function<void(const std::vector<sockaddr_storage>& addresses, int lifetimeSeconds)>;
 
     virtual ~INameService() = default;
     // Starts a lookup; answer is called once, on a thread of the service, unless the lookup was

@@ -14,8 +14,12 @@ namespace Host {
 // How the direct host services are set up; read by CDirectHost's constructor, on its caller's
 // thread. The callbacks say where they are called.
 struct SDirectHostSettings {
-    // Called once with the addresses a name has (none when it does not resolve).
-    using LookupReply = std::function<void(const std::vector<sockaddr_storage>& addresses)>;
+    // Called once with the addresses a name has (none when it does not resolve) and how long the
+    // engine may keep them, in seconds (DEFAULT_LIFETIME: its own rule).
+    using LookupReply = std::function<void(const std::vector<sockaddr_storage>& addresses, int lifetimeSeconds)>;
+    static constexpr int DEFAULT_LIFETIME = -1;
+    // What a socket handed to socketHook is for: the values of the C interface's ZRT_SOCKET_*.
+    enum class ESocketPurpose : int { Connect = 1, Datagram = 2, Lookup = 3, Listen = 4 };
 
     int transportThreads = 2;
     // Local addresses that BIND listeners use, per family.
@@ -38,10 +42,11 @@ struct SDirectHostSettings {
     void (*threadStart)(void* context) = nullptr;
     void (*threadStop)(void* context) = nullptr;
     void* threadContext = nullptr;
-    // Sees every socket towards the outside (TCP to destinations, UDP for datagrams and name
-    // lookups) before it connects, binds or sends; false refuses that use of it. Called on the
-    // host's or the engine's threads, possibly several at once.
-    std::function<bool(int socket)> socketHook;
+    // Sees every socket the host makes (TCP to destinations, UDP for datagrams, name lookups'
+    // sockets, BIND listeners) with what it is for, before it connects, binds, listens or sends;
+    // false refuses that use of it. Called on the host's or the engine's threads, possibly several
+    // at once.
+    std::function<bool(int socket, ESocketPurpose purpose)> socketHook;
     // Looks names up instead of the host's own resolver: called with a host name on the thread
     // that asks (a connection's), it must not block, and replies once, at once or later, on any
     // thread. A lookup not replied to within lookupTimeoutMs fails.

@@ -15,10 +15,19 @@
  *
  * Threads: one thread at a time controls a handle (create, set_option, the set_ functions,
  * start, stop, destroy, last_error). zrt_proxy_port, zrt_proxy_listen_count,
- * zrt_proxy_listen_port and zrt_proxy_get_stats may be called from any thread at any time,
- * callbacks included. Callbacks run on the library's threads, several
- * at once, never with a lock of the library held; they must not call zrt_proxy_stop or
- * zrt_proxy_destroy on their own handle (that waits for the thread the callback runs on).
+ * zrt_proxy_listen_port, zrt_proxy_get_stats, zrt_proxy_count_dropped_log_lines and the setters
+ * of the log callback, the socket hooks and the accept hook may be called from any thread at any
+ * time, callbacks included. Callbacks (log callback, thread hooks, socket hooks, resolver hook,
+ * accept hook) run on the library's threads, several at once, never with a lock of the library
+ * held.
+ *
+ * Re-entry: from inside a callback of a proxy, every call on that proxy that controls it or
+ * would wait for its threads (set_option, start, start_on_socket, stop, destroy, reload,
+ * reopen_logs, network_changed, set_thread_hooks, set_resolver) does nothing and returns
+ * ZRT_E_REENTRANT at once; zrt_proxy_stop and zrt_proxy_destroy, which return nothing, leave the
+ * proxy as it is (the handle stays valid) and log the reason (once per start). Inside that
+ * callback zrt_proxy_last_error tells the reason of the calls made from it. The calls allowed
+ * anywhere (above) and zrt_lookup_answer stay allowed. Another proxy's handle may be used.
  */
 #ifndef ZRTPROXY_ZRTPROXY_H
 #define ZRTPROXY_ZRTPROXY_H
@@ -45,6 +54,7 @@ extern "C" {
 #define ZRT_E_RUNNING (-4)        /* not while the proxy runs (start twice, or a setting that needs a stop) */
 #define ZRT_E_START (-5)          /* the proxy could not start (address in use, no threads, ...) */
 #define ZRT_E_NOT_RUNNING (-6)    /* only while the proxy runs */
+#define ZRT_E_REENTRANT (-7)      /* called from inside a callback of the same proxy (see Re-entry above) */
 
 /* What zrt_option_flags tells of a setting. */
 #define ZRT_OPTION_REPEATABLE 1 /* each value adds to a list; a NULL value empties it */
@@ -62,7 +72,9 @@ typedef struct zrt_proxy zrt_proxy_t;
 typedef struct zrt_lookup zrt_lookup_t;
 
 /* Counters since the proxy was created. The caller sets size to sizeof(zrt_proxy_stats_t) as it
- * knows it; the library fills at most that many bytes, so the struct may grow at its end. */
+ * knows it; the library fills at most that many bytes and writes back in size how many it filled
+ * (the smaller of the caller's size and its own), so the struct may grow at its end and a caller
+ * sees which fields an older library left untouched. */
 typedef struct zrt_proxy_stats {
     size_t size;
     uint64_t connections_active;
@@ -114,6 +126,13 @@ ZRT_API int zrt_option_flags(const char* name);
 
 /* Starts listening and serving; a second start while running is ZRT_E_RUNNING. */
 ZRT_API int zrt_proxy_start(zrt_proxy_t* proxy);
+/* Starts serving on a TCP socket the host made, bound and listening (an app handed a socket by
+ * its system, a port chosen elsewhere): "listen" and "port" are not used, the proxy does not
+ * bind. On ZRT_OK the socket is the proxy's: the host must not use or close it; the proxy closes
+ * it at stop (a later zrt_proxy_start listens by the settings again). On an error it stays the
+ * host's. ZRT_E_INVALID when listening_fd is not a listening TCP socket; otherwise the results of
+ * zrt_proxy_start. */
+ZRT_API int zrt_proxy_start_on_socket(zrt_proxy_t* proxy, int listening_fd);
 /* Applies the live settings changed since the start (or the last reload) to the connections
  * accepted from now on, reads "auth-file" again and reopens "access-log" (after a rotation).
  * Either all of it takes effect or, on an error, none: ZRT_E_BAD_VALUE (an unreadable users
@@ -140,14 +159,23 @@ ZRT_API int zrt_proxy_listen_port(const zrt_proxy_t* proxy, int index);
  * callback can be called any more; the proxy may be started again. Harmless when stopped. */
 ZRT_API void zrt_proxy_stop(zrt_proxy_t* proxy);
 
-/* Why the last set_option or start on this handle failed, in one line; "" when it did not. The
- * text stays valid until the next call on the handle. */
+/* The machine's network changed (a phone moved from Wi-Fi to mobile data): forgets every name
+ * the proxy cached and reads the machine's own addresses again, so that the next clients are
+ * served by the new network's answers. Connections already open stay as they are (one whose
+ * local address went away fails on its own when the system notices). ZRT_E_NOT_RUNNING when
+ * stopped. */
+ZRT_API int zrt_proxy_network_changed(zrt_proxy_t* proxy);
+
+/* Why the last call on this handle failed, in one line; "" when it did not. The text stays valid
+ * until the next call on the handle. Inside a callback of the proxy: the reason of that thread's
+ * last call on it from inside its callbacks. */
 ZRT_API const char* zrt_proxy_last_error(const zrt_proxy_t* proxy);
 /* The library's version, "MAJOR.MINOR.PATCH". */
 ZRT_API const char* zrt_proxy_version(void);
 
-/* Copies the counters into out (at most out->size bytes); ZRT_E_INVALID when out->size is too
- * small for the size field itself. Counters keep counting across stops and starts. */
+/* Copies the counters into out (at most out->size bytes) and sets out->size to the bytes filled,
+ * the size field included; ZRT_E_INVALID when out->size is too small for the size field itself
+ * (out is left as it is). Counters keep counting across stops and starts. */
 ZRT_API int zrt_proxy_get_stats(const zrt_proxy_t* proxy, zrt_proxy_stats_t* out);
 
 /* One line per event: start, stop, each client (the access log's fields: client, protocol, user,
@@ -167,35 +195,67 @@ ZRT_API int zrt_proxy_get_stats(const zrt_proxy_t* proxy, zrt_proxy_stats_t* out
  * (failed logins, refusals by "allow" or a client limit) come once, then at most once per 10 s
  * as "... and N more CAUSE from ADDR".
  *
- * NULL turns logging off. Set it while the proxy is stopped. */
-ZRT_API void zrt_proxy_set_log_callback(zrt_proxy_t* proxy, void (*callback)(void* context, int level, const char* line),
+ * NULL turns logging off. It may change at any time, while the proxy runs too, from any thread:
+ * lines delivered from then on go to the new one; a line being delivered may still reach the old
+ * one, so keep its context valid until zrt_proxy_stop returns. ZRT_OK, or ZRT_E_INVALID for a
+ * null handle. */
+ZRT_API int zrt_proxy_set_log_callback(zrt_proxy_t* proxy, void (*callback)(void* context, int level, const char* line),
                                         void* context);
 /* Adds count to log_lines_dropped: for a log callback that dropped lines because its sink was
  * full. Any thread, callbacks included. */
 ZRT_API void zrt_proxy_count_dropped_log_lines(zrt_proxy_t* proxy, unsigned count);
 
 /* Called on every thread the proxy starts, as the first and the last thing that thread does
- * (a JNI host attaches and detaches the thread there). Set it while the proxy is stopped. */
-ZRT_API void zrt_proxy_set_thread_hooks(zrt_proxy_t* proxy, void (*on_start)(void* context),
+ * (a JNI host attaches and detaches the thread there). Only while the proxy is stopped, so that
+ * every thread's two calls match: ZRT_E_RUNNING (and no change) while it runs. */
+ZRT_API int zrt_proxy_set_thread_hooks(zrt_proxy_t* proxy, void (*on_start)(void* context),
                                         void (*on_stop)(void* context), void* context);
 
-/* Called with every socket the proxy opens towards the outside (TCP to destinations, UDP for
- * datagrams and name lookups) before it connects or sends. A non-zero return refuses that use of
- * the socket: the destination counts as unreachable. An Android VPN app calls
- * VpnService.protect(fd) here. Set it while the proxy is stopped. */
-ZRT_API void zrt_proxy_set_socket_hook(zrt_proxy_t* proxy, int (*hook)(void* context, int fd), void* context);
+/* What a socket handed to the socket hook is for. */
+#define ZRT_SOCKET_CONNECT 1  /* TCP to a destination */
+#define ZRT_SOCKET_DATAGRAM 2 /* UDP for a client's datagrams (SOCKS5 UDP ASSOCIATE) */
+#define ZRT_SOCKET_LOOKUP 3   /* the library's own DNS queries (not made with a resolver hook) */
+#define ZRT_SOCKET_LISTEN 4   /* a SOCKS5 BIND listener, waiting for a destination's connection */
+
+/* Called with every socket the proxy makes for its clients, with what it is for (ZRT_SOCKET_*),
+ * before it connects, listens or sends: on the thread that makes it, several at once. A
+ * non-zero return refuses that use of the socket (a destination counts as unreachable). An
+ * Android VPN app calls VpnService.protect(fd) here. It may change at any time, while the proxy
+ * runs too, from any thread: sockets made from then on see the new one; a call under way may
+ * still reach the old one. NULL for none. ZRT_OK, or ZRT_E_INVALID for a null handle. */
+ZRT_API int zrt_proxy_set_socket_hook_ex(zrt_proxy_t* proxy, int (*hook)(void* context, int fd, int purpose),
+                                         void* context);
+/* As zrt_proxy_set_socket_hook_ex without the purpose; the two share one place (each replaces
+ * the other). */
+ZRT_API int zrt_proxy_set_socket_hook(zrt_proxy_t* proxy, int (*hook)(void* context, int fd), void* context);
+
+/* Called for every client right after it was accepted, before a byte of it is read, on the
+ * thread that accepted it, with the client's address and the local one it came to. A non-zero
+ * return closes the client, counted in refused_not_allowed (and logged as refused); clients
+ * outside "allow" are closed before the hook sees them. It may change at any time, as the socket
+ * hook may. NULL for none. ZRT_OK, or ZRT_E_INVALID for a null handle. */
+ZRT_API int zrt_proxy_set_accept_hook(zrt_proxy_t* proxy,
+                                      int (*hook)(void* context, const struct sockaddr* client, const struct sockaddr* local),
+                                      void* context);
 
 /* Names are looked up by this hook instead of the library's own resolver. It is called for a
  * host name (never a numeric address) on the thread of the client that needs it, must not block
  * for long, and answers at once or later with zrt_lookup_answer, on any thread (inside the hook
  * too). A lookup not answered within "lookup-timeout" counts as failed. NULL restores the
- * library's resolver. Set it while the proxy is stopped. */
-ZRT_API void zrt_proxy_set_resolver(zrt_proxy_t* proxy, void (*resolve)(void* context, const char* name, zrt_lookup_t* lookup),
+ * library's resolver. Only while the proxy is stopped (it decides how names are looked up at
+ * start): ZRT_E_RUNNING (and no change) while it runs. */
+ZRT_API int zrt_proxy_set_resolver(zrt_proxy_t* proxy, void (*resolve)(void* context, const char* name, zrt_lookup_t* lookup),
                                     void* context);
 /* Answers a lookup with count addresses (IPv4 or IPv6, ports ignored); count 0 means the name
- * did not resolve. Every lookup is answered exactly once; the handle is invalid afterwards.
- * Answering after the proxy stopped is allowed and does nothing. */
+ * did not resolve. The proxy keeps an answer for an hour, a failure for a minute. Every lookup
+ * is to be answered once; a second answer to it is ignored, and so is an answer after the
+ * proxy stopped. */
 ZRT_API void zrt_lookup_answer(zrt_lookup_t* lookup, const struct sockaddr_storage* addresses, int count);
+/* As zrt_lookup_answer, and the proxy keeps the answer (or the failure) for ttl_seconds (at
+ * most an hour): 0 keeps nothing, so the next client for that name asks the hook again; a
+ * negative one is zrt_lookup_answer's rule. */
+ZRT_API void zrt_lookup_answer_ttl(zrt_lookup_t* lookup, const struct sockaddr_storage* addresses, int count,
+                                   int ttl_seconds);
 
 #ifdef __cplusplus
 }

@@ -10,6 +10,12 @@
 // library the library was built with: this header refuses another at compile time. Programs
 // built otherwise (clang++ -stdlib=libc++ against a libstdc++ build, or the reverse), and every
 // other language, use the C interface (zrtproxy.h), which carries nothing of C++.
+//
+// Re-entry: from inside a callback of a proxy (an observer's, a service's notification, a thread
+// hook, a CDirectHost socket hook), never call what waits for that proxy's threads: StopProxy,
+// StartProxy, the CProxy or CDirectHost destructor. Unlike the C interface, which answers
+// ZRT_E_REENTRANT, these classes do not check: the call would wait for its own thread for ever.
+// The counters (GetCounter, GetListenPort, GetConnectionCount) may be read from anywhere.
 #pragma once
 
 #include <cstddef>
@@ -25,9 +31,11 @@
 #include "host/CDirectHost.h"
 #include "proxy/core/CProxy.h"
 #include "proxy/core/IProxyObserver.h"
+#include "runtime/CAtomicInt.h"
 #include "runtime/CRefCountImpl.h"
 #include "runtime/CRefCountPtr.h"
 #include "runtime/CRefCount_Base.h"
+#include "runtime/Export.h"
 #include "transport/CTCPIPAddress.h"
 #include "transport/IConnectionListener.h"
 #include "transport/IConnectionReceiver.h"
@@ -35,6 +43,7 @@
 #include "transport/IDatagramReceiver.h"
 #include "transport/IResolveAddress.h"
 #include "transport/IResolveAddressCompletedNotification.h"
+#include "transport/IResolveAddressLifetimeNotification.h"
 #include "transport/IZRTConnectionAddress.h"
 #include "transport/IZRTConnectionClosedNotification.h"
 #include "transport/IZRTDataLayer.h"

@@ -252,6 +252,16 @@ void CAddressManager::Terminate()
     m_changed.wait(hold, [&] { return m_resolverCalls == 0; });
 }
 
+void CAddressManager::ForgetNetwork()
+{
+    std::lock_guard<std::mutex> hold(m_mutex);
+    m_cache.clear();
+    m_recency.clear();
+    CollectLocalAddressesLocked();
+    m_ownAddressesTime = 0;
+    RefreshOwnAddressesLocked();
+}
+
 void CAddressManager::CollectLocalAddressesLocked()
 {
     m_localNames.clear();
@@ -330,9 +340,7 @@ bool CAddressManager::FindLocked(const std::string& key, AddressPtr& address)
     if (entry == m_cache.end())
         return false;
     const SAddressInfo& info = entry->second.info;
-    const uint32_t age = QOX::clock() - info.m_time; // unsigned: one wrap is harmless
-    const uint32_t lifetime = info.m_address ? CACHE_LIFETIME_RESOLVED : CACHE_LIFETIME_FAILED;
-    if (age > lifetime) {
+    if (!IsFresh(info)) {
         EraseLocked(entry);
         return false;
     }
@@ -341,10 +349,15 @@ bool CAddressManager::FindLocked(const std::string& key, AddressPtr& address)
     return true;
 }
 
-void CAddressManager::InsertLocked(const std::string& name, const AddressPtr& address)
+bool CAddressManager::IsFresh(const SAddressInfo& info)
 {
-    if (m_cache.count(name) != 0)
-        return; // the first answer for a name stays
+    return QOX::clock() - info.m_time <= info.m_lifetime; // unsigned: one wrap is harmless
+}
+
+void CAddressManager::InsertLocked(const std::string& name, const AddressPtr& address, int lifetimeSeconds)
+{
+    if (m_cache.count(name) != 0 || lifetimeSeconds == 0)
+        return; // the first answer for a name stays; a lifetime of 0 keeps none
     SweepLocked();
     while (!m_cache.empty() && m_cache.size() >= m_cacheLimit)
         EraseLocked(m_cache.find(m_recency.back()));
@@ -353,6 +366,10 @@ void CAddressManager::InsertLocked(const std::string& name, const AddressPtr& ad
     m_recency.push_front(name);
     SEntry entry;
     entry.info.m_time = QOX::clock();
+    entry.info.m_lifetime = address ? CACHE_LIFETIME_RESOLVED : CACHE_LIFETIME_FAILED;
+    // Ticks are microseconds in 32 bits: a longer lifetime than the default could wrap.
+    if (lifetimeSeconds > 0 && static_cast<uint32_t>(lifetimeSeconds) < CACHE_LIFETIME_RESOLVED / 1000000u)
+        entry.info.m_lifetime = static_cast<uint32_t>(lifetimeSeconds) * 1000000u;
     entry.info.m_address = address;
     entry.recency = m_recency.begin();
     m_cache.emplace(name, std::move(entry));
@@ -364,9 +381,7 @@ void CAddressManager::SweepLocked()
     for (int looked = 0; looked < SWEEP_PER_INSERT && position != m_recency.begin(); ++looked) {
         --position;
         const auto entry = m_cache.find(*position);
-        const SAddressInfo& info = entry->second.info;
-        const uint32_t lifetime = info.m_address ? CACHE_LIFETIME_RESOLVED : CACHE_LIFETIME_FAILED;
-        if (QOX::clock() - info.m_time <= lifetime)
+        if (IsFresh(entry->second.info))
             continue;
         const auto next = std::next(position);
         EraseLocked(entry);
@@ -515,7 +530,13 @@ CAddressManager::AddressPtr CAddressManager::ResolveAddress(const std::string& k
     return QueryAddress(key);
 }
 
-void CAddressManager::OnResolveAddressCompleted(int /*status*/, const std::string& address, AddressPtr result)
+void CAddressManager::OnResolveAddressCompleted(int status, const std::string& address, AddressPtr result)
+{
+    OnResolveAddressCompletedFor(status, address, std::move(result), DEFAULT_LIFETIME);
+}
+
+void CAddressManager::OnResolveAddressCompletedFor(int /*status*/, const std::string& address, AddressPtr result,
+                                                   int lifetimeSeconds)
 {
     std::vector<SWaiting> waiters;
     {
@@ -524,7 +545,7 @@ void CAddressManager::OnResolveAddressCompleted(int /*status*/, const std::strin
             return;
         ++m_resolverCalls;
         const std::string name = CacheName(address);
-        InsertLocked(name, result);
+        InsertLocked(name, result, lifetimeSeconds);
         const auto pending = m_pending.find(name);
         if (pending != m_pending.end()) {
             waiters = std::move(pending->second.waiters);

@@ -14,15 +14,16 @@
 #include "runtime/CRefCountPtr.h"
 #include "runtime/Export.h"
 #include "transport/IResolveAddress.h"
-#include "transport/IResolveAddressCompletedNotification.h"
+#include "transport/IResolveAddressLifetimeNotification.h"
 #include "transport/IZRTConnectionAddress.h"
 
 namespace ZRT {
 namespace Proxy {
 
 // The name cache in front of the host's asynchronous resolver. Each proxy has one of its own. It
-// turns "host:port" texts into addresses: answers are kept for an hour, failures for a minute, keyed by the name alone
-// (the port of each request is applied to the cached address), at most GetCacheLimit() names,
+// turns "host:port" texts into addresses: answers are kept for an hour, failures for a minute (or
+// as long as the resolver says, at most an hour: IResolveAddressLifetimeNotification), keyed by
+// the name alone (the port of each request is applied to the cached address), at most GetCacheLimit() names,
 // the least recently used leaving first. Expired names are swept as new ones come in; nothing
 // runs on a timer.
 //
@@ -33,12 +34,13 @@ namespace Proxy {
 //
 // It also knows the machine's own names and addresses: IsLocalAddress for the HTTP side's test,
 // IsThisMachine for the destination rules, IsProxyItself for the proxy's own port.
-class ZRT_EXPORT CAddressManager : public IResolveAddressCompletedNotification {
+class ZRT_EXPORT CAddressManager : public IResolveAddressLifetimeNotification {
 public:
     using AddressPtr = QOX::CRefCountPtr<IZRTConnectionAddress>;
 
     struct SAddressInfo {
         uint32_t m_time = 0;
+        uint32_t m_lifetime = 0; // clock() ticks
         AddressPtr m_address;
     };
 
@@ -78,6 +80,9 @@ public:
     // Any address of this machine (every loopback address, the unspecified ones, every interface
     // address), whatever the port: what a proxy serving a network keeps its clients out of.
     bool IsThisMachine(const sockaddr_storage& address);
+    // The network changed: forgets every cached answer and reads this machine's names and
+    // addresses again. Lookups under way go on (their answers are kept). Any thread.
+    void ForgetNetwork();
     // Makes every waiting ResolveAddress give up.
     void StopRequest();
     bool FindAddressInCache(const std::string& key, AddressPtr& address);
@@ -111,6 +116,8 @@ public:
     size_t GetCacheSize();
 
     void OnResolveAddressCompleted(int status, const std::string& address, AddressPtr result) override;
+    void OnResolveAddressCompletedFor(int status, const std::string& address, AddressPtr result,
+                                      int lifetimeSeconds) override;
 
     // For tests: replaces the set of local names and addresses, and the machine's own addresses
     // (numeric texts) that IsProxyItself knows besides loopback and unspecified ones.
@@ -139,7 +146,9 @@ private:
     class CSyncWaiter;
 
     bool FindLocked(const std::string& key, AddressPtr& address);
-    void InsertLocked(const std::string& name, const AddressPtr& address);
+    // lifetimeSeconds: DEFAULT_LIFETIME for the rule above; 0 keeps nothing.
+    void InsertLocked(const std::string& name, const AddressPtr& address, int lifetimeSeconds);
+    static bool IsFresh(const SAddressInfo& info);
     void SweepLocked();
     void EraseLocked(std::unordered_map<std::string, SEntry>::iterator entry);
     // Takes waiter out of the pending lookups; the key asked for its name when it was the last.

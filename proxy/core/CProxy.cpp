@@ -180,6 +180,24 @@ void CProxy::SetThreadHooks(void (*onStart)(void* context), void (*onStop)(void*
     m_parts->server->SetThreadPool(m_parts->pool.get());
 }
 
+void CProxy::SetAcceptHook(int (*hook)(void* context, const sockaddr* client, const sockaddr* local), void* context)
+{
+    if (m_parts->server->IsConnected())
+        return;
+    if (!hook) {
+        m_parts->server->SetAcceptFilter(nullptr);
+        return;
+    }
+    m_parts->server->SetAcceptFilter([hook, context](const sockaddr_storage& client, const sockaddr_storage& local) {
+        return hook(context, reinterpret_cast<const sockaddr*>(&client), reinterpret_cast<const sockaddr*>(&local)) == 0;
+    });
+}
+
+void CProxy::NetworkChanged()
+{
+    m_parts->server->GetAddressManager().ForgetNetwork();
+}
+
 CProxyServer& CProxy::GetServer()
 {
     return *m_parts->server;

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <sys/socket.h>
+
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -128,6 +130,13 @@ public:
     void SetObserver(IProxyObserver* observer);
     // Run first and last on every thread the proxy starts (a JNI host attaches threads there).
     void SetThreadHooks(void (*onStart)(void* context), void (*onStop)(void* context), void* context);
+    // Asked for each client right after accept, before a byte is read, on the accepting event
+    // thread, with the client's and the local address: non-zero closes the client (counted as
+    // COUNTER_REFUSED_NOT_ALLOWED). Null for none. Set it while stopped.
+    void SetAcceptHook(int (*hook)(void* context, const sockaddr* client, const sockaddr* local), void* context);
+    // The machine's network changed: forgets every cached name and reads this machine's own
+    // addresses again. Connections already open stay. The controlling thread's, while running.
+    void NetworkChanged();
 
     // The engine behind this object, for the library's own C interface, tests and tools; not
     // part of the library's interface.

@@ -13,6 +13,7 @@
 
 #include <algorithm>
 #include <thread>
+#include <utility>
 #include <cstdio>
 #include <cstring>
 #include <vector>
@@ -110,13 +111,17 @@ bool CProxyServer::StartProxy(const std::vector<std::string>& listenAddresses, i
         StopProxy();
     }
     m_startError.clear();
+    // Closed unless OpenListenSockets takes it.
+    CSocketHandle adopted(std::exchange(m_adoptedSocket, -1));
+    if (adopted.IsValid() && listenAddresses.size() != 1)
+        return FailStart("a listening socket handed in serves one address");
     if (listenAddresses.empty() || listenAddresses.size() > MAX_LISTEN_SOCKETS)
         return FailStart("give 1 to " + std::to_string(MAX_LISTEN_SOCKETS) + " addresses to listen on");
     if (!multiPointLayer)
         return FailStart("no multi-point layer to reach destinations through");
     if (!m_addressManager.Init(resolver))
         return FailStart("no resolver, or it refused the proxy's notification");
-    if (!OpenListenSockets(listenAddresses, port)) {
+    if (!OpenListenSockets(listenAddresses, port, adopted)) {
         m_addressManager.Terminate();
         return false;
     }
@@ -173,11 +178,17 @@ bool CProxyServer::WatchListeners()
     return watched;
 }
 
-bool CProxyServer::OpenListenSockets(const std::vector<std::string>& listenAddresses, int port)
+bool CProxyServer::OpenListenSockets(const std::vector<std::string>& listenAddresses, int port, CSocketHandle& adopted)
 {
     const bool several = listenAddresses.size() > 1;
     for (const std::string& address : listenAddresses) {
-        const int socket = OpenListenSocket(address, port, several);
+        int socket = adopted.Release();
+        if (socket >= 0) {
+            fcntl(socket, F_SETFD, FD_CLOEXEC);
+            CSocketUtils::SetSocketBlocking(socket, false);
+        } else {
+            socket = OpenListenSocket(address, port, several);
+        }
         if (socket < 0) {
             CloseListenSockets();
             return false;
@@ -348,9 +359,20 @@ bool CProxyServer::IsStopping() const
     return m_stopping;
 }
 
+bool CProxyServer::PassesFilter(int client, const sockaddr_storage& peer) const
+{
+    if (!m_acceptFilter)
+        return true;
+    sockaddr_storage local{};
+    socklen_t length = sizeof(local);
+    getsockname(client, reinterpret_cast<sockaddr*>(&local), &length);
+    return m_acceptFilter(peer, local);
+}
+
 bool CProxyServer::Admit(int client, const sockaddr_storage& peer, const SActive& active, bool balancer)
 {
-    const bool allowed = balancer || active.allow.empty() || InRanges(active.allow, peer);
+    const bool allowed =
+        (balancer || active.allow.empty() || InRanges(active.allow, peer)) && PassesFilter(client, peer);
     // Counted and reported before the close, so that whoever sees the close sees the count.
     if (!allowed) {
         m_stats.Add(CProxyStats::REFUSED_NOT_ALLOWED);

@@ -24,6 +24,7 @@
 #include "proxy/core/IProxyConnection.h"
 #include "proxy/core/SProxySettings.h"
 #include "transport/CEventLoopPool.h"
+#include "transport/CSocketHandle.h"
 #include "transport/IConnectionListener.h"
 #include "transport/IDatagramHandler.h"
 #include "transport/IResolveAddress.h"
@@ -103,6 +104,14 @@ public:
     // The listen queue length for the next start (LISTEN_BACKLOG unless set). A daemon serving
     // bursts of clients wants more than the short default, or clients wait for a SYN retry.
     void SetListenBacklog(int backlog) { m_listenBacklog = backlog > 0 ? backlog : LISTEN_BACKLOG; }
+    // The next StartProxy serves on this listening socket instead of opening one for its single
+    // address (which then only names it); the server owns it from here and closes it at stop, or
+    // at once when the start fails.
+    void AdoptListenSocket(int socket) { m_adoptedSocket = socket; }
+    // Asked on the accepting thread right after each accept, before a byte is read: false closes
+    // the client, counted as not allowed. Set it while stopped; empty lets every client on.
+    using AcceptFilter = std::function<bool(const sockaddr_storage& client, const sockaddr_storage& local)>;
+    void SetAcceptFilter(AcceptFilter filter) { m_acceptFilter = std::move(filter); }
     // Why the last start failed, in one line ("" after a good one).
     const std::string& GetStartError() const { return m_startError; }
     // The port the first socket is bound to, or 0 when not started.
@@ -172,6 +181,7 @@ private:
     // (counted, reported, and the socket closed). A trusted balancer is judged by the total limit
     // alone: the clients it carries are judged as they come (AdmitCarried).
     bool Admit(int client, const sockaddr_storage& peer, const SActive& active, bool balancer);
+    bool PassesFilter(int client, const sockaddr_storage& peer) const;
     // The client a balancer's header names takes the balancer's slot: Ok, or why not (the
     // per-source limit counted here, the allow list by the connection's record).
     EOutcome AdmitCarried(const sockaddr_storage& balancer, const sockaddr_storage& client, const SActive& active);
@@ -184,7 +194,8 @@ private:
     // Ports, warnings and event threads of a run about to start.
     void PrepareRun(const std::vector<std::string>& listenAddresses);
     bool WatchListeners();
-    bool OpenListenSockets(const std::vector<std::string>& listenAddresses, int port);
+    // adopted: a socket handed in, used for the first address when valid.
+    bool OpenListenSockets(const std::vector<std::string>& listenAddresses, int port, CSocketHandle& adopted);
     void CloseListenSockets();
     // Records why a start failed; false.
     bool FailStart(const std::string& reason);
@@ -211,6 +222,8 @@ private:
     // The listening sockets, in the order of the addresses: the controlling thread's (StartProxy,
     // StopProxy); the event threads know theirs from their watches.
     std::vector<int> m_listenSockets;
+    int m_adoptedSocket = -1; // AdoptListenSocket's, until the next start takes it
+    AcceptFilter m_acceptFilter;
     std::array<std::atomic<int>, MAX_LISTEN_SOCKETS> m_listenPorts{};
     std::atomic<size_t> m_listenCount{0};
     std::set<CProxyConnection*> m_connections;

@@ -133,6 +133,30 @@ TEST_F(AddressManagerTest, FirstAnswerForANameStays)
     EXPECT_EQ(m_resolver.GetRequestCount("dup:80"), 0);
 }
 
+TEST_F(AddressManagerTest, AResolversLifetimeIsKeptUpToAnHourAndTheNetworkChangeForgetsAll)
+{
+    AddressPtr address;
+    m_manager.OnResolveAddressCompletedFor(0, "short:80", CTCPIPAddress::FromText("10.0.0.1", 80), 5);
+    m_manager.OnResolveAddressCompletedFor(0, "never:80", CTCPIPAddress::FromText("10.0.0.2", 80), 0);
+    m_manager.OnResolveAddressCompletedFor(0, "long:80", CTCPIPAddress::FromText("10.0.0.3", 80), 86400);
+    m_manager.OnResolveAddressCompleted(0, "plain:80", CTCPIPAddress::FromText("10.0.0.4", 80));
+    EXPECT_FALSE(m_manager.FindAddressInCache("never:80", address));
+    QOX::AdvanceClockForTesting(4000000u);
+    EXPECT_TRUE(m_manager.FindAddressInCache("short:80", address));
+    QOX::AdvanceClockForTesting(2000000u);
+    EXPECT_FALSE(m_manager.FindAddressInCache("short:80", address));
+    // A day would wrap the 32-bit clock: it is an hour, as without a lifetime.
+    QOX::AdvanceClockForTesting(CAddressManager::CACHE_LIFETIME_RESOLVED - 10000000u);
+    EXPECT_TRUE(m_manager.FindAddressInCache("long:80", address));
+    QOX::AdvanceClockForTesting(5000000u);
+    EXPECT_FALSE(m_manager.FindAddressInCache("long:80", address));
+    EXPECT_FALSE(m_manager.FindAddressInCache("plain:80", address));
+
+    m_manager.OnResolveAddressCompleted(0, "again:80", CTCPIPAddress::FromText("10.0.0.5", 80));
+    m_manager.ForgetNetwork();
+    EXPECT_EQ(m_manager.GetCacheSize(), 0u);
+}
+
 TEST_F(AddressManagerTest, CacheKeepsItsBoundLeastRecentlyUsedLeavingFirst)
 {
     m_manager.SetCacheLimit(3);

@@ -191,6 +191,11 @@ static int connect_proxy(int proxy_port)
 
 int capi_socks5_connect(int proxy_port, const char* host, int port, int* reply)
 {
+    return capi_socks5_command(proxy_port, 1, host, port, reply, NULL);
+}
+
+int capi_socks5_command(int proxy_port, int command, const char* host, int port, int* reply, int* bound_port)
+{
     unsigned char message[300];
     unsigned char answer[10];
     struct in_addr numeric;
@@ -202,7 +207,7 @@ int capi_socks5_connect(int proxy_port, const char* host, int port, int* reply)
     if (send_all(fd, "\x05\x01\x00", 3) != 0 || read_exact(fd, answer, 2) != 0 || answer[0] != 5 || answer[1] != 0)
         goto fail;
     message[length++] = 5;
-    message[length++] = 1;
+    message[length++] = (unsigned char)command;
     message[length++] = 0;
     if (inet_pton(AF_INET, host, &numeric) == 1) {
         message[length++] = 1;
@@ -223,8 +228,11 @@ int capi_socks5_connect(int proxy_port, const char* host, int port, int* reply)
     if (answer[1] != 0)
         goto fail;
     /* The bound address: IPv4 (4 bytes) or IPv6 (16), then the port. */
-    if (read_exact(fd, message, answer[3] == 4 ? 18 : 6) != 0)
+    size_t bound_length = answer[3] == 4 ? 18 : 6;
+    if (read_exact(fd, message, bound_length) != 0)
         goto fail;
+    if (bound_port)
+        *bound_port = message[bound_length - 2] << 8 | message[bound_length - 1];
     return fd;
 fail:
     close(fd);
@@ -270,4 +278,68 @@ int capi_http_get(int proxy_port, const char* host, int port)
     }
     close(fd);
     return status;
+}
+
+struct capi_dns {
+    int fd;
+    int port;
+    atomic_int stop;
+    atomic_int queries;
+    pthread_t thread;
+};
+
+/* Answers every query with "no such name": its own bytes, flagged as a response. */
+static void* dns_main(void* argument)
+{
+    capi_dns_t* dns = argument;
+    while (!atomic_load(&dns->stop)) {
+        unsigned char packet[512];
+        struct sockaddr_storage from;
+        socklen_t from_length = sizeof(from);
+        ssize_t got = recvfrom(dns->fd, packet, sizeof(packet), 0, (struct sockaddr*)&from, &from_length);
+        if (got < 12)
+            continue; /* the receive time-out, so that the stop is seen */
+        atomic_fetch_add(&dns->queries, 1);
+        packet[2] = 0x81;
+        packet[3] = 0x83;
+        sendto(dns->fd, packet, (size_t)got, 0, (struct sockaddr*)&from, from_length);
+    }
+    return NULL;
+}
+
+capi_dns_t* capi_dns_start(void)
+{
+    capi_dns_t* dns = calloc(1, sizeof(*dns));
+    struct sockaddr_in local;
+    socklen_t length = sizeof(local);
+    struct timeval tick = {0, 100000};
+    CHECK(dns != NULL);
+    memset(&local, 0, sizeof(local));
+    local.sin_family = AF_INET;
+    local.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    dns->fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    CHECK(dns->fd >= 0 && bind(dns->fd, (struct sockaddr*)&local, sizeof(local)) == 0);
+    CHECK(getsockname(dns->fd, (struct sockaddr*)&local, &length) == 0);
+    setsockopt(dns->fd, SOL_SOCKET, SO_RCVTIMEO, &tick, sizeof(tick));
+    dns->port = ntohs(local.sin_port);
+    CHECK(pthread_create(&dns->thread, NULL, dns_main, dns) == 0);
+    return dns;
+}
+
+int capi_dns_port(const capi_dns_t* dns)
+{
+    return dns->port;
+}
+
+int capi_dns_queries(const capi_dns_t* dns)
+{
+    return atomic_load(&((capi_dns_t*)dns)->queries);
+}
+
+void capi_dns_stop(capi_dns_t* dns)
+{
+    atomic_store(&dns->stop, 1);
+    pthread_join(dns->thread, NULL);
+    close(dns->fd);
+    free(dns);
 }

@@ -31,9 +31,19 @@ void capi_server_stop(capi_server_t* server);
  * IPv4, or a name sent as such). Returns the connected socket, or -1 with the reply code in
  * *reply (-1 when the proxy closed or sent garbage). */
 int capi_socks5_connect(int proxy_port, const char* host, int port, int* reply);
+/* Any SOCKS5 command (1 CONNECT, 2 BIND, 3 UDP ASSOCIATE) as capi_socks5_connect; the port of
+ * the proxy's first reply in *bound_port when given. */
+int capi_socks5_command(int proxy_port, int command, const char* host, int port, int* reply, int* bound_port);
 /* Sends a GET for / over socket and reads the whole response; the number of bytes read, or -1. */
 long capi_http_exchange(int socket, const char* host_header);
 /* A GET for http://host:port/ through the HTTP side of the proxy; the status code, or -1. */
 int capi_http_get(int proxy_port, const char* host, int port);
+
+/* A DNS server on 127.0.0.1 (UDP) that answers every query "no such name". */
+typedef struct capi_dns capi_dns_t;
+capi_dns_t* capi_dns_start(void);
+int capi_dns_port(const capi_dns_t* dns);
+int capi_dns_queries(const capi_dns_t* dns);
+void capi_dns_stop(capi_dns_t* dns);
 
 #endif

@@ -83,6 +83,13 @@ static void test_serve_count_stop_restart(void)
     CHECK(zrt_proxy_get_stats(proxy, &shorter.head) == ZRT_OK);
     CHECK(shorter.head.connections_total == 2);
     CHECK(shorter.head.socks5_total == 0xABABABABABABABABull);
+    CHECK(shorter.head.size == offsetof(zrt_proxy_stats_t, socks5_total)); /* all of it filled */
+    /* A caller built against a longer struct learns where the library's ends. */
+    memset(&shorter, 0xAB, sizeof(shorter));
+    shorter.head.size = sizeof(shorter);
+    CHECK(zrt_proxy_get_stats(proxy, &shorter.head) == ZRT_OK);
+    CHECK(shorter.head.size == sizeof(zrt_proxy_stats_t));
+    CHECK(shorter.guard == 0xABABABABABABABABull);
     shorter.head.size = 1;
     CHECK(zrt_proxy_get_stats(proxy, &shorter.head) == ZRT_E_INVALID);
 
@@ -712,6 +719,343 @@ static void test_a_name_with_several_addresses_is_tried_in_order(void)
     capi_server_stop(server);
 }
 
+/* Re-entry: every kind of callback tries the calls that would wait for its own thread; each must
+ * come back at once with ZRT_E_REENTRANT (a wait would hang the test), leave the proxy as it was
+ * and say why. Each kind sets its bit once it has checked. */
+enum { KIND_LOG, KIND_THREAD, KIND_SOCKET, KIND_RESOLVER, KIND_ACCEPT, KIND_COUNT };
+static zrt_proxy_t* g_reentered;
+static atomic_int g_reentry_checked;
+static atomic_int g_reentry_wrong;
+
+static void try_reentry(int kind)
+{
+    zrt_proxy_t* proxy = g_reentered;
+    if (!proxy)
+        return;
+    int refused = zrt_proxy_start(proxy) == ZRT_E_REENTRANT && zrt_proxy_reload(proxy) == ZRT_E_REENTRANT &&
+                  zrt_proxy_set_option(proxy, "idle-timeout", "5") == ZRT_E_REENTRANT &&
+                  zrt_proxy_set_resolver(proxy, NULL, NULL) == ZRT_E_REENTRANT &&
+                  zrt_proxy_network_changed(proxy) == ZRT_E_REENTRANT &&
+                  strstr(zrt_proxy_last_error(proxy), "zrt_proxy_network_changed") != NULL;
+    zrt_proxy_stop(proxy);
+    zrt_proxy_destroy(proxy);
+    /* The calls that never wait still answer. */
+    zrt_proxy_stats_t stats;
+    stats.size = sizeof(stats);
+    refused = refused && zrt_proxy_get_stats(proxy, &stats) == ZRT_OK;
+    if (refused)
+        atomic_fetch_or(&g_reentry_checked, 1 << kind);
+    else
+        atomic_fetch_add(&g_reentry_wrong, 1);
+}
+
+static atomic_int g_refusal_lines;
+
+static void reentry_log(void* context, int level, const char* line)
+{
+    (void)context;
+    if (level == ZRT_LOG_ERROR && strstr(line, "inside a callback"))
+        atomic_fetch_add(&g_refusal_lines, 1);
+    try_reentry(KIND_LOG);
+}
+
+static void reentry_thread(void* context)
+{
+    (void)context;
+    try_reentry(KIND_THREAD);
+}
+
+static int reentry_socket(void* context, int fd)
+{
+    (void)context;
+    (void)fd;
+    try_reentry(KIND_SOCKET);
+    return 0;
+}
+
+static int reentry_accept(void* context, const struct sockaddr* client, const struct sockaddr* local)
+{
+    (void)context;
+    (void)client;
+    (void)local;
+    try_reentry(KIND_ACCEPT);
+    return 0;
+}
+
+static struct sockaddr_storage loopback_address(const char* text)
+{
+    struct sockaddr_storage address;
+    memset(&address, 0, sizeof(address));
+    struct sockaddr_in* v4 = (struct sockaddr_in*)&address;
+    v4->sin_family = AF_INET;
+    inet_pton(AF_INET, text, &v4->sin_addr);
+    return address;
+}
+
+static void reentry_resolve(void* context, const char* name, zrt_lookup_t* lookup)
+{
+    (void)context;
+    (void)name;
+    try_reentry(KIND_RESOLVER);
+    struct sockaddr_storage addresses[2] = {loopback_address("127.0.0.2"), loopback_address("127.0.0.3")};
+    zrt_lookup_answer(lookup, addresses, 1);
+    zrt_lookup_answer(lookup, addresses + 1, 1); /* ignored: the client gets 127.0.0.2 */
+    zrt_lookup_answer_ttl(lookup, NULL, 0, 5);   /* ignored too */
+}
+
+static void test_callbacks_refuse_reentry(void)
+{
+    capi_server_t* server = capi_server_start(10);
+    zrt_proxy_t* proxy = zrt_proxy_create();
+    CHECK(zrt_proxy_set_log_callback(proxy, reentry_log, NULL) == ZRT_OK);
+    CHECK(zrt_proxy_set_thread_hooks(proxy, reentry_thread, reentry_thread, NULL) == ZRT_OK);
+    CHECK(zrt_proxy_set_socket_hook(proxy, reentry_socket, NULL) == ZRT_OK);
+    CHECK(zrt_proxy_set_resolver(proxy, reentry_resolve, NULL) == ZRT_OK);
+    CHECK(zrt_proxy_set_accept_hook(proxy, reentry_accept, NULL) == ZRT_OK);
+    CHECK(zrt_proxy_set_option(proxy, "port", "0") == ZRT_OK);
+    g_reentered = proxy;
+    CHECK(zrt_proxy_start(proxy) == ZRT_OK);
+    CHECK(strcmp(zrt_proxy_last_error(proxy), "") == 0); /* the callbacks' reasons stay theirs */
+    CHECK(socks5_fetch(proxy, "dest.test", capi_server_port(server)) > 10);
+    CHECK(capi_server_clients(server) == 1);
+    long long deadline = capi_now_ms() + 10000;
+    while (atomic_load(&g_reentry_checked) != (1 << KIND_COUNT) - 1 && capi_now_ms() < deadline)
+        capi_sleep_ms(5);
+    CHECK(atomic_load(&g_reentry_checked) == (1 << KIND_COUNT) - 1);
+    CHECK(atomic_load(&g_reentry_wrong) == 0);
+    CHECK(zrt_proxy_port(proxy) > 0); /* still serving */
+    zrt_proxy_stop(proxy);
+    CHECK(atomic_load(&g_refusal_lines) == 1); /* logged once per start, not for every refusal */
+    g_reentered = NULL;
+    zrt_proxy_destroy(proxy);
+    capi_server_stop(server);
+}
+
+/* Setters while running: the log callback and the socket hook take effect, the thread hooks and
+ * the resolver are refused. */
+static atomic_int g_first_lines;
+static atomic_int g_second_lines;
+
+static void count_first(void* context, int level, const char* line)
+{
+    (void)context;
+    (void)level;
+    (void)line;
+    atomic_fetch_add(&g_first_lines, 1);
+}
+
+static void count_second(void* context, int level, const char* line)
+{
+    (void)context;
+    (void)level;
+    (void)line;
+    atomic_fetch_add(&g_second_lines, 1);
+}
+
+static int refuse_every_socket(void* context, int fd)
+{
+    (void)context;
+    (void)fd;
+    return -1;
+}
+
+static void test_setters_while_running(void)
+{
+    capi_server_t* server = capi_server_start(10);
+    zrt_proxy_t* proxy = zrt_proxy_create();
+    CHECK(zrt_proxy_set_log_callback(proxy, count_first, NULL) == ZRT_OK);
+    CHECK(zrt_proxy_set_option(proxy, "port", "0") == ZRT_OK && zrt_proxy_start(proxy) == ZRT_OK);
+    CHECK(zrt_proxy_set_thread_hooks(proxy, on_thread_start, on_thread_stop, &g_started) == ZRT_E_RUNNING);
+    CHECK(zrt_proxy_set_resolver(proxy, answer_now, NULL) == ZRT_E_RUNNING);
+    CHECK(strstr(zrt_proxy_last_error(proxy), "runs") != NULL);
+
+    CHECK(zrt_proxy_set_socket_hook(proxy, refuse_every_socket, NULL) == ZRT_OK);
+    int reply = 0;
+    CHECK(capi_socks5_connect(zrt_proxy_port(proxy), "127.0.0.2", capi_server_port(server), &reply) < 0 && reply > 0);
+    CHECK(zrt_proxy_set_socket_hook(proxy, NULL, NULL) == ZRT_OK);
+    CHECK(socks5_fetch(proxy, "127.0.0.2", capi_server_port(server)) > 10);
+
+    long long deadline = capi_now_ms() + 10000;
+    while (atomic_load(&g_first_lines) < 2 && capi_now_ms() < deadline)
+        capi_sleep_ms(5);
+    CHECK(zrt_proxy_set_log_callback(proxy, count_second, NULL) == ZRT_OK);
+    int first = atomic_load(&g_first_lines);
+    CHECK(socks5_fetch(proxy, "127.0.0.2", capi_server_port(server)) > 10);
+    zrt_proxy_stop(proxy); /* hands over every line */
+    CHECK(atomic_load(&g_second_lines) >= 2); /* the client's line and "stopped" */
+    CHECK(atomic_load(&g_first_lines) <= first + 1); /* at most one line was on its way */
+    CHECK(atomic_load(&g_started) == 0);
+    zrt_proxy_destroy(proxy);
+    capi_server_stop(server);
+}
+
+/* A resolver that knows every name as 127.0.0.2, counting its calls; names starting with "short"
+ * are kept for a second. */
+static atomic_int g_lookups;
+
+static void answer_counted(void* context, const char* name, zrt_lookup_t* lookup)
+{
+    (void)context;
+    atomic_fetch_add(&g_lookups, 1);
+    struct sockaddr_storage address = loopback_address("127.0.0.2");
+    if (strncmp(name, "short", 5) == 0)
+        zrt_lookup_answer_ttl(lookup, &address, 1, 1);
+    else
+        zrt_lookup_answer(lookup, &address, 1);
+}
+
+static void test_cached_names_expire_and_go_with_the_network(void)
+{
+    capi_server_t* server = capi_server_start(10);
+    const int port = capi_server_port(server);
+    zrt_proxy_t* proxy = zrt_proxy_create();
+    CHECK(zrt_proxy_network_changed(proxy) == ZRT_E_NOT_RUNNING);
+    CHECK(zrt_proxy_set_resolver(proxy, answer_counted, NULL) == ZRT_OK);
+    CHECK(zrt_proxy_set_option(proxy, "port", "0") == ZRT_OK && zrt_proxy_start(proxy) == ZRT_OK);
+
+    CHECK(socks5_fetch(proxy, "kept.test", port) > 10);
+    CHECK(socks5_fetch(proxy, "short.test", port) > 10);
+    CHECK(atomic_load(&g_lookups) == 2);
+    capi_sleep_ms(1500);
+    CHECK(socks5_fetch(proxy, "kept.test", port) > 10);  /* from the cache */
+    CHECK(socks5_fetch(proxy, "short.test", port) > 10); /* its second has passed */
+    CHECK(atomic_load(&g_lookups) == 3);
+
+    CHECK(zrt_proxy_network_changed(proxy) == ZRT_OK);
+    CHECK(socks5_fetch(proxy, "kept.test", port) > 10);
+    CHECK(atomic_load(&g_lookups) == 4);
+    zrt_proxy_destroy(proxy);
+    capi_server_stop(server);
+}
+
+/* The accept hook refuses the first client before reading from it and lets the next one in. */
+static atomic_int g_accepts;
+static int g_proxy_port;
+
+static int refuse_the_first(void* context, const struct sockaddr* client, const struct sockaddr* local)
+{
+    (void)context;
+    const struct sockaddr_in* to = (const struct sockaddr_in*)local;
+    CHECK(client->sa_family == AF_INET && local->sa_family == AF_INET);
+    CHECK(ntohs(to->sin_port) == g_proxy_port && ntohl(to->sin_addr.s_addr) == INADDR_LOOPBACK);
+    return atomic_fetch_add(&g_accepts, 1) == 0 ? -1 : 0;
+}
+
+static void test_accept_hook_refuses_and_admits(void)
+{
+    capi_server_t* server = capi_server_start(10);
+    zrt_proxy_t* proxy = started_proxy();
+    g_proxy_port = zrt_proxy_port(proxy);
+    CHECK(zrt_proxy_set_accept_hook(proxy, refuse_the_first, NULL) == ZRT_OK);
+    int reply = 0;
+    CHECK(capi_socks5_connect(g_proxy_port, "127.0.0.2", capi_server_port(server), &reply) < 0 && reply == -1);
+    CHECK(socks5_fetch(proxy, "127.0.0.2", capi_server_port(server)) > 10);
+    wait_idle(proxy);
+    zrt_proxy_stats_t stats = stats_of(proxy);
+    CHECK(stats.refused_not_allowed == 1 && stats.connections_total == 1);
+    CHECK(atomic_load(&g_accepts) == 2);
+    zrt_proxy_destroy(proxy);
+    capi_server_stop(server);
+}
+
+/* The socket hook is told what each socket is for. */
+static atomic_int g_purposes[5];
+
+static int note_purpose(void* context, int fd, int purpose)
+{
+    (void)context;
+    CHECK(fd >= 0 && purpose >= ZRT_SOCKET_CONNECT && purpose <= ZRT_SOCKET_LISTEN);
+    atomic_fetch_add(&g_purposes[purpose], 1);
+    return 0;
+}
+
+static void wait_purpose(int purpose)
+{
+    long long deadline = capi_now_ms() + 10000;
+    while (atomic_load(&g_purposes[purpose]) == 0 && capi_now_ms() < deadline)
+        capi_sleep_ms(5);
+    CHECK(atomic_load(&g_purposes[purpose]) == 1);
+}
+
+static void test_socket_hook_purposes(void)
+{
+    capi_server_t* server = capi_server_start(10);
+    zrt_proxy_t* proxy = zrt_proxy_create();
+    CHECK(zrt_proxy_set_socket_hook_ex(proxy, note_purpose, NULL) == ZRT_OK);
+#ifdef CAPI_WITH_CARES
+    capi_dns_t* dns = capi_dns_start();
+    char server_text[32];
+    snprintf(server_text, sizeof(server_text), "127.0.0.1:%d", capi_dns_port(dns));
+    CHECK(zrt_proxy_set_option(proxy, "dns-server", server_text) == ZRT_OK);
+#endif
+    CHECK(zrt_proxy_set_option(proxy, "port", "0") == ZRT_OK && zrt_proxy_start(proxy) == ZRT_OK);
+    const int port = zrt_proxy_port(proxy);
+
+    CHECK(socks5_fetch(proxy, "127.0.0.2", capi_server_port(server)) > 10);
+    wait_purpose(ZRT_SOCKET_CONNECT);
+
+    /* UDP ASSOCIATE, and a datagram to a loopback port through the relay. */
+    int reply = 0;
+    int relay_port = 0;
+    int control = capi_socks5_command(port, 3, "0.0.0.0", 0, &reply, &relay_port);
+    CHECK(control >= 0 && relay_port > 0);
+    int udp = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    struct sockaddr_storage relay = loopback_address("127.0.0.1");
+    ((struct sockaddr_in*)&relay)->sin_port = htons((unsigned short)relay_port);
+    unsigned char datagram[13] = {0, 0, 0, 1, 127, 0, 0, 2, (unsigned char)(capi_server_port(server) >> 8),
+                                  (unsigned char)capi_server_port(server), 'a', 'b', 'c'};
+    CHECK(sendto(udp, datagram, sizeof(datagram), 0, (struct sockaddr*)&relay, sizeof(struct sockaddr_in)) == 13);
+    wait_purpose(ZRT_SOCKET_DATAGRAM);
+    close(udp);
+    close(control);
+
+    /* BIND: the proxy listens for the destination's connection. */
+    int bind_fd = capi_socks5_command(port, 2, "127.0.0.2", capi_server_port(server), &reply, NULL);
+    CHECK(bind_fd >= 0);
+    wait_purpose(ZRT_SOCKET_LISTEN);
+    close(bind_fd);
+
+#ifdef CAPI_WITH_CARES
+    CHECK(capi_socks5_connect(port, "lookup.test", capi_server_port(server), &reply) < 0 && reply > 0);
+    CHECK(atomic_load(&g_purposes[ZRT_SOCKET_LOOKUP]) >= 1 && capi_dns_queries(dns) >= 1);
+#endif
+    CHECK(atomic_load(&g_purposes[ZRT_SOCKET_CONNECT]) == 1);
+    zrt_proxy_destroy(proxy);
+#ifdef CAPI_WITH_CARES
+    capi_dns_stop(dns);
+#endif
+    capi_server_stop(server);
+}
+
+/* A listening socket handed in is served, and closed at stop; anything else is refused and left
+ * to the caller. */
+static void test_start_on_socket(void)
+{
+    capi_server_t* server = capi_server_start(10);
+    zrt_proxy_t* proxy = zrt_proxy_create();
+    int not_listening = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    CHECK(zrt_proxy_start_on_socket(proxy, not_listening) == ZRT_E_INVALID);
+    CHECK(zrt_proxy_start_on_socket(proxy, -1) == ZRT_E_INVALID);
+    CHECK(close(not_listening) == 0); /* still the caller's */
+
+    int port = 0;
+    int fd = capi_listen("127.0.0.1", 16, &port);
+    CHECK(fd >= 0);
+    CHECK(zrt_proxy_start_on_socket(proxy, fd) == ZRT_OK);
+    CHECK(zrt_proxy_port(proxy) == port && zrt_proxy_listen_count(proxy) == 1);
+    CHECK(zrt_proxy_start_on_socket(proxy, fd) == ZRT_E_RUNNING);
+    CHECK(socks5_fetch(proxy, "127.0.0.2", capi_server_port(server)) > 10);
+    zrt_proxy_stop(proxy);
+    int reply = 0;
+    CHECK(capi_socks5_connect(port, "127.0.0.2", capi_server_port(server), &reply) < 0); /* closed */
+
+    /* A later start listens by the settings again. */
+    CHECK(zrt_proxy_set_option(proxy, "port", "0") == ZRT_OK && zrt_proxy_start(proxy) == ZRT_OK);
+    CHECK(socks5_fetch(proxy, "127.0.0.2", capi_server_port(server)) > 10);
+    zrt_proxy_destroy(proxy);
+    capi_server_stop(server);
+}
+
 struct named_test {
     const char* name;
     void (*run)(void);
@@ -731,6 +1075,12 @@ static const struct named_test TESTS[] = {
     {"a_name_with_several_addresses_is_tried_in_order", test_a_name_with_several_addresses_is_tried_in_order},
     {"users_file_fails_closed", test_users_file_fails_closed},
     {"listen_on_several_addresses", test_listen_on_several_addresses},
+    {"callbacks_refuse_reentry", test_callbacks_refuse_reentry},
+    {"setters_while_running", test_setters_while_running},
+    {"cached_names_expire_and_go_with_the_network", test_cached_names_expire_and_go_with_the_network},
+    {"accept_hook_refuses_and_admits", test_accept_hook_refuses_and_admits},
+    {"socket_hook_purposes", test_socket_hook_purposes},
+    {"start_on_socket", test_start_on_socket},
 };
 
 int main(int argc, char** argv)

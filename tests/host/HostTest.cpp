@@ -1073,7 +1073,7 @@ public:
             CTCPIPAddress::FromText(address, 0)->GetSockAddr(reinterpret_cast<sockaddr*>(&storage), &length);
             found.push_back(storage);
         }
-        answer(found);
+        answer(found, -1);
         return true;
     }
     std::vector<std::string> Started() const { return Locked([&] { return m_started; }); }
@@ -1271,7 +1271,7 @@ TEST_F(AresNameServiceTest, ASlowNameHoldsUpNoOtherAndEndsAtItsLimit)
         std::map<std::string, std::string> answers;
     } results;
     auto record = [&](const std::string& host) {
-        return [&results, host](const std::vector<sockaddr_storage>& found) {
+        return [&results, host](const std::vector<sockaddr_storage>& found, int) {
             results.Change([&] { results.answers[host] = AddressText(found); });
         };
     };
@@ -1292,12 +1292,12 @@ TEST_F(AresNameServiceTest, AbandonedLookupsAreNeverAnsweredAndTheHostsFileIsRea
     StubDnsServer dns;
     CAresNameService names(m_loops.Next(), dns.Address(), 5000);
     std::atomic<int> abandonedAnswers{0};
-    const uint64_t id = names.Start("fastgone.test", [&](const std::vector<sockaddr_storage>&) { ++abandonedAnswers; });
+    const uint64_t id = names.Start("fastgone.test", [&](const std::vector<sockaddr_storage>&, int) { ++abandonedAnswers; });
     names.Abandon(id);
     struct SResult : Guarded {
         std::string text;
     } local;
-    names.Start("localhost", [&](const std::vector<sockaddr_storage>& found) {
+    names.Start("localhost", [&](const std::vector<sockaddr_storage>& found, int) {
         local.Change([&] { local.text = AddressText(found); });
     });
     ASSERT_TRUE(local.WaitFor([&] { return !local.text.empty(); }, 5000));

@@ -309,6 +309,12 @@ JNIEXPORT void JNICALL Java_zrt_proxy_ZrtProxy_nativeStop(JNIEnv* env, jclass ty
     zrt_proxy_stop(binding_of(handle)->proxy);
 }
 
+JNIEXPORT jint JNICALL Java_zrt_proxy_ZrtProxy_nativeNetworkChanged(JNIEnv* env, jclass type, jlong handle)
+{
+    (void)env, (void)type;
+    return zrt_proxy_network_changed(binding_of(handle)->proxy);
+}
+
 JNIEXPORT jint JNICALL Java_zrt_proxy_ZrtProxy_nativePort(JNIEnv* env, jclass type, jlong handle)
 {
     (void)env, (void)type;

@@ -161,6 +161,19 @@ public final class ZrtProxy implements AutoCloseable {
         }
     }
 
+    /**
+     * The device's network changed (Wi-Fi gave way to mobile data): forgets the names the proxy
+     * cached and reads the device's own addresses again.
+     *
+     * @throws ZrtProxyException NOT_RUNNING when stopped
+     */
+    public void networkChanged() {
+        refuseInsideListener();
+        synchronized (this) {
+            check(nativeNetworkChanged(handle()));
+        }
+    }
+
     /** The TCP port the proxy listens on (the one picked for "port" 0), or 0 when stopped. */
     public int port() {
         synchronized (handleLock) {
@@ -267,6 +280,7 @@ public final class ZrtProxy implements AutoCloseable {
     private static native int nativeSetOption(long handle, byte[] name, byte[] value);
     private static native int nativeStart(long handle);
     private static native void nativeStop(long handle);
+    private static native int nativeNetworkChanged(long handle);
     private static native int nativePort(long handle);
     private static native String nativeLastError(long handle);
     private static native int nativeStats(long handle, long[] values);

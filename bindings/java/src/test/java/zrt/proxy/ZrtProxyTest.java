@@ -118,6 +118,7 @@ public final class ZrtProxyTest {
     /** Error codes and messages, defaults, and text both ways beyond ASCII. */
     private static void optionsAndErrors() throws Exception {
         try (ZrtProxy proxy = new ZrtProxy(); ZrtProxy second = new ZrtProxy()) {
+            check(failure(proxy::networkChanged).code() == ZrtProxyException.NOT_RUNNING, "network change while stopped");
             ZrtProxyException error = failure(() -> proxy.setOption("größe😀", "1"));
             check(error.code() == ZrtProxyException.UNKNOWN_OPTION, "code " + error.code());
             check(error.getMessage().contains("'größe😀'"), "message " + error.getMessage());
@@ -140,6 +141,7 @@ public final class ZrtProxyTest {
             waitFor(() -> hasLine(lines, " socks5 jürgen😀 ", ""), () -> "the user in the log: " + lines);
 
             check(failure(proxy::start).code() == ZrtProxyException.RUNNING, "second start");
+            proxy.networkChanged();
             check(failure(() -> proxy.setOption("port", "0")).code() == ZrtProxyException.RUNNING, "port while running");
             check(failure(() -> proxy.setLogListener(null)).code() == ZrtProxyException.RUNNING, "listener while running");
             check(failure(() -> proxy.setSocketProtector(null)).code() == ZrtProxyException.RUNNING, "protector while running");
