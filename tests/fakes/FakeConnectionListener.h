@@ -13,7 +13,7 @@ namespace Testing {
 // host connecting, delivering OnConnectionEstablished on the calling thread.
 class FakeConnectionListener : public IConnectionListener, public Guarded {
 public:
-    QOX::CRefCountPtr<IZRTConnectionAddress> StartListening(const IZRTConnectionAddress& address, int count,
+    QOX::CRefCountPtr<IZRTConnectionAddress> StartListening(const IZRTConnectionAddress& address, int /*count*/,
                                                             IConnectionReceiver* receiver) override
     {
         return Locked([&] {
