@@ -282,30 +282,29 @@ protected:
 const std::string AUTHENTICATED_CONNECT =
     Bytes({5, 2, 0, 2}) + Credentials("bob", "hunter2") + Request(1, {127, 0, 0, 1}, 80) + "payload";
 
-TEST_F(Socks5AuthTest, RightCredentialsCoalescedWithGreetingRequestAndPayload)
-{
-    Send(AUTHENTICATED_CONNECT);
-    EXPECT_EQ(Bytes({5, 2, 1, 0}) + CommandReply(0), m_connection.GetToClient());
-    EXPECT_EQ("payload", m_connection.GetToHost());
-    EXPECT_EQ("bob", m_connection.GetUser());
-    EXPECT_TRUE(m_connection.IsRequestComplete());
-}
-
-TEST_F(Socks5AuthTest, RightCredentialsByteByByteAreAnsweredOnlyAfterTheirLastByte)
+// Whole or byte by byte: the greeting (4 bytes) is answered after its last byte, the
+// credentials after theirs, and the request and payload behind them are served alike.
+TEST_F(Socks5AuthTest, RightCredentialsWholeOrByteByByteAreAnsweredOnlyAfterTheirLastByte)
 {
     const size_t credentialsEnd = 4 + Credentials("bob", "hunter2").size();
-    for (size_t i = 0; i < AUTHENTICATED_CONNECT.size(); ++i) {
-        Send(AUTHENTICATED_CONNECT.substr(i, 1));
-        // The greeting (4 bytes) is answered after its last byte, the credentials after theirs.
-        if (i + 1 < credentialsEnd) {
-            EXPECT_EQ(i < 3 ? "" : Bytes({5, 2}), m_connection.GetToClient()) << "after byte " << i;
-            EXPECT_EQ(i < 3 ? EState::Greeting : EState::Authenticate, m_handler->GetState()) << i;
-            EXPECT_FALSE(m_connection.IsRequestComplete());
+    for (const size_t step : {AUTHENTICATED_CONNECT.size(), size_t{1}}) {
+        SOwnExchange own(m_manager);
+        own.connection.Settings().users = m_connection.Settings().users;
+        for (size_t i = 0; i < AUTHENTICATED_CONNECT.size(); i += step) {
+            own.Take(AUTHENTICATED_CONNECT.substr(i, step));
+            own.connection.RunPending();
+            if (i + step < credentialsEnd) {
+                EXPECT_EQ(i < 3 ? "" : Bytes({5, 2}), own.connection.GetToClient()) << "after byte " << i;
+                EXPECT_EQ(i < 3 ? EState::Greeting : EState::Authenticate, own.handler->GetState()) << i;
+                EXPECT_FALSE(own.connection.IsRequestComplete());
+            }
         }
+        EXPECT_EQ(Bytes({5, 2, 1, 0}) + CommandReply(0), own.connection.GetToClient()) << step;
+        EXPECT_EQ("payload", own.connection.GetToHost()) << step;
+        EXPECT_EQ("bob", own.connection.GetUser());
+        EXPECT_TRUE(own.connection.IsRequestComplete());
+        EXPECT_EQ(EState::Relay, own.handler->GetState());
     }
-    EXPECT_EQ(Bytes({5, 2, 1, 0}) + CommandReply(0), m_connection.GetToClient());
-    EXPECT_EQ("payload", m_connection.GetToHost());
-    EXPECT_EQ(EState::Relay, m_handler->GetState());
 }
 
 struct SAuthRefusal {
