@@ -589,6 +589,7 @@ TEST(CredentialsTest, MatchesOnlyTheWholeNameWithItsOwnPassword)
     EXPECT_FALSE(CCredentials::Check(users, "alice", "two"));
     EXPECT_FALSE(CCredentials::Check(users, "alic", "one"));
     EXPECT_FALSE(CCredentials::Check(users, "alice", "one "));
+    EXPECT_FALSE(CCredentials::Check(users, "alice", "on"));
     EXPECT_FALSE(CCredentials::Check(users, "alice", ""));
     EXPECT_FALSE(CCredentials::Check({}, "", ""));
     EXPECT_TRUE(CCredentials::Equal("", ""));
