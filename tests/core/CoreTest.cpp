@@ -687,7 +687,7 @@ TEST_F(ProxyTest, EndsAreNotPassedOnWhenTheHandlerOrTheLinkCannot)
     EXPECT_TRUE(WaitForConnections(0));
 }
 
-TEST_F(ProxyTest, StartingAgainKeepsThePortUnlessTheServicesChangeAndATakenPortFails)
+TEST_F(ProxyTest, StartingAgainKeepsThePortUnlessTheServicesChangeATakenPortFailsAndAPortAloneIsLoopback)
 {
     EXPECT_EQ(m_proxy.GetMultiPointLayer(), &m_multiPointLayer);
     EXPECT_TRUE(m_proxy.StartProxy(m_port + 1, &m_resolver, &m_multiPointLayer, &m_datagramHandler,
@@ -707,11 +707,8 @@ TEST_F(ProxyTest, StartingAgainKeepsThePortUnlessTheServicesChangeAndATakenPortF
     m_proxy.StopProxy();
     m_proxy.StopProxy();
     EXPECT_FALSE(m_proxy.IsConnected());
-}
 
-TEST_F(ProxyTest, AStartOnAPortAloneListensOnLoopbackOnly)
-{
-    m_proxy.StopProxy();
+    // A start on a port alone listens on loopback only.
     ASSERT_TRUE(m_proxy.StartProxy(0, &m_resolver, &m_multiPointLayer, &m_datagramHandler, &m_connectionListener));
     TestClient local;
     EXPECT_TRUE(local.Connect(m_proxy.GetListenPort(), "127.0.0.1"));
@@ -790,20 +787,14 @@ TEST_F(ProxyTest, ParallelShortClientsAreServedAndAStopEndsThoseMidExchangeLeavi
     EXPECT_TRUE(ThreadsBackTo(threads));
 }
 
-// Which handler a connection's first chunk gets.
-TEST(ConnectionProtocolFactory, EmptyFirstChunkYieldsNoHandler)
+// Which handler a connection's first chunk gets: none for an empty one.
+TEST(ConnectionProtocolFactory, FirstByteFiveMeansSocks5FourSocks4AndAnythingElseHttp)
 {
     FakeProxyConnection connection;
     auto* factory = Proxy::CConnectionProtocolFactory::GetInstance();
     EXPECT_EQ(factory->CreateProtocol(connection, nullptr, 3), nullptr);
     EXPECT_EQ(factory->CreateProtocol(connection, "\x05", 0), nullptr);
     EXPECT_EQ(factory->CreateProtocol(connection, "\x05", -1), nullptr);
-}
-
-TEST(ConnectionProtocolFactory, FirstByteFiveMeansSocks5FourSocks4AndAnythingElseHttp)
-{
-    FakeProxyConnection connection;
-    auto* factory = Proxy::CConnectionProtocolFactory::GetInstance();
     const struct {
         std::string chunk;
         std::string family;

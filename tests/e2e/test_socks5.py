@@ -12,7 +12,7 @@ import time
 import pytest
 
 from conftest import (DEST_V4, DEST_V6, Daemon, StubDns, http_connect, recv_exact, read_socks5_reply, socks5_address,
-                      socks5_request)
+                      socks5_request, wait_for)
 
 
 @pytest.mark.parametrize("destination", [DEST_V4, DEST_V6])
@@ -101,9 +101,7 @@ def test_bytes_sent_just_before_the_client_closes_still_arrive(daemon, tcp_sink,
         assert " 200 " in status
     sock.sendall(b"R" + struct.pack("!Q", 0) + payload)
     sock.close()
-    deadline = time.time() + 30
-    while len(sink.records) == before and time.time() < deadline:
-        time.sleep(0.05)
+    wait_for(lambda: len(sink.records) > before, 30)
     assert sink.records[before:] == [(len(payload), hashlib.sha256(payload).hexdigest())]
 
 

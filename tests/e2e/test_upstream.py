@@ -7,11 +7,10 @@ import os
 import shutil
 import socket
 import subprocess
-import time
 
 import pytest
 
-from conftest import DEST_V4, Daemon
+from conftest import DEST_V4, Daemon, free_port, wait_for
 
 ENV = {key: value for key, value in os.environ.items() if "proxy" not in key.lower()}
 
@@ -25,18 +24,10 @@ def download(proxy_url, url):
 
 def log_lines(path, wanted, timeout=10.0):
     """The access-log lines, read until `wanted` of them came (the log thread writes them)."""
-    deadline = time.time() + timeout
-    while True:
-        lines = path.read_text().splitlines() if path.exists() else []
-        if len(lines) >= wanted or time.time() > deadline:
-            return lines
-        time.sleep(0.1)
-
-
-def free_port():
-    with socket.socket() as sock:
-        sock.bind(("127.0.0.1", 0))
-        return sock.getsockname()[1]
+    def read():
+        return path.read_text().splitlines() if path.exists() else []
+    wait_for(lambda: len(read()) >= wanted, timeout)
+    return read()
 
 
 def listens(port):
@@ -107,10 +98,8 @@ def test_microsocks_as_the_upstream(login, http_servers, files):
     parent = subprocess.Popen(args, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
     child = None
     try:
-        deadline = time.time() + 10
-        while not listens(port):
-            assert time.time() < deadline and parent.poll() is None, "microsocks did not start"
-            time.sleep(0.05)
+        assert wait_for(lambda: listens(port) or parent.poll() is not None, 10) and parent.poll() is None, \
+            "microsocks did not start"
         credentials = "bob:pw@" if login else ""
         child = Daemon("--listen", "127.0.0.1", "--upstream", f"socks5://{credentials}127.0.0.1:{port}")
         url = f"http://{DEST_V4}:{http_servers[DEST_V4]}/{files[1]}"

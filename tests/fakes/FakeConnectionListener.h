@@ -1,6 +1,5 @@
 #pragma once
 
-#include <functional>
 #include <string>
 
 #include "fakes/FakeDataLayer.h"
@@ -14,12 +13,11 @@ namespace Testing {
 // host connecting, delivering OnConnectionEstablished on the calling thread.
 class FakeConnectionListener : public IConnectionListener, public Guarded {
 public:
-    QOX::CRefCountPtr<IZRTConnectionAddress> StartListening(const IZRTConnectionAddress& address, int count,
+    QOX::CRefCountPtr<IZRTConnectionAddress> StartListening(const IZRTConnectionAddress& address, int /*count*/,
                                                             IConnectionReceiver* receiver) override
     {
         return Locked([&] {
             m_lastRequest = address.ToString();
-            m_lastCount = count;
             if (m_fail)
                 return QOX::CRefCountPtr<IZRTConnectionAddress>();
             m_receiver = receiver;
@@ -29,17 +27,11 @@ public:
     // ConnectPeer holds the lock through the callback, so none runs once this returns.
     void StopListening(const IZRTConnectionAddress& /*address*/) override
     {
-        std::function<void()> hook;
         Change([&] {
             m_receiver = nullptr;
             ++m_stops;
-            hook = m_onStop;
         });
-        if (hook)
-            hook();
     }
-    // Runs on the stopping thread, after the listener stopped: lets a test hold that thread there.
-    void SetOnStop(std::function<void()> hook) { Locked([&] { m_onStop = std::move(hook); }); }
 
     void SetFail(bool fail) { Locked([&] { m_fail = fail; }); }
     void SetListenAddress(const CTCPIPAddress& address) { Locked([&] { m_listenAddress = address; }); }
@@ -58,15 +50,12 @@ public:
     bool IsListening() const { return Locked([&] { return m_receiver != nullptr; }); }
     int GetStopCount() const { return Locked([&] { return m_stops; }); }
     std::string GetLastRequestAddress() const { return Locked([&] { return m_lastRequest; }); }
-    int GetLastCount() const { return Locked([&] { return m_lastCount; }); }
 
 private:
     CTCPIPAddress m_listenAddress{127, 0, 0, 1, 40000};
     IConnectionReceiver* m_receiver = nullptr;
     std::string m_lastRequest;
-    int m_lastCount = 0;
     int m_stops = 0;
-    std::function<void()> m_onStop;
     bool m_fail = false;
 };
 

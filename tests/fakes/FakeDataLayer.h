@@ -94,7 +94,7 @@ public:
         });
         return done;
     }
-    unsigned int GetSendBacklog() const override { return Locked([&] { return m_reportedBacklog; }); }
+    unsigned int GetSendBacklog() const override { return 0; }
 
     // Remote end.
     void PushFromRemote(const std::string& bytes)
@@ -131,8 +131,6 @@ public:
         return GetSent();
     }
     void SetOnSend(SendHook hook) { Locked([&] { m_onSend = std::move(hook); }); }
-    // Makes GetSendBacklog report a fixed value (flow-control tests); 0 restores normal behaviour.
-    void SetReportedSendBacklog(unsigned int bytes) { Locked([&] { m_reportedBacklog = bytes; }); }
     void SignalSendDrained()
     {
         QOX::CRefCountPtr<IZRTDataLayer> keepAlive(this);
@@ -168,7 +166,6 @@ private:
     std::string m_incoming;
     std::string m_sent;
     SendHook m_onSend;
-    unsigned int m_reportedBacklog = 0;
     bool m_closed = false;
     bool m_canHalfClose = true;
     bool m_halfClose = false;

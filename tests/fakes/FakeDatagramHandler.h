@@ -67,7 +67,6 @@ public:
         return GetSent();
     }
     std::vector<int> GetUnregistered() const { return Locked([&] { return m_unregistered; }); }
-    int GetActiveRegistrations() const { return Locked([&] { return static_cast<int>(m_receivers.size()); }); }
     int GetLastHandle() const { return Locked([&] { return m_lastHandle; }); }
     std::string GetLastRequestAddress() const { return Locked([&] { return m_lastRequestAddress; }); }
 

@@ -52,7 +52,7 @@ public:
     const IZRTConnectionAddress& GetClientAddress() const override { return m_clientAddress; }
     unsigned int GetClientPort() const override { return m_clientAddress.GetPortNumber(); }
     int GetID() const override { return 1; }
-    bool IsConnectedToHost() const override { return Locked([&] { return m_link && !m_hostClosed; }); }
+    bool IsConnectedToHost() const override { return Locked([&] { return static_cast<bool>(m_link); }); }
     bool IsConnectedToClient() const override { return Locked([&] { return !m_disconnected; }); }
     bool BeginConnectToHost(QOX::CRefCountPtr<IZRTConnectionAddress> destination) override
     {
@@ -97,7 +97,7 @@ public:
     bool EndHostOutput() override
     {
         return Locked([&] {
-            if (!m_link || m_hostClosed)
+            if (!m_link)
                 return false;
             ++m_hostOutputEnds;
             return true;
@@ -123,11 +123,10 @@ public:
     {
         QOX::CRefCountPtr<IZRTDataLayer> link;
         Change([&] {
-            if (!m_link || m_hostClosed)
+            if (!m_link)
                 return;
             link = m_link;
             m_toHost.append(data, static_cast<size_t>(length));
-            ++m_hostSends;
         });
         if (link)
             link->SendData(reinterpret_cast<const unsigned char*>(data), length);
@@ -142,13 +141,12 @@ public:
             sent = true;
             if (length > 0)
                 m_toClient.append(data, static_cast<size_t>(length));
-            ++m_clientSends;
         });
         return sent;
     }
     IDatagramHandler* GetDatagramHandler() override { return m_datagramHandler; }
     IConnectionListener* GetConnectionListener() override { return m_listener; }
-    unsigned int GetClientBacklog() const override { return Locked([&] { return m_clientBacklog; }); }
+    unsigned int GetClientBacklog() const override { return 0; }
     void WakeConnection() override { Change([&] { ++m_wakes; }); }
     void WakeHandler() override
     {
@@ -179,10 +177,8 @@ public:
         int length = sizeof(storage);
         return policy.Build(m_settings.allowDestinations, m_settings.denyDestinations, m_settings.privatePorts, error) &&
                destination.GetSockAddr(reinterpret_cast<sockaddr*>(&storage), &length) &&
-               policy.Allows(storage, GetAddressManager(), m_beyondLoopback);
+               policy.Allows(storage, GetAddressManager(), false);
     }
-    // The proxy listens beyond loopback: this machine is no destination by default.
-    void SetListensBeyondLoopback(bool beyond) { m_beyondLoopback = beyond; }
     void DescribeExchange(const char* protocol, const std::string& destination) override
     {
         Locked([&] {
@@ -269,27 +265,10 @@ public:
 
     std::string GetToClient() const { return Locked([&] { return m_toClient; }); }
     std::string GetToHost() const { return Locked([&] { return m_toHost; }); }
-    // How many SendToHost / SendToClient calls carried the bytes, to check how they were grouped.
-    int GetSendToHostCalls() const { return Locked([&] { return m_hostSends; }); }
-    int GetSendToClientCalls() const { return Locked([&] { return m_clientSends; }); }
-    std::string WaitForClientBytes(size_t count, int timeoutMs = 5000)
-    {
-        WaitFor([&] { return m_toClient.size() >= count; }, timeoutMs);
-        return GetToClient();
-    }
-    bool WaitForDisconnect(int timeoutMs = 5000)
-    {
-        return WaitFor([&] { return m_disconnected; }, timeoutMs);
-    }
     int GetTerminateCalls() const { return Locked([&] { return m_terminates; }); }
     int GetConnectCalls() const { return Locked([&] { return m_connects; }); }
     int GetAdoptedLinks() const { return Locked([&] { return m_adopted; }); }
     int GetHostOutputEnds() const { return Locked([&] { return m_hostOutputEnds; }); }
-    QOX::CRefCountPtr<IZRTDataLayer> GetLink() const { return Locked([&] { return m_link; }); }
-    // Pretends the host link reported its closure.
-    void SetHostClosed() { Locked([&] { m_hostClosed = true; }); }
-    // Makes GetClientBacklog report a fixed value (flow-control tests); 0 by default.
-    void SetClientBacklog(unsigned int bytes) { Locked([&] { m_clientBacklog = bytes; }); }
 
 private:
     // The handler to terminate when a disconnect is due.
@@ -330,17 +309,12 @@ private:
     int m_disconnectCalls = 0;
     std::string m_toClient;
     std::string m_toHost;
-    int m_hostSends = 0;
-    int m_clientSends = 0;
     int m_terminates = 0;
     int m_connects = 0;
     int m_adopted = 0;
     int m_hostOutputEnds = 0;
     int m_wakes = 0;
-    unsigned int m_clientBacklog = 0;
     bool m_disconnected = false;
-    bool m_hostClosed = false;
-    bool m_beyondLoopback = false;
     int m_connectFailure = 0;
     int m_released = 0;
     std::vector<std::string> m_finishedRequests;

@@ -4,6 +4,8 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <functional>
+#include <memory>
 #include <string>
 #include <thread>
 #include <vector>
@@ -45,6 +47,27 @@ std::string WithField(const std::string& request, const std::string& field)
     const size_t end = request.find("\r\n") + 2;
     return request.substr(0, end) + field + "\r\n" + request.substr(end);
 }
+
+// A handler on a connection of its own, for cases that each need a fresh one.
+struct SExchange {
+    explicit SExchange(int keepAliveMs, const std::function<void(Proxy::SProxySettings&)>& settle = {})
+    {
+        connection.Settings().httpKeepAliveMs = keepAliveMs;
+        if (settle)
+            settle(connection.Settings());
+        handler.reset(new CConnectionProtocol_HTTP(connection));
+        connection.SetProtocol(handler.get());
+    }
+    // Hands bytes in as the connection would, then runs what it would run next.
+    void Request(const std::string& bytes)
+    {
+        handler->HandleRequest(bytes.data(), static_cast<int>(bytes.size()));
+        connection.RunPending();
+    }
+
+    FakeProxyConnection connection;
+    std::unique_ptr<CConnectionProtocol_HTTP> handler;
+};
 
 // A handler on a fake connection, with keep-alive on or off; names resolve to 127.0.0.1.
 class HTTPProxyTest : public ::testing::Test {
@@ -196,12 +219,9 @@ TEST_F(HTTPProxyTest, RequestsWhoseLengthOrRouteIsNotCertainAreRefusedBeforeAnyC
                                        std::string("GET http://server1/a\rb HTTP/1.1\r\n\r\n"),
                                        std::string("GET http://ser ver1/ HTTP/1.1\r\n\r\n"),
                                        std::string("GET / HTTP/1.1\r\nHost: a\x01z\r\n\r\n")}) {
-        FakeProxyConnection connection;
-        connection.Settings().httpKeepAliveMs = 60000;
-        CConnectionProtocol_HTTP handler(connection);
-        connection.SetProtocol(&handler);
-        handler.HandleRequest(request.data(), static_cast<int>(request.size()));
-        connection.RunPending();
+        SExchange x(60000);
+        x.Request(request);
+        const FakeProxyConnection& connection = x.connection;
         EXPECT_EQ(connection.GetToClient().rfind("HTTP/1.1 400 Bad Request\r\n", 0), 0u) << request;
         EXPECT_NE(connection.GetToClient().find("Connection: close\r\n"), std::string::npos) << request;
         EXPECT_FALSE(connection.IsConnectedToClient()) << request;
@@ -226,14 +246,11 @@ TEST_F(HTTPProxyTest, TheTraditionalRepliesOfOneRequestConnections)
     };
     m_resolver.SetResolveNumeric(false);
     for (const SCase& c : cases) {
-        FakeProxyConnection connection;
-        CConnectionProtocol_HTTP handler(connection);
-        connection.SetProtocol(&handler);
-        connection.GetMultiPointLayer().SetFail(c.connectFails);
-        handler.HandleRequest(c.request.data(), static_cast<int>(c.request.size()));
-        connection.RunPending();
-        EXPECT_EQ(c.reply, connection.GetToClient()) << c.request;
-        EXPECT_FALSE(connection.IsConnectedToClient()) << c.request;
+        SExchange x(0);
+        x.connection.GetMultiPointLayer().SetFail(c.connectFails);
+        x.Request(c.request);
+        EXPECT_EQ(c.reply, x.connection.GetToClient()) << c.request;
+        EXPECT_FALSE(x.connection.IsConnectedToClient()) << c.request;
     }
     EXPECT_EQ(0, m_resolver.GetRequestCount("myself:8080")) << "this machine is never looked up";
 }
@@ -253,20 +270,16 @@ TEST_F(HTTPProxyTest, PersistentRepliesSayWhatHappened)
         {"CONNECT server1:443 HTTP/1.1\r\n\r\n", "504 Gateway Timeout", ETIMEDOUT},
     };
     for (const SCase& c : cases) {
-        FakeProxyConnection connection;
-        connection.Settings().httpKeepAliveMs = 60000;
-        CConnectionProtocol_HTTP handler(connection);
-        connection.SetProtocol(&handler);
-        connection.GetMultiPointLayer().SetFail(c.connectFailure != 0);
-        connection.SetConnectFailure(c.connectFailure);
-        handler.HandleRequest(c.request.data(), static_cast<int>(c.request.size()));
-        connection.RunPending();
-        const std::string reply = connection.GetToClient();
+        SExchange x(60000);
+        x.connection.GetMultiPointLayer().SetFail(c.connectFailure != 0);
+        x.connection.SetConnectFailure(c.connectFailure);
+        x.Request(c.request);
+        const std::string reply = x.connection.GetToClient();
         EXPECT_EQ(reply.rfind(std::string("HTTP/1.1 ") + c.status + "\r\n", 0), 0u) << reply;
         const std::string body = reply.substr(reply.find("\r\n\r\n") + 4);
         EXPECT_NE(reply.find("Content-Length: " + std::to_string(body.size()) + "\r\n"), std::string::npos) << reply;
         EXPECT_FALSE(body.empty());
-        EXPECT_FALSE(connection.IsConnectedToClient());
+        EXPECT_FALSE(x.connection.IsConnectedToClient());
     }
 }
 
@@ -277,16 +290,12 @@ TEST_F(HTTPProxyTest, AnswersThatCannotBeTrustedBecome502AndEndTheConnection)
                                       std::string("HTTP/1.1\r\n\r\n"),
                                       std::string("HTTP/1.1 200 OK\r\nContent-Length: 2\r\nContent-Length: 3\r\n\r\n"),
                                       std::string("HTTP/1.1 200 OK\r\nX: a\rb\r\n\r\n")}) {
-        FakeProxyConnection connection;
-        connection.Settings().httpKeepAliveMs = 60000;
-        CConnectionProtocol_HTTP handler(connection);
-        connection.SetProtocol(&handler);
-        handler.HandleRequest(BROWSER_REQUEST.data(), static_cast<int>(BROWSER_REQUEST.size()));
-        connection.RunPending();
-        handler.HandleResponse(answer.data(), static_cast<int>(answer.size()));
-        EXPECT_EQ(connection.GetToClient().rfind("HTTP/1.1 502 Bad Gateway\r\n", 0), 0u) << answer;
-        EXPECT_EQ(connection.GetToClient().find("phish"), std::string::npos);
-        EXPECT_FALSE(connection.IsConnectedToClient());
+        SExchange x(60000);
+        x.Request(BROWSER_REQUEST);
+        x.handler->HandleResponse(answer.data(), static_cast<int>(answer.size()));
+        EXPECT_EQ(x.connection.GetToClient().rfind("HTTP/1.1 502 Bad Gateway\r\n", 0), 0u) << answer;
+        EXPECT_EQ(x.connection.GetToClient().find("phish"), std::string::npos);
+        EXPECT_FALSE(x.connection.IsConnectedToClient());
     }
 }
 
@@ -305,12 +314,10 @@ TEST_F(HTTPProxyTest, InterimAnswersPassAndAChunkedOneLosesItsChunksForAnHttp10C
 TEST_F(HTTPProxyTest, ATunnelTakesTheBytesBehindItsRequestAndParsesNothing)
 {
     for (const std::string method : {"CONNECT", "connect"}) {
-        FakeProxyConnection connection;
-        CConnectionProtocol_HTTP handler(connection);
-        connection.SetProtocol(&handler);
-        const std::string request = method + " server1:443 HTTP/1.1\r\nHost: server1:443\r\n\r\nEARLY";
-        handler.HandleRequest(request.data(), static_cast<int>(request.size()));
-        connection.RunPending();
+        SExchange x(0);
+        FakeProxyConnection& connection = x.connection;
+        CConnectionProtocol_HTTP& handler = *x.handler;
+        x.Request(method + " server1:443 HTTP/1.1\r\nHost: server1:443\r\n\r\nEARLY");
         EXPECT_EQ(OK_200, connection.GetToClient()) << method;
         EXPECT_EQ("EARLY", connection.GetToHost()) << method;
         handler.HandleRequest("GET / HTTP/1.1\r\n\r\n", 18);
@@ -341,11 +348,9 @@ TEST_F(HTTPProxyTest, ANameNotAnsweredInTimeIsRefusedAsTooSlowAndItsLookupCancel
 {
     m_resolver.SetMode(FakeResolver::NEVER_ANSWER);
     for (const int keepAliveMs : {0, 60000}) {
-        FakeProxyConnection connection;
-        connection.Settings().httpKeepAliveMs = keepAliveMs;
-        connection.Settings().lookupLimitMs = 20;
-        CConnectionProtocol_HTTP handler(connection);
-        connection.SetProtocol(&handler);
+        SExchange x(keepAliveMs, [](Proxy::SProxySettings& s) { s.lookupLimitMs = 20; });
+        FakeProxyConnection& connection = x.connection;
+        CConnectionProtocol_HTTP& handler = *x.handler;
         const std::string request = "GET http://slow" + std::to_string(keepAliveMs) + "/ HTTP/1.1\r\n\r\n";
         handler.HandleRequest(request.data(), static_cast<int>(request.size()));
         EXPECT_EQ(CConnectionProtocol_HTTP::EState::Resolve, handler.GetState());
@@ -380,16 +385,11 @@ TEST_F(HTTPProxyTest, CredentialsAreCheckedOnEachRequestAndNeverForwarded)
     for (const std::string& field : {std::string(), "Proxy-Authorization: Basic " + CBase64::Encode("alice:wrong"),
                                      std::string("Proxy-Authorization: Basic !!not-base64!!"),
                                      "Proxy-Authorization: Bearer " + CBase64::Encode("alice:s3:cret")}) {
-        FakeProxyConnection connection;
-        connection.Settings().users = {{"alice", "s3:cret"}};
-        CConnectionProtocol_HTTP handler(connection);
-        connection.SetProtocol(&handler);
-        const std::string request = field.empty() ? BROWSER_REQUEST : WithField(BROWSER_REQUEST, field);
-        handler.HandleRequest(request.data(), static_cast<int>(request.size()));
-        connection.RunPending();
-        EXPECT_EQ(AUTH_407, connection.GetToClient()) << field;
-        EXPECT_EQ(0, connection.GetConnectCalls()) << field;
-        EXPECT_EQ(EOutcome::AuthFailed, connection.GetOutcome()) << field;
+        SExchange x(0, [](Proxy::SProxySettings& s) { s.users = {{"alice", "s3:cret"}}; });
+        x.Request(field.empty() ? BROWSER_REQUEST : WithField(BROWSER_REQUEST, field));
+        EXPECT_EQ(AUTH_407, x.connection.GetToClient()) << field;
+        EXPECT_EQ(0, x.connection.GetConnectCalls()) << field;
+        EXPECT_EQ(EOutcome::AuthFailed, x.connection.GetOutcome()) << field;
     }
 }
 
@@ -589,6 +589,7 @@ TEST(CredentialsTest, MatchesOnlyTheWholeNameWithItsOwnPassword)
     EXPECT_FALSE(CCredentials::Check(users, "alice", "two"));
     EXPECT_FALSE(CCredentials::Check(users, "alic", "one"));
     EXPECT_FALSE(CCredentials::Check(users, "alice", "one "));
+    EXPECT_FALSE(CCredentials::Check(users, "alice", "on"));
     EXPECT_FALSE(CCredentials::Check(users, "alice", ""));
     EXPECT_FALSE(CCredentials::Check({}, "", ""));
     EXPECT_TRUE(CCredentials::Equal("", ""));

@@ -103,7 +103,7 @@ TEST(ByteBufferList, PeekAndDiscardAcrossBuffers)
     EXPECT_EQ(list.GetSize(), 0u);
 }
 
-TEST(ByteBufferPool, ReusesOnlyBuffersNobodyHolds)
+TEST(ByteBufferPool, ReusesOnlyBuffersNobodyHoldsAndNoOversizedOnes)
 {
     auto first = CByteBufferList::GetBuffer(reinterpret_cast<const unsigned char*>("abc"), 3);
     CByteBuffer* raw = first.GetRawPointer();
@@ -116,6 +116,14 @@ TEST(ByteBufferPool, ReusesOnlyBuffersNobodyHolds)
     auto third = CByteBufferList::GetBuffer(reinterpret_cast<const unsigned char*>("123"), 3);
     EXPECT_EQ(third.GetRawPointer(), raw);
     EXPECT_EQ(Unread(third), "123");
+
+    // Oversized buffers are not pooled.
+    std::vector<unsigned char> big(CByteBufferList::POOLED_BUFFER_SIZE + 10, 'x');
+    auto buffer = CByteBufferList::GetBuffer(big.data(), static_cast<unsigned int>(big.size()));
+    EXPECT_EQ(buffer->GetUnread(), big.size());
+    const unsigned int before = CByteBufferList::GetPoolSize();
+    CByteBufferList::ReclaimBuffer(buffer);
+    EXPECT_EQ(CByteBufferList::GetPoolSize(), before);
 }
 
 TEST(ByteBufferPool, StaysBoundedAndConsistentUnderConcurrency)
@@ -146,16 +154,6 @@ TEST(ByteBufferPool, StaysBoundedAndConsistentUnderConcurrency)
         thread.join();
     EXPECT_EQ(corrupted.load(), 0);
     EXPECT_LE(CByteBufferList::GetPoolSize(), CByteBufferList::POOL_LIMIT);
-}
-
-TEST(ByteBufferPool, OversizedBuffersAreNotPooled)
-{
-    std::vector<unsigned char> big(CByteBufferList::POOLED_BUFFER_SIZE + 10, 'x');
-    auto buffer = CByteBufferList::GetBuffer(big.data(), static_cast<unsigned int>(big.size()));
-    EXPECT_EQ(buffer->GetUnread(), big.size());
-    const unsigned int before = CByteBufferList::GetPoolSize();
-    CByteBufferList::ReclaimBuffer(buffer);
-    EXPECT_EQ(CByteBufferList::GetPoolSize(), before);
 }
 
 } // namespace
