@@ -21,7 +21,7 @@ namespace Proxy {
 // is cancelled, restarted or destroyed, so no answer reaches a handler that is gone.
 //
 // Threads: every operation on the owner's (connection's) thread; OnLookupDone on the resolver's.
-class CNameLookup : private CAddressManager::IWaiter {
+class CNameLookup final : private CAddressManager::IWaiter {
 public:
     using AddressPtr = CAddressManager::AddressPtr;
 

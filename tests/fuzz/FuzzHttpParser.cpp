@@ -16,7 +16,7 @@
 #include "proxy/http/CHTTPResponse.h"
 #include "proxy/http/CHTTPResponseParser.h"
 #include "proxy/http/CHTTPSyntax.h"
-#include "proxy/httpproxy/CConnectionProtocol_HTTP.h"
+#include "proxy/httpproxy/CProxyHTTPResponse.h"
 
 using namespace ZRT::Proxy;
 
@@ -32,7 +32,7 @@ void Check(bool condition)
 struct SParsers {
     CHTTPRequestParser request;
     CHTTPResponseParser response;
-    CConnectionProtocol_HTTP::CProxyHTTPResponseParser proxyResponse;
+    CProxyHTTPResponse::CParser proxyResponse;
 
     CHTTPParser& Pick(bool isRequest, bool proxyClasses)
     {
