@@ -324,8 +324,8 @@ int CEmbeddedProxy::NetworkChanged()
         return ZRT_E_REENTRANT;
     if (!IsRunning())
         return Fail(ZRT_E_NOT_RUNNING, "the proxy does not run");
-    m_proxy.GetServer().GetAddressManager().ForgetNetwork();
-    m_log.Emit(ZRT_LOG_INFO, "network changed: cached names forgotten");
+    m_proxy.GetServer().NetworkChanged();
+    m_log.Emit(ZRT_LOG_INFO, "network changed: cached names forgotten, links from vanished addresses ended");
     return Succeed();
 }
 

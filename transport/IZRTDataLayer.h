@@ -21,9 +21,10 @@ public:
     virtual int SendData(const unsigned char* data, int size) = 0;
 
     // Where the link leaves this host and its peer, in the socket form (*length: the room on
-    // entry, the length used on return), for the host's own use: the engine does not ask (its
-    // SOCKS5 replies name 0.0.0.0). A link that is not IP (a tunnel, a pipe, a VPN's stream)
-    // returns false and leaves both untouched.
+    // entry, the length used on return). The engine asks only for the local address, and only
+    // after a network change, to end links that leave from an address that went (its SOCKS5
+    // replies name 0.0.0.0). A link that is not IP (a tunnel, a pipe, a VPN's stream) returns
+    // false and leaves both untouched.
     virtual bool GetLocalAddress(sockaddr* address, int* length) const = 0;
     virtual bool GetRemoteAddress(sockaddr* address, int* length) const = 0;
 

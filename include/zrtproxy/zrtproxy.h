@@ -161,9 +161,9 @@ ZRT_API void zrt_proxy_stop(zrt_proxy_t* proxy);
 
 /* The machine's network changed (a phone moved from Wi-Fi to mobile data): forgets every name
  * the proxy cached and reads the machine's own addresses again, so that the next clients are
- * served by the new network's answers. Connections already open stay as they are (one whose
- * local address went away fails on its own when the system notices). ZRT_E_NOT_RUNNING when
- * stopped. */
+ * served by the new network's answers, and ends every connection whose link leaves from a local
+ * address the machine no longer has (its client is closed; links that are not IP stay).
+ * Connections on addresses that remain stay as they are. ZRT_E_NOT_RUNNING when stopped. */
 ZRT_API int zrt_proxy_network_changed(zrt_proxy_t* proxy);
 
 /* Why the last call on this handle failed, in one line; "" when it did not. The text stays valid

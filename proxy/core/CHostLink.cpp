@@ -23,6 +23,12 @@ bool CHostLink::Install(const LinkPtr& link, EState state)
     return true;
 }
 
+bool CHostLink::GetLocalAddress(sockaddr_storage& address) const
+{
+    int length = sizeof(address);
+    return m_link && m_link->GetLocalAddress(reinterpret_cast<sockaddr*>(&address), &length);
+}
+
 void CHostLink::MarkClosed()
 {
     if (m_state == EState::Open)

@@ -38,6 +38,8 @@ public:
     EState GetState() const { return m_state.load(); }
     // The link is this one (its report is not a stale one of an earlier link).
     bool IsCurrent(const IZRTDataLayer& link) const { return m_current.load() == &link; }
+    // The link's own address, when it has one (an IP link).
+    bool GetLocalAddress(sockaddr_storage& address) const;
     IZRTDataLayer* Get() const { return m_link.Get(); }
     // The link's reader descriptor, watched by the connection's loop; -1 when the link reports
     // its bytes through notifications instead.

@@ -195,7 +195,7 @@ void CProxy::SetAcceptHook(int (*hook)(void* context, const sockaddr* client, co
 
 void CProxy::NetworkChanged()
 {
-    m_parts->server->GetAddressManager().ForgetNetwork();
+    m_parts->server->NetworkChanged();
 }
 
 CProxyServer& CProxy::GetServer()

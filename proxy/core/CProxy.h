@@ -135,7 +135,8 @@ public:
     // COUNTER_REFUSED_NOT_ALLOWED). Null for none. Set it while stopped.
     void SetAcceptHook(int (*hook)(void* context, const sockaddr* client, const sockaddr* local), void* context);
     // The machine's network changed: forgets every cached name and reads this machine's own
-    // addresses again. Connections already open stay. The controlling thread's, while running.
+    // addresses again; connections whose link leaves from an address that went end, the others
+    // stay. The controlling thread's, while running.
     void NetworkChanged();
 
     // The engine behind this object, for the library's own C interface, tests and tools; not

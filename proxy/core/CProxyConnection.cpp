@@ -270,6 +270,8 @@ CProxyConnection::Next CProxyConnection::TakeNotices()
         return Abandon();
     if (notices & NOTICE_DISCONNECT)
         return EPhase::Drain;
+    if ((notices & NOTICE_NETWORK) && LinkLeftTheNetwork())
+        return Abandon();
     if (notices & NOTICE_HOST_DATA)
         m_pump.NoteHostBytes();
     TakeLinkNotices(notices);
@@ -498,6 +500,14 @@ bool CProxyConnection::MayReadClient() const
     const unsigned long long backlog =
         static_cast<unsigned long long>(m_protocol->GetRequestBacklog()) + m_link.GetSendBacklog();
     return backlog <= REQUEST_BACKLOG_LIMIT;
+}
+
+bool CProxyConnection::LinkLeftTheNetwork()
+{
+    sockaddr_storage local{};
+    if (m_link.GetState() != CHostLink::EState::Open || !m_link.GetLocalAddress(local))
+        return false; // not an IP link: the host's own affair
+    return (local.ss_family == AF_INET || local.ss_family == AF_INET6) && !GetAddressManager().IsThisMachine(local);
 }
 
 bool CProxyConnection::LinkHoldsUpClient() const

@@ -100,6 +100,8 @@ public:
     void Terminate();
     // Asks for that end without waiting for it; Terminate afterwards waits. Any thread.
     void RequestStop() { RequestStep(NOTICE_STOP); }
+    // The machine's addresses changed: a link whose local address is gone ends with its client.
+    void OnNetworkChanged() { RequestStep(NOTICE_NETWORK); }
     // Started and not finished yet. Any thread.
     bool IsRunning() const;
 
@@ -160,7 +162,8 @@ private:
         NOTICE_LINK_CLOSED = 1u << 5,
         NOTICE_HANDLER = 1u << 6,        // WakeHandler
         NOTICE_CONNECTOR = 1u << 7,      // the connect attempts have news (CHostConnector)
-        NOTICE_WAKE = 1u << 8            // something may read or write again (WakeConnection)
+        NOTICE_WAKE = 1u << 8,           // something may read or write again (WakeConnection)
+        NOTICE_NETWORK = 1u << 9         // OnNetworkChanged
     };
     static constexpr unsigned ENDING_NOTICES = NOTICE_STOP | NOTICE_CLIENT_FAILED | NOTICE_DISCONNECT;
     static constexpr unsigned LINK_NOTICES = NOTICE_HOST_DATA | NOTICE_LINK_CONNECTED | NOTICE_LINK_CLOSED;
@@ -210,6 +213,8 @@ private:
     uint32_t ClientInterest() const;
     bool MayReadClient() const;
     // The link's send backlog holds the client up (the link is asked again at its pace).
+    // The open link leaves from an address this machine no longer has.
+    bool LinkLeftTheNetwork();
     bool LinkHoldsUpClient() const;
     bool RoomForHostBytes() const;
     int NextWakeUp() const;

@@ -139,6 +139,14 @@ bool CProxyServer::StartProxy(const std::vector<std::string>& listenAddresses, i
     return FailStart("cannot start the event threads");
 }
 
+void CProxyServer::NetworkChanged()
+{
+    m_addressManager.ForgetNetwork();
+    std::lock_guard<std::mutex> hold(m_mutex);
+    for (CProxyConnection* connection : m_connections)
+        connection->OnNetworkChanged(); // each checks its link on its own thread
+}
+
 void CProxyServer::PrepareRun(const std::vector<std::string>& listenAddresses)
 {
     m_loginGuard.SetThreadPool(m_pool);

@@ -122,6 +122,9 @@ public:
     size_t GetListenCount() const;
     size_t GetConnectionCount() const;
     EProxyMode GetMode() const { return m_mode; }
+    // Forgets cached names, learns this machine's addresses again and ends the connections whose
+    // link left from an address that went. Any thread.
+    void NetworkChanged();
     CAddressManager& GetAddressManager() { return m_addressManager; }
     CLoginGuard& GetLoginGuard() { return m_loginGuard; }
     COriginPool& GetOriginPool() { return m_originPool; }

@@ -627,6 +627,41 @@ INSTANTIATE_TEST_SUITE_P(Marks, BackPressureTest,
                              return std::string(info.param.name);
                          });
 
+// A link that says which local address it leaves from.
+class LocatedLink : public FakeDataLayer {
+public:
+    explicit LocatedLink(const CTCPIPAddress& local) : m_local(local) {}
+    bool GetLocalAddress(sockaddr* address, int* length) const override { return m_local.GetSockAddr(address, length); }
+
+private:
+    const CTCPIPAddress m_local;
+};
+
+// After a network change, a tunnel whose link leaves from an address the machine no longer has
+// is ended with its client; one on an address that remains goes on.
+TEST_F(ProxyTest, ANetworkChangeEndsTheLinksFromAddressesThatWentAndNoOther)
+{
+    std::atomic<int> made{0};
+    SingleLinkLayer<LocatedLink> layer([&made] {
+        return new LocatedLink(made++ == 0 ? CTCPIPAddress(192, 0, 2, 1, 4000) : CTCPIPAddress(127, 0, 0, 1, 4000));
+    });
+    ASSERT_TRUE(m_proxy.StartProxy("127.0.0.1", 0, &m_resolver, &layer, &m_datagramHandler, &m_connectionListener));
+    const auto opened = [&](TestClient& client, int count) {
+        return client.Connect(m_proxy.GetListenPort()) && client.Send("go") &&
+               WaitUntil([&] { return made.load() == count && layer.Last()->GetSinkCount() > 0; });
+    };
+    TestClient gone;
+    TestClient stays;
+    ASSERT_TRUE(opened(gone, 1));
+    ASSERT_TRUE(opened(stays, 2));
+    m_proxy.NetworkChanged();
+    EXPECT_TRUE(gone.WaitForClose());
+    ASSERT_TRUE(WaitForConnections(1));
+    layer.Last()->PushFromRemote("still");
+    EXPECT_EQ(stays.Read(5), "still");
+    m_proxy.StopProxy();
+}
+
 // Ends: each side's end of sending is passed on, and the connection goes once both ended.
 
 TEST_F(ProxyTest, EitherSidesEndIsPassedOnAfterItsBytesAndTheOtherSideGoesOn)
