@@ -512,7 +512,9 @@ bool CProxyConnection::LinkLeftTheNetwork()
 
 bool CProxyConnection::LinkHoldsUpClient() const
 {
-    return m_phase == EPhase::Serve && m_toHost == EFlow::Open && m_link.GetSendBacklog() > 0 && !MayReadClient();
+    // Judged by what the client is watched for, not by a second reading of a backlog that the
+    // link's thread may empty in between: a link that never says it drained would stall it.
+    return m_phase == EPhase::Serve && m_toHost == EFlow::Open && (m_watches.GetEvents(ERole::CLIENT) & EPOLLIN) == 0;
 }
 
 bool CProxyConnection::RoomForHostBytes() const

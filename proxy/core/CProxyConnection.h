@@ -212,7 +212,7 @@ private:
     void ApplyPlan();
     uint32_t ClientInterest() const;
     bool MayReadClient() const;
-    // The link's send backlog holds the client up (the link is asked again at its pace).
+    // The client is not read while a backlog holds it up (the link is asked again at its pace).
     // The open link leaves from an address this machine no longer has.
     bool LinkLeftTheNetwork();
     bool LinkHoldsUpClient() const;
