@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstring>
+#include <utility>
 
 #include "proxy/address/CAddressManager.h"
 #include "proxy/core/SProxySettings.h"
@@ -28,14 +29,14 @@ bool NamesHost(const unsigned char* ip)
 
 // The offset of the first NUL in [from, from + limit], or 0 while none is there; `overflow` when
 // the limit passed without one.
-size_t FindEnd(const std::vector<unsigned char>& bytes, size_t from, size_t limit, bool& overflow)
+size_t FindEnd(const unsigned char* bytes, size_t size, size_t from, size_t limit, bool& overflow)
 {
-    const size_t stop = std::min(bytes.size(), from + limit + 1);
+    const size_t stop = std::min(size, from + limit + 1);
     for (size_t i = from; i < stop; ++i) {
         if (bytes[i] == 0)
             return i;
     }
-    overflow = bytes.size() > from + limit;
+    overflow = size > from + limit;
     return 0;
 }
 } // namespace
@@ -44,6 +45,7 @@ size_t FindEnd(const std::vector<unsigned char>& bytes, size_t from, size_t limi
 
 CConnectionProtocol_SOCKS4::CConnectionProtocol_SOCKS4(IProxyConnection& connection)
     : m_connection(connection),
+      m_input(connection),
       m_lookup([&connection] { connection.WakeHandler(); }, connection.GetSettings().lookupLimitMs)
 {
 }
@@ -55,8 +57,8 @@ CConnectionProtocol_SOCKS4::~CConnectionProtocol_SOCKS4()
 
 void CConnectionProtocol_SOCKS4::Terminate()
 {
-    m_state = EState::Closed;
-    m_buffer.clear();
+    Run(EEvent::Terminated);
+    m_input.Clear();
     m_lookup.Cancel();
     if (m_bind)
         m_bind->Stop();
@@ -64,19 +66,27 @@ void CConnectionProtocol_SOCKS4::Terminate()
 
 void CConnectionProtocol_SOCKS4::Close()
 {
-    m_state = EState::Closed;
-    m_buffer.clear();
+    m_input.Clear();
     m_connection.SetHandlerTimer(-1);
-    // The connection terminates us in turn (on this thread).
+    // Last: the connection may terminate us inside this call.
     if (m_connection.IsConnectedToClient())
         m_connection.DisconnectClient();
 }
 
-void CConnectionProtocol_SOCKS4::Refuse(EOutcome outcome)
+CConnectionProtocol_SOCKS4::EState CConnectionProtocol_SOCKS4::Refuse(EOutcome outcome)
 {
     m_connection.SetOutcome(outcome);
     SendReply(REP_REJECTED, nullptr);
-    Close();
+    return EState::Closed;
+}
+
+CSocksClientInput::EPhase CConnectionProtocol_SOCKS4::Phase() const
+{
+    if (m_state == EState::Relay)
+        return CSocksClientInput::EPhase::Relaying;
+    if (m_state == EState::Resolve || m_state == EState::Connect)
+        return CSocksClientInput::EPhase::Commanding;
+    return CSocksClientInput::EPhase::Negotiating;
 }
 
 // ---- entry points, all on the connection's thread ----
@@ -85,13 +95,8 @@ void CConnectionProtocol_SOCKS4::HandleRequest(const char* data, int length)
 {
     if (m_state == EState::Closed || !data || length <= 0)
         return;
-    // Relaying with nothing held: straight to the host, without the copy into the buffer.
-    if (PassesRequestsThrough()) {
-        m_connection.SendToHost(data, length);
-        return;
-    }
-    m_buffer.insert(m_buffer.end(), data, data + length);
-    DoLoop();
+    if (!m_input.PassOrHold(Phase(), data, length))
+        Run(EEvent::None);
 }
 
 void CConnectionProtocol_SOCKS4::HandleResponse(const char* data, int length)
@@ -102,19 +107,7 @@ void CConnectionProtocol_SOCKS4::HandleResponse(const char* data, int length)
 
 bool CConnectionProtocol_SOCKS4::HandleClientEnd()
 {
-    switch (m_state) {
-    case EState::Relay:
-        return m_connection.EndHostOutput();
-    case EState::Resolve:
-    case EState::Connect:
-        // A client that sent its request (and what follows it) and then finished still gets its
-        // answer: the end goes to the host behind those bytes once the relay starts.
-        m_clientEnded = true;
-        return true;
-    default:
-        // A BIND may wait minutes for its peer: a client that went must not hold the listener.
-        return false;
-    }
+    return m_input.End(Phase());
 }
 
 bool CConnectionProtocol_SOCKS4::HandleHostEnd()
@@ -124,74 +117,75 @@ bool CConnectionProtocol_SOCKS4::HandleHostEnd()
 
 void CConnectionProtocol_SOCKS4::OnHostConnected(bool connected)
 {
-    if (m_state != EState::Connect)
-        return;
-    if (!connected) {
-        Refuse(EOutcome::Unreachable);
-        return;
-    }
-    // The address fields of a CONNECT's reply mean nothing to the client.
-    SendReply(REP_GRANTED, nullptr);
-    m_state = EState::Relay;
-    DoLoop();
+    Run(connected ? EEvent::Connected : EEvent::ConnectFailed);
 }
 
 void CConnectionProtocol_SOCKS4::OnTimer()
 {
-    if (m_state == EState::Resolve) {
-        DoLoop(); // the lookup says whether its time ran out
-    } else if (m_state == EState::BindAccept) {
-        Refuse(EOutcome::Timeout);
-    }
+    Run(EEvent::Timer);
 }
 
 // ---- the state machine ----
 
+void CConnectionProtocol_SOCKS4::Run(EEvent event)
+{
+    m_event = event;
+    DoLoop();
+}
+
 void CConnectionProtocol_SOCKS4::DoLoop()
 {
-    for (;;) {
+    // The event is for the state it found; the steps after it see none.
+    EEvent event = std::exchange(m_event, EEvent::None);
+    while (m_state != EState::Closed) {
         const EState state = m_state;
-        EState next = state;
-        switch (state) {
-        case EState::Request:
-            next = DoRequest();
-            break;
-        case EState::Resolve:
-            next = DoResolveComplete();
-            break;
-        case EState::BindAccept:
-            next = DoBindAccept();
-            break;
-        case EState::Relay:
-            next = DoRelay();
-            break;
-        case EState::Connect: // OnHostConnected continues
-        case EState::Closed:
-            break;
-        }
-        if (m_state == EState::Closed)
-            return; // a step closed already (a refusal)
-        if (next == state)
-            return;
+        const EState next = event == EEvent::Terminated ? EState::Closed : DoStep(state, event);
+        if (next == state || m_state == EState::Closed)
+            return; // waiting, or terminated by the connection inside the step
         m_state = next;
         if (next == EState::Closed) {
-            Close();
+            // Terminate lets go of the rest itself; the connection knows already.
+            if (event != EEvent::Terminated)
+                Close();
             return;
         }
+        event = EEvent::None;
     }
+}
+
+CConnectionProtocol_SOCKS4::EState CConnectionProtocol_SOCKS4::DoStep(EState state, EEvent event)
+{
+    switch (state) {
+    case EState::Request:
+        return DoRequest();
+    case EState::Resolve:
+        return DoResolveComplete(); // a timer or an answer: the lookup says which
+    case EState::Connect:
+        return DoConnectOutcome(event);
+    case EState::BindAccept:
+        return DoBindAccept(event);
+    case EState::Relay:
+        // What the client sent while the command was under way goes first.
+        return m_input.Release() ? EState::Relay : EState::Closed;
+    case EState::Closed:
+        break;
+    }
+    return state;
 }
 
 CConnectionProtocol_SOCKS4::EParse CConnectionProtocol_SOCKS4::ParseRequest(SRequestLayout& layout) const
 {
-    if (m_buffer.size() < HEADER_LENGTH)
+    const unsigned char* data = m_input.Data();
+    const size_t size = m_input.Size();
+    if (size < HEADER_LENGTH)
         return EParse::Incomplete;
     bool overflow = false;
-    layout.userEnd = FindEnd(m_buffer, HEADER_LENGTH, MAX_FIELD_LENGTH, overflow);
+    layout.userEnd = FindEnd(data, size, HEADER_LENGTH, MAX_FIELD_LENGTH, overflow);
     if (layout.userEnd == 0)
         return overflow ? EParse::Malformed : EParse::Incomplete;
-    if (!NamesHost(m_buffer.data() + 4))
+    if (!NamesHost(data + 4))
         return EParse::Whole;
-    layout.nameEnd = FindEnd(m_buffer, layout.userEnd + 1, MAX_FIELD_LENGTH, overflow);
+    layout.nameEnd = FindEnd(data, size, layout.userEnd + 1, MAX_FIELD_LENGTH, overflow);
     if (layout.nameEnd == 0)
         return overflow ? EParse::Malformed : EParse::Incomplete;
     return EParse::Whole;
@@ -199,45 +193,37 @@ CConnectionProtocol_SOCKS4::EParse CConnectionProtocol_SOCKS4::ParseRequest(SReq
 
 CConnectionProtocol_SOCKS4::EState CConnectionProtocol_SOCKS4::DoRequest()
 {
-    const unsigned char* data = m_buffer.data();
-    if (!m_buffer.empty() && data[0] != SOCKS_VERSION) {
+    const unsigned char* data = m_input.Data();
+    if (m_input.Size() > 0 && data[0] != SOCKS_VERSION) {
         m_connection.SetOutcome(EOutcome::BadRequest);
         return EState::Closed;
     }
     // An unknown command is refused at once: what follows it may never end.
-    if (m_buffer.size() >= 2 && data[1] != CMD_CONNECT && data[1] != CMD_BIND) {
-        Refuse(EOutcome::BadRequest);
-        return EState::Closed;
-    }
+    if (m_input.Size() >= 2 && data[1] != CMD_CONNECT && data[1] != CMD_BIND)
+        return Refuse(EOutcome::BadRequest);
     SRequestLayout layout;
     const EParse parsed = ParseRequest(layout);
     if (parsed == EParse::Incomplete)
         return EState::Request;
-    if (parsed == EParse::Malformed) {
-        Refuse(EOutcome::BadRequest);
-        return EState::Closed;
-    }
+    if (parsed == EParse::Malformed)
+        return Refuse(EOutcome::BadRequest);
     const SDestination destination = TakeRequest(layout);
 
     // No password comes with SOCKS4: with users it is let in only when the settings say so.
     const SProxySettings& settings = m_connection.GetSettings();
-    if (!settings.users.empty() && !settings.socks4WithUsers) {
-        Refuse(EOutcome::AuthFailed);
-        return EState::Closed;
-    }
+    if (!settings.users.empty() && !settings.socks4WithUsers)
+        return Refuse(EOutcome::AuthFailed);
     if (!destination.named)
         return DoCommand(AddressPtr(destination.numeric.Clone()));
-    if (!CAddressManager::IsPlausibleHostName(destination.name)) {
-        Refuse(EOutcome::BadRequest);
-        return EState::Closed;
-    }
+    if (!CAddressManager::IsPlausibleHostName(destination.name))
+        return Refuse(EOutcome::BadRequest);
     m_lookup.Start(m_connection.GetAddressManager(), destination.key);
     return DoResolveComplete();
 }
 
 CConnectionProtocol_SOCKS4::SDestination CConnectionProtocol_SOCKS4::TakeRequest(const SRequestLayout& layout)
 {
-    const unsigned char* data = m_buffer.data();
+    const unsigned char* data = m_input.Data();
     m_command = data[1];
     const unsigned int port = static_cast<unsigned int>(data[2]) << 8 | data[3];
     const bool named = layout.nameEnd != 0;
@@ -246,8 +232,7 @@ CConnectionProtocol_SOCKS4::SDestination CConnectionProtocol_SOCKS4::TakeRequest
     if (named)
         destination.name.assign(reinterpret_cast<const char*>(data + layout.userEnd + 1), layout.nameEnd - layout.userEnd - 1);
     destination.key = named ? destination.name + ":" + std::to_string(port) : destination.numeric.ToString();
-    m_buffer.erase(m_buffer.begin(),
-                   m_buffer.begin() + static_cast<std::ptrdiff_t>((named ? layout.nameEnd : layout.userEnd) + 1));
+    m_input.Consume(static_cast<unsigned int>((named ? layout.nameEnd : layout.userEnd) + 1));
     m_connection.MarkRequestComplete();
     m_connection.SetUser(user);
     m_connection.DescribeExchange(m_command == CMD_BIND ? "bind" : named ? "socks4a" : "socks4", destination.key);
@@ -268,84 +253,67 @@ CConnectionProtocol_SOCKS4::EState CConnectionProtocol_SOCKS4::DoResolveComplete
 
 CConnectionProtocol_SOCKS4::EState CConnectionProtocol_SOCKS4::DoCommand(const AddressPtr& destination)
 {
-    if (!destination) {
-        Refuse(EOutcome::NoDestination);
-        return EState::Closed;
-    }
+    if (!destination)
+        return Refuse(EOutcome::NoDestination);
     return m_command == CMD_BIND ? DoBind(destination) : DoConnect(destination);
 }
 
 CConnectionProtocol_SOCKS4::EState CConnectionProtocol_SOCKS4::DoConnect(const AddressPtr& destination)
 {
     // A tunnel back into the proxy would loop until the descriptors run out.
-    if (m_connection.GetAddressManager().IsProxyItself(*destination)) {
-        Refuse(EOutcome::NotAllowed);
-        return EState::Closed;
-    }
-    if (!m_connection.IsDestinationAllowed(*destination)) {
-        Refuse(EOutcome::Denied);
-        return EState::Closed;
-    }
-    if (!m_connection.BeginConnectToHost(destination)) {
-        Refuse(EOutcome::Unreachable);
-        return EState::Closed;
-    }
+    if (m_connection.GetAddressManager().IsProxyItself(*destination))
+        return Refuse(EOutcome::NotAllowed);
+    if (!m_connection.IsDestinationAllowed(*destination))
+        return Refuse(EOutcome::Denied);
+    if (!m_connection.BeginConnectToHost(destination))
+        return Refuse(EOutcome::Unreachable);
     return EState::Connect;
+}
+
+CConnectionProtocol_SOCKS4::EState CConnectionProtocol_SOCKS4::DoConnectOutcome(EEvent event)
+{
+    if (event == EEvent::ConnectFailed)
+        return Refuse(EOutcome::Unreachable);
+    if (event != EEvent::Connected)
+        return EState::Connect;
+    // The address fields of a CONNECT's reply mean nothing to the client.
+    SendReply(REP_GRANTED, nullptr);
+    return EState::Relay;
 }
 
 CConnectionProtocol_SOCKS4::EState CConnectionProtocol_SOCKS4::DoBind(const AddressPtr& destination)
 {
     IConnectionListener* listener = m_connection.GetConnectionListener();
-    if (!listener) {
-        Refuse(EOutcome::BadRequest);
-        return EState::Closed;
-    }
+    if (!listener)
+        return Refuse(EOutcome::BadRequest);
     // 0.0.0.0 takes a peer from anywhere; any other address is judged as a destination.
     const std::string expected = CSocksAddress::HostKey(*destination);
     const bool anyPeer = expected.find_first_not_of('\0') == std::string::npos;
-    if (!anyPeer && !m_connection.IsDestinationAllowed(*destination)) {
-        Refuse(EOutcome::Denied);
-        return EState::Closed;
-    }
+    if (!anyPeer && !m_connection.IsDestinationAllowed(*destination))
+        return Refuse(EOutcome::Denied);
     m_bind.reset(new CSocks5Bind(m_connection));
     const AddressPtr listening = m_bind->Start(*listener, *destination);
-    if (!listening) {
-        Refuse(EOutcome::Unreachable);
-        return EState::Closed;
-    }
+    if (!listening)
+        return Refuse(EOutcome::Unreachable);
     SendReply(REP_GRANTED, listening.Get());
     m_connection.SetHandlerTimer(m_connection.GetSettings().bindWaitMs);
     return EState::BindAccept;
 }
 
-CConnectionProtocol_SOCKS4::EState CConnectionProtocol_SOCKS4::DoBindAccept()
+CConnectionProtocol_SOCKS4::EState CConnectionProtocol_SOCKS4::DoBindAccept(EEvent event)
 {
     QOX::CRefCountPtr<IZRTDataLayer> stream;
     AddressPtr peer;
     if (!m_bind || !m_bind->TakePeer(stream, peer))
-        return EState::BindAccept;
+        return event == EEvent::Timer ? Refuse(EOutcome::Timeout) : EState::BindAccept;
     m_connection.SetHandlerTimer(-1);
     // A BIND completes once: nobody else is awaited.
     m_bind->Stop();
     if (!peer || !m_connection.AdoptHostLink(stream)) {
         stream->Disconnect();
-        Refuse(EOutcome::Unreachable);
-        return EState::Closed;
+        return Refuse(EOutcome::Unreachable);
     }
     SendReply(REP_GRANTED, peer.Get());
-    return EState::Relay;
-}
-
-CConnectionProtocol_SOCKS4::EState CConnectionProtocol_SOCKS4::DoRelay()
-{
-    // What the client sent while the command was under way goes first.
-    if (!m_buffer.empty()) {
-        m_connection.SendToHost(reinterpret_cast<const char*>(m_buffer.data()), static_cast<int>(m_buffer.size()));
-        m_buffer.clear();
-    }
-    if (m_clientEnded && !m_connection.EndHostOutput())
-        return EState::Closed;
-    m_clientEnded = false;
     return EState::Relay;
 }
 

@@ -2,12 +2,12 @@
 
 #include <memory>
 #include <string>
-#include <vector>
 
 #include "proxy/address/CNameLookup.h"
 #include "proxy/core/IConnectionProtocol.h"
 #include "proxy/core/IProxyConnection.h"
 #include "proxy/socks5/CSocks5Bind.h"
+#include "proxy/socks5/CSocksClientInput.h"
 #include "runtime/CRefCountPtr.h"
 #include "runtime/Export.h"
 #include "transport/CTCPIPAddress.h"
@@ -20,11 +20,10 @@ namespace Proxy {
 // destination as an IPv4 address or (4A) a name the proxy resolves. SOCKS4 carries no password:
 // while the proxy has users it is refused unless the settings let it in (socks4WithUsers).
 //
-// One state machine on the connection's thread. DoLoop runs the step of the current state until
-// a step has to wait; the waits end through the connection's callbacks on the same thread: Resume
-// (a name lookup answered, a BIND peer arrived), OnHostConnected (CONNECT's link), OnTimer (the
-// limits of a lookup and of a BIND). Client bytes that arrive meanwhile wait in the buffer and go
-// to the host once the relay starts. A BIND's peer becomes the connection's host link, so CONNECT
+// One state machine on the connection's thread, run by DoLoop alone: each entry point hands its
+// event (a lookup answered or a BIND peer arrived, CONNECT's outcome, a timer) to the step of the
+// current state, and DoLoop runs steps until one has to wait. Client bytes that arrive meanwhile
+// wait in the input and go to the host once the relay starts. A BIND's peer becomes the connection's host link, so CONNECT
 // and BIND relay alike, through the connection.
 //
 //   Request -> [Resolve] -> Connect -> Relay
@@ -46,13 +45,13 @@ public:
     void Terminate() override;
     void HandleRequest(const char* data, int length) override;
     void HandleResponse(const char* data, int length) override;
-    unsigned int GetRequestBacklog() const override { return static_cast<unsigned int>(m_buffer.size()); }
+    unsigned int GetRequestBacklog() const override { return m_input.Size(); }
     bool PassesResponsesThrough() const override { return m_state == EState::Relay; }
-    bool PassesRequestsThrough() const override { return m_state == EState::Relay && m_buffer.empty(); }
+    bool PassesRequestsThrough() const override { return m_input.PassesThrough(Phase()); }
     bool HandleClientEnd() override;
     bool HandleHostEnd() override;
     void OnHostConnected(bool connected) override;
-    void Resume() override { DoLoop(); }
+    void Resume() override { Run(EEvent::Woken); }
     void OnTimer() override;
     const char* GetFamily() const override { return "socks4"; }
 
@@ -75,30 +74,36 @@ private:
         std::string key;  // name:port, or the numeric address's text
     };
 
+    // What an entry point hands to the step of the current state.
+    enum class EEvent { None, Woken, Connected, ConnectFailed, Timer, Terminated };
+
+    void Run(EEvent event);
     void DoLoop();
+    EState DoStep(EState state, EEvent event);
     EState DoRequest();
     EState DoResolveComplete();
     EState DoCommand(const AddressPtr& destination);
     EState DoConnect(const AddressPtr& destination);
+    EState DoConnectOutcome(EEvent event);
     EState DoBind(const AddressPtr& destination);
-    EState DoBindAccept();
+    EState DoBindAccept(EEvent event);
     EState DoRelay();
     EParse ParseRequest(SRequestLayout& layout) const;
     // Records the request's command, user and destination and drops it from the buffer.
     SDestination TakeRequest(const SRequestLayout& layout);
-    // Leaves for Closed: drops what is buffered and asks the connection to end.
+    // On entering Closed: drops what is held and asks the connection to end.
     void Close();
-    // Replies 91 (with no address), records the outcome, and closes.
-    void Refuse(EOutcome outcome);
+    CSocksClientInput::EPhase Phase() const;
+    // Replies 91 (with no address) and records the outcome; Closed.
+    EState Refuse(EOutcome outcome);
     // VN 0, the code, then the address's port and IPv4 address (zeros for none, or for IPv6).
     void SendReply(int code, const IZRTConnectionAddress* address);
 
     IProxyConnection& m_connection;
     EState m_state = EState::Request;
-    std::vector<unsigned char> m_buffer;
+    EEvent m_event = EEvent::None;
+    CSocksClientInput m_input;
     unsigned char m_command = 0;
-    // The client finished sending while its command was under way.
-    bool m_clientEnded = false;
     CNameLookup m_lookup;
     std::unique_ptr<CSocks5Bind> m_bind;
 };

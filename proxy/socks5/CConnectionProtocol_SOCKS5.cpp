@@ -65,29 +65,11 @@ bool IsUnspecifiedAddress(const IZRTConnectionAddress& address)
 }
 } // namespace
 
-// ---- CBuffer ----
-
-bool CConnectionProtocol_SOCKS5::CBuffer::AppendData(const char* data, unsigned int length)
-{
-    if (length == 0 || !data)
-        return false;
-    m_bytes.insert(m_bytes.end(), data, data + length);
-    return true;
-}
-
-void CConnectionProtocol_SOCKS5::CBuffer::Consume(unsigned int count)
-{
-    if (count >= m_bytes.size()) {
-        m_bytes.clear();
-        return;
-    }
-    m_bytes.erase(m_bytes.begin(), m_bytes.begin() + count);
-}
-
 // ---- life cycle ----
 
 CConnectionProtocol_SOCKS5::CConnectionProtocol_SOCKS5(IProxyConnection& connection)
     : m_connection(connection),
+      m_input(connection),
       m_lookup([&connection] { connection.WakeHandler(); }, connection.GetSettings().lookupLimitMs),
       m_login(connection)
 {
@@ -103,7 +85,7 @@ void CConnectionProtocol_SOCKS5::Init() {}
 void CConnectionProtocol_SOCKS5::Terminate()
 {
     Run(EEvent::Terminated);
-    m_buffer.Clear();
+    m_input.Clear();
     m_lookup.Cancel();
     m_login.Cancel();
     if (m_bind)
@@ -114,7 +96,7 @@ void CConnectionProtocol_SOCKS5::Terminate()
 
 void CConnectionProtocol_SOCKS5::Close()
 {
-    m_buffer.Clear();
+    m_input.Clear();
     m_connection.SetHandlerTimer(-1);
     // Last: the connection may terminate us inside this call.
     if (m_connection.IsConnectedToClient())
@@ -134,13 +116,8 @@ void CConnectionProtocol_SOCKS5::HandleRequest(const char* data, int length)
 {
     if (m_state == EState::Closed || !data || length <= 0)
         return;
-    // Relaying with nothing held: straight to the host, without the copy into the buffer.
-    if (PassesRequestsThrough()) {
-        m_connection.SendToHost(data, length);
-        return;
-    }
-    m_buffer.AppendData(data, static_cast<unsigned int>(length));
-    Run(EEvent::None);
+    if (!m_input.PassOrHold(Phase(), data, length))
+        Run(EEvent::None);
 }
 
 void CConnectionProtocol_SOCKS5::HandleResponse(const char* data, int length)
@@ -151,20 +128,16 @@ void CConnectionProtocol_SOCKS5::HandleResponse(const char* data, int length)
 
 bool CConnectionProtocol_SOCKS5::HandleClientEnd()
 {
-    switch (m_state) {
-    case EState::Relay:
-        return m_connection.EndHostOutput();
-    case EState::Resolve:
-    case EState::Connect:
-        // A client that sent its request (and what follows it) and then finished still gets its
-        // answer: the end goes to the host behind those bytes once the relay starts.
-        m_clientEnded = true;
-        return true;
-    default:
-        // Not before its answer: a BIND may wait minutes for its peer, and a client that went
-        // must not hold the listener and a client slot all that time.
-        return false;
-    }
+    return m_input.End(Phase());
+}
+
+CSocksClientInput::EPhase CConnectionProtocol_SOCKS5::Phase() const
+{
+    if (m_state == EState::Relay)
+        return CSocksClientInput::EPhase::Relaying;
+    if (m_state == EState::Resolve || m_state == EState::Connect)
+        return CSocksClientInput::EPhase::Commanding;
+    return CSocksClientInput::EPhase::Negotiating;
 }
 
 bool CConnectionProtocol_SOCKS5::HandleHostEnd()
@@ -254,8 +227,8 @@ CConnectionProtocol_SOCKS5::EState CConnectionProtocol_SOCKS5::DoStep(EState sta
 
 CConnectionProtocol_SOCKS5::EState CConnectionProtocol_SOCKS5::DoGreeting()
 {
-    const unsigned int size = m_buffer.GetSize();
-    const unsigned char* data = m_buffer.GetData();
+    const unsigned int size = m_input.Size();
+    const unsigned char* data = m_input.Data();
     if (size < 2)
         return EState::Greeting;
     if (data[0] != SOCKS_VERSION) {
@@ -269,7 +242,7 @@ CConnectionProtocol_SOCKS5::EState CConnectionProtocol_SOCKS5::DoGreeting()
     const bool withUsers = !m_connection.GetSettings().users.empty();
     const unsigned char wanted = withUsers ? METHOD_USERNAME_PASSWORD : METHOD_NO_AUTHENTICATION;
     const bool accepted = methods > 0 && std::memchr(data + 2, wanted, methods) != nullptr;
-    m_buffer.Consume(methods + 2);
+    m_input.Consume(methods + 2);
     const char reply[2] = {static_cast<char>(SOCKS_VERSION),
                            static_cast<char>(accepted ? wanted : METHOD_NONE_ACCEPTABLE)};
     m_connection.SendToClient(reply, 2);
@@ -283,8 +256,8 @@ CConnectionProtocol_SOCKS5::EState CConnectionProtocol_SOCKS5::DoGreeting()
 CConnectionProtocol_SOCKS5::EState CConnectionProtocol_SOCKS5::DoAuthenticate()
 {
     // VER ULEN UNAME PLEN PASSWD, each length one byte.
-    const unsigned int size = m_buffer.GetSize();
-    const unsigned char* data = m_buffer.GetData();
+    const unsigned int size = m_input.Size();
+    const unsigned char* data = m_input.Data();
     if (size < 2)
         return EState::Authenticate;
     const unsigned int userLength = data[1];
@@ -296,7 +269,7 @@ CConnectionProtocol_SOCKS5::EState CConnectionProtocol_SOCKS5::DoAuthenticate()
     const std::string user(reinterpret_cast<const char*>(data + 2), userLength);
     const std::string password(reinterpret_cast<const char*>(data + 3 + userLength), passwordLength);
     const bool versionOk = data[0] == AUTH_VERSION;
-    m_buffer.Consume(3 + userLength + passwordLength);
+    m_input.Consume(3 + userLength + passwordLength);
     m_connection.SetUser(user);
     if (!versionOk) {
         AnswerLogin(false);
@@ -329,8 +302,8 @@ void CConnectionProtocol_SOCKS5::AnswerLogin(bool valid)
 
 CConnectionProtocol_SOCKS5::EState CConnectionProtocol_SOCKS5::DoRequest()
 {
-    const unsigned int size = m_buffer.GetSize();
-    const unsigned char* data = m_buffer.GetData();
+    const unsigned int size = m_input.Size();
+    const unsigned char* data = m_input.Data();
     if (size < 4)
         return EState::Request;
     if (data[0] != SOCKS_VERSION) {
@@ -347,7 +320,7 @@ CConnectionProtocol_SOCKS5::EState CConnectionProtocol_SOCKS5::DoRequest()
         return EState::Request;
     unsigned char request[CSocksAddress::MAX_REQUEST_LENGTH];
     std::memcpy(request, data, length);
-    m_buffer.Consume(length);
+    m_input.Consume(length);
     m_connection.MarkRequestComplete();
     m_command = request[1];
     static const char* const KINDS[] = {"socks5", "socks5", "bind", "udp"};
@@ -480,7 +453,7 @@ CConnectionProtocol_SOCKS5::EState CConnectionProtocol_SOCKS5::DoUdpAssociate(co
 CConnectionProtocol_SOCKS5::EState CConnectionProtocol_SOCKS5::DoUdpAssociated(EEvent event)
 {
     // The TCP connection of an association carries nothing; a byte on it ends everything.
-    if (m_buffer.GetSize() > 0)
+    if (m_input.Size() > 0)
         return EState::Closed;
     if (event == EEvent::Readable)
         m_udp->OnReadable();
@@ -494,15 +467,7 @@ CConnectionProtocol_SOCKS5::EState CConnectionProtocol_SOCKS5::DoUdpAssociated(E
 CConnectionProtocol_SOCKS5::EState CConnectionProtocol_SOCKS5::DoRelay()
 {
     // What the client sent while the command was under way goes first.
-    const unsigned int size = m_buffer.GetSize();
-    if (size > 0) {
-        m_connection.SendToHost(reinterpret_cast<const char*>(m_buffer.GetData()), static_cast<int>(size));
-        m_buffer.Clear();
-    }
-    if (m_clientEnded && !m_connection.EndHostOutput())
-        return EState::Closed;
-    m_clientEnded = false;
-    return EState::Relay;
+    return m_input.Release() ? EState::Relay : EState::Closed;
 }
 
 // ---- replies ----

@@ -11,6 +11,7 @@
 #include "proxy/core/IConnectionProtocol.h"
 #include "proxy/core/IProxyConnection.h"
 #include "proxy/socks5/CSocks5Bind.h"
+#include "proxy/socks5/CSocksClientInput.h"
 #include "proxy/socks5/CSocks5UdpRelay.h"
 #include "runtime/CRefCountPtr.h"
 #include "runtime/Export.h"
@@ -44,20 +45,6 @@ class ZRT_EXPORT CConnectionProtocol_SOCKS5 : public IConnectionProtocol {
 public:
     enum class EState { Greeting, Authenticate, Login, Request, Resolve, Connect, BindAccept, Relay, UdpAssociated, Closed };
 
-    // Client bytes not yet processed; the connection's thread alone uses it.
-    class ZRT_EXPORT CBuffer {
-    public:
-        bool AppendData(const char* data, unsigned int length);
-        bool AddData(const char* data, unsigned int length) { return AppendData(data, length); }
-        void Consume(unsigned int count);
-        void Clear() { m_bytes.clear(); }
-        unsigned int GetSize() const { return static_cast<unsigned int>(m_bytes.size()); }
-        const unsigned char* GetData() const { return m_bytes.data(); }
-
-    private:
-        std::vector<unsigned char> m_bytes;
-    };
-
     explicit CConnectionProtocol_SOCKS5(IProxyConnection& connection);
     ~CConnectionProtocol_SOCKS5() override;
     CConnectionProtocol_SOCKS5(const CConnectionProtocol_SOCKS5&) = delete;
@@ -67,9 +54,9 @@ public:
     void Terminate() override;
     void HandleRequest(const char* data, int length) override;
     void HandleResponse(const char* data, int length) override;
-    unsigned int GetRequestBacklog() const override { return m_buffer.GetSize(); }
+    unsigned int GetRequestBacklog() const override { return m_input.Size(); }
     bool PassesResponsesThrough() const override { return m_state == EState::Relay; }
-    bool PassesRequestsThrough() const override { return m_state == EState::Relay && m_buffer.GetSize() == 0; }
+    bool PassesRequestsThrough() const override { return m_input.PassesThrough(Phase()); }
     bool HandleClientEnd() override;
     bool HandleHostEnd() override;
     void OnHostConnected(bool connected) override;
@@ -105,6 +92,7 @@ private:
     EState DoRelay();
     // On entering Closed: drops what is buffered and asks the connection to end.
     void Close();
+    CSocksClientInput::EPhase Phase() const;
     // The username/password reply; a failure is recorded.
     void AnswerLogin(bool valid);
     // Replies with the code (0.0.0.0 and the client's port) and records the outcome; Closed.
@@ -118,10 +106,8 @@ private:
     IProxyConnection& m_connection;
     EState m_state = EState::Greeting;
     EEvent m_event = EEvent::None;
-    CBuffer m_buffer;
+    CSocksClientInput m_input;
     unsigned char m_command = 0;
-    // The client finished sending while its command was under way.
-    bool m_clientEnded = false;
     AddressPtr m_destination;
     CNameLookup m_lookup;
     CLoginCheck m_login;
