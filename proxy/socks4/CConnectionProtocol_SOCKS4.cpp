@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstring>
-#include <utility>
 
 #include "proxy/address/CAddressManager.h"
 #include "proxy/core/SProxySettings.h"
@@ -44,8 +43,7 @@ size_t FindEnd(const unsigned char* bytes, size_t size, size_t from, size_t limi
 // ---- life cycle ----
 
 CConnectionProtocol_SOCKS4::CConnectionProtocol_SOCKS4(IProxyConnection& connection)
-    : m_connection(connection),
-      m_input(connection),
+    : CSocksHandler(connection, EState::Request),
       m_lookup([&connection] { connection.WakeHandler(); }, connection.GetSettings().lookupLimitMs)
 {
 }
@@ -57,20 +55,11 @@ CConnectionProtocol_SOCKS4::~CConnectionProtocol_SOCKS4()
 
 void CConnectionProtocol_SOCKS4::Terminate()
 {
-    Run(EEvent::Terminated);
+    Run(ESocksEvent::Terminated);
     m_input.Clear();
     m_lookup.Cancel();
     if (m_bind)
         m_bind->Stop();
-}
-
-void CConnectionProtocol_SOCKS4::Close()
-{
-    m_input.Clear();
-    m_connection.SetHandlerTimer(-1);
-    // Last: the connection may terminate us inside this call.
-    if (m_connection.IsConnectedToClient())
-        m_connection.DisconnectClient();
 }
 
 CConnectionProtocol_SOCKS4::EState CConnectionProtocol_SOCKS4::Refuse(EOutcome outcome)
@@ -80,80 +69,9 @@ CConnectionProtocol_SOCKS4::EState CConnectionProtocol_SOCKS4::Refuse(EOutcome o
     return EState::Closed;
 }
 
-CSocksClientInput::EPhase CConnectionProtocol_SOCKS4::Phase() const
-{
-    if (m_state == EState::Relay)
-        return CSocksClientInput::EPhase::Relaying;
-    if (m_state == EState::Resolve || m_state == EState::Connect)
-        return CSocksClientInput::EPhase::Commanding;
-    return CSocksClientInput::EPhase::Negotiating;
-}
-
-// ---- entry points, all on the connection's thread ----
-
-void CConnectionProtocol_SOCKS4::HandleRequest(const char* data, int length)
-{
-    if (m_state == EState::Closed || !data || length <= 0)
-        return;
-    if (!m_input.PassOrHold(Phase(), data, length))
-        Run(EEvent::None);
-}
-
-void CConnectionProtocol_SOCKS4::HandleResponse(const char* data, int length)
-{
-    if (m_state == EState::Relay && data && length > 0)
-        m_connection.SendToClient(data, length);
-}
-
-bool CConnectionProtocol_SOCKS4::HandleClientEnd()
-{
-    return m_input.End(Phase());
-}
-
-bool CConnectionProtocol_SOCKS4::HandleHostEnd()
-{
-    return m_state == EState::Relay;
-}
-
-void CConnectionProtocol_SOCKS4::OnHostConnected(bool connected)
-{
-    Run(connected ? EEvent::Connected : EEvent::ConnectFailed);
-}
-
-void CConnectionProtocol_SOCKS4::OnTimer()
-{
-    Run(EEvent::Timer);
-}
-
 // ---- the state machine ----
 
-void CConnectionProtocol_SOCKS4::Run(EEvent event)
-{
-    m_event = event;
-    DoLoop();
-}
-
-void CConnectionProtocol_SOCKS4::DoLoop()
-{
-    // The event is for the state it found; the steps after it see none.
-    EEvent event = std::exchange(m_event, EEvent::None);
-    while (m_state != EState::Closed) {
-        const EState state = m_state;
-        const EState next = event == EEvent::Terminated ? EState::Closed : DoStep(state, event);
-        if (next == state || m_state == EState::Closed)
-            return; // waiting, or terminated by the connection inside the step
-        m_state = next;
-        if (next == EState::Closed) {
-            // Terminate lets go of the rest itself; the connection knows already.
-            if (event != EEvent::Terminated)
-                Close();
-            return;
-        }
-        event = EEvent::None;
-    }
-}
-
-CConnectionProtocol_SOCKS4::EState CConnectionProtocol_SOCKS4::DoStep(EState state, EEvent event)
+CConnectionProtocol_SOCKS4::EState CConnectionProtocol_SOCKS4::DoStep(EState state, ESocksEvent event)
 {
     switch (state) {
     case EState::Request:
@@ -270,11 +188,11 @@ CConnectionProtocol_SOCKS4::EState CConnectionProtocol_SOCKS4::DoConnect(const A
     return EState::Connect;
 }
 
-CConnectionProtocol_SOCKS4::EState CConnectionProtocol_SOCKS4::DoConnectOutcome(EEvent event)
+CConnectionProtocol_SOCKS4::EState CConnectionProtocol_SOCKS4::DoConnectOutcome(ESocksEvent event)
 {
-    if (event == EEvent::ConnectFailed)
+    if (event == ESocksEvent::ConnectFailed)
         return Refuse(EOutcome::Unreachable);
-    if (event != EEvent::Connected)
+    if (event != ESocksEvent::Connected)
         return EState::Connect;
     // The address fields of a CONNECT's reply mean nothing to the client.
     SendReply(REP_GRANTED, nullptr);
@@ -300,12 +218,12 @@ CConnectionProtocol_SOCKS4::EState CConnectionProtocol_SOCKS4::DoBind(const Addr
     return EState::BindAccept;
 }
 
-CConnectionProtocol_SOCKS4::EState CConnectionProtocol_SOCKS4::DoBindAccept(EEvent event)
+CConnectionProtocol_SOCKS4::EState CConnectionProtocol_SOCKS4::DoBindAccept(ESocksEvent event)
 {
     QOX::CRefCountPtr<IZRTDataLayer> stream;
     AddressPtr peer;
     if (!m_bind || !m_bind->TakePeer(stream, peer))
-        return event == EEvent::Timer ? Refuse(EOutcome::Timeout) : EState::BindAccept;
+        return event == ESocksEvent::Timer ? Refuse(EOutcome::Timeout) : EState::BindAccept;
     m_connection.SetHandlerTimer(-1);
     // A BIND completes once: nobody else is awaited.
     m_bind->Stop();

@@ -4,10 +4,9 @@
 #include <string>
 
 #include "proxy/address/CNameLookup.h"
-#include "proxy/core/IConnectionProtocol.h"
 #include "proxy/core/IProxyConnection.h"
 #include "proxy/socks5/CSocks5Bind.h"
-#include "proxy/socks5/CSocksClientInput.h"
+#include "proxy/socks5/CSocksHandler.h"
 #include "runtime/CRefCountPtr.h"
 #include "runtime/Export.h"
 #include "transport/CTCPIPAddress.h"
@@ -20,18 +19,18 @@ namespace Proxy {
 // destination as an IPv4 address or (4A) a name the proxy resolves. SOCKS4 carries no password:
 // while the proxy has users it is refused unless the settings let it in (socks4WithUsers).
 //
-// One state machine on the connection's thread, run by DoLoop alone: each entry point hands its
-// event (a lookup answered or a BIND peer arrived, CONNECT's outcome, a timer) to the step of the
-// current state, and DoLoop runs steps until one has to wait. Client bytes that arrive meanwhile
-// wait in the input and go to the host once the relay starts. A BIND's peer becomes the connection's host link, so CONNECT
+// One state machine (see CSocksHandler) on the connection's thread; its events: client bytes, a
+// lookup answered or a BIND peer arrived (Resume), CONNECT's outcome, a timer, Terminate. A BIND's peer becomes the connection's host link, so CONNECT
 // and BIND relay alike, through the connection.
 //
 //   Request -> [Resolve] -> Connect -> Relay
 //                        -> BindAccept -> Relay
 //   any state -> Closed (a refusal, an error, the client's end, Terminate)
-class ZRT_EXPORT CConnectionProtocol_SOCKS4 : public IConnectionProtocol {
+enum class ESocks4State { Request, Resolve, Connect, BindAccept, Relay, Closed };
+
+class ZRT_EXPORT CConnectionProtocol_SOCKS4 : public CSocksHandler<ESocks4State> {
 public:
-    enum class EState { Request, Resolve, Connect, BindAccept, Relay, Closed };
+    using EState = ESocks4State;
 
     // The longest user id and host name taken, without their NUL.
     static constexpr unsigned int MAX_FIELD_LENGTH = 255;
@@ -43,19 +42,7 @@ public:
 
     void Init() override {}
     void Terminate() override;
-    void HandleRequest(const char* data, int length) override;
-    void HandleResponse(const char* data, int length) override;
-    unsigned int GetRequestBacklog() const override { return m_input.Size(); }
-    bool PassesResponsesThrough() const override { return m_state == EState::Relay; }
-    bool PassesRequestsThrough() const override { return m_input.PassesThrough(Phase()); }
-    bool HandleClientEnd() override;
-    bool HandleHostEnd() override;
-    void OnHostConnected(bool connected) override;
-    void Resume() override { Run(EEvent::Woken); }
-    void OnTimer() override;
     const char* GetFamily() const override { return "socks4"; }
-
-    EState GetState() const { return m_state; }
 
 private:
     using AddressPtr = QOX::CRefCountPtr<IZRTConnectionAddress>;
@@ -74,35 +61,23 @@ private:
         std::string key;  // name:port, or the numeric address's text
     };
 
-    // What an entry point hands to the step of the current state.
-    enum class EEvent { None, Woken, Connected, ConnectFailed, Timer, Terminated };
-
-    void Run(EEvent event);
-    void DoLoop();
-    EState DoStep(EState state, EEvent event);
+    EState DoStep(EState state, ESocksEvent event) override;
     EState DoRequest();
     EState DoResolveComplete();
     EState DoCommand(const AddressPtr& destination);
     EState DoConnect(const AddressPtr& destination);
-    EState DoConnectOutcome(EEvent event);
+    EState DoConnectOutcome(ESocksEvent event);
     EState DoBind(const AddressPtr& destination);
-    EState DoBindAccept(EEvent event);
+    EState DoBindAccept(ESocksEvent event);
     EState DoRelay();
     EParse ParseRequest(SRequestLayout& layout) const;
     // Records the request's command, user and destination and drops it from the buffer.
     SDestination TakeRequest(const SRequestLayout& layout);
-    // On entering Closed: drops what is held and asks the connection to end.
-    void Close();
-    CSocksClientInput::EPhase Phase() const;
     // Replies 91 (with no address) and records the outcome; Closed.
     EState Refuse(EOutcome outcome);
     // VN 0, the code, then the address's port and IPv4 address (zeros for none, or for IPv6).
     void SendReply(int code, const IZRTConnectionAddress* address);
 
-    IProxyConnection& m_connection;
-    EState m_state = EState::Request;
-    EEvent m_event = EEvent::None;
-    CSocksClientInput m_input;
     unsigned char m_command = 0;
     CNameLookup m_lookup;
     std::unique_ptr<CSocks5Bind> m_bind;

@@ -68,8 +68,7 @@ bool IsUnspecifiedAddress(const IZRTConnectionAddress& address)
 // ---- life cycle ----
 
 CConnectionProtocol_SOCKS5::CConnectionProtocol_SOCKS5(IProxyConnection& connection)
-    : m_connection(connection),
-      m_input(connection),
+    : CSocksHandler(connection, EState::Greeting),
       m_lookup([&connection] { connection.WakeHandler(); }, connection.GetSettings().lookupLimitMs),
       m_login(connection)
 {
@@ -84,7 +83,7 @@ void CConnectionProtocol_SOCKS5::Init() {}
 
 void CConnectionProtocol_SOCKS5::Terminate()
 {
-    Run(EEvent::Terminated);
+    Run(ESocksEvent::Terminated);
     m_input.Clear();
     m_lookup.Cancel();
     m_login.Cancel();
@@ -92,15 +91,6 @@ void CConnectionProtocol_SOCKS5::Terminate()
         m_bind->Stop();
     if (m_udp)
         m_udp->Close();
-}
-
-void CConnectionProtocol_SOCKS5::Close()
-{
-    m_input.Clear();
-    m_connection.SetHandlerTimer(-1);
-    // Last: the connection may terminate us inside this call.
-    if (m_connection.IsConnectedToClient())
-        m_connection.DisconnectClient();
 }
 
 CConnectionProtocol_SOCKS5::EState CConnectionProtocol_SOCKS5::Refuse(int code, EOutcome outcome)
@@ -112,93 +102,19 @@ CConnectionProtocol_SOCKS5::EState CConnectionProtocol_SOCKS5::Refuse(int code, 
 
 // ---- entry points, all on the connection's thread ----
 
-void CConnectionProtocol_SOCKS5::HandleRequest(const char* data, int length)
-{
-    if (m_state == EState::Closed || !data || length <= 0)
-        return;
-    if (!m_input.PassOrHold(Phase(), data, length))
-        Run(EEvent::None);
-}
-
-void CConnectionProtocol_SOCKS5::HandleResponse(const char* data, int length)
-{
-    if (m_state == EState::Relay && data && length > 0)
-        m_connection.SendToClient(data, length);
-}
-
-bool CConnectionProtocol_SOCKS5::HandleClientEnd()
-{
-    return m_input.End(Phase());
-}
-
-CSocksClientInput::EPhase CConnectionProtocol_SOCKS5::Phase() const
-{
-    if (m_state == EState::Relay)
-        return CSocksClientInput::EPhase::Relaying;
-    if (m_state == EState::Resolve || m_state == EState::Connect)
-        return CSocksClientInput::EPhase::Commanding;
-    return CSocksClientInput::EPhase::Negotiating;
-}
-
-bool CConnectionProtocol_SOCKS5::HandleHostEnd()
-{
-    return m_state == EState::Relay;
-}
-
-void CConnectionProtocol_SOCKS5::OnHostConnected(bool connected)
-{
-    Run(connected ? EEvent::Connected : EEvent::ConnectFailed);
-}
-
-void CConnectionProtocol_SOCKS5::Resume()
-{
-    Run(EEvent::Woken);
-}
-
-void CConnectionProtocol_SOCKS5::OnTimer()
-{
-    Run(EEvent::Timer);
-}
-
 int CConnectionProtocol_SOCKS5::GetWatchedDescriptor() const
 {
-    return m_state == EState::UdpAssociated && m_udp ? m_udp->GetSocket() : -1;
+    return GetState() == EState::UdpAssociated && m_udp ? m_udp->GetSocket() : -1;
 }
 
 void CConnectionProtocol_SOCKS5::OnDescriptorReady()
 {
-    Run(EEvent::Readable);
+    Run(ESocksEvent::Readable);
 }
 
 // ---- the state machine ----
 
-void CConnectionProtocol_SOCKS5::Run(EEvent event)
-{
-    m_event = event;
-    DoLoop();
-}
-
-void CConnectionProtocol_SOCKS5::DoLoop()
-{
-    // The event is for the state it found; the steps after it see none.
-    EEvent event = std::exchange(m_event, EEvent::None);
-    while (m_state != EState::Closed) {
-        const EState state = m_state;
-        const EState next = event == EEvent::Terminated ? EState::Closed : DoStep(state, event);
-        if (next == state || m_state == EState::Closed)
-            return; // waiting, or terminated by the connection inside the step
-        m_state = next;
-        if (next == EState::Closed) {
-            // Terminate lets go of the rest itself; the connection knows already.
-            if (event != EEvent::Terminated)
-                Close();
-            return;
-        }
-        event = EEvent::None;
-    }
-}
-
-CConnectionProtocol_SOCKS5::EState CConnectionProtocol_SOCKS5::DoStep(EState state, EEvent event)
+CConnectionProtocol_SOCKS5::EState CConnectionProtocol_SOCKS5::DoStep(EState state, ESocksEvent event)
 {
     switch (state) {
     case EState::Greeting:
@@ -277,13 +193,13 @@ CConnectionProtocol_SOCKS5::EState CConnectionProtocol_SOCKS5::DoAuthenticate()
     }
     // The answer may have to wait (a slowed address, a password hash): then Login waits for it.
     m_login.Start(user, password);
-    return DoLogin(EEvent::None);
+    return DoLogin(ESocksEvent::None);
 }
 
-CConnectionProtocol_SOCKS5::EState CConnectionProtocol_SOCKS5::DoLogin(EEvent event)
+CConnectionProtocol_SOCKS5::EState CConnectionProtocol_SOCKS5::DoLogin(ESocksEvent event)
 {
     // A slowed address's turn has come: its check runs now.
-    if (event == EEvent::Timer)
+    if (event == ESocksEvent::Timer)
         m_login.OnTimer();
     bool valid = false;
     if (!m_login.TakeResult(valid))
@@ -382,14 +298,14 @@ CConnectionProtocol_SOCKS5::EState CConnectionProtocol_SOCKS5::DoConnect(const A
     return EState::Connect;
 }
 
-CConnectionProtocol_SOCKS5::EState CConnectionProtocol_SOCKS5::DoConnectOutcome(EEvent event)
+CConnectionProtocol_SOCKS5::EState CConnectionProtocol_SOCKS5::DoConnectOutcome(ESocksEvent event)
 {
-    if (event == EEvent::ConnectFailed) {
+    if (event == ESocksEvent::ConnectFailed) {
         const bool precise = m_connection.GetSettings().socks5PreciseReplies;
         return Refuse(precise ? ConnectFailureReply(m_connection.GetConnectFailure()) : REP_REFUSED,
                       EOutcome::Unreachable);
     }
-    if (event != EEvent::Connected)
+    if (event != ESocksEvent::Connected)
         return EState::Connect;
     SendCommandResponse(REP_SUCCEEDED);
     return EState::Relay;
@@ -411,12 +327,12 @@ CConnectionProtocol_SOCKS5::EState CConnectionProtocol_SOCKS5::DoBind(const Addr
     return EState::BindAccept;
 }
 
-CConnectionProtocol_SOCKS5::EState CConnectionProtocol_SOCKS5::DoBindAccept(EEvent event)
+CConnectionProtocol_SOCKS5::EState CConnectionProtocol_SOCKS5::DoBindAccept(ESocksEvent event)
 {
     QOX::CRefCountPtr<IZRTDataLayer> stream;
     AddressPtr peer;
     if (!m_bind || !m_bind->TakePeer(stream, peer))
-        return event == EEvent::Timer ? Refuse(REP_GENERAL_FAILURE, EOutcome::Timeout) : EState::BindAccept;
+        return event == ESocksEvent::Timer ? Refuse(REP_GENERAL_FAILURE, EOutcome::Timeout) : EState::BindAccept;
     m_connection.SetHandlerTimer(-1);
     // A BIND completes once: nobody else is awaited.
     m_bind->Stop();
@@ -450,14 +366,14 @@ CConnectionProtocol_SOCKS5::EState CConnectionProtocol_SOCKS5::DoUdpAssociate(co
     return EState::UdpAssociated;
 }
 
-CConnectionProtocol_SOCKS5::EState CConnectionProtocol_SOCKS5::DoUdpAssociated(EEvent event)
+CConnectionProtocol_SOCKS5::EState CConnectionProtocol_SOCKS5::DoUdpAssociated(ESocksEvent event)
 {
     // The TCP connection of an association carries nothing; a byte on it ends everything.
     if (m_input.Size() > 0)
         return EState::Closed;
-    if (event == EEvent::Readable)
+    if (event == ESocksEvent::Readable)
         m_udp->OnReadable();
-    else if (event == EEvent::Woken || event == EEvent::Timer)
+    else if (event == ESocksEvent::Woken || event == ESocksEvent::Timer)
         m_udp->SettleLookups();
     // Back by the time the earliest datagram's lookup runs out.
     m_connection.SetHandlerTimer(m_udp->GetWakeDelay());

@@ -8,10 +8,9 @@
 
 #include "proxy/address/CNameLookup.h"
 #include "proxy/auth/CLoginCheck.h"
-#include "proxy/core/IConnectionProtocol.h"
 #include "proxy/core/IProxyConnection.h"
 #include "proxy/socks5/CSocks5Bind.h"
-#include "proxy/socks5/CSocksClientInput.h"
+#include "proxy/socks5/CSocksHandler.h"
 #include "proxy/socks5/CSocks5UdpRelay.h"
 #include "runtime/CRefCountPtr.h"
 #include "runtime/Export.h"
@@ -24,15 +23,12 @@ namespace Proxy {
 // authentication, or username/password (RFC 1929) when the proxy has users), CONNECT, BIND and
 // UDP ASSOCIATE.
 //
-// One state machine, run by DoLoop alone: each step returns the next state, and DoLoop runs steps
-// until one has to wait. Every operation is called on the connection's thread. The entry points
-// only record what happened and run the loop, whose step for the current state takes it:
-// HandleRequest (client bytes, kept in the buffer until a step takes them), OnHostConnected
+// One state machine (see CSocksHandler). Every operation is called on the connection's thread.
+// The events: HandleRequest (client bytes, kept in the buffer until a step takes them), OnHostConnected
 // (CONNECT's link), Resume (a name lookup answered, a BIND peer arrived, a password hash checked,
 // a UDP datagram's lookup answered), OnTimer (the limits of a lookup and of a BIND, a slowed
 // login's turn, the UDP relay's lookups), OnDescriptorReady (the UDP relay's socket) and
-// Terminate (the connection's end, which also lets go of every helper). Entering Closed asks the
-// connection to end, last: the connection may terminate the handler inside that call or after it.
+// Terminate (the connection's end, which also lets go of every helper).
 // A BIND's peer becomes the connection's host link, so CONNECT and BIND relay alike, through the
 // connection; UDP ASSOCIATE relays through its own socket, which the connection polls for the
 // handler.
@@ -41,9 +37,11 @@ namespace Proxy {
 //                                    -> BindAccept -> Relay
 //                                    -> UdpAssociated
 //   any state -> Closed (a refusal, an error, the client's end, Terminate)
-class ZRT_EXPORT CConnectionProtocol_SOCKS5 : public IConnectionProtocol {
+enum class ESocks5State { Greeting, Authenticate, Login, Request, Resolve, Connect, BindAccept, Relay, UdpAssociated, Closed };
+
+class ZRT_EXPORT CConnectionProtocol_SOCKS5 : public CSocksHandler<ESocks5State> {
 public:
-    enum class EState { Greeting, Authenticate, Login, Request, Resolve, Connect, BindAccept, Relay, UdpAssociated, Closed };
+    using EState = ESocks5State;
 
     explicit CConnectionProtocol_SOCKS5(IProxyConnection& connection);
     ~CConnectionProtocol_SOCKS5() override;
@@ -52,47 +50,26 @@ public:
 
     void Init() override;
     void Terminate() override;
-    void HandleRequest(const char* data, int length) override;
-    void HandleResponse(const char* data, int length) override;
-    unsigned int GetRequestBacklog() const override { return m_input.Size(); }
-    bool PassesResponsesThrough() const override { return m_state == EState::Relay; }
-    bool PassesRequestsThrough() const override { return m_input.PassesThrough(Phase()); }
-    bool HandleClientEnd() override;
-    bool HandleHostEnd() override;
-    void OnHostConnected(bool connected) override;
-    void Resume() override;
-    void OnTimer() override;
     int GetWatchedDescriptor() const override;
     void OnDescriptorReady() override;
     const char* GetFamily() const override { return "socks5"; }
 
-    EState GetState() const { return m_state; }
-
 private:
     using AddressPtr = QOX::CRefCountPtr<IZRTConnectionAddress>;
-    // What an entry point hands to the step of the current state.
-    enum class EEvent { None, Woken, Connected, ConnectFailed, Timer, Readable, Terminated };
-
-    // Records the event and runs the loop.
-    void Run(EEvent event);
-    void DoLoop();
-    EState DoStep(EState state, EEvent event);
+    EState DoStep(EState state, ESocksEvent event) override;
     EState DoGreeting();
     EState DoAuthenticate();
-    EState DoLogin(EEvent event);
+    EState DoLogin(ESocksEvent event);
     EState DoRequest();
     EState DoResolve();
     EState DoCommand(const AddressPtr& destination);
     EState DoConnect(const AddressPtr& destination);
-    EState DoConnectOutcome(EEvent event);
+    EState DoConnectOutcome(ESocksEvent event);
     EState DoBind(const AddressPtr& destination);
-    EState DoBindAccept(EEvent event);
+    EState DoBindAccept(ESocksEvent event);
     EState DoUdpAssociate(const AddressPtr& destination);
-    EState DoUdpAssociated(EEvent event);
+    EState DoUdpAssociated(ESocksEvent event);
     EState DoRelay();
-    // On entering Closed: drops what is buffered and asks the connection to end.
-    void Close();
-    CSocksClientInput::EPhase Phase() const;
     // The username/password reply; a failure is recorded.
     void AnswerLogin(bool valid);
     // Replies with the code (0.0.0.0 and the client's port) and records the outcome; Closed.
@@ -103,10 +80,6 @@ private:
     // A reply with 0.0.0.0 and the client's own TCP port.
     void SendCommandResponse(int code);
 
-    IProxyConnection& m_connection;
-    EState m_state = EState::Greeting;
-    EEvent m_event = EEvent::None;
-    CSocksClientInput m_input;
     unsigned char m_command = 0;
     AddressPtr m_destination;
     CNameLookup m_lookup;
