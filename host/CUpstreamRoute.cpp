@@ -5,6 +5,7 @@
 
 #include <cstring>
 
+#include "transport/CHexDigit.h"
 #include "transport/COptionText.h"
 
 namespace ZRT {
@@ -12,17 +13,6 @@ namespace Host {
 
 namespace {
 const char FORM[] = "is not socks5://[USER:PASSWORD@]ADDR:PORT or http://[USER:PASSWORD@]ADDR:PORT";
-
-int HexValue(char c)
-{
-    if (c >= '0' && c <= '9')
-        return c - '0';
-    if (c >= 'a' && c <= 'f')
-        return c - 'a' + 10;
-    if (c >= 'A' && c <= 'F')
-        return c - 'A' + 10;
-    return -1;
-}
 
 bool PercentDecode(const std::string& text, std::string& decoded)
 {
@@ -32,8 +22,8 @@ bool PercentDecode(const std::string& text, std::string& decoded)
             decoded += text[i];
             continue;
         }
-        const int high = i + 2 < text.size() ? HexValue(text[i + 1]) : -1;
-        const int low = high >= 0 ? HexValue(text[i + 2]) : -1;
+        const int high = i + 2 < text.size() ? CHexDigit::Value(static_cast<unsigned char>(text[i + 1])) : -1;
+        const int low = high >= 0 ? CHexDigit::Value(static_cast<unsigned char>(text[i + 2])) : -1;
         if (low < 0)
             return false;
         decoded += static_cast<char>(high * 16 + low);

@@ -1,24 +1,10 @@
 #include "proxy/http/CChunkedBody.h"
 
 #include "proxy/http/CHTTPSyntax.h"
+#include "transport/CHexDigit.h"
 
 namespace ZRT {
 namespace Proxy {
-
-namespace {
-
-int HexValue(unsigned char c)
-{
-    if (c >= '0' && c <= '9')
-        return c - '0';
-    if (c >= 'a' && c <= 'f')
-        return c - 'a' + 10;
-    if (c >= 'A' && c <= 'F')
-        return c - 'A' + 10;
-    return -1;
-}
-
-} // namespace
 
 CChunkedBody::SRun CChunkedBody::Next(const unsigned char* data, size_t len)
 {
@@ -87,7 +73,7 @@ bool CChunkedBody::Step(unsigned char c)
 
 bool CChunkedBody::StepSizeLine(unsigned char c)
 {
-    const int digit = HexValue(c);
+    const int digit = CHexDigit::Value(c);
     switch (m_state) {
     case EState::SizeStart:
     case EState::Size:
