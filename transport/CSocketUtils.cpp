@@ -1,6 +1,7 @@
 #include "transport/CSocketUtils.h"
 
 #include <fcntl.h>
+#include <netinet/in.h>
 #include <sys/socket.h>
 #include <signal.h>
 #include <time.h>
@@ -82,6 +83,21 @@ bool CSocketUtils::SetSocketBlocking(int socket, bool blocking)
         return false;
     const int wanted = blocking ? (flags & ~O_NONBLOCK) : (flags | O_NONBLOCK);
     return wanted == flags || fcntl(socket, F_SETFL, wanted) == 0;
+}
+
+std::string CSocketUtils::SourceKey(const sockaddr_storage& address, size_t ipv6Bytes)
+{
+    if (address.ss_family == AF_INET) {
+        const auto& v4 = reinterpret_cast<const sockaddr_in&>(address);
+        return std::string(reinterpret_cast<const char*>(&v4.sin_addr), 4);
+    }
+    if (address.ss_family != AF_INET6)
+        return {};
+    const auto& v6 = reinterpret_cast<const sockaddr_in6&>(address);
+    const auto* bytes = reinterpret_cast<const char*>(&v6.sin6_addr);
+    if (IN6_IS_ADDR_V4MAPPED(&v6.sin6_addr))
+        return std::string(bytes + 12, 4);
+    return std::string(bytes, ipv6Bytes < 16 ? ipv6Bytes : 16);
 }
 
 } // namespace ZRT

@@ -7,6 +7,8 @@
 
 #include "runtime/Export.h"
 
+struct sockaddr_storage;
+
 namespace ZRT {
 
 // What every socket user of the engine and the direct host needs, once. Any thread.
@@ -32,6 +34,10 @@ public:
     // engine's threads block SIGPIPE, so the signal stays pending on the thread; this takes it,
     // so that it never reaches a host that unblocks it later.
     static void ConsumeBrokenPipeSignal();
+    // The address's bytes as a map key, an IPv4 address written as IPv6 as its IPv4 self; of an
+    // IPv6 address only the first ipv6Bytes (a prefix stands for the host that picks addresses
+    // from it). Empty for other families.
+    static std::string SourceKey(const sockaddr_storage& address, size_t ipv6Bytes = 16);
 };
 
 } // namespace ZRT

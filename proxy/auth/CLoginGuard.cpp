@@ -6,6 +6,7 @@
 
 #include "proxy/auth/CCredentials.h"
 #include "runtime/CPoolTask.h"
+#include "transport/CSocketUtils.h"
 
 namespace ZRT {
 namespace Proxy {
@@ -20,18 +21,8 @@ void CLoginGuard::SetThreadPool(QOX::CThreadPool* pool)
 
 std::string CLoginGuard::Key(const sockaddr_storage& client)
 {
-    if (client.ss_family == AF_INET) {
-        const auto& v4 = reinterpret_cast<const sockaddr_in&>(client);
-        return std::string(reinterpret_cast<const char*>(&v4.sin_addr), 4);
-    }
-    if (client.ss_family != AF_INET6)
-        return {};
-    const auto& v6 = reinterpret_cast<const sockaddr_in6&>(client);
-    const auto* bytes = reinterpret_cast<const char*>(&v6.sin6_addr);
-    if (IN6_IS_ADDR_V4MAPPED(&v6.sin6_addr))
-        return std::string(bytes + 12, 4);
     // One IPv6 host commonly has a whole /64 to pick addresses from.
-    return std::string(bytes, 8);
+    return CSocketUtils::SourceKey(client, 8);
 }
 
 std::chrono::milliseconds CLoginGuard::Begin(const sockaddr_storage& client, Clock::time_point now)

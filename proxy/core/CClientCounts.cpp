@@ -1,25 +1,13 @@
 #include "proxy/core/CClientCounts.h"
 
-#include <netinet/in.h>
-
-#include <cstring>
+#include "transport/CSocketUtils.h"
 
 namespace ZRT {
 namespace Proxy {
 
 std::string CClientCounts::Key(const sockaddr_storage& client)
 {
-    if (client.ss_family == AF_INET) {
-        const auto& v4 = reinterpret_cast<const sockaddr_in&>(client);
-        return std::string(reinterpret_cast<const char*>(&v4.sin_addr), 4);
-    }
-    if (client.ss_family != AF_INET6)
-        return {};
-    const auto& v6 = reinterpret_cast<const sockaddr_in6&>(client);
-    const auto* bytes = reinterpret_cast<const char*>(&v6.sin6_addr);
-    if (IN6_IS_ADDR_V4MAPPED(&v6.sin6_addr))
-        return std::string(bytes + 12, 4);
-    return std::string(bytes, 16);
+    return CSocketUtils::SourceKey(client);
 }
 
 CClientCounts::EResult CClientCounts::TryAdd(const sockaddr_storage& client, size_t maxTotal, size_t maxPerSource)
