@@ -274,17 +274,6 @@ TEST_F(Socks4Fixture, NameNotAnsweredInTimeIsRejectedAndItsLookupCancelled)
     EXPECT_EQ(1, m_resolver.GetCancelCount("slow.example:443"));
 }
 
-TEST_F(Socks4Fixture, EndsArePassedOnOnlyWhileRelaying)
-{
-    Send(Request(1, {10, 1, 2, 3}, 443).substr(0, 5));
-    EXPECT_FALSE(m_handler->HandleClientEnd());
-    EXPECT_FALSE(m_handler->HandleHostEnd());
-    Send(Request(1, {10, 1, 2, 3}, 443).substr(5));
-    EXPECT_TRUE(m_handler->HandleHostEnd());
-    EXPECT_TRUE(m_handler->HandleClientEnd());
-    EXPECT_EQ(1, m_connection.GetHostOutputEnds());
-}
-
 // ---- users: SOCKS4 has no password ----
 
 class Socks4UsersTest : public Socks4Fixture, public ::testing::WithParamInterface<bool> {
