@@ -518,6 +518,9 @@ CConnectionProtocol_HTTP::EState CConnectionProtocol_HTTP::OriginLost()
         return Fail(EReply::BadGateway, EOutcome::Unreachable, "The destination closed the connection.");
     if (!m_origin.Replace())
         return Fail(EReply::BadGateway, EOutcome::Unreachable);
+    // The client's end went to the connection that is gone: the new one hears it behind the request.
+    if (m_clientEnd == EClientEnd::PassedOn)
+        m_clientEnd = EClientEnd::Ended;
     return EState::Connect;
 }
 

@@ -21,7 +21,9 @@ CHTTPOriginLink::EOpened CHTTPOriginLink::Open(const AddressPtr& destination, bo
             m_destination = destination;
             return Reuse();
         }
-        Release(mayReuse);
+        // Parked means fit for another request: this one not taking it (another origin, a
+        // tunnel, a last request) leaves it for others.
+        Release(true);
     }
     m_destination = destination;
     m_key = key;

@@ -193,6 +193,34 @@ TEST_F(HTTPProxyTest, AnOriginConnectionStaysForTheNextRequestToTheSamePlaceUnti
     EXPECT_FALSE(m_connection.IsConnectedToClient());
 }
 
+TEST_F(HTTPProxyTest, AClientEndPassedToAKeptConnectionThatClosesIsPassedToItsReplacementToo)
+{
+    Start(60000);
+    const std::string request = "GET http://server1/a HTTP/1.1\r\nHost: server1\r\n\r\n";
+    Request(request);
+    Response("HTTP/1.1 200 OK\r\nContent-Length: 1\r\n\r\n1");
+    Request(request);
+    EXPECT_TRUE(m_handler->HandleClientEnd());
+    EXPECT_EQ(1, m_connection.GetHostOutputEnds());
+    EXPECT_TRUE(m_handler->HandleHostEnd()); // closed by its origin just as it was used
+    m_connection.RunPending();
+    EXPECT_EQ(2, m_connection.GetConnectCalls());
+    EXPECT_EQ(2, m_connection.GetHostOutputEnds()) << "the new connection waits for the end";
+}
+
+TEST_F(HTTPProxyTest, AKeptOriginConnectionNotTakenByTheNextRequestGoesToThePool)
+{
+    m_connection.GetOriginPool().Start(nullptr);
+    Start(60000);
+    Request("GET http://server1/a HTTP/1.1\r\nHost: server1\r\n\r\n");
+    Response("HTTP/1.1 200 OK\r\nContent-Length: 1\r\n\r\n1");
+    EXPECT_EQ(m_connection.GetOriginPool().GetIdleCount(), 0u) << "parked for this client";
+    Request("CONNECT server1:443 HTTP/1.1\r\nHost: server1:443\r\n\r\n");
+    EXPECT_EQ(m_connection.GetOriginPool().GetIdleCount(), 1u);
+    EXPECT_EQ(2, m_connection.GetConnectCalls());
+    m_connection.GetOriginPool().Stop();
+}
+
 TEST_F(HTTPProxyTest, BodiesAreFramedAndWhatFollowsABodyIsTheNextRequest)
 {
     Start(60000);
