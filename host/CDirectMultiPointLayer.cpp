@@ -59,14 +59,21 @@ bool CDirectMultiPointLayer::Plan(const IZRTConnectionAddress& destination, SDes
     return true;
 }
 
-CSocketHandle CDirectMultiPointLayer::StartConnect(const SDestination& hop, bool& done) const
+CSocketHandle CDirectMultiPointLayer::StartConnect(const SDestination& hop, bool& done, int& error) const
 {
+    error = ECONNREFUSED; // the preparer's refusal says no errno of its own
     CSocketHandle socket(::socket(hop.address.ss_family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, IPPROTO_TCP));
-    if (!socket.IsValid() || !m_preparer.PrepareToConnect(socket.Get(), hop.address.ss_family))
+    if (!socket.IsValid()) {
+        error = errno;
+        return CSocketHandle();
+    }
+    if (!m_preparer.PrepareToConnect(socket.Get(), hop.address.ss_family))
         return CSocketHandle();
     done = connect(socket.Get(), reinterpret_cast<const sockaddr*>(&hop.address), hop.length) == 0;
-    if (!done && errno != EINPROGRESS && errno != EINTR)
+    if (!done && errno != EINPROGRESS && errno != EINTR) {
+        error = errno;
         return CSocketHandle();
+    }
     return socket;
 }
 
@@ -88,8 +95,9 @@ QOX::CRefCountPtr<IZRTDataLayer> CDirectMultiPointLayer::Connect(const IZRTConne
     bool done = false;
     if (!Plan(destination, to, hop))
         return {};
+    int error = 0;
     const Clock::time_point deadline = Clock::now() + std::chrono::milliseconds(CONNECT_TIMEOUT_MS);
-    CSocketHandle socket = StartConnect(hop, done);
+    CSocketHandle socket = StartConnect(hop, done, error);
     if (!socket.IsValid() || (!done && !WaitConnected(socket.Get(), deadline)))
         return {};
     if (m_route.Carries(to.address) && !HandshakeBlocking(socket.Get(), to, deadline))
@@ -106,11 +114,18 @@ QOX::CRefCountPtr<IZRTDataLayer> CDirectMultiPointLayer::BeginConnect(const IZRT
     bool done = false;
     if (!Plan(destination, to, hop))
         return {};
-    CSocketHandle socket = StartConnect(hop, done);
-    if (!socket.IsValid())
-        return {};
+    int error = 0;
+    CSocketHandle socket = StartConnect(hop, done, error);
     CEventLoop& loop = m_loops.Next();
     const auto* first = reinterpret_cast<const sockaddr*>(&hop.address);
+    if (!socket.IsValid()) {
+        // Failed at once (no route, no descriptor): told through the loop like a later failure,
+        // so the engine learns why, as it does for every other attempt.
+        QOX::CRefCountPtr<CTcpDataLayer> layer = CTcpDataLayer::CreateConnecting(-1, first, hop.length, loop, 0);
+        if (layer)
+            loop.Post([layer, error] { layer->EndConnect(-1, error); });
+        return QOX::CRefCountPtr<IZRTDataLayer>(layer.Get());
+    }
     if (!m_route.Carries(to.address)) {
         // Even a connect that finished at once is reported through the loop, like every other.
         return QOX::CRefCountPtr<IZRTDataLayer>(

@@ -50,8 +50,8 @@ private:
     // False for an address that is not IP.
     bool Plan(const IZRTConnectionAddress& destination, SDestination& to, SDestination& hop) const;
     // Opens a prepared socket towards hop and starts connecting it; done when the connect
-    // finished at once. Invalid when the socket or the connect fails.
-    CSocketHandle StartConnect(const SDestination& hop, bool& done) const;
+    // finished at once. Invalid when the socket or the connect fails, with why in error.
+    CSocketHandle StartConnect(const SDestination& hop, bool& done, int& error) const;
     // Connect's wait for the upstream's handshake; false when it failed or ran out of time.
     bool HandshakeBlocking(int socket, const SDestination& to, Clock::time_point deadline) const;
 

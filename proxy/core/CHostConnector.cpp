@@ -138,12 +138,23 @@ void CHostConnector::Attempt(const AddressPtr& address)
     } else if (Install(m_layer->BeginConnect(*address, m_client))) {
         return;
     }
-    m_failure = ECONNREFUSED;
+    if (m_failure == 0)
+        m_failure = ECONNREFUSED;
 }
 
 bool CHostConnector::Install(const LinkPtr& link)
 {
-    return link && m_link.Install(link, link->IsConnecting() ? CHostLink::EState::Connecting : CHostLink::EState::Open);
+    if (!link)
+        return false;
+    if (link->IsConnecting())
+        return m_link.Install(link, CHostLink::EState::Connecting);
+    // A connect that failed at once may be told on the link's own thread before it is taken.
+    m_failure = link->GetFailure();
+    if (m_failure != 0) {
+        link->Disconnect();
+        return false;
+    }
+    return m_link.Install(link, CHostLink::EState::Open);
 }
 
 bool CHostConnector::Retry()

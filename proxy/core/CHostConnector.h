@@ -81,6 +81,7 @@ private:
     // The next address, while time is left; false when none is left.
     bool Retry();
     bool Launch(const AddressPtr& address);
+    // Takes an attempt's link; false for none, or for one that failed already (m_failure says why).
     bool Install(const LinkPtr& link);
     void TakeAnswer();
     void Settle(bool connected);

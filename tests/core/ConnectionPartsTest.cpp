@@ -396,12 +396,15 @@ public:
         if (refused.count(to) != 0)
             return {};
         links[to] = new PendingLink();
+        if (failAtOnce.count(to) != 0)
+            links[to]->Fail(failAtOnce[to]); // told on the link's thread before the engine takes it
         return QOX::CRefCountPtr<IZRTDataLayer>(links[to].GetRawPointer());
     }
     bool ConnectsWithoutBlocking() const override { return true; }
 
     std::vector<std::string> tried;
     std::set<std::string> refused; // fail at once
+    std::map<std::string, int> failAtOnce;
     std::map<std::string, QOX::CRefCountPtr<PendingLink>> links;
 };
 
@@ -498,6 +501,17 @@ TEST_F(RaceTest, AFailureStartsTheNextAtOnceAndTheLastFailureIsToldOnce)
     EXPECT_EQ(m_connector.GetFailure(), EHOSTUNREACH);
     EXPECT_EQ(m_link.GetState(), CHostLink::EState::None);
     EXPECT_FALSE(m_connector.GetAttemptDeadline());
+}
+
+TEST_F(RaceTest, ALinkThatFailedBeforeItWasTakenIsAFailedAttemptWithItsReason)
+{
+    m_host.failAtOnce["127.0.0.2:80"] = ENETUNREACH;
+    Begin({"127.0.0.2"});
+    m_connector.OnWake();
+    EXPECT_EQ(m_outcomes, std::vector<bool>{false});
+    EXPECT_EQ(m_connector.GetFailure(), ENETUNREACH);
+    EXPECT_EQ(m_link.GetState(), CHostLink::EState::None);
+    EXPECT_EQ(Link("127.0.0.2:80").GetDisconnects(), 1);
 }
 
 TEST_F(RaceTest, TheConnectTimeoutEndsTheWholeRaceAndAnAnswerAtOnceEndsItAtOnce)

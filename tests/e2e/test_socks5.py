@@ -192,6 +192,7 @@ def test_replies_say_why_a_connect_failed_unless_turned_off():
         (("nx.test", 80), 4, 8),
         ((DEST_V4, closed.getsockname()[1]), 5, 5),
         (silent.getsockname(), 6, 5),
+        (("127.255.255.255", 80), 3, 5),  # fails inside connect() itself: no route to a broadcast
         (("127.0.0.4", 80), 2, 2),
     ]
     try:
