@@ -265,11 +265,15 @@ void CUpstreamAssociation::Advance()
         }
         case EPhase::Open: {
             // The upstream has nothing to say here; its end (or an error) ends the association.
-            unsigned char scratch[512];
-            const ssize_t count = recv(m_control.Get(), scratch, sizeof(scratch), MSG_DONTWAIT);
-            if (count > 0 || (count < 0 && errno == EINTR))
-                continue;
-            if (count < 0 && CSocketUtils::IsWouldBlock(errno)) {
+            // What it says anyway is read and dropped, a bounded amount per turn.
+            unsigned char scratch[4096];
+            ssize_t count = -1;
+            for (int turn = 0; turn < 16; ++turn) {
+                count = recv(m_control.Get(), scratch, sizeof(scratch), MSG_DONTWAIT);
+                if (count <= 0 && !(count < 0 && errno == EINTR))
+                    break;
+            }
+            if (count > 0 || (count < 0 && CSocketUtils::IsWouldBlock(errno))) {
                 Watch(EPOLLIN);
                 return;
             }

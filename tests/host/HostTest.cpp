@@ -1447,8 +1447,13 @@ TEST_F(AresNameServiceTest, AbandonedLookupsAreNeverAnsweredAndTheHostsFileIsRea
     StubDnsServer dns;
     CAresNameService names(m_loops.Next(), dns.Address(), 5000);
     std::atomic<int> abandonedAnswers{0};
+    // The loop waits until the lookup is abandoned: its answer cannot come before.
+    std::promise<void> abandoned;
+    std::shared_future<void> held = abandoned.get_future().share();
+    m_loops.Next().Post([held] { held.wait(); });
     const uint64_t id = names.Start("fastgone.test", [&](const std::vector<sockaddr_storage>&, int) { ++abandonedAnswers; });
     names.Abandon(id);
+    abandoned.set_value();
     struct SResult : Guarded {
         std::string text;
     } local;
