@@ -101,7 +101,7 @@ void CPlaceholderNames::ForgetOldest()
 {
     const SEntry& oldest = m_entries.back();
     // Kept in order: a later slot never becomes free before an earlier one.
-    Clock::time_point reusable = oldest.answered + std::chrono::seconds(2 * LIFETIME_SECONDS);
+    Clock::time_point reusable = oldest.answered + std::chrono::seconds(REUSE_SECONDS);
     if (!m_cooling.empty())
         reusable = std::max(reusable, m_cooling.back().second);
     m_cooling.emplace_back(oldest.slot, reusable);

@@ -19,16 +19,18 @@ namespace Host {
 // and connects to that; the host turns the placeholder back into the name for the upstream.
 //
 // At most `capacity` names are remembered, the least recently used forgotten first; a connect to
-// a forgotten placeholder fails. A placeholder is handed to another name only once its last
-// answer is 2 * LIFETIME_SECONDS old, and the engine keeps an answer LIFETIME_SECONDS: a name
-// cached by the engine never leads to another name's destination. With no placeholder free
-// under that rule (131,070 names within two lifetimes), a new name does not resolve.
+// a forgotten placeholder fails. A placeholder is handed to another name only REUSE_SECONDS after
+// its last answer: by then the engine's name cache (LIFETIME_SECONDS) and its idle origin
+// connections, which it keys by address (http-keep-alive, at most an hour), are gone, so nothing
+// the engine kept for one name leads to another's destination. With no placeholder free under
+// that rule (131,070 names within that time), a new name does not resolve.
 //
 // Threads: any; every operation takes the table's lock for a few map operations.
 class CPlaceholderNames {
 public:
     static constexpr size_t CAPACITY = 8192;
     static constexpr int LIFETIME_SECONDS = 60;
+    static constexpr int REUSE_SECONDS = 3600 + 2 * LIFETIME_SECONDS;
     // 198.18.0.0/15 without its first and last address.
     static constexpr uint32_t SLOTS = (1u << 17) - 2;
     using Clock = std::chrono::steady_clock;

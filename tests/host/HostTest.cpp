@@ -1286,7 +1286,7 @@ TEST(DirectResolverTest, RemoveNotificationDoesNotWaitForADeliveryInProgress)
 // 10.0.0.N (N = the letters of its labels) and never answers anything else.
 // socks5h: a name is answered at once with a placeholder the engine keeps a minute ("localhost"
 // stays local); a connect to a forgotten one fails without bothering the upstream, and a
-// forgotten placeholder goes to another name only two minutes after its last answer.
+// forgotten placeholder goes to another name only once nothing the engine keeps can still use it.
 TEST(UpstreamTest, PlaceholdersStandForNamesUntilForgottenAndNeverMisleadTheEngine)
 {
     auto placeholders = std::make_shared<CPlaceholderNames>(2);
@@ -1329,7 +1329,7 @@ TEST(UpstreamTest, PlaceholdersStandForNamesUntilForgottenAndNeverMisleadTheEngi
     sockaddr_storage placeholder{};
     for (uint32_t slot = 0; slot < CPlaceholderNames::SLOTS; ++slot)
         ASSERT_TRUE(table.Assign("n" + std::to_string(slot), placeholder, start));
-    const auto later = start + std::chrono::seconds(2 * CPlaceholderNames::LIFETIME_SECONDS);
+    const auto later = start + std::chrono::seconds(CPlaceholderNames::REUSE_SECONDS);
     EXPECT_FALSE(table.Assign("next", placeholder, later - std::chrono::seconds(1)));
     ASSERT_TRUE(table.Assign("next", placeholder, later));
     EXPECT_EQ(reinterpret_cast<sockaddr_in&>(placeholder).sin_addr.s_addr, htonl(0xc6120001u)); // the first again
