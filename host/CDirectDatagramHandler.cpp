@@ -274,13 +274,15 @@ void CDirectDatagramHandler::CRegistration::OnEvents(uint32_t /*events*/)
         // From the upstream's relay, unwrapped; from a carried source otherwise, dropped.
         sockaddr_storage unwrapped{};
         size_t offset = 0;
-        if (m_association->Unwrap(source, scratch.data(), static_cast<size_t>(count), m_placeholders.get(),
-                                  unwrapped, offset)) {
+        const CUpstreamAssociation::EUnwrapped from = m_association->Unwrap(
+            source, scratch.data(), static_cast<size_t>(count), m_placeholders.get(), unwrapped, offset);
+        if (from == CUpstreamAssociation::EUnwrapped::Unwrapped) {
             const socklen_t unwrappedLength =
                 unwrapped.ss_family == AF_INET6 ? sizeof(sockaddr_in6) : sizeof(sockaddr_in);
             if (!Deliver(unwrapped, unwrappedLength, scratch.data() + offset, static_cast<size_t>(count) - offset))
                 return;
-        } else if (!Carried(source) && !Deliver(source, length, scratch.data(), static_cast<size_t>(count))) {
+        } else if (from == CUpstreamAssociation::EUnwrapped::NotFromRelay && !Carried(source) &&
+                   !Deliver(source, length, scratch.data(), static_cast<size_t>(count))) {
             return;
         }
     }

@@ -149,28 +149,31 @@ void CUpstreamAssociation::SendLocked(const std::string& datagram)
            reinterpret_cast<const sockaddr*>(&to), length);
 }
 
-bool CUpstreamAssociation::Unwrap(const sockaddr_storage& from, const unsigned char* datagram, size_t length,
-                                  CPlaceholderNames* placeholders, sockaddr_storage& source, size_t& offset)
+CUpstreamAssociation::EUnwrapped CUpstreamAssociation::Unwrap(const sockaddr_storage& from,
+                                                              const unsigned char* datagram, size_t length,
+                                                              CPlaceholderNames* placeholders,
+                                                              sockaddr_storage& source, size_t& offset)
 {
     std::lock_guard<std::mutex> lock(m_mutex);
+    if (!m_open || !SameEndpoint(from, m_relay))
+        return EUnwrapped::NotFromRelay;
     // Fragments are not reassembled (RFC 1928 allows dropping them).
-    if (!m_open || !SameEndpoint(from, m_relay) || length < 4 || datagram[0] != 0 || datagram[1] != 0 ||
-        datagram[2] != 0)
-        return false;
+    if (length < 4 || datagram[0] != 0 || datagram[1] != 0 || datagram[2] != 0)
+        return EUnwrapped::Dropped;
     source = sockaddr_storage{};
     const unsigned char type = datagram[3];
     if (type == 3) {
         offset = length > 4 ? 4 + 1 + datagram[4] + 2 : length + 1;
         const std::string name(reinterpret_cast<const char*>(datagram) + 5, offset <= length ? datagram[4] : 0);
         if (offset > length || !placeholders || !placeholders->PlaceholderOf(name, source))
-            return false;
+            return EUnwrapped::Dropped;
         std::memcpy(&reinterpret_cast<sockaddr_in&>(source).sin_port, datagram + offset - 2, 2);
-        return true;
+        return EUnwrapped::Unwrapped;
     }
     const size_t size = type == 1 ? 4 : type == 4 ? 16 : 0;
     offset = 4 + size + 2;
     if (size == 0 || offset > length)
-        return false;
+        return EUnwrapped::Dropped;
     if (type == 1) {
         auto& v4 = reinterpret_cast<sockaddr_in&>(source);
         v4.sin_family = AF_INET;
@@ -192,7 +195,7 @@ bool CUpstreamAssociation::Unwrap(const sockaddr_storage& from, const unsigned c
     }
     if (!sentTo && answered)
         source = *answered;
-    return true;
+    return EUnwrapped::Unwrapped;
 }
 
 void CUpstreamAssociation::Close()

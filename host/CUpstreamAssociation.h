@@ -45,11 +45,12 @@ public:
     // the queue is full or the placeholder's name was forgotten.
     void Send(const sockaddr_storage& destination, CPlaceholderNames* placeholders, const unsigned char* payload,
               size_t length);
+    enum class EUnwrapped { NotFromRelay, Dropped, Unwrapped };
     // A datagram from the relay unwrapped: where it came from (a placeholder for a name, or for a
     // numeric source that answers a placeholder's recent datagram on its port) and where its
-    // payload starts. False for one to drop: not from the relay, a fragment, a bad header.
-    bool Unwrap(const sockaddr_storage& from, const unsigned char* datagram, size_t length,
-                CPlaceholderNames* placeholders, sockaddr_storage& source, size_t& offset);
+    // payload starts. Dropped: a fragment, a bad header, a name no placeholder stands for.
+    EUnwrapped Unwrap(const sockaddr_storage& from, const unsigned char* datagram, size_t length,
+                      CPlaceholderNames* placeholders, sockaddr_storage& source, size_t& offset);
     // The association ends (the control connection closes); the UDP socket is not touched
     // afterwards.
     void Close();
