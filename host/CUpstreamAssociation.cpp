@@ -129,6 +129,8 @@ void CUpstreamAssociation::Send(const sockaddr_storage& destination, CPlaceholde
         return;
     std::string datagram = Wrap(destination, name, payload, length);
     std::lock_guard<std::mutex> lock(m_mutex);
+    const auto same = [&](const sockaddr_storage& recent) { return SameEndpoint(recent, destination); };
+    m_recent.erase(std::remove_if(m_recent.begin(), m_recent.end(), same), m_recent.end());
     m_recent.push_front(destination);
     if (m_recent.size() > RECENT_LIMIT)
         m_recent.pop_back();
