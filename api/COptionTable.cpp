@@ -210,6 +210,14 @@ const SEntry ORDER[] = {
     {"metrics", EOwner::Own}, {"metrics-allow", EOwner::Own},
 };
 
+// The destination rules see addresses only: a name the upstream resolves (socks5h) would pass
+// them unseen, so the two are never taken together.
+bool NamesEscapeRules(const SEmbeddedSettings& settings)
+{
+    return settings.host.upstream.ResolvesNames() &&
+           (!settings.proxy.allowDestinations.empty() || !settings.proxy.denyDestinations.empty());
+}
+
 const SEntry* EntryOf(const std::string& name)
 {
     for (const SEntry& entry : ORDER) {
@@ -248,10 +256,22 @@ COptionTable::EResult COptionTable::Apply(SEmbeddedSettings& settings, const std
                                           std::string& error)
 {
     const SEntry* entry = EntryOf(name);
-    if (entry && entry->owner == EOwner::Engine)
-        return Proxy::CProxyOptions::Apply(settings.proxy, name, value, error);
-    if (entry && entry->owner == EOwner::Host)
-        return Host::CDirectHostOptions::Apply(settings.host, name, value, error);
+    if (entry && entry->owner != EOwner::Own) {
+        const Host::CUpstreamRoute route = settings.host.upstream;
+        const std::vector<std::string> allow = settings.proxy.allowDestinations;
+        const std::vector<std::string> deny = settings.proxy.denyDestinations;
+        const EResult result = entry->owner == EOwner::Engine
+                                   ? Proxy::CProxyOptions::Apply(settings.proxy, name, value, error)
+                                   : Host::CDirectHostOptions::Apply(settings.host, name, value, error);
+        if (result != EResult::Ok || !NamesEscapeRules(settings))
+            return result;
+        settings.host.upstream = route;
+        settings.proxy.allowDestinations = allow;
+        settings.proxy.denyDestinations = deny;
+        error = name + ": an upstream that resolves names (socks5h) cannot be combined with allow-destination or "
+                       "deny-destination, which see addresses only; use socks5:// to resolve names here";
+        return EResult::BadValue;
+    }
     return COptionText::Apply(entry ? COptionText::Find(OWN, name) : nullptr, settings, name, value, error);
 }
 

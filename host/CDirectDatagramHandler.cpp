@@ -136,7 +136,11 @@ int CDirectDatagramHandler::RegisterReceiver(const IZRTConnectionAddress& /*addr
         if (m_nextHandle < 1)
             m_nextHandle = 1;
     }
-    QOX::CRefCountPtr<CRegistration> registration(new CRegistration(socket, handle, receiver, m_loops.Next()));
+    CEventLoop& loop = m_loops.Next();
+    QOX::CRefCountPtr<CRegistration> registration(new CRegistration(socket, handle, receiver, loop));
+    if (m_route.GetProtocol() == CUpstreamRoute::EProtocol::Socks5)
+        registration->SetAssociation(CUpstreamAssociation::Start(m_route, m_preparer, socket, loop, m_upstreamTimeoutMs),
+                                     m_route, m_placeholders);
     if (!registration->Start())
         return -1;
     std::lock_guard<std::mutex> lock(m_mutex);
@@ -199,6 +203,8 @@ CDirectDatagramHandler::CRegistration::~CRegistration()
 bool CDirectDatagramHandler::CRegistration::Start()
 {
     m_token = m_loop.Add(m_socket, EPOLLIN, QOX::CRefCountPtr<IEventHandler>(this));
+    if (m_token == 0 && m_association)
+        m_association->Close();
     return m_token != 0;
 }
 
@@ -206,6 +212,14 @@ void CDirectDatagramHandler::CRegistration::Stop()
 {
     m_loop.Remove(m_token, m_socket);
     m_receivers.Remove(m_receiver);
+    if (m_association)
+        m_association->Close();
+}
+
+bool CDirectDatagramHandler::CRegistration::Carried(const sockaddr_storage& address) const
+{
+    return m_association && ((m_placeholders && CPlaceholderNames::IsPlaceholder(address)) ||
+                             m_route.Carries(address));
 }
 
 void CDirectDatagramHandler::CRegistration::Send(const IZRTConnectionAddress& destination,
@@ -215,6 +229,10 @@ void CDirectDatagramHandler::CRegistration::Send(const IZRTConnectionAddress& de
     int size = sizeof(address);
     if (!destination.GetSockAddr(reinterpret_cast<sockaddr*>(&address), &size))
         return;
+    if (Carried(address)) {
+        m_association->Send(address, m_placeholders.get(), data, static_cast<size_t>(length));
+        return;
+    }
     socklen_t addressLength = static_cast<socklen_t>(size);
     if (m_family == AF_INET6)
         MapAddress(address, addressLength);
@@ -248,15 +266,37 @@ void CDirectDatagramHandler::CRegistration::OnEvents(uint32_t /*events*/)
             continue;
         }
         UnmapAddress(source, length);
-        CTCPIPAddress sender;
-        if (!sender.SetAddress(*reinterpret_cast<sockaddr*>(&source), length))
+        if (!m_association) {
+            if (!Deliver(source, length, scratch.data(), static_cast<size_t>(count)))
+                return;
             continue;
-        const bool delivered = m_receivers.Call(m_receiver, [&](IDatagramReceiver* receiver) {
-            receiver->OnDatagramReceived(m_handle, sender, scratch.data(), static_cast<int>(count));
-        });
-        if (!delivered)
+        }
+        // From the upstream's relay, unwrapped; from a carried source otherwise, dropped.
+        sockaddr_storage unwrapped{};
+        size_t offset = 0;
+        const CUpstreamAssociation::EUnwrapped from = m_association->Unwrap(
+            source, scratch.data(), static_cast<size_t>(count), m_placeholders.get(), unwrapped, offset);
+        if (from == CUpstreamAssociation::EUnwrapped::Unwrapped) {
+            const socklen_t unwrappedLength =
+                unwrapped.ss_family == AF_INET6 ? sizeof(sockaddr_in6) : sizeof(sockaddr_in);
+            if (!Deliver(unwrapped, unwrappedLength, scratch.data() + offset, static_cast<size_t>(count) - offset))
+                return;
+        } else if (from == CUpstreamAssociation::EUnwrapped::NotFromRelay && !Carried(source) &&
+                   !Deliver(source, length, scratch.data(), static_cast<size_t>(count))) {
             return;
+        }
     }
+}
+
+bool CDirectDatagramHandler::CRegistration::Deliver(const sockaddr_storage& source, socklen_t length,
+                                                    const unsigned char* data, size_t size)
+{
+    CTCPIPAddress sender;
+    if (!sender.SetAddress(*reinterpret_cast<const sockaddr*>(&source), length))
+        return true;
+    return m_receivers.Call(m_receiver, [&](IDatagramReceiver* receiver) {
+        receiver->OnDatagramReceived(m_handle, sender, data, static_cast<int>(size));
+    });
 }
 
 } // namespace Host

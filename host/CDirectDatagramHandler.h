@@ -2,11 +2,15 @@
 
 #include <cstdint>
 #include <map>
+#include <memory>
 #include <mutex>
 
 #include "transport/CEventLoopPool.h"
 #include "host/CSocketPreparer.h"
 #include "host/CSinkRegistry.h"
+#include "host/CPlaceholderNames.h"
+#include "host/CUpstreamAssociation.h"
+#include "host/CUpstreamRoute.h"
 #include "transport/IEventHandler.h"
 #include "runtime/CRefCount_Base.h"
 #include "runtime/CRefCountPtr.h"
@@ -20,14 +24,24 @@ namespace Host {
 // addresses), plain IPv4 otherwise. Datagrams are read on a loop's thread; after
 // UnregisterReceiver returns, none reaches the receiver.
 //
+// With a SOCKS5 upstream, each registration also opens a UDP association with it
+// (CUpstreamAssociation): datagrams to destinations the route carries (and to placeholders) go
+// to the upstream's relay wrapped in the SOCKS5 UDP header, and only the relay's datagrams are
+// taken from such sources, unwrapped. Bypassed destinations are exchanged directly. An HTTP
+// upstream carries no datagrams: they all go direct.
+//
 // Threads: RegisterReceiver, UnregisterReceiver, SendDatagram and GetLocalPort come from any
 // thread (the engine's event threads); receivers are called on a loop's thread.
 class CDirectDatagramHandler : public IDatagramHandler {
 public:
     // Every socket goes through the preparer before it is bound; a refused one fails the
     // registration.
-    explicit CDirectDatagramHandler(CEventLoopPool& loops, const CSocketPreparer& preparer = CSocketPreparer())
-        : m_loops(loops), m_preparer(preparer)
+    explicit CDirectDatagramHandler(CEventLoopPool& loops, const CSocketPreparer& preparer = CSocketPreparer(),
+                                    const CUpstreamRoute& route = CUpstreamRoute(),
+                                    std::shared_ptr<CPlaceholderNames> placeholders = nullptr,
+                                    int upstreamTimeoutMs = 10000)
+        : m_loops(loops), m_preparer(preparer), m_route(route), m_placeholders(std::move(placeholders)),
+          m_upstreamTimeoutMs(upstreamTimeoutMs)
     {
     }
     ~CDirectDatagramHandler() override;
@@ -58,8 +72,21 @@ private:
         void Send(const IZRTConnectionAddress& destination, const unsigned char* data, int length);
         unsigned int GetLocalPort() const;
         void OnEvents(uint32_t events) override;
+        // Through the upstream's relay from now on (before Start).
+        void SetAssociation(QOX::CRefCountPtr<CUpstreamAssociation> association, const CUpstreamRoute& route,
+                            std::shared_ptr<CPlaceholderNames> placeholders)
+        {
+            m_association = std::move(association);
+            m_route = route;
+            m_placeholders = std::move(placeholders);
+        }
 
     private:
+        // True when the upstream carries datagrams to (and from) address.
+        bool Carried(const sockaddr_storage& address) const;
+        // False once the receiver is gone.
+        bool Deliver(const sockaddr_storage& source, socklen_t length, const unsigned char* data, size_t size);
+
         int m_socket;
         int m_family;
         int m_handle;
@@ -67,12 +94,18 @@ private:
         CEventLoop& m_loop;
         CSinkRegistry<IDatagramReceiver> m_receivers;
         uint64_t m_token = 0;
+        QOX::CRefCountPtr<CUpstreamAssociation> m_association; // null: every datagram is direct
+        CUpstreamRoute m_route;
+        std::shared_ptr<CPlaceholderNames> m_placeholders;
     };
 
     QOX::CRefCountPtr<CRegistration> Find(int handle);
 
     CEventLoopPool& m_loops;
     const CSocketPreparer m_preparer;
+    const CUpstreamRoute m_route;
+    const std::shared_ptr<CPlaceholderNames> m_placeholders;
+    const int m_upstreamTimeoutMs;
     // Guards m_registrations and m_nextHandle; never held across a receiver call.
     std::mutex m_mutex;
     std::map<int, QOX::CRefCountPtr<CRegistration>> m_registrations;

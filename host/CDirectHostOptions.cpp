@@ -60,7 +60,8 @@ const CDirectHostOptions::SOption OPTIONS[] = {
     {"outgoing-interface", 0, "NAME", "network interface for traffic to destinations (SO_BINDTODEVICE; default: any)",
      SetOutgoingInterface, [](SDirectHostSettings& s) { s.outgoingInterface.clear(); }},
     {"upstream", 0, "URL",
-     "a parent proxy for every TCP connection to a destination, socks5://[USER:PASSWORD@]ADDR:PORT or "
+     "a parent proxy for every TCP connection to a destination (and, for SOCKS5, UDP datagrams), "
+     "socks5://[USER:PASSWORD@]ADDR:PORT, socks5h://... (the parent resolves names) or "
      "http://[USER:PASSWORD@]ADDR:PORT, by numeric address (default: none, direct)",
      [](SDirectHostSettings& s, const std::string& v, std::string& e) { return s.upstream.SetUrl(v, e); },
      [](SDirectHostSettings& s) { s.upstream.ClearUrl(); }},

@@ -45,18 +45,32 @@ bool WaitConnected(int socket, std::chrono::steady_clock::time_point deadline)
 }
 } // namespace
 
-bool CDirectMultiPointLayer::Plan(const IZRTConnectionAddress& destination, SDestination& to, SDestination& hop) const
+int CDirectMultiPointLayer::Plan(const IZRTConnectionAddress& destination, SDestination& to, SDestination& hop) const
 {
     int length = sizeof(to.address);
     if (!destination.GetSockAddr(reinterpret_cast<sockaddr*>(&to.address), &length))
-        return false;
+        return EINVAL;
     to.length = static_cast<socklen_t>(length);
+    // A placeholder goes to the upstream whatever the bypass blocks say: only it knows the name.
+    const bool placeholder = m_placeholders && CPlaceholderNames::IsPlaceholder(to.address);
+    if (placeholder && !m_placeholders->NameOf(to.address, to.name))
+        return EHOSTUNREACH;
+    to.carried = placeholder || m_route.Carries(to.address);
     hop = to;
-    if (m_route.Carries(to.address)) {
+    if (to.carried) {
         std::memcpy(&hop.address, &m_route.GetAddress(), sizeof(hop.address));
         hop.length = m_route.GetAddressLength();
     }
-    return true;
+    return 0;
+}
+
+QOX::CRefCountPtr<IZRTDataLayer> CDirectMultiPointLayer::Failed(const SDestination& to, int error) const
+{
+    CEventLoop& loop = m_loops.Next();
+    QOX::CRefCountPtr<CTcpDataLayer> layer =
+        CTcpDataLayer::CreateConnecting(-1, reinterpret_cast<const sockaddr*>(&to.address), to.length, loop, 0);
+    loop.Post([layer, error] { layer->EndConnect(-1, error); });
+    return QOX::CRefCountPtr<IZRTDataLayer>(layer.Get());
 }
 
 CSocketHandle CDirectMultiPointLayer::StartConnect(const SDestination& hop, bool& done, int& error) const
@@ -79,7 +93,7 @@ CSocketHandle CDirectMultiPointLayer::StartConnect(const SDestination& hop, bool
 
 bool CDirectMultiPointLayer::HandshakeBlocking(int socket, const SDestination& to, Clock::time_point deadline) const
 {
-    CUpstreamHandshake handshake(m_route, to.address);
+    CUpstreamHandshake handshake(m_route, to.address, to.name);
     for (short wanted = handshake.Run(socket); wanted != 0; wanted = handshake.Run(socket)) {
         if (!WaitFor(socket, wanted, deadline))
             return false;
@@ -93,14 +107,14 @@ QOX::CRefCountPtr<IZRTDataLayer> CDirectMultiPointLayer::Connect(const IZRTConne
     SDestination to;
     SDestination hop;
     bool done = false;
-    if (!Plan(destination, to, hop))
+    if (Plan(destination, to, hop) != 0)
         return {};
     int error = 0;
     const Clock::time_point deadline = Clock::now() + std::chrono::milliseconds(CONNECT_TIMEOUT_MS);
     CSocketHandle socket = StartConnect(hop, done, error);
     if (!socket.IsValid() || (!done && !WaitConnected(socket.Get(), deadline)))
         return {};
-    if (m_route.Carries(to.address) && !HandshakeBlocking(socket.Get(), to, deadline))
+    if (to.carried && !HandshakeBlocking(socket.Get(), to, deadline))
         return {};
     QOX::CRefCountPtr<CTcpDataLayer> layer = CTcpDataLayer::Create(socket.Release(), m_loops.Next());
     return QOX::CRefCountPtr<IZRTDataLayer>(layer.Get());
@@ -112,28 +126,25 @@ QOX::CRefCountPtr<IZRTDataLayer> CDirectMultiPointLayer::BeginConnect(const IZRT
     SDestination to;
     SDestination hop;
     bool done = false;
-    if (!Plan(destination, to, hop))
+    const int planned = Plan(destination, to, hop);
+    if (planned == EHOSTUNREACH)
+        return Failed(to, planned);
+    if (planned != 0)
         return {};
     int error = 0;
     CSocketHandle socket = StartConnect(hop, done, error);
+    if (!socket.IsValid())
+        return Failed(to, error); // at once (no route, no descriptor): told as a later failure is
     CEventLoop& loop = m_loops.Next();
     const auto* first = reinterpret_cast<const sockaddr*>(&hop.address);
-    if (!socket.IsValid()) {
-        // Failed at once (no route, no descriptor): told through the loop like a later failure,
-        // so the engine learns why, as it does for every other attempt.
-        QOX::CRefCountPtr<CTcpDataLayer> layer = CTcpDataLayer::CreateConnecting(-1, first, hop.length, loop, 0);
-        if (layer)
-            loop.Post([layer, error] { layer->EndConnect(-1, error); });
-        return QOX::CRefCountPtr<IZRTDataLayer>(layer.Get());
-    }
-    if (!m_route.Carries(to.address)) {
+    if (!to.carried) {
         // Even a connect that finished at once is reported through the loop, like every other.
         return QOX::CRefCountPtr<IZRTDataLayer>(
             CTcpDataLayer::CreateConnecting(socket.Release(), first, hop.length, loop, CONNECT_TIMEOUT_MS).Get());
     }
     // The link waits without a socket while the upstream's handshake runs on the same loop.
     QOX::CRefCountPtr<CTcpDataLayer> layer = CTcpDataLayer::CreateConnecting(-1, first, hop.length, loop, 0);
-    CUpstreamConnect::Start(std::move(socket), done, CUpstreamHandshake(m_route, to.address), layer, loop,
+    CUpstreamConnect::Start(std::move(socket), done, CUpstreamHandshake(m_route, to.address, to.name), layer, loop,
                             CONNECT_TIMEOUT_MS);
     return QOX::CRefCountPtr<IZRTDataLayer>(layer.Get());
 }

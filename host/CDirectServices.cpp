@@ -1,6 +1,7 @@
 #include "host/CDirectServices.h"
 
 #include "host/CHookNameService.h"
+#include "host/CUpstreamNameService.h"
 
 #if defined(ZRT_WITH_CARES)
 #include "host/CAresNameService.h"
@@ -28,8 +29,8 @@ QOX::SThreadHooks HooksOf(const SDirectHostSettings& settings)
     return hooks;
 }
 
-std::unique_ptr<INameService> MakeNameService(CEventLoopPool& loops, const SDirectHostSettings& settings,
-                                              const CSocketPreparer& preparer, bool& ready)
+std::unique_ptr<INameService> MakeLocalNameService(CEventLoopPool& loops, const SDirectHostSettings& settings,
+                                                   const CSocketPreparer& preparer, bool& ready)
 {
     if (settings.resolveHook) {
         ready = true;
@@ -50,13 +51,26 @@ std::unique_ptr<INameService> MakeNameService(CEventLoopPool& loops, const SDire
         loops.Next(), [](const std::string&, CHookNameService::Reply reply) { reply({}, -1); }, settings.lookupTimeoutMs));
 #endif
 }
+
+std::unique_ptr<INameService> MakeNameService(CEventLoopPool& loops, const SDirectHostSettings& settings,
+                                              const CSocketPreparer& preparer,
+                                              const std::shared_ptr<CPlaceholderNames>& placeholders, bool& ready)
+{
+    std::unique_ptr<INameService> local = MakeLocalNameService(loops, settings, preparer, ready);
+    if (!placeholders)
+        return local;
+    return std::unique_ptr<INameService>(new CUpstreamNameService(std::move(local), *placeholders));
+}
 } // namespace
 
 CDirectServices::CDirectServices(const SDirectHostSettings& settings)
     : m_dnsServers(settings.dnsServers), m_preparer(settings.socketHook, OutgoingOf(settings)),
       m_loops(settings.transportThreads, HooksOf(settings)),
-      m_names(MakeNameService(m_loops, settings, m_preparer, m_namesReady)), m_multiPointLayer(m_loops, m_preparer, settings.upstream),
-      m_resolver(*m_names), m_datagramHandler(m_loops, m_preparer),
+      m_placeholders(settings.upstream.ResolvesNames() ? std::make_shared<CPlaceholderNames>() : nullptr),
+      m_names(MakeNameService(m_loops, settings, m_preparer, m_placeholders, m_namesReady)),
+      m_multiPointLayer(m_loops, m_preparer, settings.upstream, m_placeholders),
+      m_resolver(*m_names),
+      m_datagramHandler(m_loops, m_preparer, settings.upstream, m_placeholders, CDirectMultiPointLayer::CONNECT_TIMEOUT_MS),
       m_connectionListener(m_loops, settings.bindIPv4, settings.bindIPv6, m_preparer), m_outgoingProblem(m_preparer.Check())
 {
 }

@@ -7,6 +7,7 @@
 #include "host/CDirectDatagramHandler.h"
 #include "host/CDirectMultiPointLayer.h"
 #include "host/CDirectResolver.h"
+#include "host/CPlaceholderNames.h"
 #include "host/CSocketPreparer.h"
 #include "host/INameService.h"
 #include "host/SDirectHostSettings.h"
@@ -44,6 +45,8 @@ private:
     CSocketPreparer m_preparer;
     CEventLoopPool m_loops;
     bool m_namesReady = false; // before m_names, whose making sets it
+    // The names the upstream resolves (socks5h); null otherwise.
+    const std::shared_ptr<CPlaceholderNames> m_placeholders;
     std::unique_ptr<INameService> m_names;
     CDirectMultiPointLayer m_multiPointLayer;
     CDirectResolver m_resolver;

@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstring>
 
 #include "transport/CSocketUtils.h"
 
@@ -68,9 +69,10 @@ uint16_t PortOf(const sockaddr_storage& address)
 }
 } // namespace
 
-CUpstreamHandshake::CUpstreamHandshake(const CUpstreamRoute& route, const sockaddr_storage& destination)
+CUpstreamHandshake::CUpstreamHandshake(const CUpstreamRoute& route, const sockaddr_storage& destination,
+                                       const std::string& name, ECommand command)
     : m_protocol(route.GetProtocol()), m_user(route.GetUser()), m_password(route.GetPassword()),
-      m_destination(destination), m_step(EStep::Method)
+      m_destination(destination), m_name(name), m_command(command), m_step(EStep::Method)
 {
     if (m_protocol == CUpstreamRoute::EProtocol::Http) {
         QueueHttpConnect();
@@ -217,7 +219,25 @@ void CUpstreamHandshake::OnSocksConnect()
     else if (m_input[1] != 0)
         Fail(FailureOfSocksReply(static_cast<unsigned char>(m_input[1])));
     else
-        m_step = EStep::Done;
+        TakeBound();
+}
+
+void CUpstreamHandshake::TakeBound()
+{
+    m_step = EStep::Done;
+    m_bound = sockaddr_storage{};
+    const auto* block = reinterpret_cast<const unsigned char*>(m_input.data()) + 4;
+    if (m_input[3] == 1) {
+        auto& v4 = reinterpret_cast<sockaddr_in&>(m_bound);
+        v4.sin_family = AF_INET;
+        std::memcpy(&v4.sin_addr, block, 4);
+        std::memcpy(&v4.sin_port, block + 4, 2);
+    } else if (m_input[3] == 4) {
+        auto& v6 = reinterpret_cast<sockaddr_in6&>(m_bound);
+        v6.sin6_family = AF_INET6;
+        std::memcpy(&v6.sin6_addr, block, 16);
+        std::memcpy(&v6.sin6_port, block + 16, 2);
+    }
 }
 
 void CUpstreamHandshake::OnHttpConnect()
@@ -238,8 +258,16 @@ void CUpstreamHandshake::OnHttpConnect()
 
 void CUpstreamHandshake::QueueSocksConnect()
 {
-    std::string request{char(SOCKS_VERSION), 1, 0};
-    if (m_destination.ss_family == AF_INET6) {
+    std::string request{char(SOCKS_VERSION), char(m_command), 0};
+    if (!m_name.empty()) {
+        if (m_name.size() > 255) {
+            Fail(EHOSTUNREACH); // no SOCKS5 request can carry it
+            return;
+        }
+        request += char(3);
+        request += char(m_name.size());
+        request += m_name;
+    } else if (m_destination.ss_family == AF_INET6) {
         request += char(4);
         const auto& address = reinterpret_cast<const sockaddr_in6&>(m_destination).sin6_addr;
         request.append(reinterpret_cast<const char*>(&address), 16);
@@ -262,7 +290,8 @@ void CUpstreamHandshake::QueueHttpConnect()
     const void* address = v6 ? static_cast<const void*>(&reinterpret_cast<const sockaddr_in6&>(m_destination).sin6_addr)
                              : static_cast<const void*>(&reinterpret_cast<const sockaddr_in&>(m_destination).sin_addr);
     inet_ntop(v6 ? AF_INET6 : AF_INET, address, text, sizeof(text));
-    const std::string target = CSocketUtils::FormatEndpoint(text, ntohs(PortOf(m_destination)));
+    const std::string target =
+        CSocketUtils::FormatEndpoint(m_name.empty() ? std::string(text) : m_name, ntohs(PortOf(m_destination)));
     m_output = "CONNECT " + target + " HTTP/1.1\r\nHost: " + target + "\r\n";
     if (!m_user.empty())
         m_output += "Proxy-Authorization: Basic " + Base64(m_user + ":" + m_password) + "\r\n";

@@ -12,8 +12,8 @@ namespace ZRT {
 namespace Host {
 
 // The client side of one upstream handshake on a connected, non-blocking socket: SOCKS5 (the
-// method choice, the RFC 1929 login, CONNECT) or HTTP CONNECT, asking for the destination by its
-// numeric address. Each Run goes as far as the socket allows. It never takes a byte past the
+// method choice, the RFC 1929 login, CONNECT or UDP ASSOCIATE) or HTTP CONNECT, asking for the
+// destination by its numeric address, or by the name given (SOCKS5's domain form). Each Run goes as far as the socket allows. It never takes a byte past the
 // upstream's last reply (it peeks, then takes what belongs to the reply), so what the upstream
 // sends right behind it stays in the socket, the first bytes of the stream. Bounded: requests
 // and SOCKS5 replies are a few hundred bytes, an HTTP answer's head at most HEAD_LIMIT.
@@ -33,7 +33,12 @@ public:
         Failed   // GetFailure says why
     };
 
-    CUpstreamHandshake(const CUpstreamRoute& route, const sockaddr_storage& destination);
+    enum class ECommand { Connect = 1, UdpAssociate = 3 };
+
+    // name: non-empty for a destination the upstream resolves (destination then gives the port).
+    // UdpAssociate: destination is where the datagrams will come from (SOCKS5 only).
+    CUpstreamHandshake(const CUpstreamRoute& route, const sockaddr_storage& destination,
+                       const std::string& name = std::string(), ECommand command = ECommand::Connect);
 
     // Moves the handshake on; returns what the socket must become for it to go on (POLLIN or
     // POLLOUT), or 0 once it is Done or Failed.
@@ -43,6 +48,9 @@ public:
     // (ECONNREFUSED, ENETUNREACH, EHOSTUNREACH, ETIMEDOUT, EACCES for a login or a rule), EPROTO
     // for an answer that is not the protocol's, or the socket's error.
     int GetFailure() const { return m_failure; }
+    // Once Done over SOCKS5: the address the upstream's reply names (for UDP ASSOCIATE, its relay;
+    // AF_UNSPEC when it named one by name).
+    const sockaddr_storage& GetBound() const { return m_bound; }
 
 private:
     // Sends what is queued; false when the socket takes no more now (or failed).
@@ -56,6 +64,7 @@ private:
     void OnReply();
     void OnMethod();
     void OnSocksConnect();
+    void TakeBound();
     void OnHttpConnect();
     void QueueSocksConnect();
     void QueueHttpConnect();
@@ -65,6 +74,9 @@ private:
     const std::string m_user;
     const std::string m_password;
     const sockaddr_storage m_destination;
+    const std::string m_name;
+    const ECommand m_command;
+    sockaddr_storage m_bound{};
     EStep m_step;
     std::string m_output; // queued for the upstream, from m_sent on
     size_t m_sent = 0;

@@ -12,7 +12,7 @@ namespace ZRT {
 namespace Host {
 
 namespace {
-const char FORM[] = "is not socks5://[USER:PASSWORD@]ADDR:PORT or http://[USER:PASSWORD@]ADDR:PORT";
+const char FORM[] = "is not socks5://[USER:PASSWORD@]ADDR:PORT, socks5h://... or http://[USER:PASSWORD@]ADDR:PORT";
 
 bool PercentDecode(const std::string& text, std::string& decoded)
 {
@@ -91,9 +91,10 @@ bool CUpstreamRoute::SetUrl(const std::string& url, std::string& error)
 {
     EProtocol protocol = EProtocol::None;
     std::string rest;
-    if (url.compare(0, 9, "socks5://") == 0) {
+    const bool remoteNames = url.compare(0, 10, "socks5h://") == 0;
+    if (url.compare(0, 9, "socks5://") == 0 || remoteNames) {
         protocol = EProtocol::Socks5;
-        rest = url.substr(9);
+        rest = url.substr(remoteNames ? 10 : 9);
     } else if (url.compare(0, 7, "http://") == 0) {
         protocol = EProtocol::Http;
         rest = url.substr(7);
@@ -120,6 +121,7 @@ bool CUpstreamRoute::SetUrl(const std::string& url, std::string& error)
         return false;
     }
     m_protocol = protocol;
+    m_remoteNames = remoteNames;
     m_address = address;
     m_addressLength = length;
     m_user = user;
@@ -130,6 +132,7 @@ bool CUpstreamRoute::SetUrl(const std::string& url, std::string& error)
 void CUpstreamRoute::ClearUrl()
 {
     m_protocol = EProtocol::None;
+    m_remoteNames = false;
     m_address = sockaddr_storage{};
     m_addressLength = 0;
     m_user.clear();

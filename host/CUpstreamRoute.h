@@ -10,9 +10,11 @@ namespace ZRT {
 namespace Host {
 
 // Where the direct host's TCP connections go when a parent proxy carries them: the upstream's
-// protocol, address and credentials (from "socks5://[user:pass@]host:port" or
-// "http://[user:pass@]host:port"), and the blocks of destinations connected directly instead.
-// The upstream is given by its numeric address: reaching it needs no resolver.
+// protocol, address and credentials (from "socks5://[user:pass@]host:port",
+// "socks5h://[user:pass@]host:port" or "http://[user:pass@]host:port"), and the blocks of
+// destinations connected directly instead. With socks5h the upstream resolves names (they reach
+// it in the domain form). The upstream is given by its numeric address: reaching it needs no
+// resolver.
 //
 // Threads: set up on the controlling thread (the options); read-only afterwards, by any thread.
 class CUpstreamRoute {
@@ -34,6 +36,8 @@ public:
     bool Carries(const sockaddr_storage& destination) const;
 
     EProtocol GetProtocol() const { return m_protocol; }
+    // socks5h: names go to the upstream unresolved.
+    bool ResolvesNames() const { return m_remoteNames; }
     const sockaddr_storage& GetAddress() const { return m_address; }
     socklen_t GetAddressLength() const { return m_addressLength; }
     bool HasCredentials() const { return !m_user.empty(); }
@@ -52,6 +56,7 @@ private:
     static bool Contains(const SBlock& block, const sockaddr_storage& address);
 
     EProtocol m_protocol = EProtocol::None;
+    bool m_remoteNames = false;
     sockaddr_storage m_address{};
     socklen_t m_addressLength = 0;
     std::string m_user;

@@ -50,6 +50,25 @@ TEST(OptionTableTest, EveryOptionOnceWithItsOwnersMeaning)
     EXPECT_EQ(settings.proxy.maxClients, 0);
 }
 
+// Names the upstream resolves would pass the address rules unseen: the two are refused together,
+// whichever comes second, and the first stays as it was.
+TEST(OptionTableTest, AnUpstreamThatResolvesNamesTakesNoDestinationRules)
+{
+    for (const char* rule : {"allow-destination", "deny-destination"}) {
+        SEmbeddedSettings settings;
+        std::string error;
+        ASSERT_EQ(COptionTable::Apply(settings, "upstream", "socks5h://127.0.0.1:1080", error), COptionTable::EResult::Ok);
+        EXPECT_EQ(COptionTable::Apply(settings, rule, "10.0.0.0/8", error), COptionTable::EResult::BadValue) << rule;
+        EXPECT_NE(error.find("socks5h"), std::string::npos) << error;
+        EXPECT_TRUE(settings.proxy.allowDestinations.empty() && settings.proxy.denyDestinations.empty());
+        ASSERT_EQ(COptionTable::Apply(settings, "upstream", "socks5://127.0.0.1:1080", error), COptionTable::EResult::Ok);
+        ASSERT_EQ(COptionTable::Apply(settings, rule, "10.0.0.0/8", error), COptionTable::EResult::Ok);
+        EXPECT_EQ(COptionTable::Apply(settings, "upstream", "socks5h://127.0.0.1:1080", error),
+                  COptionTable::EResult::BadValue);
+        EXPECT_FALSE(settings.host.upstream.ResolvesNames());
+    }
+}
+
 } // namespace
 } // namespace Api
 } // namespace ZRT
