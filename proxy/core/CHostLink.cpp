@@ -29,6 +29,13 @@ bool CHostLink::GetLocalAddress(sockaddr_storage& address) const
     return m_link && m_link->GetLocalAddress(reinterpret_cast<sockaddr*>(&address), &length);
 }
 
+void CHostLink::MarkOpen()
+{
+    m_state = EState::Open;
+    if (m_link && m_readerFd < 0)
+        m_readerFd = m_link->AttachReader();
+}
+
 void CHostLink::MarkClosed()
 {
     if (m_state == EState::Open)

@@ -52,7 +52,9 @@ public:
     bool Install(const LinkPtr& link, EState state);
     // Waiting for a link that a helper thread is opening.
     void AwaitLink() { m_state = EState::Connecting; }
-    void MarkOpen() { m_state = EState::Open; }
+    // The connect is done. A link that had no descriptor while connecting (one made through an
+    // upstream proxy) is asked again, so its bytes can be spliced rather than copied.
+    void MarkOpen();
     // The peer closed: its bytes are still read.
     void MarkClosed();
     // Out of the connection's hands, still open: the link for the caller to keep or close.
