@@ -16,8 +16,9 @@ namespace Proxy {
 class CRelayPump {
 public:
     static constexpr int CLIENT_READ_SIZE = 32768;
-    // Read size when host bytes go through the handler; the buffer is made on first use, so an
-    // idle connection does not pay for it.
+    // Read size when host bytes go through the handler. The buffer is the thread's, not the
+    // connection's: the handler copies what it keeps before the read returns, so a tunnel pays
+    // for none of it between reads.
     static constexpr int HOST_READ_SIZE = 64 * 1024;
     // Most bytes moved per splice. What a slow client does not take of it goes back to the link.
     static constexpr int HOST_SPLICE_SIZE = 256 * 1024;
@@ -62,7 +63,7 @@ private:
     // Nothing when the link cannot splice now: an ordinary read does this turn.
     std::optional<EMove> SpliceClientBytes(IConnectionProtocol& handler);
     std::optional<EMove> SpliceHostBytes(IConnectionProtocol& handler, unsigned long long allowance);
-    unsigned char* HostBuffer();
+    EMove ReadHostBytes(IZRTDataLayer& link, IConnectionProtocol& handler);
 
     IOwner& m_owner;
     CClientEnd& m_client;
@@ -70,7 +71,6 @@ private:
     bool m_hostPending = false; // the last move stopped with bytes maybe left in the link
     bool m_spliceHost = false;
     bool m_spliceClient = false;
-    std::unique_ptr<unsigned char[]> m_hostBuffer;
 };
 
 } // namespace Proxy
