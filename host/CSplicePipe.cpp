@@ -38,6 +38,16 @@ void CSplicePipe::Close()
     CSocketUtils::CloseSocket(m_fds[1]);
     m_fds[0] = m_fds[1] = -1;
     m_held = 0;
+    m_sourceDry = false;
+    m_waited = false;
+}
+
+void CSplicePipe::ReleaseIfIdle()
+{
+    // Only between bursts: a busy link fills and drains the same pipe, a quiet one holds none. A
+    // pipe that had to wait for its destination is between bursts once that wait ends.
+    if (m_held == 0 && (m_sourceDry || m_waited))
+        Close();
 }
 
 CSplicePipe::EResult CSplicePipe::FillFrom(int socket, size_t max, size_t& count)
@@ -56,12 +66,19 @@ CSplicePipe::EResult CSplicePipe::FillFrom(int socket, size_t max, size_t& count
     if (moved > 0) {
         m_held += static_cast<size_t>(moved);
         count = static_cast<size_t>(moved);
+        // A stream socket gives less than asked only when it has no more for now.
+        m_sourceDry = count < wanted;
         return EResult::Moved;
     }
-    if (moved == 0)
+    m_sourceDry = true;
+    if (moved == 0) {
+        ReleaseIfIdle();
         return EResult::End;
-    if (CSocketUtils::IsWouldBlock(errno))
+    }
+    if (CSocketUtils::IsWouldBlock(errno)) {
+        ReleaseIfIdle();
         return EResult::NothingNow;
+    }
     if (errno == EINVAL || errno == ENOSYS)
         return EResult::Unsupported;
     m_error = errno;
@@ -86,13 +103,16 @@ CSplicePipe::EResult CSplicePipe::DrainTo(int socket, size_t& count)
         }
         if (moved < 0 && errno == EINTR)
             continue;
-        if (moved < 0 && CSocketUtils::IsWouldBlock(errno))
+        if (moved < 0 && CSocketUtils::IsWouldBlock(errno)) {
+            m_waited = true;
             break;
+        }
         m_error = moved < 0 ? errno : EPIPE;
         if (m_error == EPIPE)
             CSocketUtils::ConsumeBrokenPipeSignal(); // splice has no MSG_NOSIGNAL
         return EResult::Failed;
     }
+    ReleaseIfIdle();
     return count > 0 ? EResult::Moved : EResult::NothingNow;
 #else
     (void)socket;
@@ -102,6 +122,10 @@ CSplicePipe::EResult CSplicePipe::DrainTo(int socket, size_t& count)
 
 void CSplicePipe::DrainInto(CByteQueue& queue)
 {
+    if (m_held == 0) {
+        ReleaseIfIdle();
+        return;
+    }
     unsigned char chunk[16 * 1024];
     while (m_held > 0) {
         const ssize_t got = read(m_fds[0], chunk, std::min(m_held, sizeof(chunk)));
@@ -112,6 +136,8 @@ void CSplicePipe::DrainInto(CByteQueue& queue)
         queue.Append(chunk, static_cast<size_t>(got));
         m_held -= static_cast<size_t>(got);
     }
+    // The bytes go on through user space; the pipe is taken again when splicing resumes.
+    Close();
 }
 
 } // namespace Host
