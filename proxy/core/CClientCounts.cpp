@@ -1,7 +1,12 @@
 #include "proxy/core/CClientCounts.h"
 
 #include <netinet/in.h>
+#ifdef __GLIBC__
+#include <malloc.h>
+#endif
 
+#include <atomic>
+#include <chrono>
 #include <cstring>
 
 namespace ZRT {
@@ -39,14 +44,34 @@ CClientCounts::EResult CClientCounts::TryAdd(const sockaddr_storage& client, siz
 void CClientCounts::Remove(const sockaddr_storage& client)
 {
     const std::string key = Key(client);
-    std::lock_guard<std::mutex> hold(m_mutex);
-    auto found = m_bySource.find(key);
-    if (found == m_bySource.end())
+    {
+        std::lock_guard<std::mutex> hold(m_mutex);
+        auto found = m_bySource.find(key);
+        if (found == m_bySource.end())
+            return;
+        if (--found->second == 0)
+            m_bySource.erase(found);
+        if (m_total > 0)
+            --m_total;
+        if (m_total > 0)
+            return;
+    }
+    GiveBackFreeMemory();
+}
+
+void CClientCounts::GiveBackFreeMemory()
+{
+#ifdef __GLIBC__
+    // Process-wide, as the allocator is: one proxy's last client or another's, not both at once.
+    static std::atomic<long long> s_lastTrimMs{-TRIM_INTERVAL_MS};
+    const long long now = std::chrono::duration_cast<std::chrono::milliseconds>(
+                              std::chrono::steady_clock::now().time_since_epoch())
+                              .count();
+    long long last = s_lastTrimMs.load();
+    if (now - last < TRIM_INTERVAL_MS || !s_lastTrimMs.compare_exchange_strong(last, now))
         return;
-    if (--found->second == 0)
-        m_bySource.erase(found);
-    if (m_total > 0)
-        --m_total;
+    malloc_trim(0);
+#endif
 }
 
 bool CClientCounts::Move(const sockaddr_storage& from, const sockaddr_storage& to, size_t maxPerSource)

@@ -12,13 +12,16 @@ namespace Proxy {
 
 // How many clients the proxy serves now, in all and per client address, so that the accept
 // path can hold the limits (max-clients, max-clients-per-source) without asking the connections.
-// An IPv4 client seen through a dual-stack socket counts as its IPv4 address.
+// An IPv4 client seen through a dual-stack socket counts as its IPv4 address. When the last
+// client goes, the allocator is asked to give its free memory back to the system (glibc keeps
+// it otherwise), at most once per TRIM_INTERVAL_MS across the process.
 //
 // Threads: TryAdd on the event thread that accepts, Move and Remove on the connection's thread;
 // any number at once.
 class CClientCounts {
 public:
     enum class EResult { Added, OverTotal, OverSource };
+    static constexpr long long TRIM_INTERVAL_MS = 1000;
 
     // Counts the client in unless a limit (0: none) is reached.
     EResult TryAdd(const sockaddr_storage& client, size_t maxTotal, size_t maxPerSource);
@@ -30,6 +33,7 @@ public:
 
 private:
     static std::string Key(const sockaddr_storage& client);
+    static void GiveBackFreeMemory();
 
     // Guards both members.
     mutable std::mutex m_mutex;
