@@ -43,6 +43,7 @@ void CRelayPump::OnNewLink()
     m_hostPending = true;
     m_spliceHost = false;
     m_spliceClient = false;
+    m_hostSpliced = 0;
 }
 
 void CRelayPump::OnLinkGone()
@@ -140,9 +141,11 @@ CRelayPump::EMove CRelayPump::ReadHostBytes(IZRTDataLayer& link, IConnectionProt
 
 std::optional<CRelayPump::EMove> CRelayPump::SpliceHostBytes(IConnectionProtocol& handler, unsigned long long allowance)
 {
-    const int most = static_cast<int>(std::min<unsigned long long>(HOST_SPLICE_SIZE, allowance));
+    const int size = m_hostSpliced < HOST_SPLICE_RAMP ? HOST_SPLICE_START : HOST_SPLICE_SIZE;
+    const int most = static_cast<int>(std::min<unsigned long long>(size, allowance));
     const int moved = m_link.Get()->ReceiveInto(m_client.GetSocket(), most);
     if (moved > 0) {
+        m_hostSpliced += static_cast<unsigned long long>(moved);
         m_owner.OnRelayed(false, moved);
         handler.OnResponseRelayed(static_cast<unsigned long long>(moved));
         return EMove::More;

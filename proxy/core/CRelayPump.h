@@ -22,6 +22,11 @@ public:
     static constexpr int HOST_READ_SIZE = 64 * 1024;
     // Most bytes moved per splice. What a slow client does not take of it goes back to the link.
     static constexpr int HOST_SPLICE_SIZE = 256 * 1024;
+    // Until a link has carried HOST_SPLICE_RAMP bytes its splices take at most this: the kernel
+    // grows a socket's receive buffer after what each read takes, and a client that never reads
+    // would leave the link's buffer that large, full.
+    static constexpr int HOST_SPLICE_START = 64 * 1024;
+    static constexpr unsigned long long HOST_SPLICE_RAMP = 8ull << 20;
     static constexpr int CLIENT_SPLICE_SIZE = 256 * 1024;
 
     // More: go on; Wait: nothing more now; the others: that end is reached (or failed).
@@ -71,6 +76,7 @@ private:
     bool m_hostPending = false; // the last move stopped with bytes maybe left in the link
     bool m_spliceHost = false;
     bool m_spliceClient = false;
+    unsigned long long m_hostSpliced = 0; // host bytes spliced over this link
 };
 
 } // namespace Proxy
