@@ -564,6 +564,9 @@ TEST_F(TcpDataLayerReaderTest, BurstsAfterQuietSpellsKeepTheirOrderAcrossAHalfCl
     m_link->EnableHalfClose();
     const int descriptor = m_link->AttachReader();
     ASSERT_GE(descriptor, 0);
+    // A small send buffer towards the peer: client bytes wait in the pipe until the peer reads.
+    const int small = 4096;
+    setsockopt(descriptor, SOL_SOCKET, SO_SNDBUF, &small, sizeof(small));
     const auto moveUp = [&](size_t count) {
         for (size_t taken = 0; taken < count;) {
             const int moved = m_link->SendFrom(m_near, 256 * 1024);
