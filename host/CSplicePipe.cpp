@@ -1,6 +1,7 @@
 #include "host/CSplicePipe.h"
 
 #include <fcntl.h>
+#include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -39,14 +40,18 @@ void CSplicePipe::Close()
     m_fds[0] = m_fds[1] = -1;
     m_held = 0;
     m_sourceDry = false;
-    m_waited = false;
+}
+
+bool CSplicePipe::HasMore(int socket)
+{
+    int waiting = 0;
+    return ioctl(socket, FIONREAD, &waiting) != 0 || waiting > 0;
 }
 
 void CSplicePipe::ReleaseIfIdle()
 {
-    // Only between bursts: a busy link fills and drains the same pipe, a quiet one holds none. A
-    // pipe that had to wait for its destination is between bursts once that wait ends.
-    if (m_held == 0 && (m_sourceDry || m_waited))
+    // Only between bursts: a busy link fills and drains the same pipe, a quiet one holds none.
+    if (m_held == 0 && m_sourceDry)
         Close();
 }
 
@@ -66,8 +71,8 @@ CSplicePipe::EResult CSplicePipe::FillFrom(int socket, size_t max, size_t& count
     if (moved > 0) {
         m_held += static_cast<size_t>(moved);
         count = static_cast<size_t>(moved);
-        // A stream socket gives less than asked only when it has no more for now.
-        m_sourceDry = count < wanted;
+        // Asked once a move, far cheaper than the move: a burst that ended leaves no pipe behind.
+        m_sourceDry = !HasMore(socket);
         return EResult::Moved;
     }
     m_sourceDry = true;
@@ -103,10 +108,8 @@ CSplicePipe::EResult CSplicePipe::DrainTo(int socket, size_t& count)
         }
         if (moved < 0 && errno == EINTR)
             continue;
-        if (moved < 0 && CSocketUtils::IsWouldBlock(errno)) {
-            m_waited = true;
+        if (moved < 0 && CSocketUtils::IsWouldBlock(errno))
             break;
-        }
         m_error = moved < 0 ? errno : EPIPE;
         if (m_error == EPIPE)
             CSocketUtils::ConsumeBrokenPipeSignal(); // splice has no MSG_NOSIGNAL

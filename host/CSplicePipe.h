@@ -51,15 +51,15 @@ public:
 
 private:
     bool Open();
-    // Gives the pipe back when it is empty and its source had nothing the last time, or its
-    // destination had made it wait.
+    // Gives the pipe back when it is empty and its source had nothing more after the last fill.
     void ReleaseIfIdle();
+    // Whether socket has bytes waiting (true when it cannot tell).
+    static bool HasMore(int socket);
 
     int m_fds[2] = {-1, -1};
     size_t m_held = 0;
     int m_error = 0;
-    bool m_sourceDry = false; // the last fill emptied its source (it had less than asked, or none)
-    bool m_waited = false;    // a drain left bytes behind: the destination would take no more
+    bool m_sourceDry = false; // the last fill left its source with nothing to read
 };
 
 } // namespace Host
