@@ -1,6 +1,7 @@
 #include "host/CSplicePipe.h"
 
 #include <fcntl.h>
+#include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -38,6 +39,20 @@ void CSplicePipe::Close()
     CSocketUtils::CloseSocket(m_fds[1]);
     m_fds[0] = m_fds[1] = -1;
     m_held = 0;
+    m_sourceDry = false;
+}
+
+bool CSplicePipe::HasMore(int socket)
+{
+    int waiting = 0;
+    return ioctl(socket, FIONREAD, &waiting) != 0 || waiting > 0;
+}
+
+void CSplicePipe::ReleaseIfIdle()
+{
+    // Only between bursts: a busy link fills and drains the same pipe, a quiet one holds none.
+    if (m_held == 0 && m_sourceDry)
+        Close();
 }
 
 CSplicePipe::EResult CSplicePipe::FillFrom(int socket, size_t max, size_t& count)
@@ -56,12 +71,19 @@ CSplicePipe::EResult CSplicePipe::FillFrom(int socket, size_t max, size_t& count
     if (moved > 0) {
         m_held += static_cast<size_t>(moved);
         count = static_cast<size_t>(moved);
+        // Asked once a move, far cheaper than the move: a burst that ended leaves no pipe behind.
+        m_sourceDry = !HasMore(socket);
         return EResult::Moved;
     }
-    if (moved == 0)
+    m_sourceDry = true;
+    if (moved == 0) {
+        ReleaseIfIdle();
         return EResult::End;
-    if (CSocketUtils::IsWouldBlock(errno))
+    }
+    if (CSocketUtils::IsWouldBlock(errno)) {
+        ReleaseIfIdle();
         return EResult::NothingNow;
+    }
     if (errno == EINVAL || errno == ENOSYS)
         return EResult::Unsupported;
     m_error = errno;
@@ -93,6 +115,7 @@ CSplicePipe::EResult CSplicePipe::DrainTo(int socket, size_t& count)
             CSocketUtils::ConsumeBrokenPipeSignal(); // splice has no MSG_NOSIGNAL
         return EResult::Failed;
     }
+    ReleaseIfIdle();
     return count > 0 ? EResult::Moved : EResult::NothingNow;
 #else
     (void)socket;
@@ -102,6 +125,10 @@ CSplicePipe::EResult CSplicePipe::DrainTo(int socket, size_t& count)
 
 void CSplicePipe::DrainInto(CByteQueue& queue)
 {
+    if (m_held == 0) {
+        ReleaseIfIdle();
+        return;
+    }
     unsigned char chunk[16 * 1024];
     while (m_held > 0) {
         const ssize_t got = read(m_fds[0], chunk, std::min(m_held, sizeof(chunk)));
@@ -112,6 +139,8 @@ void CSplicePipe::DrainInto(CByteQueue& queue)
         queue.Append(chunk, static_cast<size_t>(got));
         m_held -= static_cast<size_t>(got);
     }
+    // The bytes go on through user space; the pipe is taken again when splicing resumes.
+    Close();
 }
 
 } // namespace Host

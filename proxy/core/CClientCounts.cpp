@@ -1,5 +1,13 @@
 #include "proxy/core/CClientCounts.h"
 
+#ifdef __GLIBC__
+#include <malloc.h>
+#endif
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+
 #include "transport/CSocketUtils.h"
 
 namespace ZRT {
@@ -20,21 +28,53 @@ CClientCounts::EResult CClientCounts::TryAdd(const sockaddr_storage& client, siz
     if (maxPerSource > 0 && fromSource >= maxPerSource)
         return EResult::OverSource;
     ++fromSource;
-    ++m_total;
+    m_peak = std::max(m_peak, ++m_total);
     return EResult::Added;
 }
 
 void CClientCounts::Remove(const sockaddr_storage& client)
 {
     const std::string key = Key(client);
-    std::lock_guard<std::mutex> hold(m_mutex);
-    auto found = m_bySource.find(key);
-    if (found == m_bySource.end())
+    bool urgent = false;
+    {
+        std::lock_guard<std::mutex> hold(m_mutex);
+        auto found = m_bySource.find(key);
+        if (found == m_bySource.end())
+            return;
+        if (--found->second == 0)
+            m_bySource.erase(found);
+        if (m_total > 0)
+            --m_total;
+        const bool sharpDrop = m_peak >= SHARP_DROP_PEAK && m_total <= m_peak / 4;
+        if (m_total > 0 && !sharpDrop)
+            return;
+        urgent = m_total == 0 && m_peak >= BUSY_PEAK;
+    }
+    if (!GiveBackFreeMemory(urgent))
         return;
-    if (--found->second == 0)
-        m_bySource.erase(found);
-    if (m_total > 0)
-        --m_total;
+    std::lock_guard<std::mutex> hold(m_mutex);
+    m_peak = m_total;
+}
+
+bool CClientCounts::GiveBackFreeMemory(bool urgent)
+{
+#ifdef __GLIBC__
+    // Process-wide, as the allocator is.
+    static std::atomic<long long> s_lastTrimMs{-TRIM_INTERVAL_MS};
+    const long long now = std::chrono::duration_cast<std::chrono::milliseconds>(
+                              std::chrono::steady_clock::now().time_since_epoch())
+                              .count();
+    long long last = s_lastTrimMs.load();
+    if (!urgent && now - last < TRIM_INTERVAL_MS)
+        return false;
+    if (!s_lastTrimMs.compare_exchange_strong(last, now))
+        return false; // another thread gives it back now
+    malloc_trim(0);
+    return true;
+#else
+    (void)urgent;
+    return false;
+#endif
 }
 
 bool CClientCounts::Move(const sockaddr_storage& from, const sockaddr_storage& to, size_t maxPerSource)

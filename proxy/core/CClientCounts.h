@@ -14,11 +14,19 @@ namespace Proxy {
 // path can hold the limits (max-clients, max-clients-per-source) without asking the connections.
 // An IPv4 client seen through a dual-stack socket counts as its IPv4 address.
 //
+// As clients go, the allocator is asked to give its free memory back to the system (glibc keeps
+// it otherwise): when the last one goes, or the count falls to a quarter of a peak of at least
+// SHARP_DROP_PEAK; at most once per TRIM_INTERVAL_MS across the process, unless the last one of
+// at least BUSY_PEAK went.
+//
 // Threads: TryAdd on the event thread that accepts, Move and Remove on the connection's thread;
 // any number at once.
 class CClientCounts {
 public:
     enum class EResult { Added, OverTotal, OverSource };
+    static constexpr long long TRIM_INTERVAL_MS = 1000;
+    static constexpr size_t BUSY_PEAK = 64;
+    static constexpr size_t SHARP_DROP_PEAK = 256;
 
     // Counts the client in unless a limit (0: none) is reached.
     EResult TryAdd(const sockaddr_storage& client, size_t maxTotal, size_t maxPerSource);
@@ -30,10 +38,13 @@ public:
 
 private:
     static std::string Key(const sockaddr_storage& client);
+    // True when it asked (not too soon after the last time, or urgent).
+    static bool GiveBackFreeMemory(bool urgent);
 
-    // Guards both members.
+    // Guards the members below.
     mutable std::mutex m_mutex;
     size_t m_total = 0;
+    size_t m_peak = 0; // most clients at once since free memory was last given back
     std::unordered_map<std::string, size_t> m_bySource;
 };
 

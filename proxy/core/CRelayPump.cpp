@@ -1,15 +1,49 @@
 #include "proxy/core/CRelayPump.h"
 
 #include <algorithm>
+#include <memory>
 
 namespace ZRT {
 namespace Proxy {
+
+namespace {
+thread_local std::unique_ptr<unsigned char[]> t_hostBuffer;
+thread_local bool t_hostBufferLent = false;
+
+// Lends the thread's host read buffer for one read and its handling; a read nested in another
+// connection's handling (the buffer is lent already) gets one of its own.
+class CHostBufferLoan {
+public:
+    explicit CHostBufferLoan(size_t size)
+    {
+        if (t_hostBufferLent) {
+            m_own.reset(new unsigned char[size]);
+            return;
+        }
+        if (!t_hostBuffer)
+            t_hostBuffer.reset(new unsigned char[size]);
+        t_hostBufferLent = true;
+    }
+    ~CHostBufferLoan()
+    {
+        if (!m_own)
+            t_hostBufferLent = false;
+    }
+    CHostBufferLoan(const CHostBufferLoan&) = delete;
+    CHostBufferLoan& operator=(const CHostBufferLoan&) = delete;
+    unsigned char* Get() const { return m_own ? m_own.get() : t_hostBuffer.get(); }
+
+private:
+    std::unique_ptr<unsigned char[]> m_own;
+};
+} // namespace
 
 void CRelayPump::OnNewLink()
 {
     m_hostPending = true;
     m_spliceHost = false;
     m_spliceClient = false;
+    m_hostSpliced = 0;
 }
 
 void CRelayPump::OnLinkGone()
@@ -83,10 +117,16 @@ CRelayPump::EMove CRelayPump::MoveHostBytes(IConnectionProtocol& handler)
         if (const std::optional<EMove> spliced = SpliceHostBytes(handler, allowance))
             return *spliced;
     }
-    const int count = link->ReceiveData(HostBuffer(), HOST_READ_SIZE);
+    return ReadHostBytes(*link, handler);
+}
+
+CRelayPump::EMove CRelayPump::ReadHostBytes(IZRTDataLayer& link, IConnectionProtocol& handler)
+{
+    const CHostBufferLoan buffer(HOST_READ_SIZE);
+    const int count = link.ReceiveData(buffer.Get(), HOST_READ_SIZE);
     if (count > 0) {
         m_owner.OnRelayed(false, count);
-        handler.HandleResponse(reinterpret_cast<const char*>(HostBuffer()), count);
+        handler.HandleResponse(reinterpret_cast<const char*>(buffer.Get()), count);
         // A full read means a stream in full flow: once the handler relays unchanged, later
         // bytes may skip user space altogether.
         if (count == HOST_READ_SIZE && handler.GetResponseRelayAllowance() > 0)
@@ -101,9 +141,11 @@ CRelayPump::EMove CRelayPump::MoveHostBytes(IConnectionProtocol& handler)
 
 std::optional<CRelayPump::EMove> CRelayPump::SpliceHostBytes(IConnectionProtocol& handler, unsigned long long allowance)
 {
-    const int most = static_cast<int>(std::min<unsigned long long>(HOST_SPLICE_SIZE, allowance));
+    const int size = m_hostSpliced < HOST_SPLICE_RAMP ? HOST_SPLICE_START : HOST_SPLICE_SIZE;
+    const int most = static_cast<int>(std::min<unsigned long long>(size, allowance));
     const int moved = m_link.Get()->ReceiveInto(m_client.GetSocket(), most);
     if (moved > 0) {
+        m_hostSpliced += static_cast<unsigned long long>(moved);
         m_owner.OnRelayed(false, moved);
         handler.OnResponseRelayed(static_cast<unsigned long long>(moved));
         return EMove::More;
@@ -117,13 +159,6 @@ std::optional<CRelayPump::EMove> CRelayPump::SpliceHostBytes(IConnectionProtocol
     if (moved == IZRTDataLayer::RECEIVE_SOCKET_FAILED)
         return EMove::ClientFailed;
     return std::nullopt;
-}
-
-unsigned char* CRelayPump::HostBuffer()
-{
-    if (!m_hostBuffer)
-        m_hostBuffer.reset(new unsigned char[HOST_READ_SIZE]);
-    return m_hostBuffer.get();
 }
 
 } // namespace Proxy

@@ -16,11 +16,17 @@ namespace Proxy {
 class CRelayPump {
 public:
     static constexpr int CLIENT_READ_SIZE = 32768;
-    // Read size when host bytes go through the handler; the buffer is made on first use, so an
-    // idle connection does not pay for it.
+    // Read size when host bytes go through the handler. The buffer is the thread's, not the
+    // connection's: the handler copies what it keeps before the read returns, so a tunnel pays
+    // for none of it between reads.
     static constexpr int HOST_READ_SIZE = 64 * 1024;
     // Most bytes moved per splice. What a slow client does not take of it goes back to the link.
     static constexpr int HOST_SPLICE_SIZE = 256 * 1024;
+    // Until a link has carried HOST_SPLICE_RAMP bytes its splices take at most this: the kernel
+    // grows a socket's receive buffer after what each read takes, and a client that never reads
+    // would leave the link's buffer that large, full.
+    static constexpr int HOST_SPLICE_START = 64 * 1024;
+    static constexpr unsigned long long HOST_SPLICE_RAMP = 8ull << 20;
     static constexpr int CLIENT_SPLICE_SIZE = 256 * 1024;
 
     // More: go on; Wait: nothing more now; the others: that end is reached (or failed).
@@ -62,7 +68,7 @@ private:
     // Nothing when the link cannot splice now: an ordinary read does this turn.
     std::optional<EMove> SpliceClientBytes(IConnectionProtocol& handler);
     std::optional<EMove> SpliceHostBytes(IConnectionProtocol& handler, unsigned long long allowance);
-    unsigned char* HostBuffer();
+    EMove ReadHostBytes(IZRTDataLayer& link, IConnectionProtocol& handler);
 
     IOwner& m_owner;
     CClientEnd& m_client;
@@ -70,7 +76,7 @@ private:
     bool m_hostPending = false; // the last move stopped with bytes maybe left in the link
     bool m_spliceHost = false;
     bool m_spliceClient = false;
-    std::unique_ptr<unsigned char[]> m_hostBuffer;
+    unsigned long long m_hostSpliced = 0; // host bytes spliced over this link
 };
 
 } // namespace Proxy

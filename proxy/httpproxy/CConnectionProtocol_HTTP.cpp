@@ -424,6 +424,7 @@ CConnectionProtocol_HTTP::EState CConnectionProtocol_HTTP::DoConnect(EEvent even
         return SendRequest();
     m_connection.SendToClient(CHTTPReplies::CONNECTION_ESTABLISHED,
                               static_cast<int>(std::strlen(CHTTPReplies::CONNECTION_ESTABLISHED)));
+    m_request.Reset(); // a tunnel may live for hours; its head is of no more use
     return EState::Tunnel;
 }
 

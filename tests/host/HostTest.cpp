@@ -559,6 +559,57 @@ TEST_F(TcpDataLayerReaderTest, SendFromKeepsOrderWithSendData)
     EXPECT_EQ(IZRTDataLayer::SEND_SOCKET_ENDED, m_link->SendFrom(m_near, 1024));
 }
 
+// Bursts each way with quiet spells between them, when the link gives its splice pipes back, and
+// the peer's half-close before the last: every byte still arrives, in order, each way.
+TEST_F(TcpDataLayerReaderTest, BurstsAfterQuietSpellsKeepTheirOrderAcrossAHalfClose)
+{
+    m_link->EnableHalfClose();
+    const int descriptor = m_link->AttachReader();
+    ASSERT_GE(descriptor, 0);
+    // A small send buffer towards the peer: client bytes wait in the pipe until the peer reads.
+    const int small = 4096;
+    setsockopt(descriptor, SOL_SOCKET, SO_SNDBUF, &small, sizeof(small));
+    const auto moveUp = [&](size_t count) {
+        for (size_t taken = 0; taken < count;) {
+            const int moved = m_link->SendFrom(m_near, 256 * 1024);
+            ASSERT_NE(IZRTDataLayer::SEND_SOCKET_FAILED, moved);
+            if (moved > 0)
+                taken += static_cast<size_t>(moved);
+            else
+                TestSockets::WaitReadable(m_near, 10); // nothing yet, or the pipe is full
+        }
+        EXPECT_EQ(IZRTDataLayer::SEND_NOTHING_NOW, m_link->SendFrom(m_near, 256 * 1024)) << "quiet";
+    };
+    const auto moveDown = [&](size_t count) {
+        for (size_t moved = 0; moved < count;) {
+            const int got = m_link->ReceiveInto(m_near, 256 * 1024);
+            ASSERT_GE(got, 0) << "the far socket has room, and the peer has not ended";
+            if (got > 0)
+                moved += static_cast<size_t>(got);
+            else
+                TestSockets::WaitReadable(descriptor, 10);
+        }
+    };
+    for (unsigned int burst = 0; burst < 3; ++burst) {
+        const std::string up = TestSockets::Pattern(48 * 1024 + burst, 10 + burst);
+        ASSERT_TRUE(TestSockets::WriteAll(m_far, up));
+        moveUp(up.size());
+        EXPECT_TRUE(TestSockets::Read(m_peer, up.size()) == up) << "burst " << burst;
+        if (burst == 2)
+            break; // the peer has ended: only the client still sends
+        const std::string down = TestSockets::Pattern(48 * 1024 + burst, 20 + burst);
+        ASSERT_TRUE(TestSockets::WriteAll(m_peer, down));
+        moveDown(down.size());
+        EXPECT_TRUE(TestSockets::Read(m_far, down.size()) == down) << "burst " << burst;
+        if (burst == 0)
+            continue;
+        ASSERT_EQ(0, shutdown(m_peer, SHUT_WR));
+        ASSERT_TRUE(TestSockets::WaitReadable(descriptor, 5000));
+        EXPECT_EQ(IZRTDataLayer::RECEIVE_END, m_link->ReceiveInto(m_near, 256 * 1024));
+    }
+    m_link->DetachReader();
+}
+
 // ---- links through an upstream proxy ----
 
 // One exchange of a scripted upstream: what it must read (nothing: it only answers), then its answer.
