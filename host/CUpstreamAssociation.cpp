@@ -187,6 +187,12 @@ CUpstreamAssociation::EUnwrapped CUpstreamAssociation::Unwrap(const sockaddr_sto
         std::memcpy(&v6.sin6_addr, datagram + 4, 16);
         std::memcpy(&v6.sin6_port, datagram + 20, 2);
     }
+    PreferPlaceholderLocked(source);
+    return EUnwrapped::Unwrapped;
+}
+
+void CUpstreamAssociation::PreferPlaceholderLocked(sockaddr_storage& source) const
+{
     // The upstream names the address a name led to; the engine knows the placeholder it sent to.
     bool sentTo = false;
     const sockaddr_storage* answered = nullptr;
@@ -197,7 +203,6 @@ CUpstreamAssociation::EUnwrapped CUpstreamAssociation::Unwrap(const sockaddr_sto
     }
     if (!sentTo && answered)
         source = *answered;
-    return EUnwrapped::Unwrapped;
 }
 
 void CUpstreamAssociation::Close()
@@ -237,58 +242,74 @@ void CUpstreamAssociation::OnEvents(uint32_t /*events*/)
 
 void CUpstreamAssociation::Advance()
 {
-    for (;;) {
+    // Each phase's step says whether the next one can run at once.
+    bool next = true;
+    while (next) {
         switch (m_phase) {
-        case EPhase::Connecting: {
-            pollfd entry{m_control.Get(), POLLOUT, 0};
-            if (poll(&entry, 1, 0) == 0) {
-                Watch(EPOLLOUT);
-                return;
-            }
-            int error = 0;
-            socklen_t length = sizeof(error);
-            if (getsockopt(m_control.Get(), SOL_SOCKET, SO_ERROR, &error, &length) != 0 || error != 0) {
-                End();
-                return;
-            }
-            m_phase = EPhase::Handshaking;
+        case EPhase::Connecting:
+            next = StepConnecting();
             break;
-        }
-        case EPhase::Handshaking: {
-            const short wanted = m_handshake.Run(m_control.Get());
-            if (wanted != 0) {
-                Watch(wanted == POLLIN ? EPOLLIN : EPOLLOUT);
-                return;
-            }
-            if (m_handshake.GetStep() != CUpstreamHandshake::EStep::Done ||
-                m_handshake.GetBound().ss_family == AF_UNSPEC) {
-                End();
-                return;
-            }
-            Opened();
+        case EPhase::Handshaking:
+            next = StepHandshaking();
             break;
-        }
-        case EPhase::Open: {
-            // The upstream has nothing to say here; its end (or an error) ends the association.
-            // What it says anyway is read and dropped, a bounded amount per turn.
-            unsigned char scratch[4096];
-            ssize_t count = -1;
-            for (int turn = 0; turn < 16; ++turn) {
-                count = recv(m_control.Get(), scratch, sizeof(scratch), MSG_DONTWAIT);
-                if (count <= 0 && !(count < 0 && errno == EINTR))
-                    break;
-            }
-            if (count > 0 || (count < 0 && CSocketUtils::IsWouldBlock(errno))) {
-                Watch(EPOLLIN);
-                return;
-            }
-            End();
-            return;
-        }
+        case EPhase::Open:
+            next = StepOpen();
+            break;
         case EPhase::Ended:
-            return;
+            next = false;
+            break;
         }
     }
+}
+
+bool CUpstreamAssociation::StepConnecting()
+{
+    pollfd entry{m_control.Get(), POLLOUT, 0};
+    if (poll(&entry, 1, 0) == 0) {
+        Watch(EPOLLOUT);
+        return false;
+    }
+    int error = 0;
+    socklen_t length = sizeof(error);
+    if (getsockopt(m_control.Get(), SOL_SOCKET, SO_ERROR, &error, &length) != 0 || error != 0) {
+        End();
+        return false;
+    }
+    m_phase = EPhase::Handshaking;
+    return true;
+}
+
+bool CUpstreamAssociation::StepHandshaking()
+{
+    const short wanted = m_handshake.Run(m_control.Get());
+    if (wanted != 0) {
+        Watch(wanted == POLLIN ? EPOLLIN : EPOLLOUT);
+        return false;
+    }
+    if (m_handshake.GetStep() != CUpstreamHandshake::EStep::Done || m_handshake.GetBound().ss_family == AF_UNSPEC) {
+        End();
+        return false;
+    }
+    Opened();
+    return true;
+}
+
+bool CUpstreamAssociation::StepOpen()
+{
+    // The upstream has nothing to say here; its end (or an error) ends the association. What it
+    // says anyway is read and dropped, a bounded amount per turn.
+    unsigned char scratch[4096];
+    ssize_t count = -1;
+    for (int turn = 0; turn < 16; ++turn) {
+        count = recv(m_control.Get(), scratch, sizeof(scratch), MSG_DONTWAIT);
+        if (count <= 0 && !(count < 0 && errno == EINTR))
+            break;
+    }
+    if (count > 0 || (count < 0 && CSocketUtils::IsWouldBlock(errno)))
+        Watch(EPOLLIN);
+    else
+        End();
+    return false;
 }
 
 void CUpstreamAssociation::Opened()

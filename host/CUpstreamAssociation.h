@@ -78,6 +78,11 @@ private:
     void Begin(int timeoutMs);
     // The one loop of the control connection.
     void Advance();
+    bool StepConnecting();
+    bool StepHandshaking();
+    bool StepOpen();
+    // A numeric source on the port of a recent datagram sent by name becomes that name's placeholder.
+    void PreferPlaceholderLocked(sockaddr_storage& source) const;
     void Opened();
     void End();
     void Watch(uint32_t events);
