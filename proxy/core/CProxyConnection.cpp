@@ -644,12 +644,6 @@ void CProxyConnection::Terminate()
     m_ended.wait(hold, [this] { return m_phase == EPhase::NotStarted || m_phase == EPhase::Finished; });
 }
 
-bool CProxyConnection::IsRunning() const
-{
-    const EPhase phase = m_phase;
-    return phase != EPhase::NotStarted && phase != EPhase::Finished;
-}
-
 bool CProxyConnection::IsConnectedToClient() const
 {
     const EPhase phase = m_phase;
@@ -668,14 +662,6 @@ bool CProxyConnection::SendToClient(const char* data, int length)
         return true;
     RequestStep(NOTICE_CLIENT_FAILED); // the client is gone: everything ends in this step
     return false;
-}
-
-void CProxyConnection::SetHandlerTimer(int milliseconds)
-{
-    if (milliseconds < 0)
-        m_handlerDeadline.reset();
-    else
-        m_handlerDeadline = Clock::now() + std::chrono::milliseconds(milliseconds);
 }
 
 bool CProxyConnection::IsDestinationAllowed(const IZRTConnectionAddress& destination)

@@ -103,7 +103,11 @@ public:
     // The machine's addresses changed: a link whose local address is gone ends with its client.
     void OnNetworkChanged() { RequestStep(NOTICE_NETWORK); }
     // Started and not finished yet. Any thread.
-    bool IsRunning() const;
+    bool IsRunning() const
+    {
+        const EPhase phase = m_phase;
+        return phase != EPhase::NotStarted && phase != EPhase::Finished;
+    }
 
     // IZRTDataLayerNotification, any thread: each asks for a step.
     void OnDataReceived(IZRTDataLayer& /*dataLayer*/) override { RequestStep(NOTICE_HOST_DATA); }
@@ -131,7 +135,13 @@ public:
     COriginPool& GetOriginPool() override;
     bool EndHostOutput() override { return m_link.EndOutput(); }
     void WakeHandler() override { RequestStep(NOTICE_HANDLER); }
-    void SetHandlerTimer(int milliseconds) override;
+    void SetHandlerTimer(int milliseconds) override
+    {
+        if (milliseconds < 0)
+            m_handlerDeadline.reset();
+        else
+            m_handlerDeadline = Clock::now() + std::chrono::milliseconds(milliseconds);
+    }
     CAddressManager& GetAddressManager() override;
     CLoginGuard& GetLoginGuard() override;
     const IZRTConnectionAddress& GetLocalAddress() const override { return m_client.GetLocalAddress(); }
