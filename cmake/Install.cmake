@@ -11,7 +11,7 @@ set(zrt_public_headers
   proxy/core/CProxy.h proxy/core/IProxyObserver.h
   host/CDirectHost.h
   transport/CTCPIPAddress.h transport/IConnectionListener.h transport/IConnectionReceiver.h
-  transport/IDatagramHandler.h transport/IDatagramReceiver.h transport/IResolveAddress.h
+  transport/IDatagramHandler.h transport/IDatagramEndNotification.h transport/IDatagramReceiver.h transport/IResolveAddress.h
   transport/IResolveAddressCompletedNotification.h transport/IResolveAddressLifetimeNotification.h
   transport/IZRTConnectionAddress.h
   transport/IZRTConnectionClosedNotification.h transport/IZRTDataLayer.h transport/IZRTDataLayerNotification.h

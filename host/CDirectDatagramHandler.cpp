@@ -12,6 +12,7 @@
 #include "transport/CSocketHandle.h"
 #include "transport/CSocketUtils.h"
 #include "transport/CTCPIPAddress.h"
+#include "transport/IDatagramEndNotification.h"
 
 namespace ZRT {
 namespace Host {
@@ -212,8 +213,31 @@ void CDirectDatagramHandler::CRegistration::Stop()
 {
     m_loop.Remove(m_token, m_socket);
     m_receivers.Remove(m_receiver);
-    if (m_association)
+    if (m_association) {
+        m_association->SetOnEnd(nullptr);
         m_association->Close();
+    }
+}
+
+void CDirectDatagramHandler::CRegistration::SetAssociation(QOX::CRefCountPtr<CUpstreamAssociation> association,
+                                                           const CUpstreamRoute& route,
+                                                           std::shared_ptr<CPlaceholderNames> placeholders)
+{
+    m_association = std::move(association);
+    m_route = route;
+    m_placeholders = std::move(placeholders);
+    // The reference kept by the callback goes when the association ends or Stop lets go of it.
+    const QOX::CRefCountPtr<CRegistration> self(this);
+    if (m_association)
+        m_association->SetOnEnd([self] { self->OnAssociationEnded(); });
+}
+
+void CDirectDatagramHandler::CRegistration::OnAssociationEnded()
+{
+    m_receivers.Call(m_receiver, [this](IDatagramReceiver* receiver) {
+        if (auto* sink = dynamic_cast<IDatagramEndNotification*>(receiver))
+            sink->OnDatagramsEnded(m_handle);
+    });
 }
 
 bool CDirectDatagramHandler::CRegistration::Carried(const sockaddr_storage& address) const

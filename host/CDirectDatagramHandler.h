@@ -74,16 +74,13 @@ private:
         void OnEvents(uint32_t events) override;
         // Through the upstream's relay from now on (before Start).
         void SetAssociation(QOX::CRefCountPtr<CUpstreamAssociation> association, const CUpstreamRoute& route,
-                            std::shared_ptr<CPlaceholderNames> placeholders)
-        {
-            m_association = std::move(association);
-            m_route = route;
-            m_placeholders = std::move(placeholders);
-        }
+                            std::shared_ptr<CPlaceholderNames> placeholders);
 
     private:
         // True when the upstream carries datagrams to (and from) address.
         bool Carried(const sockaddr_storage& address) const;
+        // Tells the receiver, if it listens for it, that no more datagrams come.
+        void OnAssociationEnded();
         // False once the receiver is gone.
         bool Deliver(const sockaddr_storage& source, socklen_t length, const unsigned char* data, size_t size);
 

@@ -339,14 +339,31 @@ void CUpstreamAssociation::Opened()
     m_queue.clear();
 }
 
+void CUpstreamAssociation::SetOnEnd(std::function<void()> onEnd)
+{
+    std::unique_lock<std::mutex> lock(m_mutex);
+    if (!m_ended) {
+        m_onEnd = std::move(onEnd);
+        return;
+    }
+    lock.unlock();
+    if (onEnd)
+        m_loop.Post(std::move(onEnd));
+}
+
 void CUpstreamAssociation::End()
 {
+    std::function<void()> onEnd;
     {
         std::lock_guard<std::mutex> lock(m_mutex);
         m_ended = true;
         m_open = false;
         m_queue.clear();
+        onEnd = std::move(m_onEnd);
+        m_onEnd = nullptr;
     }
+    if (onEnd)
+        onEnd();
     if (m_phase == EPhase::Ended)
         return;
     const QOX::CRefCountPtr<CUpstreamAssociation> self(this); // the loop's reference may go below

@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <deque>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -54,6 +55,9 @@ public:
     // The association ends (the control connection closes); the UDP socket is not touched
     // afterwards.
     void Close();
+    // Called once, on the loop's thread, when the association ends (at once on the loop when it
+    // has ended already); null lets go of an earlier one. Any thread.
+    void SetOnEnd(std::function<void()> onEnd);
 
     long AddRef() override { return QOX::CRefCountImpl<IEventHandler>::AddRef(); }
     long ReleaseRef() override { return QOX::CRefCountImpl<IEventHandler>::ReleaseRef(); }
@@ -108,6 +112,7 @@ private:
     socklen_t m_relayLength = 0;
     std::deque<std::string> m_queue;
     std::deque<sockaddr_storage> m_recent; // destinations, newest first
+    std::function<void()> m_onEnd;
 };
 
 } // namespace Host

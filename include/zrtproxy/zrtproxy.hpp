@@ -39,6 +39,7 @@
 #include "transport/CTCPIPAddress.h"
 #include "transport/IConnectionListener.h"
 #include "transport/IConnectionReceiver.h"
+#include "transport/IDatagramEndNotification.h"
 #include "transport/IDatagramHandler.h"
 #include "transport/IDatagramReceiver.h"
 #include "transport/IResolveAddress.h"

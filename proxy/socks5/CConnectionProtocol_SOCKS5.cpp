@@ -368,8 +368,9 @@ CConnectionProtocol_SOCKS5::EState CConnectionProtocol_SOCKS5::DoUdpAssociate(co
 
 CConnectionProtocol_SOCKS5::EState CConnectionProtocol_SOCKS5::DoUdpAssociated(ESocksEvent event)
 {
-    // The TCP connection of an association carries nothing; a byte on it ends everything.
-    if (m_input.Size() > 0)
+    // The TCP connection of an association carries nothing; a byte on it ends everything. Its
+    // end is the client's word that the association ended, and the host's end of datagrams ours.
+    if (m_input.Size() > 0 || m_udp->HasEnded())
         return EState::Closed;
     if (event == ESocksEvent::Readable)
         m_udp->OnReadable();

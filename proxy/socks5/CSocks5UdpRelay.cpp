@@ -232,6 +232,12 @@ void CSocks5UdpRelay::Forward(const AddressPtr& destination, const unsigned char
     m_connection.CountDatagram(true, length);
 }
 
+void CSocks5UdpRelay::OnDatagramsEnded(int /*handle*/)
+{
+    m_ended = true;
+    m_connection.WakeHandler();
+}
+
 void CSocks5UdpRelay::OnDatagramReceived(int /*handle*/, const IZRTConnectionAddress& source,
                                          const unsigned char* data, int length)
 {

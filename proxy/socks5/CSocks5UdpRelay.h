@@ -2,6 +2,7 @@
 
 #include <sys/socket.h>
 
+#include <atomic>
 #include <deque>
 #include <memory>
 #include <mutex>
@@ -12,6 +13,7 @@
 #include "proxy/address/CNameLookup.h"
 #include "proxy/core/IProxyConnection.h"
 #include "runtime/CRefCountPtr.h"
+#include "transport/IDatagramEndNotification.h"
 #include "transport/IDatagramHandler.h"
 #include "transport/IDatagramReceiver.h"
 #include "transport/IZRTConnectionAddress.h"
@@ -31,11 +33,11 @@ namespace Proxy {
 // by the destination rules.
 //
 // Threads: the connection's thread polls the socket (GetSocket) and calls OnReadable,
-// SettleLookups, GetWakeDelay and Close; the datagram service calls OnDatagramReceived on its own
-// thread. A destination given by name is looked up without waiting: the datagram waits with its
-// lookup (at most MAX_LOOKUPS at a time, each for at most the proxy's lookup limit), and
-// SettleLookups sends it on once its name is known, or drops it once it is not.
-class CSocks5UdpRelay : public IDatagramReceiver {
+// SettleLookups, GetWakeDelay and Close; the datagram service calls OnDatagramReceived and
+// OnDatagramsEnded on its own thread. A destination given by name is looked up without waiting:
+// the datagram waits with its lookup (at most MAX_LOOKUPS at a time, each for at most the proxy's
+// lookup limit), and SettleLookups sends it on once its name is known, or drops it once it is not.
+class CSocks5UdpRelay : public IDatagramReceiver, public IDatagramEndNotification {
 public:
     using AddressPtr = QOX::CRefCountPtr<IZRTConnectionAddress>;
 
@@ -71,6 +73,9 @@ public:
 
     void OnDatagramReceived(int handle, const IZRTConnectionAddress& source, const unsigned char* data,
                             int length) override;
+    // The service can carry no more: the handler ends the association when woken.
+    void OnDatagramsEnded(int handle) override;
+    bool HasEnded() const { return m_ended.load(); }
 
 private:
     struct SLookup {
@@ -85,6 +90,7 @@ private:
     bool Settle(SLookup& pending);
 
     IProxyConnection& m_connection;
+    std::atomic<bool> m_ended{false};
     IDatagramHandler* m_handler = nullptr;
     int m_handle = -1;
     int m_socket = -1;

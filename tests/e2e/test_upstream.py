@@ -127,12 +127,13 @@ def test_socks5h_lets_the_upstream_resolve_names_this_side_cannot(resolving, htt
         assert "Sanitizer" not in child.errors(), child.errors()
 
 
-def udp_round_trips(proxy, destination, port, count=3):
-    """Datagrams through the proxy's UDP ASSOCIATE; the source each reply names."""
+def udp_round_trips(proxy, destination, port, count=3, keep=None):
+    """Datagrams through the proxy's UDP ASSOCIATE; the source each reply names. The association's
+    TCP connection is closed at the end, or appended to keep."""
     control, (code, relay_host, relay_port) = socks5_request(proxy, 3, "0.0.0.0", 0)
     assert code == 0
     sources = []
-    with control, socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as udp:
+    with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as udp:
         udp.settimeout(5)
         header = b"\x00\x00\x00" + socks5_address(destination, port)
         for index in range(count):
@@ -148,6 +149,10 @@ def udp_round_trips(proxy, destination, port, count=3):
                 pytest.fail("no datagram came back")
             assert reply[0:3] == b"\x00\x00\x00" and reply[3] == 1 and reply.endswith(payload), reply[:20]
             sources.append((socket.inet_ntop(socket.AF_INET, reply[4:8]), int.from_bytes(reply[8:10], "big")))
+    if keep is None:
+        control.close()
+    else:
+        keep.append(control)
     return sources
 
 
@@ -172,6 +177,21 @@ def test_socks5_datagrams_go_through_the_upstreams_association(resolving, udp_ec
     finally:
         assert child.stop() == 0
         assert "Sanitizer" not in child.errors(), child.errors()
+
+
+def test_an_upstream_association_that_ends_ends_the_clients(udp_echo):
+    upstream = Daemon("--listen", "127.0.0.1")
+    child = Daemon("--listen", "127.0.0.1", "--upstream", f"socks5://127.0.0.1:{upstream.port}")
+    kept = []
+    try:
+        assert udp_round_trips(child, DEST_V4, udp_echo[DEST_V4], count=1, keep=kept)
+        assert upstream.stop() == 0
+        kept[0].settimeout(10)
+        assert kept[0].recv(1) == b"", "the client's association outlived the upstream's"
+    finally:
+        for control in kept:
+            control.close()
+        assert child.stop() == 0
 
 
 @pytest.mark.skipif(shutil.which("microsocks") is None, reason="microsocks is not installed")

@@ -36,6 +36,7 @@
 #include "host/INameService.h"
 #include "transport/CEventLoopPool.h"
 #include "transport/CTCPIPAddress.h"
+#include "transport/IDatagramEndNotification.h"
 
 using namespace ZRT;
 using namespace ZRT::Host;
@@ -931,9 +932,14 @@ TEST_F(DirectConnectionListenerTest, AcceptedStreamReportsItsPeerAndCarriesBytes
     }
 }
 
-class RecordingReceiver : public IDatagramReceiver, public Guarded {
+class RecordingReceiver : public IDatagramReceiver, public IDatagramEndNotification, public Guarded {
 public:
     std::function<void()> onDatagram;
+
+    void OnDatagramsEnded(int handle) override
+    {
+        Change([&] { ended.push_back(handle); });
+    }
 
     void OnDatagramReceived(int handle, const IZRTConnectionAddress& source, const unsigned char* data,
                             int length) override
@@ -952,6 +958,7 @@ public:
     std::vector<int> handles;
     std::vector<std::string> sources;
     std::vector<std::string> payloads;
+    std::vector<int> ended;
 };
 
 // Receives one datagram on the test's socket; returns its payload and the sender's port.
@@ -1010,8 +1017,8 @@ TEST_F(DirectDatagramHandlerTest, RoundTripWithIPv4AndIPv6Peers)
 // connection, then datagrams go to the relay (queued until it is known) in the SOCKS5 header, by
 // name for a placeholder; the relay's datagrams come back unwrapped (a numeric source answering a
 // name as its placeholder), fragments and carried sources other than the relay are dropped,
-// bypassed peers are direct; the control connection's end stops the relaying, and unregistering
-// closes it.
+// bypassed peers are direct; the control connection's end stops the relaying and is told to the
+// receiver, and unregistering closes it.
 TEST(UpstreamTest, DatagramsGoThroughTheUpstreamsAssociationWrappedAndComeBackUnwrapped)
 {
     unsigned int controlPort = 0;
@@ -1073,7 +1080,7 @@ TEST(UpstreamTest, DatagramsGoThroughTheUpstreamsAssociationWrappedAndComeBackUn
     });
 
     TestSockets::Close(control);
-    CatchUp(loops);
+    EXPECT_TRUE(receiver.WaitFor([&] { return receiver.ended == std::vector<int>{handle}; }));
     send(*TestSockets::Address("127.0.0.2", 4321), "late");
     send(*TestSockets::Address("127.0.0.3", directPort), "direct");
     EXPECT_EQ(ReceiveOn(direct, sender, senderLength), "direct");
@@ -1088,6 +1095,8 @@ TEST(UpstreamTest, DatagramsGoThroughTheUpstreamsAssociationWrappedAndComeBackUn
     bool closed = false;
     EXPECT_EQ(TestSockets::Read(secondControl, 1, 10000, &closed), "");
     EXPECT_TRUE(closed);
+    CatchUp(loops);
+    receiver.Locked([&] { EXPECT_EQ(receiver.ended, std::vector<int>{handle}) << "nobody is told of its own end"; });
     for (const int socket : {listening, relay, stray, direct, secondControl})
         TestSockets::Close(socket);
 }
