@@ -98,16 +98,7 @@ void MapAddress(sockaddr_storage& address, socklen_t& length)
 {
     if (address.ss_family != AF_INET)
         return;
-    const sockaddr_in v4 = *reinterpret_cast<const sockaddr_in*>(&address);
-    sockaddr_in6 v6{};
-    v6.sin6_family = AF_INET6;
-    v6.sin6_port = v4.sin_port;
-    v6.sin6_addr.s6_addr[10] = 0xff;
-    v6.sin6_addr.s6_addr[11] = 0xff;
-    std::memcpy(&v6.sin6_addr.s6_addr[12], &v4.sin_addr, 4);
-    std::memset(&address, 0, sizeof(address));
-    std::memcpy(&address, &v6, sizeof(v6));
-    length = sizeof(v6);
+    length = CSocketUtils::MapToIPv6(address);
 }
 } // namespace
 

@@ -43,16 +43,7 @@ socklen_t ForSocket(int socket, const sockaddr_storage& relay, sockaddr_storage&
         return sizeof(sockaddr_in6);
     if (local.ss_family != AF_INET6)
         return sizeof(sockaddr_in);
-    const sockaddr_in v4 = reinterpret_cast<const sockaddr_in&>(relay);
-    sockaddr_in6 v6{};
-    v6.sin6_family = AF_INET6;
-    v6.sin6_port = v4.sin_port;
-    v6.sin6_addr.s6_addr[10] = 0xff;
-    v6.sin6_addr.s6_addr[11] = 0xff;
-    std::memcpy(&v6.sin6_addr.s6_addr[12], &v4.sin_addr, 4);
-    to = sockaddr_storage{};
-    std::memcpy(&to, &v6, sizeof(v6));
-    return sizeof(v6);
+    return CSocketUtils::MapToIPv6(to);
 }
 
 // Where the upstream's UDP ASSOCIATE says the datagrams come from: any address, the socket's port.

@@ -200,6 +200,17 @@ def read_socks5_reply(sock):
     return head[1], address, port
 
 
+def udp_ask(udp, relay, datagram, tries=5):
+    """Sends a datagram to the relay until a reply comes (a busy machine may lose one); the reply."""
+    for _ in range(tries):
+        udp.sendto(datagram, relay)
+        try:
+            return udp.recvfrom(65536)[0]
+        except socket.timeout:
+            continue
+    raise AssertionError("no datagram came back")
+
+
 def socks5_request(proxy, command, host, port, timeout=30):
     """Opens a client connection, negotiates no authentication and sends one request;
     returns the socket and the first reply."""

@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstring>
 
 namespace ZRT {
 
@@ -98,6 +99,20 @@ std::string CSocketUtils::SourceKey(const sockaddr_storage& address, size_t ipv6
     if (IN6_IS_ADDR_V4MAPPED(&v6.sin6_addr))
         return std::string(bytes + 12, 4);
     return std::string(bytes, ipv6Bytes < 16 ? ipv6Bytes : 16);
+}
+
+unsigned int CSocketUtils::MapToIPv6(sockaddr_storage& address)
+{
+    const sockaddr_in v4 = reinterpret_cast<const sockaddr_in&>(address);
+    sockaddr_in6 v6{};
+    v6.sin6_family = AF_INET6;
+    v6.sin6_port = v4.sin_port;
+    v6.sin6_addr.s6_addr[10] = 0xff;
+    v6.sin6_addr.s6_addr[11] = 0xff;
+    std::memcpy(&v6.sin6_addr.s6_addr[12], &v4.sin_addr, 4);
+    address = sockaddr_storage{};
+    std::memcpy(&address, &v6, sizeof(v6));
+    return sizeof(v6);
 }
 
 } // namespace ZRT

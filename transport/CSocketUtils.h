@@ -38,6 +38,8 @@ public:
     // IPv6 address only the first ipv6Bytes (a prefix stands for the host that picks addresses
     // from it). Empty for other families.
     static std::string SourceKey(const sockaddr_storage& address, size_t ipv6Bytes = 16);
+    // An IPv4 address rewritten as IPv4-mapped IPv6 (for a dual-stack socket); the new length.
+    static unsigned int MapToIPv6(sockaddr_storage& address);
 };
 
 } // namespace ZRT

@@ -15,7 +15,8 @@ import pytest
 
 sys.path.insert(0, os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
 from proxyharness import (DEST_V4, DEST_V6, PROXY_BIN, Daemon, EchoServer, read_socks5_reply,  # noqa: E402,F401
-                          recv_exact, recv_until, serve_forever, socks5_address, socks5_connect, socks5_request)
+                          recv_exact, recv_until, serve_forever, socks5_address, socks5_connect, socks5_request,
+                          udp_ask)
 
 BIG_SIZE = 8 * 1024 * 1024
 

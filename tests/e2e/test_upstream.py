@@ -13,7 +13,7 @@ import subprocess
 
 import pytest
 
-from conftest import DEST_V4, Daemon, StubDns, free_port, socks5_address, socks5_request, wait_for
+from conftest import DEST_V4, Daemon, StubDns, free_port, socks5_address, socks5_request, udp_ask, wait_for
 
 ENV = {key: value for key, value in os.environ.items() if "proxy" not in key.lower()}
 
@@ -138,15 +138,7 @@ def udp_round_trips(proxy, destination, port, count=3, keep=None):
         header = b"\x00\x00\x00" + socks5_address(destination, port)
         for index in range(count):
             payload = f"datagram {index} ".encode() * 40
-            for _ in range(5):  # UDP: tolerate a lost datagram on a busy machine
-                udp.sendto(header + payload, (relay_host if relay_host != "0.0.0.0" else proxy.host, relay_port))
-                try:
-                    reply, _ = udp.recvfrom(65536)
-                    break
-                except socket.timeout:
-                    continue
-            else:
-                pytest.fail("no datagram came back")
+            reply = udp_ask(udp, (relay_host if relay_host != "0.0.0.0" else proxy.host, relay_port), header + payload)
             assert reply[0:3] == b"\x00\x00\x00" and reply[3] == 1 and reply.endswith(payload), reply[:20]
             sources.append((socket.inet_ntop(socket.AF_INET, reply[4:8]), int.from_bytes(reply[8:10], "big")))
     if keep is None:
