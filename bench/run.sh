@@ -164,7 +164,10 @@ start_proxies() {
   PROXY_PIDS=()
   if [ -n "$OURS_BIN" ]; then
     port=$(freeport)
-    start_proxy zrt-proxy shcu "$port" zrt-proxy "$OURS_BIN" --port "$port" --listen 127.0.0.1
+    # Every load comes from 127.0.0.1, one source; the peers have no limit per source either.
+    start_proxy zrt-proxy shcu "$port" zrt-proxy "$OURS_BIN" --port "$port" --listen 127.0.0.1 \
+      --max-clients-per-source 0
+    note_once "zrt-proxy ran with --max-clients-per-source 0: every load comes from one address (its default would be a quarter of max-clients)."
   fi
 
   if [ "$PEERS" = 1 ] && command -v microsocks >/dev/null; then

@@ -104,9 +104,13 @@ void CConnectionWatches::WakeUpIn(int milliseconds, const std::function<void()>&
         m_timer = 0;
         return;
     }
-    // One that comes early only plans again.
-    const Clock::time_point due = Clock::now() + std::chrono::milliseconds(milliseconds);
-    if (m_timer != 0 && m_timerDue <= due)
+    // One that comes early only plans again, so a deadline that moves on with every step (the
+    // idle limit of a busy tunnel) is not posted anew each time; but not one due before half the
+    // wait: a deadline that no longer applies (the connect's, once connected) must not wake an
+    // idle loop.
+    const Clock::time_point now = Clock::now();
+    const Clock::time_point due = now + std::chrono::milliseconds(milliseconds);
+    if (m_timer != 0 && m_timerDue <= due && m_timerDue >= now + (due - now) / 2)
         return;
     if (m_timer != 0)
         m_loop->CancelDelayed(m_timer);

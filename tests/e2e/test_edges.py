@@ -2,6 +2,7 @@
 machine's own services, names that cannot be names, slots held for free, a destination that
 never reads and password guessing."""
 import base64
+import os
 import socket
 import struct
 import threading
@@ -209,3 +210,29 @@ def test_guesses_are_slowed_for_the_guesser_only():
         token = base64.b64encode(b"alice:nope").decode()
         guess = f"GET http://{DEST_V4}/ HTTP/1.1\r\nProxy-Authorization: Basic {token}\r\n\r\n"
         assert [http_status(proxy, guess, "127.0.0.5") for _ in range(6)][-1] == 407
+
+
+def test_idle_tunnels_wake_nobody_once_their_connects_are_done():
+    """A deadline that no longer applies (the connect's, once connected) wakes no thread."""
+    def switches(pid):
+        total = 0
+        for task in os.listdir(f"/proc/{pid}/task"):
+            with open(f"/proc/{pid}/task/{task}/status") as status:
+                total += sum(int(line.split()[1]) for line in status if line.startswith("voluntary_ctxt_switches"))
+        return total
+    echo = EchoServer()
+    proxy = Daemon("--listen", "127.0.0.1", "--connect-timeout", "1")
+    tunnels = []
+    try:
+        for _ in range(20):
+            tunnels.append(socks5_connect(proxy, DEST_V4, echo.port))
+        if proxy.sanitized():
+            pytest.skip("a sanitizer's own threads wake up")
+        before = switches(proxy.pid)
+        time.sleep(2.5)  # past every connect's time limit
+        assert switches(proxy.pid) - before == 0
+    finally:
+        for tunnel in tunnels:
+            tunnel.close()
+        assert proxy.stop() == 0
+        echo.close()
