@@ -15,13 +15,14 @@
 #   --no-peers  measure only zrt-proxy and the direct path (no peer packages needed)
 #   --tests L   only these groups, comma-separated: zrt-loadgen's (bulk, upload, tx, txclose, idle,
 #               used, udp, ttfb, burst, bystander, stall, headers, rssend) and keepalive, page
+#   ZRT_EXTRA (environment): more options for zrt-proxy, to compare settings (e.g. "--threads 2")
 set -euo pipefail
 
 ROOT=$(cd "$(dirname "$0")/.." && pwd)
 COMMAND_LINE="bench/run.sh $*"
 BUILD=${1:-}
 if [ -z "$BUILD" ] || [ "${BUILD#--}" != "$BUILD" ]; then
-  sed -n '2,17p' "$0" | sed 's/^# \{0,1\}//' >&2
+  sed -n '2,18p' "$0" | sed 's/^# \{0,1\}//' >&2
   exit 2
 fi
 shift
@@ -166,7 +167,7 @@ start_proxies() {
     port=$(freeport)
     # Every load comes from 127.0.0.1, one source; the peers have no limit per source either.
     start_proxy zrt-proxy shcu "$port" zrt-proxy "$OURS_BIN" --port "$port" --listen 127.0.0.1 \
-      --max-clients-per-source 0
+      --max-clients-per-source 0 ${ZRT_EXTRA:-}
     note_once "zrt-proxy ran with --max-clients-per-source 0: every load comes from one address (its default would be a quarter of max-clients)."
   fi
 

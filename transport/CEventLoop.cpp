@@ -159,7 +159,7 @@ int CEventLoop::Run()
             return 0;
         m_budget = TURN_BUDGET;
         RunTasks();
-        DispatchDeferred();
+        // The rest before bulk: a small exchange waits for no bulk work of its own turn.
         for (int i = 0; i < count; ++i) {
             const uint64_t token = events[i].data.u64;
             if (token == STOP_TOKEN)
@@ -169,6 +169,7 @@ int CEventLoop::Run()
             else
                 Dispatch(token, events[i].events);
         }
+        DispatchDeferred();
     }
 }
 
@@ -181,8 +182,9 @@ void CEventLoop::Dispatch(uint64_t token, uint32_t events)
         if (found == m_handlers.end())
             return;
         SWatch& watch = found->second;
-        if (watch.deferred || (watch.bulk && m_budget == 0)) {
-            // Its turn comes first in the next round; until then it only collects events.
+        if (watch.deferred || watch.bulk) {
+            // Served after the rest, in order of arrival behind those put off earlier; until
+            // then it only collects events.
             watch.deferredEvents |= events;
             if (!watch.deferred)
                 m_deferred.push_back(token);

@@ -23,15 +23,17 @@ namespace ZRT {
 // was removed (and whose number may already belong to a new socket) finds nothing.
 //
 // Fair turns: each turn (one epoll_wait, then the tasks, then the events) has a budget of
-// TURN_BUDGET bytes for bulk traffic. Handlers report the bytes they move (SpendTurnBudget); a
-// registration marked bulk (SetBulk: a stream in full flow) is not served once the turn's budget
-// is spent, but kept in a queue that the next turn serves first, in order. Everything else (new
-// clients, negotiations, small exchanges) is served in every turn, so it never waits behind more
-// than one budget's worth of bulk work, however many streams are in full flow.
+// TURN_BUDGET bytes for bulk traffic. Handlers report the bytes they move (SpendTurnBudget). A
+// registration marked bulk (SetBulk: a stream in full flow) joins a queue served after the rest
+// of the turn's events, oldest first, while the budget lasts; what is left waits at the head of
+// the queue for the next turn. Everything else (new clients, negotiations, small exchanges) is
+// served first in every turn, so each of its steps waits behind at most one budget's worth of
+// bulk work, however many streams are in full flow. The budget is small for that reason: a
+// transaction takes several steps, and each may wait that long.
 class CEventLoop : private QOX::CThread {
 public:
     using Task = std::function<void()>;
-    static constexpr size_t TURN_BUDGET = 1024 * 1024;
+    static constexpr size_t TURN_BUDGET = 256 * 1024;
 
     CEventLoop();
     ~CEventLoop() override;
