@@ -201,11 +201,24 @@ bool CProxyServer::OpenListenSockets(const std::vector<std::string>& listenAddre
             CloseListenSockets();
             return false;
         }
+        if (IsLoopbackText(address))
+            LimitLoopbackSendBuffer(socket);
         m_listenPorts[m_listenSockets.size()] = BoundPort(socket);
         m_listenSockets.push_back(socket);
     }
     m_listenCount = m_listenSockets.size();
     return true;
+}
+
+// Accepted sockets inherit the size and its lock (Linux). A fixed size turns off the kernel's
+// growth of the buffer to tcp_wmem's maximum (4 MiB by default), which a client that stops
+// reading would otherwise tie up; across loopback the round trip is microseconds, so two
+// moves' worth keeps a reading client in full flow. A listener beyond loopback keeps the
+// kernel's sizing: its clients may be a long round trip away.
+void CProxyServer::LimitLoopbackSendBuffer(int socket)
+{
+    const int size = LOOPBACK_CLIENT_SEND_BUFFER;
+    setsockopt(socket, SOL_SOCKET, SO_SNDBUF, &size, sizeof(size));
 }
 
 void CProxyServer::CloseListenSockets()

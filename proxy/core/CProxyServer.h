@@ -77,6 +77,9 @@ public:
     // one thread gave 10 % more short transactions than two, and half the p99).
     static constexpr int MAX_DEFAULT_EVENT_THREADS = 16;
     static int DefaultEventThreads(int cpus);
+    // Asked send buffer of a client accepted on a loopback listener (the kernel doubles it: two
+    // 256 KiB moves).
+    static constexpr int LOOPBACK_CLIENT_SEND_BUFFER = 256 * 1024;
 
     explicit CProxyServer(EProxyMode mode = PROXY_MODE_DEFAULT);
     ~CProxyServer();
@@ -199,6 +202,7 @@ private:
     bool WatchListeners();
     // adopted: a socket handed in, used for the first address when valid.
     bool OpenListenSockets(const std::vector<std::string>& listenAddresses, int port, CSocketHandle& adopted);
+    static void LimitLoopbackSendBuffer(int socket);
     void CloseListenSockets();
     // Records why a start failed; false.
     bool FailStart(const std::string& reason);

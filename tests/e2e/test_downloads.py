@@ -1,11 +1,13 @@
 """Real clients fetching a several-MiB file through the daemon and checking its SHA-256."""
 import concurrent.futures
 import hashlib
+import socket
 import subprocess
+import time
 
 import pytest
 
-from conftest import DEST_V4, DEST_V6, Daemon, StubDns
+from conftest import DEST_V4, DEST_V6, Daemon, StubDns, socks5_connect
 
 
 def curl(*args):
@@ -76,3 +78,30 @@ def test_proxychains_runs_an_unaware_client(daemon, http_servers, files, tmp_pat
                              "--noproxy", "*", url], stdout=subprocess.PIPE, stderr=subprocess.PIPE)
     assert result.returncode == 0, result.stderr.decode()
     assert hashlib.sha256(result.stdout).hexdigest() == files[2]
+
+
+def send_queue(local, peer):
+    """Bytes waiting in the send queue of the TCP socket local -> peer (host, port pairs)."""
+    out = subprocess.run(["ss", "-tnH", "src", f"{local[0]}:{local[1]}", "dst", f"{peer[0]}:{peer[1]}"],
+                         stdout=subprocess.PIPE, text=True, check=True).stdout.split()
+    return int(out[2]) if len(out) >= 3 else None
+
+
+def test_a_client_that_stops_reading_is_slowed_not_buffered_and_loses_nothing(daemon, http_servers, files):
+    # The kernel would grow the proxy's send buffer toward this client to several MiB; on a
+    # loopback listener it stays at two moves, and the rest waits upstream.
+    with socks5_connect(daemon, DEST_V4, http_servers[DEST_V4]) as sock:
+        sock.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 64 * 1024)
+        sock.sendall(f"GET /{files[1]} HTTP/1.0\r\nHost: {DEST_V4}\r\n\r\n".encode())
+        proxy_end, client_end = (daemon.host, daemon.port), sock.getsockname()[:2]
+        queued = []
+        deadline = time.monotonic() + 10
+        while time.monotonic() < deadline and (len(queued) < 3 or len(set(queued[-3:])) > 1):
+            time.sleep(0.2)
+            queued.append(send_queue(proxy_end, client_end))
+        assert queued[-1] is not None
+        assert 64 * 1024 < queued[-1] <= 512 * 1024, queued
+        body = b""
+        while chunk := sock.recv(1 << 20):
+            body += chunk
+    assert hashlib.sha256(body.split(b"\r\n\r\n", 1)[1]).hexdigest() == files[2]
