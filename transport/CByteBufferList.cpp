@@ -66,6 +66,17 @@ unsigned int CByteBufferList::GetPoolSize()
     return static_cast<unsigned int>(pool.buffers.size());
 }
 
+void CByteBufferList::ReleasePool()
+{
+    std::vector<QOX::CRefCountPtr<CByteBuffer>> released;
+    {
+        SPool& pool = Pool();
+        std::lock_guard<std::mutex> hold(pool.mutex);
+        released.swap(pool.buffers);
+    }
+    // Freed here, outside the pool's lock.
+}
+
 void CByteBufferList::AddBuffer(QOX::CRefCountPtr<CByteBuffer> buffer)
 {
     if (!buffer)

@@ -25,6 +25,9 @@ public:
     static QOX::CRefCountPtr<CByteBuffer> GetBuffer(const unsigned char* data, unsigned int length);
     static void ReclaimBuffer(QOX::CRefCountPtr<CByteBuffer> buffer);
     static unsigned int GetPoolSize();
+    // Lets go of every idle buffer (when the proxy falls quiet, before free memory goes back to
+    // the system). Any thread.
+    static void ReleasePool();
 
     void AddBuffer(QOX::CRefCountPtr<CByteBuffer> buffer);
     // Copies bytes to the back, into the last buffer while it can grow: the list's owner must be

@@ -8,6 +8,7 @@
 #include <atomic>
 #include <chrono>
 
+#include "transport/CByteBufferList.h"
 #include "transport/CSocketUtils.h"
 
 namespace ZRT {
@@ -58,8 +59,7 @@ void CClientCounts::Remove(const sockaddr_storage& client)
 
 bool CClientCounts::GiveBackFreeMemory(bool urgent)
 {
-#ifdef __GLIBC__
-    // Process-wide, as the allocator is.
+    // Process-wide, as the allocator and the buffer pool are.
     static std::atomic<long long> s_lastTrimMs{-TRIM_INTERVAL_MS};
     const long long now = std::chrono::duration_cast<std::chrono::milliseconds>(
                               std::chrono::steady_clock::now().time_since_epoch())
@@ -69,12 +69,12 @@ bool CClientCounts::GiveBackFreeMemory(bool urgent)
         return false;
     if (!s_lastTrimMs.compare_exchange_strong(last, now))
         return false; // another thread gives it back now
+    // Idle buffers would pin their pages among the freed ones.
+    CByteBufferList::ReleasePool();
+#ifdef __GLIBC__
     malloc_trim(0);
-    return true;
-#else
-    (void)urgent;
-    return false;
 #endif
+    return true;
 }
 
 bool CClientCounts::Move(const sockaddr_storage& from, const sockaddr_storage& to, size_t maxPerSource)

@@ -14,10 +14,10 @@ namespace Proxy {
 // path can hold the limits (max-clients, max-clients-per-source) without asking the connections.
 // An IPv4 client seen through a dual-stack socket counts as its IPv4 address.
 //
-// As clients go, the allocator is asked to give its free memory back to the system (glibc keeps
-// it otherwise): when the last one goes, or the count falls to a quarter of a peak of at least
-// SHARP_DROP_PEAK; at most once per TRIM_INTERVAL_MS across the process, unless the last one of
-// at least BUSY_PEAK went.
+// As clients go, the idle buffers of the process-wide pool are let go and the allocator is asked
+// to give its free memory back to the system (glibc keeps it otherwise): when the last one goes,
+// or the count falls to a quarter of a peak of at least SHARP_DROP_PEAK; at most once per
+// TRIM_INTERVAL_MS across the process, unless the last one of at least BUSY_PEAK went.
 //
 // Threads: TryAdd on the event thread that accepts, Move and Remove on the connection's thread;
 // any number at once.

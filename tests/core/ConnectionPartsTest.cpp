@@ -2,6 +2,7 @@
 // scripted handler and a fake link, the connect attempts with a fake host, the PROXY protocol
 // header's parser.
 
+#include <arpa/inet.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <sys/socket.h>
@@ -21,6 +22,7 @@
 #include "fakes/Polling.h"
 #include "fakes/FakeResolver.h"
 #include "fakes/TestSockets.h"
+#include "proxy/core/CClientCounts.h"
 #include "proxy/core/CClientEnd.h"
 #include "proxy/core/CConnectHelpers.h"
 #include "proxy/core/CHostConnector.h"
@@ -29,6 +31,7 @@
 #include "proxy/core/CProxyServer.h"
 #include "proxy/core/CProxyHeader.h"
 #include "proxy/core/CRelayPump.h"
+#include "transport/CByteBufferList.h"
 
 namespace ZRT {
 namespace {
@@ -85,6 +88,47 @@ std::string Pattern(size_t length)
     for (size_t i = 0; i < length; ++i)
         bytes[i] = static_cast<char>('a' + i % 23);
     return bytes;
+}
+
+sockaddr_storage Source(const char* address)
+{
+    sockaddr_storage storage{};
+    auto* v4 = reinterpret_cast<sockaddr_in*>(&storage);
+    v4->sin_family = AF_INET;
+    inet_pton(AF_INET, address, &v4->sin_addr);
+    return storage;
+}
+
+TEST(ClientCountsTest, LimitsHoldPerSourceAndTheLastClientToGoLetsIdleBuffersGo)
+{
+    Proxy::CClientCounts counts;
+    using EResult = Proxy::CClientCounts::EResult;
+    const sockaddr_storage a = Source("127.0.0.5"), b = Source("127.0.0.6");
+    EXPECT_EQ(counts.TryAdd(a, 3, 2), EResult::Added);
+    EXPECT_EQ(counts.TryAdd(a, 3, 2), EResult::Added);
+    EXPECT_EQ(counts.TryAdd(a, 3, 2), EResult::OverSource);
+    EXPECT_EQ(counts.TryAdd(b, 3, 2), EResult::Added);
+    EXPECT_EQ(counts.TryAdd(b, 3, 2), EResult::OverTotal);
+    EXPECT_FALSE(counts.Move(b, a, 2)); // a is full
+    EXPECT_EQ(counts.FromSource(b), 1u);
+
+    auto idle = [] {
+        CByteBufferList::ReclaimBuffer(CByteBufferList::GetBuffer(reinterpret_cast<const unsigned char*>("x"), 1));
+    };
+    counts.Remove(a);
+    counts.Remove(b);
+    counts.Remove(a);
+    // A busy proxy (a peak of BUSY_PEAK) gives back at once when its last client goes, however
+    // recently it last did.
+    for (size_t i = 0; i < Proxy::CClientCounts::BUSY_PEAK; ++i)
+        ASSERT_EQ(counts.TryAdd(a, 0, 0), EResult::Added);
+    idle();
+    for (size_t i = 1; i < Proxy::CClientCounts::BUSY_PEAK; ++i)
+        counts.Remove(a);
+    EXPECT_GE(CByteBufferList::GetPoolSize(), 1u) << "a client remains: its buffers are reused";
+    counts.Remove(a);
+    EXPECT_EQ(counts.Total(), 0u);
+    EXPECT_EQ(CByteBufferList::GetPoolSize(), 0u) << "the last client went, the idle buffers stayed";
 }
 
 TEST(ClientEndTest, QueuesWhatTheSocketRefusesAndDeliversEverythingInOrder)

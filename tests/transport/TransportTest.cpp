@@ -126,6 +126,21 @@ TEST(ByteBufferPool, ReusesOnlyBuffersNobodyHoldsAndNoOversizedOnes)
     EXPECT_EQ(CByteBufferList::GetPoolSize(), before);
 }
 
+TEST(ByteBufferPool, ReleasingThePoolLeavesBuffersStillReadIntact)
+{
+    auto held = CByteBufferList::GetBuffer(reinterpret_cast<const unsigned char*>("kept"), 4);
+    CByteBufferList::ReclaimBuffer(held); // still read by its caller
+    CByteBufferList::ReclaimBuffer(CByteBufferList::GetBuffer(reinterpret_cast<const unsigned char*>("idle"), 4));
+    ASSERT_GE(CByteBufferList::GetPoolSize(), 1u);
+    CByteBufferList::ReleasePool();
+    EXPECT_EQ(CByteBufferList::GetPoolSize(), 0u);
+    EXPECT_EQ(Unread(held), "kept");
+    // The pool fills again as buffers come back.
+    CByteBufferList::ReclaimBuffer(held);
+    held.Reset();
+    EXPECT_EQ(CByteBufferList::GetPoolSize(), 1u);
+}
+
 TEST(ByteBufferPool, StaysBoundedAndConsistentUnderConcurrency)
 {
     std::atomic<int> corrupted{0};
