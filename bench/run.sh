@@ -165,10 +165,7 @@ start_proxies() {
   PROXY_PIDS=()
   if [ -n "$OURS_BIN" ]; then
     port=$(freeport)
-    # Every load comes from 127.0.0.1, one source; the peers have no limit per source either.
-    start_proxy zrt-proxy shcu "$port" zrt-proxy "$OURS_BIN" --port "$port" --listen 127.0.0.1 \
-      --max-clients-per-source 0 ${ZRT_EXTRA:-}
-    note_once "zrt-proxy ran with --max-clients-per-source 0: every load comes from one address (its default would be a quarter of max-clients)."
+    start_proxy zrt-proxy shcu "$port" zrt-proxy "$OURS_BIN" --port "$port" --listen 127.0.0.1 ${ZRT_EXTRA:-}
   fi
 
   if [ "$PEERS" = 1 ] && command -v microsocks >/dev/null; then

@@ -5,6 +5,8 @@
 #include <memory>
 #include <set>
 
+#include "transport/CSocketUtils.h"
+
 namespace ZRT {
 namespace Daemon {
 
@@ -43,6 +45,15 @@ std::string ClientsPerSource(long maxClients)
         return "0"; // a quarter of no limit
     return std::to_string(std::max<long>(CDaemonOptions::MIN_CLIENTS_PER_SOURCE, maxClients / 4));
 }
+bool ListensOnLoopbackOnly(const CDaemonOptions::Entries& entries)
+{
+    std::vector<std::string> listen = CDaemonOptions::ValuesOf(entries, "listen");
+    if (listen.empty())
+        listen.push_back(CDaemonOptions::LibraryDefault("listen"));
+    return std::all_of(listen.begin(), listen.end(), [](const std::string& address) {
+        return ZRT::CSocketUtils::IsLoopbackText(ZRT::CSocketUtils::StripBrackets(address));
+    });
+}
 } // namespace
 
 CDaemonOptions::Entries CDaemonOptions::Defaults(long descriptorLimit)
@@ -62,7 +73,8 @@ std::string CDaemonOptions::DefaultReason(const std::string& name)
     if (name == "max-clients")
         return "from the descriptor limit (ulimit -n), so that clients never use up every descriptor";
     if (name == "max-clients-per-source")
-        return "a quarter of max-clients, at least 8";
+        return "a quarter of max-clients, at least 8; none when every listen address is loopback (every client "
+               "is this machine's one address) and no proxy-protocol-from names them";
     return std::string();
 }
 
@@ -89,6 +101,11 @@ CDaemonOptions::Entries CDaemonOptions::Merge(const Entries& defaults, const Ent
     if (perSource != merged.end() && !maxClients.empty() && maxClients.size() < 10 &&
         maxClients.find_first_not_of("0123456789") == std::string::npos)
         perSource->value = ClientsPerSource(std::strtol(maxClients.c_str(), nullptr, 10));
+    // Every client of a loopback listener comes from this machine, so from one address: a limit
+    // per source would only be a lower limit for all of them. Behind a balancer that names its
+    // clients (PROXY protocol) they are told apart again.
+    if (perSource != merged.end() && ListensOnLoopbackOnly(merged) && ValuesOf(merged, "proxy-protocol-from").empty())
+        perSource->value = "0";
     return merged;
 }
 

@@ -1,5 +1,6 @@
 #include "transport/CSocketUtils.h"
 
+#include <arpa/inet.h>
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
@@ -54,6 +55,15 @@ std::string CSocketUtils::StripBrackets(const std::string& address)
     if (address.size() > 2 && address.front() == '[' && address.back() == ']')
         return address.substr(1, address.size() - 2);
     return address;
+}
+
+bool CSocketUtils::IsLoopbackText(const std::string& address)
+{
+    in_addr v4{};
+    in6_addr v6{};
+    if (inet_pton(AF_INET, address.c_str(), &v4) == 1)
+        return (ntohl(v4.s_addr) >> 24) == 127;
+    return inet_pton(AF_INET6, address.c_str(), &v6) == 1 && IN6_IS_ADDR_LOOPBACK(&v6);
 }
 
 std::string CSocketUtils::FormatEndpoint(const std::string& address, int port)

@@ -26,6 +26,8 @@ public:
     // "address:port", with the address in brackets when it is IPv6 ("[::1]:1080"); an address
     // given in brackets already keeps them once.
     static std::string FormatEndpoint(const std::string& address, int port);
+    // A numeric address in 127.0.0.0/8 or ::1 (not a name, nor an address in brackets).
+    static bool IsLoopbackText(const std::string& address);
     // "::1" for "[::1]"; any other text as it is.
     static std::string StripBrackets(const std::string& address);
     static void CloseSocket(int socket);

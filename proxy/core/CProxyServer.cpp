@@ -43,15 +43,6 @@ int BoundPort(int socket)
     return 0;
 }
 
-bool IsLoopbackText(const std::string& address)
-{
-    in_addr v4{};
-    in6_addr v6{};
-    if (inet_pton(AF_INET, address.c_str(), &v4) == 1)
-        return (ntohl(v4.s_addr) >> 24) == 127;
-    return inet_pton(AF_INET6, address.c_str(), &v6) == 1 && IN6_IS_ADDR_LOOPBACK(&v6);
-}
-
 bool OutOfDescriptors(int error)
 {
     return error == EMFILE || error == ENFILE || error == ENOBUFS || error == ENOMEM;
@@ -157,7 +148,7 @@ void CProxyServer::PrepareRun(const std::vector<std::string>& listenAddresses)
         ports.push_back(static_cast<unsigned int>(port.load()));
     m_addressManager.SetProxyPorts(ports);
     m_beyondLoopback = std::any_of(listenAddresses.begin(), listenAddresses.end(),
-                                   [](const std::string& address) { return !IsLoopbackText(address); });
+                                   [](const std::string& address) { return !CSocketUtils::IsLoopbackText(address); });
     m_warned = 0;
     int threads = GetSettings().eventThreads;
     if (threads <= 0)
@@ -201,7 +192,7 @@ bool CProxyServer::OpenListenSockets(const std::vector<std::string>& listenAddre
             CloseListenSockets();
             return false;
         }
-        if (IsLoopbackText(address))
+        if (CSocketUtils::IsLoopbackText(address))
             LimitLoopbackSendBuffer(socket);
         m_listenPorts[m_listenSockets.size()] = BoundPort(socket);
         m_listenSockets.push_back(socket);

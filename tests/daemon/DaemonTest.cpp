@@ -118,9 +118,19 @@ TEST(DaemonOptionsTest, DefaultLimitsFollowTheDescriptorLimitAndTheClientLimitGi
     const auto perSource = [&](const Entries& given) {
         return CDaemonOptions::ValueOf(CDaemonOptions::Merge(defaults, {}, given), "max-clients-per-source", "");
     };
-    EXPECT_EQ(perSource({{"max-clients", "1000", "--max-clients"}}), "250");
-    EXPECT_EQ(perSource({{"max-clients", "0", "--max-clients"}}), "0");
-    EXPECT_EQ(perSource({{"max-clients", "1000", "--max-clients"}, {"max-clients-per-source", "5", "--m"}}), "5");
+    const ZRT::Daemon::CConfigFile::SEntry beyond{"listen", "192.0.2.1", "--listen"};
+    EXPECT_EQ(perSource({beyond, {"max-clients", "1000", "--max-clients"}}), "250");
+    EXPECT_EQ(perSource({beyond, {"max-clients", "0", "--max-clients"}}), "0");
+    EXPECT_EQ(perSource({beyond, {"max-clients", "1000", "--max-clients"}, {"max-clients-per-source", "5", "--m"}}), "5");
+    // On loopback alone every client is this machine's one address: no default limit per source,
+    // unless one is given; one listen address beyond loopback brings it back.
+    EXPECT_EQ(perSource({}), "0");
+    EXPECT_EQ(perSource({{"listen", "127.0.0.1", "-l"}, {"listen", "[::1]", "-l"}, {"listen", "127.9.9.9", "-l"}}), "0");
+    EXPECT_EQ(perSource({{"listen", "::1", "-l"}, {"max-clients-per-source", "5", "--m"}}), "5");
+    EXPECT_EQ(perSource({{"listen", "127.0.0.1", "-l"}, beyond}), "30");
+    EXPECT_EQ(perSource({{"listen", "::", "-l"}}), "30");
+    EXPECT_EQ(perSource({{"listen", "localhost", "-l"}}), "30") << "not an address: the safer default";
+    EXPECT_EQ(perSource({{"proxy-protocol-from", "127.0.0.1/32", "--p"}}), "30") << "clients named by a balancer";
     const std::string limits = CDaemonOptions::DescribeLimits(defaults, 1024);
     for (const char* part : {"max-clients 120,", "max-clients-per-source 30,", "handshake-timeout 30 s,",
                              "idle-timeout 3600 s,", "linger-timeout 30 s", "descriptor limit 1024"})
