@@ -8,6 +8,7 @@
 #include <atomic>
 #include <chrono>
 
+#include "runtime/CPoolTask.h"
 #include "transport/CByteBufferList.h"
 #include "transport/CSocketUtils.h"
 
@@ -37,6 +38,7 @@ void CClientCounts::Remove(const sockaddr_storage& client)
 {
     const std::string key = Key(client);
     bool urgent = false;
+    QOX::CThreadPool* pool = nullptr;
     {
         std::lock_guard<std::mutex> hold(m_mutex);
         auto found = m_bySource.find(key);
@@ -50,14 +52,21 @@ void CClientCounts::Remove(const sockaddr_storage& client)
         if (m_total > 0 && !sharpDrop)
             return;
         urgent = m_total == 0 && m_peak >= BUSY_PEAK;
+        pool = m_pool;
     }
-    if (!GiveBackFreeMemory(urgent))
+    if (!GiveBackFreeMemory(urgent, pool))
         return;
     std::lock_guard<std::mutex> hold(m_mutex);
     m_peak = m_total;
 }
 
-bool CClientCounts::GiveBackFreeMemory(bool urgent)
+void CClientCounts::SetThreadPool(QOX::CThreadPool* pool)
+{
+    std::lock_guard<std::mutex> hold(m_mutex);
+    m_pool = pool;
+}
+
+bool CClientCounts::GiveBackFreeMemory(bool urgent, QOX::CThreadPool* pool)
 {
     // Process-wide, as the allocator and the buffer pool are.
     static std::atomic<long long> s_lastTrimMs{-TRIM_INTERVAL_MS};
@@ -69,12 +78,13 @@ bool CClientCounts::GiveBackFreeMemory(bool urgent)
         return false;
     if (!s_lastTrimMs.compare_exchange_strong(last, now))
         return false; // another thread gives it back now
-    // Idle buffers would pin their pages among the freed ones.
-    CByteBufferList::ReleasePool();
+    return QOX::CPoolTask::Launch(pool, [] {
+        // Idle buffers would pin their pages among the freed ones.
+        CByteBufferList::ReleasePool();
 #ifdef __GLIBC__
-    malloc_trim(0);
+        malloc_trim(0);
 #endif
-    return true;
+    });
 }
 
 bool CClientCounts::Move(const sockaddr_storage& from, const sockaddr_storage& to, size_t maxPerSource)

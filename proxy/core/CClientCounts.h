@@ -7,6 +7,10 @@
 #include <string>
 #include <unordered_map>
 
+namespace QOX {
+class CThreadPool;
+}
+
 namespace ZRT {
 namespace Proxy {
 
@@ -17,7 +21,9 @@ namespace Proxy {
 // As clients go, the idle buffers of the process-wide pool are let go and the allocator is asked
 // to give its free memory back to the system (glibc keeps it otherwise): when the last one goes,
 // or the count falls to a quarter of a peak of at least SHARP_DROP_PEAK; at most once per
-// TRIM_INTERVAL_MS across the process, unless the last one of at least BUSY_PEAK went.
+// TRIM_INTERVAL_MS across the process, unless the last one of at least BUSY_PEAK went. That is
+// done on a thread of the proxy's pool, never on the thread that serves the remaining clients: a
+// trim of a large heap takes milliseconds (about 5 for 130 MB).
 //
 // Threads: TryAdd on the event thread that accepts, Move and Remove on the connection's thread;
 // any number at once.
@@ -28,6 +34,9 @@ public:
     static constexpr size_t BUSY_PEAK = 64;
     static constexpr size_t SHARP_DROP_PEAK = 256;
 
+    // Where free memory is given back (the process-wide pool when null); it must outlive the
+    // counts' use (the proxy ends its pool's threads at stop). Set before the first client.
+    void SetThreadPool(QOX::CThreadPool* pool);
     // Counts the client in unless a limit (0: none) is reached.
     EResult TryAdd(const sockaddr_storage& client, size_t maxTotal, size_t maxPerSource);
     void Remove(const sockaddr_storage& client);
@@ -39,13 +48,14 @@ public:
 private:
     static std::string Key(const sockaddr_storage& client);
     // True when it asked (not too soon after the last time, or urgent).
-    static bool GiveBackFreeMemory(bool urgent);
+    static bool GiveBackFreeMemory(bool urgent, QOX::CThreadPool* pool);
 
     // Guards the members below.
     mutable std::mutex m_mutex;
     size_t m_total = 0;
     size_t m_peak = 0; // most clients at once since free memory was last given back
     std::unordered_map<std::string, size_t> m_bySource;
+    QOX::CThreadPool* m_pool = nullptr;
 };
 
 } // namespace Proxy

@@ -141,6 +141,7 @@ void CProxyServer::NetworkChanged()
 void CProxyServer::PrepareRun(const std::vector<std::string>& listenAddresses)
 {
     m_loginGuard.SetThreadPool(m_pool);
+    m_clients.SetThreadPool(m_pool);
     m_connectHelpers.Configure(m_pool ? m_pool->GetHooks() : QOX::SThreadHooks(), GetSettings().connectHelpers);
     // Loops back into the proxy are recognized by any of its ports.
     std::vector<unsigned int> ports;
