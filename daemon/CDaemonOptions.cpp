@@ -78,7 +78,8 @@ std::string CDaemonOptions::DefaultReason(const std::string& name)
     return std::string();
 }
 
-CDaemonOptions::Entries CDaemonOptions::Merge(const Entries& defaults, const Entries& file, const Entries& commandLine)
+CDaemonOptions::Entries CDaemonOptions::Merge(const Entries& defaults, const Entries& file, const Entries& commandLine,
+                                               const Entries* running)
 {
     Entries merged;
     const Entries* sources[] = {&defaults, &file, &commandLine};
@@ -104,7 +105,8 @@ CDaemonOptions::Entries CDaemonOptions::Merge(const Entries& defaults, const Ent
     // Every client of a loopback listener comes from this machine, so from one address: a limit
     // per source would only be a lower limit for all of them. Behind a balancer that names its
     // clients (PROXY protocol) they are told apart again.
-    if (perSource != merged.end() && ListensOnLoopbackOnly(merged) && ValuesOf(merged, "proxy-protocol-from").empty())
+    if (perSource != merged.end() && ListensOnLoopbackOnly(running ? *running : merged) &&
+        ValuesOf(merged, "proxy-protocol-from").empty())
         perSource->value = "0";
     return merged;
 }

@@ -34,8 +34,11 @@ public:
     // Why a default is what it is, for the help text; "" when it needs no word.
     static std::string DefaultReason(const std::string& name);
     // A name given by a later source replaces every value of that name from earlier ones; a
-    // max-clients given without max-clients-per-source brings the latter's default along.
-    static Entries Merge(const Entries& defaults, const Entries& file, const Entries& commandLine);
+    // max-clients given without max-clients-per-source brings the latter's default along. On a
+    // reload, running is what the daemon runs with: the listeners it keeps until a restart
+    // decide the defaults that depend on them.
+    static Entries Merge(const Entries& defaults, const Entries& file, const Entries& commandLine,
+                         const Entries* running = nullptr);
     // Every problem of the settings, one line each ("ORIGIN: reason"): unknown names, a single
     // value given more than once, and every value the library refuses when it is set on a
     // handle of its own (the users file is read then). None: they can be applied.

@@ -124,14 +124,15 @@ long DescriptorLimit()
 }
 
 // The settings from the defaults, the configuration file and the command line; every problem
-// of them (the file, each line, each value) in problems.
-CDaemonOptions::Entries Gather(const CCommandLine& options, std::vector<std::string>& problems)
+// of them (the file, each line, each value) in problems. running: see CDaemonOptions::Merge.
+CDaemonOptions::Entries Gather(const CCommandLine& options, std::vector<std::string>& problems,
+                               const CDaemonOptions::Entries* running = nullptr)
 {
     CDaemonOptions::Entries file;
     if (!options.GetConfigFile().empty())
         CConfigFile::Read(options.GetConfigFile(), file, problems);
     CDaemonOptions::Entries merged =
-        CDaemonOptions::Merge(CDaemonOptions::Defaults(DescriptorLimit()), file, options.GetSettings());
+        CDaemonOptions::Merge(CDaemonOptions::Defaults(DescriptorLimit()), file, options.GetSettings(), running);
     const std::vector<std::string> more = CDaemonOptions::Check(merged);
     problems.insert(problems.end(), more.begin(), more.end());
     return merged;
@@ -151,12 +152,13 @@ void Say(const SStandardError& errors, const std::string& text)
 }
 
 // Reads everything again and applies what may change while running; settings with a problem, or
-// that would drop every user without "auth none", change nothing.
-void Reload(zrt_proxy_t* proxy, const CCommandLine& options, CDaemonOptions::Entries& current,
-            const SStandardError& errors)
+// that would drop every user without "auth none", change nothing. started: the settings of the
+// start, whose listeners serve until a restart.
+void Reload(zrt_proxy_t* proxy, const CCommandLine& options, const CDaemonOptions::Entries& started,
+            CDaemonOptions::Entries& current, const SStandardError& errors)
 {
     std::vector<std::string> problems;
-    const CDaemonOptions::Entries next = Gather(options, problems);
+    const CDaemonOptions::Entries next = Gather(options, problems, &started);
     std::vector<std::string> restartOnly;
     std::string error;
     if (problems.empty() && !CDaemonOptions::ApplyLive(proxy, current, next, restartOnly, error))
@@ -170,6 +172,7 @@ void Reload(zrt_proxy_t* proxy, const CCommandLine& options, CDaemonOptions::Ent
     }
     for (const std::string& name : restartOnly)
         Say(errors, "'" + name + "' changed; it takes effect at the next start");
+    Say(errors, CDaemonOptions::DescribeLimits(next, DescriptorLimit()));
     current = next;
 }
 
@@ -237,6 +240,7 @@ int Serve(zrt_proxy_t* proxy, const CCommandLine& options)
     AnnounceListeners(proxy, current);
     Say(errors, CDaemonOptions::DescribeLimits(current, DescriptorLimit()));
 
+    const CDaemonOptions::Entries started = current;
     const sigset_t signals = HandledSignals();
     for (;;) {
         int received = 0;
@@ -248,7 +252,7 @@ int Serve(zrt_proxy_t* proxy, const CCommandLine& options)
         }
         if (received != SIGHUP)
             break;
-        Reload(proxy, options, current, errors);
+        Reload(proxy, options, started, current, errors);
     }
     zrt_proxy_stop(proxy);
     return 0;

@@ -452,7 +452,7 @@ bool CLoadScenarios::MeasureIdle(const SProxyTarget& t, double& cpuMs, double& w
   tunnels.clear();
   const double n = static_cast<double>(m_settings.idleTunnels);
   cpuMs = CProcessTree::TicksToMillis(after.cpuTicks - held.cpuTicks);
-  wakeups = static_cast<double>(after.voluntarySwitches - held.voluntarySwitches) / m_settings.idleSeconds;
+  wakeups = static_cast<double>(CProcessTree::WakeupsBetween(held, after)) / m_settings.idleSeconds;
   m_table.Add("idle-threads", t.name, held.threads);
   rssKiB = (static_cast<double>(held.rssKiB) - static_cast<double>(fresh.rssKiB)) / n;
   pssKiB = (static_cast<double>(held.pssKiB) - static_cast<double>(fresh.pssKiB)) / n;

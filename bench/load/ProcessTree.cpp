@@ -112,10 +112,20 @@ SProcessSample CProcessTree::Sample() const {
     for (int tid : NumericEntries(base + "/task")) {
       ++s.threads;
       const std::string status = ReadFile(base + "/task/" + std::to_string(tid) + "/status");
-      s.voluntarySwitches += StatusValue(status, "\nvoluntary_ctxt_switches:");
+      s.voluntarySwitches[tid] = StatusValue(status, "\nvoluntary_ctxt_switches:");
     }
   }
   return s;
+}
+
+uint64_t CProcessTree::WakeupsBetween(const SProcessSample& before, const SProcessSample& after) {
+  uint64_t wakeups = 0;
+  for (const auto& [tid, count] : after.voluntarySwitches) {
+    const auto earlier = before.voluntarySwitches.find(tid);
+    const uint64_t base = earlier == before.voluntarySwitches.end() ? 0 : earlier->second;
+    wakeups += count >= base ? count - base : count;  // a tid reused by a new thread
+  }
+  return wakeups;
 }
 
 uint64_t CProcessTree::ListenOverflows() {

@@ -78,13 +78,16 @@ bool CClientCounts::GiveBackFreeMemory(bool urgent, QOX::CThreadPool* pool)
         return false;
     if (!s_lastTrimMs.compare_exchange_strong(last, now))
         return false; // another thread gives it back now
-    return QOX::CPoolTask::Launch(pool, [] {
+    const bool launched = QOX::CPoolTask::Launch(pool, [] {
         // Idle buffers would pin their pages among the freed ones.
         CByteBufferList::ReleasePool();
 #ifdef __GLIBC__
         malloc_trim(0);
 #endif
     });
+    if (!launched)
+        s_lastTrimMs.store(last); // the next client to go may try again
+    return launched;
 }
 
 bool CClientCounts::Move(const sockaddr_storage& from, const sockaddr_storage& to, size_t maxPerSource)

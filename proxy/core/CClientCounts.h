@@ -22,8 +22,9 @@ namespace Proxy {
 // to give its free memory back to the system (glibc keeps it otherwise): when the last one goes,
 // or the count falls to a quarter of a peak of at least SHARP_DROP_PEAK; at most once per
 // TRIM_INTERVAL_MS across the process, unless the last one of at least BUSY_PEAK went. That is
-// done on a thread of the proxy's pool, never on the thread that serves the remaining clients: a
-// trim of a large heap takes milliseconds (about 5 for 130 MB).
+// done on a thread of the proxy's pool, not on the thread that serves the remaining clients: a
+// trim of a large heap takes milliseconds (about 5 for 130 MB). That thread still waits for its
+// arena's lock if it allocates while the trim goes through that arena.
 //
 // Threads: TryAdd on the event thread that accepts, Move and Remove on the connection's thread;
 // any number at once.

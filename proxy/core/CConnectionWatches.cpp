@@ -92,7 +92,7 @@ void CConnectionWatches::SetBulk(bool bulk)
 
 void CConnectionWatches::SpendTurnBudget(int bytes)
 {
-    if (bytes > 0)
+    if (m_bulk && bytes > 0)
         m_loop->SpendTurnBudget(static_cast<size_t>(bytes));
 }
 

@@ -40,7 +40,9 @@ public:
     void AddReady(ERole role, uint32_t events) { m_watches[role].ready |= events; }
     uint32_t TakeReady(ERole role);
 
-    // A stream in full flow takes its turns with the loop's bulk budget (CEventLoop).
+    // A stream in full flow takes its turns with the loop's bulk budget (CEventLoop). Only such
+    // a stream spends it: the rest is served before the bulk streams of a turn, and would
+    // otherwise spend what they are owed.
     void SetBulk(bool bulk);
     bool IsBulk() const { return m_bulk; }
     bool HasTurnBudget() const { return !m_bulk || m_loop->GetTurnBudget() > 0; }

@@ -193,8 +193,6 @@ bool CProxyServer::OpenListenSockets(const std::vector<std::string>& listenAddre
             CloseListenSockets();
             return false;
         }
-        if (CSocketUtils::IsLoopbackText(address))
-            LimitLoopbackSendBuffer(socket);
         m_listenPorts[m_listenSockets.size()] = BoundPort(socket);
         m_listenSockets.push_back(socket);
     }
@@ -205,8 +203,10 @@ bool CProxyServer::OpenListenSockets(const std::vector<std::string>& listenAddre
 // Accepted sockets inherit the size and its lock (Linux). A fixed size turns off the kernel's
 // growth of the buffer to tcp_wmem's maximum (4 MiB by default), which a client that stops
 // reading would otherwise tie up; across loopback the round trip is microseconds, so two
-// moves' worth keeps a reading client in full flow. A listener beyond loopback keeps the
-// kernel's sizing: its clients may be a long round trip away.
+// moves' worth keeps a reading client in full flow (the kernel doubles what is asked, within
+// net.core.wmem_max: 416 KiB on a stock kernel). A listener beyond loopback keeps the kernel's
+// sizing, its clients may be a long round trip away; so does one a host hands over, whose
+// options are the host's.
 void CProxyServer::LimitLoopbackSendBuffer(int socket)
 {
     const int size = LOOPBACK_CLIENT_SEND_BUFFER;
@@ -267,6 +267,8 @@ int CProxyServer::OpenListenSocket(const std::string& listenAddress, int port, b
         // Accepted sockets inherit it (Linux): relayed segments go out as they come, without a
         // call per client. Nagle would hold a small one back for an ACK.
         setsockopt(socket, IPPROTO_TCP, TCP_NODELAY, &one, sizeof(one));
+        if (CSocketUtils::IsLoopbackText(listenAddress))
+            LimitLoopbackSendBuffer(socket);
         fcntl(socket, F_SETFD, FD_CLOEXEC);
         // Non-blocking: a client that vanished between the wake-up and accept cannot stall a thread.
         CSocketUtils::SetSocketBlocking(socket, false);

@@ -77,8 +77,8 @@ public:
     // one thread gave 10 % more short transactions than two, and half the p99).
     static constexpr int MAX_DEFAULT_EVENT_THREADS = 16;
     static int DefaultEventThreads(int cpus);
-    // Asked send buffer of a client accepted on a loopback listener (the kernel doubles it: two
-    // 256 KiB moves).
+    // Asked send buffer of a client accepted on a loopback listener the proxy opened (the kernel
+    // doubles it, up to two 256 KiB moves).
     static constexpr int LOOPBACK_CLIENT_SEND_BUFFER = 256 * 1024;
 
     explicit CProxyServer(EProxyMode mode = PROXY_MODE_DEFAULT);

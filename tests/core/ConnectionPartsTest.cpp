@@ -25,6 +25,7 @@
 #include "proxy/core/CClientCounts.h"
 #include "proxy/core/CClientEnd.h"
 #include "proxy/core/CConnectHelpers.h"
+#include "proxy/core/CConnectionWatches.h"
 #include "proxy/core/CHostConnector.h"
 #include "proxy/core/CHostLink.h"
 #include "proxy/core/CProxy.h"
@@ -125,8 +126,12 @@ TEST(ClientCountsTest, LimitsHoldPerSourceAndTheLastClientToGoLetsIdleBuffersGo)
         first.EndAll(); // whatever that last one asked for is done
     }
     // A busy proxy (a peak of BUSY_PEAK) gives back when its last client goes, however recently
-    // it last did (on a thread of its pool).
-    QOX::CThreadPool pool;
+    // it last did, on a thread of its pool (a trim takes milliseconds on a large heap).
+    std::atomic<int> poolThreads{0};
+    QOX::SThreadHooks hooks;
+    hooks.context = &poolThreads;
+    hooks.onStart = [](void* context) { ++*static_cast<std::atomic<int>*>(context); };
+    QOX::CThreadPool pool(hooks);
     counts.SetThreadPool(&pool);
     for (size_t i = 0; i < Proxy::CClientCounts::BUSY_PEAK; ++i)
         ASSERT_EQ(counts.TryAdd(a, 0, 0), EResult::Added);
@@ -138,7 +143,33 @@ TEST(ClientCountsTest, LimitsHoldPerSourceAndTheLastClientToGoLetsIdleBuffersGo)
     EXPECT_EQ(counts.Total(), 0u);
     EXPECT_TRUE(Testing::WaitUntil([] { return CByteBufferList::GetPoolSize() == 0; }))
         << "the last client went, the idle buffers stayed";
+    EXPECT_EQ(poolThreads.load(), 1);
     counts.SetThreadPool(nullptr);
+}
+
+TEST(ConnectionWatchesTest, OnlyAStreamInFullFlowSpendsTheTurnBudget)
+{
+    // A connection that is not bulk is served before the bulk streams of its turn: were it to
+    // spend the budget, a busy one would leave them nothing, turn after turn.
+    CEventLoop loop;
+    ASSERT_TRUE(loop.Start());
+    Proxy::CConnectionWatches watches;
+    std::atomic<bool> done{false};
+    size_t spentSmall = 1, spentBulk = 0;
+    loop.Post([&] {
+        watches.Start(loop, [](Proxy::CConnectionWatches::ERole, uint32_t) {});
+        const size_t full = loop.GetTurnBudget();
+        watches.SpendTurnBudget(static_cast<int>(CEventLoop::TURN_BUDGET));
+        spentSmall = full - loop.GetTurnBudget();
+        watches.SetBulk(true);
+        watches.SpendTurnBudget(1000);
+        spentBulk = full - loop.GetTurnBudget();
+        done = true;
+    });
+    ASSERT_TRUE(Testing::WaitUntil([&] { return done.load(); }));
+    loop.Stop();
+    EXPECT_EQ(spentSmall, 0u);
+    EXPECT_EQ(spentBulk, 1000u);
 }
 
 TEST(ClientEndTest, QueuesWhatTheSocketRefusesAndDeliversEverythingInOrder)

@@ -131,6 +131,12 @@ TEST(DaemonOptionsTest, DefaultLimitsFollowTheDescriptorLimitAndTheClientLimitGi
     EXPECT_EQ(perSource({{"listen", "::", "-l"}}), "30");
     EXPECT_EQ(perSource({{"listen", "localhost", "-l"}}), "30") << "not an address: the safer default";
     EXPECT_EQ(perSource({{"proxy-protocol-from", "127.0.0.1/32", "--p"}}), "30") << "clients named by a balancer";
+    // A reload judges by the listeners that still serve, not by a listen edited for the next start.
+    const auto reloaded = [&](const Entries& running, const Entries& file) {
+        return CDaemonOptions::ValueOf(CDaemonOptions::Merge(defaults, file, {}, &running), "max-clients-per-source", "");
+    };
+    EXPECT_EQ(reloaded({beyond}, {{"listen", "127.0.0.1", "f:1"}}), "30");
+    EXPECT_EQ(reloaded({{"listen", "127.0.0.1", "-l"}}, {beyond}), "0");
     const std::string limits = CDaemonOptions::DescribeLimits(defaults, 1024);
     for (const char* part : {"max-clients 120,", "max-clients-per-source 30,", "handshake-timeout 30 s,",
                              "idle-timeout 3600 s,", "linger-timeout 30 s", "descriptor limit 1024"})
