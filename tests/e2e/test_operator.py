@@ -471,6 +471,9 @@ def test_sighup_reloads_users_allow_list_limits_and_log(echo, tmp_path):
         assert status("alice", "three") and not status("alice", "one") and proxy.alive()
         reload(live.replace("listen 127.0.0.1", "listen 127.0.0.4"), lambda: "next start" in proxy.errors())
         assert "'listen'" in proxy.errors() and status("alice", "three")
+        # Each reload says the limits it runs with; the handshake limit came with the first.
+        limits = [line for line in proxy.errors().splitlines() if "limits:" in line]
+        assert len(limits) == 3 and "handshake-timeout 1 s" in limits[-1], limits
         # At level error the daemon no longer reports failed logins; they still reach the access log.
         reload(live.replace("alice:three", "alice:five") + "log-level error\n", lambda: status("alice", "five"))
         failures = proxy.errors().count("auth-failed")
