@@ -1,6 +1,10 @@
 #include "proxy/core/CClientEnd.h"
 
 #include <errno.h>
+#include <sys/ioctl.h>
+#if defined(__linux__)
+#include <linux/sockios.h>
+#endif
 #include <sys/socket.h>
 
 #include <algorithm>
@@ -94,6 +98,23 @@ void CClientEnd::Queue(const char* data, int length)
         m_backlog.store(GetBacklog() + static_cast<unsigned int>(chunk), std::memory_order_relaxed);
         offset += chunk;
     }
+}
+
+long CClientEnd::GetSendRoom()
+{
+#if defined(SIOCOUTQ)
+    if (!m_fixedSendBuffer || m_socket < 0)
+        return -1;
+    socklen_t length = sizeof(m_sendBufferSize);
+    if (m_sendBufferSize == 0 && getsockopt(m_socket, SOL_SOCKET, SO_SNDBUF, &m_sendBufferSize, &length) != 0)
+        return -1;
+    int waiting = 0;
+    if (ioctl(m_socket, SIOCOUTQ, &waiting) != 0)
+        return -1;
+    return std::max(0L, static_cast<long>(m_sendBufferSize) - waiting);
+#else
+    return -1;
+#endif
 }
 
 void CClientEnd::DropOutput()

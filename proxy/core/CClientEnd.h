@@ -41,6 +41,11 @@ public:
     EFlush Flush();
     // Any thread may ask (a relaxed read: a number for a look, not for a decision).
     unsigned int GetBacklog() const { return m_backlog.load(std::memory_order_relaxed); }
+    // The socket's send buffer has a fixed size (the kernel does not grow it as it fills).
+    void UseFixedSendBuffer() { m_fixedSendBuffer = true; }
+    // About how many bytes the socket takes now, with a fixed send buffer; -1 otherwise, or where
+    // the system cannot say. A buffer the kernel sizes must be filled to grow.
+    long GetSendRoom();
     void DropOutput();
     // The client reads to its end: nothing more will be sent.
     void ShutdownSend();
@@ -54,6 +59,8 @@ private:
     void Queue(const char* data, int length);
 
     int m_socket = -1;
+    bool m_fixedSendBuffer = false;
+    int m_sendBufferSize = 0; // read once, with a fixed send buffer
     std::deque<QOX::CRefCountPtr<CByteBuffer>> m_output;
     std::atomic<unsigned int> m_backlog{0}; // written on the connection's thread only
     mutable CTCPIPAddress m_localAddress;

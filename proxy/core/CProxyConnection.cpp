@@ -367,7 +367,7 @@ CProxyConnection::Next CProxyConnection::PumpHost()
     // A stream in full flow moves no more than the loop's turn budget allows: the loop serves
     // the other connections before it comes back.
     for (int move = 0; move < HOST_READS_PER_TURN && IsConnectedToClient() && m_watches.HasTurnBudget(); ++move) {
-        if (m_client.GetBacklog() > CLIENT_OUTPUT_HIGH_WATER)
+        if (m_client.GetBacklog() > ClientOutputMark())
             break; // the pump goes on once the client took some
         const CRelayPump::EMove moved = m_pump.MoveHostBytes(*m_protocol);
         if (moved == CRelayPump::EMove::HostEnded)
@@ -520,7 +520,15 @@ bool CProxyConnection::LinkHoldsUpClient() const
 bool CProxyConnection::RoomForHostBytes() const
 {
     return m_phase == EPhase::Serve && m_protocol && m_toClient == EFlow::Open &&
-           m_client.GetBacklog() <= CLIENT_OUTPUT_HIGH_WATER;
+           m_client.GetBacklog() <= ClientOutputMark();
+}
+
+unsigned int CProxyConnection::ClientOutputMark() const
+{
+    // A spliced stream waits for the client to take its queue, then splices again: reading
+    // ahead into the queue meanwhile would only grow the heap (by a quarter MiB per connection
+    // whenever a client is slower than its host), while the host socket holds those bytes anyway.
+    return m_pump.SplicesHost() ? 0 : CLIENT_OUTPUT_HIGH_WATER;
 }
 
 int CProxyConnection::NextWakeUp() const

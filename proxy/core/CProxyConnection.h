@@ -55,8 +55,8 @@ class CProxyServer;
 //           a time-out or a stop: queued bytes are dropped).
 //
 // Flow control, per direction, by not reading the faster side: no host bytes are pulled while
-// the queue towards the client is over CLIENT_OUTPUT_HIGH_WATER (the link then stops reading its
-// peer); the client is not read while the handler's backlog plus the link's send backlog exceed
+// the queue towards the client is over CLIENT_OUTPUT_HIGH_WATER, or not empty once the stream is
+// spliced (the link then stops reading its peer); the client is not read while the handler's backlog plus the link's send backlog exceed
 // REQUEST_BACKLOG_LIMIT.
 //
 // Threads: Start, the IProxyConnection operations and the link's callbacks run on the
@@ -88,6 +88,10 @@ public:
     // and serves it on loop, whose thread calls this. On false the socket is closed.
     bool Start(int socket, const sockaddr_storage& peer, CEventLoop& loop, IZRTMultiPointLayer* multiPointLayer,
                IDatagramHandler* datagramHandler, IConnectionListener* connectionListener);
+    // The client's socket has a fixed send buffer (from a loopback listener): host bytes are
+    // spliced no faster than it has room for, so that little is left over in user space. Before
+    // Start, on the thread that starts it.
+    void UseFixedClientSendBuffer() { m_client.UseFixedSendBuffer(); }
     // The peer is a trusted load balancer: the connection starts with the header that names the
     // client it carries (admit: the server's admission of that client). Before Start, on the
     // accepting thread.
@@ -227,6 +231,8 @@ private:
     bool LinkLeftTheNetwork();
     bool LinkHoldsUpClient() const;
     bool RoomForHostBytes() const;
+    // Most bytes queued for the client while host bytes are still pulled.
+    unsigned int ClientOutputMark() const;
     int NextWakeUp() const;
 
     void TellConnected(bool connected);

@@ -166,11 +166,13 @@ bool CProxyServer::WatchListeners()
     m_listeners.clear();
     // Reserved whole: a loop accepting on an early entry must not see the list move.
     m_listeners.reserve(m_listenSockets.size() * m_loops->Size());
-    for (const int socket : m_listenSockets) {
+    for (size_t index = 0; index < m_listenSockets.size(); ++index) {
+        const int socket = m_listenSockets[index];
         for (size_t i = 0; i < m_loops->Size() && watched; ++i) {
             const size_t listener = m_listeners.size();
             CEventLoop& loop = m_loops->At(i);
-            m_listeners.push_back(SListener{&loop, socket, new CListenWatch(*this, listener, socket, loop), 0});
+            m_listeners.push_back(SListener{&loop, socket, new CListenWatch(*this, listener, socket, loop), 0,
+                                            m_listenFixedSendBuffer[index]});
             WatchListenerLocked(listener);
             watched = m_listeners[listener].token != 0;
         }
@@ -183,7 +185,8 @@ bool CProxyServer::OpenListenSockets(const std::vector<std::string>& listenAddre
     const bool several = listenAddresses.size() > 1;
     for (const std::string& address : listenAddresses) {
         int socket = adopted.Release();
-        if (socket >= 0) {
+        const bool opened = socket < 0;
+        if (!opened) {
             fcntl(socket, F_SETFD, FD_CLOEXEC);
             CSocketUtils::SetSocketBlocking(socket, false);
         } else {
@@ -195,6 +198,7 @@ bool CProxyServer::OpenListenSockets(const std::vector<std::string>& listenAddre
         }
         m_listenPorts[m_listenSockets.size()] = BoundPort(socket);
         m_listenSockets.push_back(socket);
+        m_listenFixedSendBuffer.push_back(opened && CSocketUtils::IsLoopbackText(address));
     }
     m_listenCount = m_listenSockets.size();
     return true;
@@ -219,6 +223,7 @@ void CProxyServer::CloseListenSockets()
     for (const int socket : m_listenSockets)
         CSocketUtils::CloseSocket(socket);
     m_listenSockets.clear();
+    m_listenFixedSendBuffer.clear();
     for (auto& port : m_listenPorts)
         port = 0;
 }
@@ -309,11 +314,11 @@ void CProxyServer::AcceptOn(size_t listener, int socket, CEventLoop& loop)
             return; // nothing waiting (or a client that vanished): the next readiness says more
         }
         Unwarn(WARNED_STARVED);
-        Serve(client, peer, loop);
+        Serve(client, peer, loop, m_listeners[listener].fixedSendBuffer);
     }
 }
 
-void CProxyServer::Serve(int client, const sockaddr_storage& peer, CEventLoop& loop)
+void CProxyServer::Serve(int client, const sockaddr_storage& peer, CEventLoop& loop, bool fixedSendBuffer)
 {
     const std::shared_ptr<const SActive> active = GetActive();
     const bool balancer = InRanges(active->proxyProtocolFrom, peer);
@@ -322,6 +327,8 @@ void CProxyServer::Serve(int client, const sockaddr_storage& peer, CEventLoop& l
     QOX::CRefCountPtr<CProxyConnection> connection(
         new CProxyConnection(*this, std::shared_ptr<const SProxySettings>(active, &active->settings),
                              std::shared_ptr<const CDestinationPolicy>(active, &active->destinations)));
+    if (fixedSendBuffer)
+        connection->UseFixedClientSendBuffer();
     if (balancer) {
         connection->ExpectProxyHeader(
             [this, active](const sockaddr_storage& from, const sockaddr_storage& carried) {

@@ -26,6 +26,9 @@ public:
     // grows a socket's receive buffer after what each read takes, and a client that never reads
     // would leave the link's buffer that large, full.
     static constexpr int HOST_SPLICE_START = 64 * 1024;
+    // Least a splice asks for when the client has a fixed send buffer that is (nearly) full: what
+    // it refuses is queued, and the queue's drain brings the next splice.
+    static constexpr int MIN_ROOM_SPLICE = 4 * 1024;
     static constexpr unsigned long long HOST_SPLICE_RAMP = 8ull << 20;
     static constexpr int CLIENT_SPLICE_SIZE = 256 * 1024;
 
@@ -67,6 +70,8 @@ public:
 private:
     // Nothing when the link cannot splice now: an ordinary read does this turn.
     std::optional<EMove> SpliceClientBytes(IConnectionProtocol& handler);
+    // Host bytes one read takes.
+    int ReadSize();
     std::optional<EMove> SpliceHostBytes(IConnectionProtocol& handler, unsigned long long allowance);
     EMove ReadHostBytes(IZRTDataLayer& link, IConnectionProtocol& handler);
 

@@ -5,6 +5,7 @@
 #include <arpa/inet.h>
 #include <errno.h>
 #include <fcntl.h>
+#include <netinet/in.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -195,6 +196,63 @@ TEST(ClientEndTest, QueuesWhatTheSocketRefusesAndDeliversEverythingInOrder)
     EXPECT_TRUE(drained) << "falling under the low-water mark is told once";
     EXPECT_TRUE(received == bytes);
     EXPECT_EQ(client.Flush(), CClientEnd::EFlush::Unchanged);
+}
+
+// A connected loopback TCP pair: {the accepted end (non-blocking), the connecting end}; the
+// listener's send buffer (0: the kernel's) goes to the accepted end.
+std::array<int, 2> TcpPair(int sendBuffer)
+{
+    const int listener = socket(AF_INET, SOCK_STREAM, 0);
+    if (sendBuffer > 0)
+        setsockopt(listener, SOL_SOCKET, SO_SNDBUF, &sendBuffer, sizeof(sendBuffer));
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof(address);
+    EXPECT_EQ(bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
+    EXPECT_EQ(listen(listener, 1), 0);
+    EXPECT_EQ(getsockname(listener, reinterpret_cast<sockaddr*>(&address), &length), 0);
+    const int connecting = socket(AF_INET, SOCK_STREAM, 0);
+    EXPECT_EQ(connect(connecting, reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
+    const int accepted = accept4(listener, nullptr, nullptr, SOCK_NONBLOCK);
+    close(listener);
+    return {accepted, connecting};
+}
+
+TEST(ClientEndTest, TheRoomOfAFixedSendBufferIsTakenWholeByTheSocket)
+{
+    // A client of a listener with a fixed send buffer, which never reads. Host bytes come from a
+    // socket through a pipe, as the relay splices them: every move sized by the room must be
+    // taken whole, or its rest would wait in user space.
+    const std::array<int, 2> client = TcpPair(64 * 1024);
+    const std::array<int, 2> host = TcpPair(0);
+    ASSERT_GE(client[0], 0);
+    ASSERT_GE(host[0], 0);
+    CClientEnd end;
+    end.Adopt(client[0]);
+    EXPECT_EQ(end.GetSendRoom(), -1) << "a buffer the kernel sizes must be filled to grow";
+    end.UseFixedSendBuffer();
+    int pipe[2] = {-1, -1};
+    ASSERT_EQ(pipe2(pipe, O_NONBLOCK), 0);
+    fcntl(pipe[1], F_SETPIPE_SZ, 1 << 20);
+    const std::string bytes = Pattern(1 << 20);
+    size_t sent = 0;
+    for (long room = end.GetSendRoom(); room >= 4096; room = end.GetSendRoom()) {
+        ASSERT_EQ(send(host[1], bytes.data(), static_cast<size_t>(room), 0), room);
+        ssize_t in = 0;
+        while (in < room) {
+            const ssize_t count = splice(host[0], nullptr, pipe[1], nullptr, static_cast<size_t>(room - in), SPLICE_F_NONBLOCK);
+            ASSERT_TRUE(count > 0 || errno == EAGAIN);
+            in += std::max<ssize_t>(count, 0);
+        }
+        const ssize_t out = splice(pipe[0], nullptr, client[0], nullptr, static_cast<size_t>(room), SPLICE_F_NONBLOCK);
+        ASSERT_EQ(out, room) << "after " << sent << " bytes";
+        sent += static_cast<size_t>(out);
+    }
+    EXPECT_GT(sent, 16u * 1024) << "the room is not so small as to starve the stream";
+    for (const int descriptor : {pipe[0], pipe[1], client[1], host[0], host[1]})
+        close(descriptor);
+    end.Close(false);
 }
 
 TEST(ClientEndTest, ReadsTellBytesNothingAndTheEndAndCloseWithoutResetDespiteUnreadInput)
