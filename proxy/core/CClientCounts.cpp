@@ -9,6 +9,7 @@
 #include <chrono>
 
 #include "runtime/CPoolTask.h"
+#include "transport/CEventLoop.h"
 #include "transport/CByteBufferList.h"
 #include "transport/CSocketUtils.h"
 
@@ -34,7 +35,7 @@ CClientCounts::EResult CClientCounts::TryAdd(const sockaddr_storage& client, siz
     return EResult::Added;
 }
 
-void CClientCounts::Remove(const sockaddr_storage& client)
+void CClientCounts::Remove(const sockaddr_storage& client, CEventLoop* turn)
 {
     const std::string key = Key(client);
     bool urgent = false;
@@ -53,11 +54,15 @@ void CClientCounts::Remove(const sockaddr_storage& client)
             return;
         urgent = m_total == 0 && m_peak >= BUSY_PEAK;
         pool = m_pool;
+        if (!TakeTrimTurn(urgent))
+            return;
+        m_peak = m_total;
     }
-    if (!GiveBackFreeMemory(urgent, pool))
-        return;
-    std::lock_guard<std::mutex> hold(m_mutex);
-    m_peak = m_total;
+    // After the turn that lets go of the client: what it frees then is given back too.
+    if (turn && turn->IsLoopThread())
+        turn->Post([pool] { GiveBackFreeMemory(pool); });
+    else
+        GiveBackFreeMemory(pool);
 }
 
 void CClientCounts::SetThreadPool(QOX::CThreadPool* pool)
@@ -66,7 +71,7 @@ void CClientCounts::SetThreadPool(QOX::CThreadPool* pool)
     m_pool = pool;
 }
 
-bool CClientCounts::GiveBackFreeMemory(bool urgent, QOX::CThreadPool* pool)
+bool CClientCounts::TakeTrimTurn(bool urgent)
 {
     // Process-wide, as the allocator and the buffer pool are.
     static std::atomic<long long> s_lastTrimMs{-TRIM_INTERVAL_MS};
@@ -76,18 +81,19 @@ bool CClientCounts::GiveBackFreeMemory(bool urgent, QOX::CThreadPool* pool)
     long long last = s_lastTrimMs.load();
     if (!urgent && now - last < TRIM_INTERVAL_MS)
         return false;
-    if (!s_lastTrimMs.compare_exchange_strong(last, now))
-        return false; // another thread gives it back now
-    const bool launched = QOX::CPoolTask::Launch(pool, [] {
+    return s_lastTrimMs.compare_exchange_strong(last, now); // false: another thread gives it back now
+}
+
+void CClientCounts::GiveBackFreeMemory(QOX::CThreadPool* pool)
+{
+    // No thread to be had: the next drop tries again.
+    QOX::CPoolTask::Launch(pool, [] {
         // Idle buffers would pin their pages among the freed ones.
         CByteBufferList::ReleasePool();
 #ifdef __GLIBC__
         malloc_trim(0);
 #endif
     });
-    if (!launched)
-        s_lastTrimMs.store(last); // the next client to go may try again
-    return launched;
 }
 
 bool CClientCounts::Move(const sockaddr_storage& from, const sockaddr_storage& to, size_t maxPerSource)

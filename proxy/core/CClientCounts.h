@@ -12,6 +12,7 @@ class CThreadPool;
 }
 
 namespace ZRT {
+class CEventLoop;
 namespace Proxy {
 
 // How many clients the proxy serves now, in all and per client address, so that the accept
@@ -40,7 +41,9 @@ public:
     void SetThreadPool(QOX::CThreadPool* pool);
     // Counts the client in unless a limit (0: none) is reached.
     EResult TryAdd(const sockaddr_storage& client, size_t maxTotal, size_t maxPerSource);
-    void Remove(const sockaddr_storage& client);
+    // turn: the event loop whose turn under way lets go of the client (null: none); free memory
+    // is given back once that turn is done.
+    void Remove(const sockaddr_storage& client, CEventLoop* turn = nullptr);
     // Gives from's place to to, unless to is at the per-source limit (0: none); the total stays.
     bool Move(const sockaddr_storage& from, const sockaddr_storage& to, size_t maxPerSource);
     size_t Total() const;
@@ -48,8 +51,9 @@ public:
 
 private:
     static std::string Key(const sockaddr_storage& client);
-    // True when it asked (not too soon after the last time, or urgent).
-    static bool GiveBackFreeMemory(bool urgent, QOX::CThreadPool* pool);
+    // True when this drop may give back (not too soon after the last time, or urgent).
+    static bool TakeTrimTurn(bool urgent);
+    static void GiveBackFreeMemory(QOX::CThreadPool* pool);
 
     // Guards the members below.
     mutable std::mutex m_mutex;

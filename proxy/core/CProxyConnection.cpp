@@ -60,7 +60,7 @@ bool CProxyConnection::Start(int socket, const sockaddr_storage& peer, CEventLoo
     const socklen_t length = peer.ss_family == AF_INET6 ? sizeof(sockaddr_in6) : sizeof(sockaddr_in);
     if (!m_clientAddress.SetAddress(reinterpret_cast<const sockaddr&>(peer), length)) {
         m_client.Close(false);
-        m_server.OnClientFinished(peer);
+        m_server.OnClientFinished(peer, &loop);
         return false;
     }
     m_record.SetClient(m_clientAddress.ToString());
@@ -243,7 +243,7 @@ void CProxyConnection::Finish()
     m_watches.Close();
     // A client that did not finish sending may have left input, which would make the close a reset.
     m_client.Close(m_toHost == EFlow::Ended);
-    m_server.OnClientFinished(m_peer);
+    m_server.OnClientFinished(m_peer, m_watches.GetLoop());
     m_record.Report(m_limits.IsRequestComplete());
     m_server.OnConnectionDestroyed(this);
     {

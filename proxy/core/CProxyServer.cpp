@@ -347,10 +347,10 @@ void CProxyServer::Serve(int client, const sockaddr_storage& peer, CEventLoop& l
     connection->Start(client, peer, loop, m_multiPointLayer, m_datagramHandler, m_connectionListener);
 }
 
-void CProxyServer::OnClientFinished(const sockaddr_storage& peer)
+void CProxyServer::OnClientFinished(const sockaddr_storage& peer, CEventLoop* loop)
 {
     m_stats.Subtract(CProxyStats::CONNECTIONS_ACTIVE);
-    m_clients.Remove(peer);
+    m_clients.Remove(peer, loop);
 }
 
 void CProxyServer::PauseAccepting(size_t listener)

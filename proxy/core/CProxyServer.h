@@ -161,8 +161,8 @@ public:
     void CloseProxyConnections();
     void OnConnectionCreated(CProxyConnection* connection);
     void OnConnectionDestroyed(CProxyConnection* connection);
-    // A connection that Serve admitted has finished (the thread it finished on).
-    void OnClientFinished(const sockaddr_storage& peer);
+    // A connection that Serve admitted has finished, on loop's thread (null: before it had one).
+    void OnClientFinished(const sockaddr_storage& peer, CEventLoop* loop);
 
 private:
     // A listening socket as one event thread watches it.

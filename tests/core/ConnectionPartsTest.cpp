@@ -12,6 +12,8 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <chrono>
+#include <thread>
 #include <cstring>
 #include <map>
 #include <set>
@@ -140,11 +142,25 @@ TEST(ClientCountsTest, LimitsHoldPerSourceAndTheLastClientToGoLetsIdleBuffersGo)
     for (size_t i = 1; i < Proxy::CClientCounts::BUSY_PEAK; ++i)
         counts.Remove(a);
     EXPECT_GE(CByteBufferList::GetPoolSize(), 1u) << "a client remains: its buffers are reused";
-    counts.Remove(a);
+    // Removed during a turn of its loop, which may still free what the client held: nothing is
+    // given back before that turn is over.
+    CEventLoop loop;
+    ASSERT_TRUE(loop.Start());
+    std::atomic<bool> removed{false};
+    std::atomic<unsigned int> leftInTurn{0};
+    loop.Post([&] {
+        counts.Remove(a, &loop);
+        std::this_thread::sleep_for(std::chrono::milliseconds(20)); // the rest of a busy turn
+        leftInTurn = CByteBufferList::GetPoolSize();
+        removed = true;
+    });
+    ASSERT_TRUE(Testing::WaitUntil([&] { return removed.load(); }));
+    EXPECT_GE(leftInTurn.load(), 1u) << "given back while the turn was still letting go";
     EXPECT_EQ(counts.Total(), 0u);
     EXPECT_TRUE(Testing::WaitUntil([] { return CByteBufferList::GetPoolSize() == 0; }))
         << "the last client went, the idle buffers stayed";
     EXPECT_EQ(poolThreads.load(), 1);
+    loop.Stop();
     counts.SetThreadPool(nullptr);
 }
 
