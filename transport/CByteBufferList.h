@@ -1,6 +1,6 @@
 #pragma once
 
-#include <deque>
+#include <list>
 
 #include "runtime/CRefCountPtr.h"
 #include "runtime/Export.h"
@@ -43,7 +43,8 @@ public:
     void Clear();
 
 private:
-    std::deque<QOX::CRefCountPtr<CByteBuffer>> m_buffers;
+    // A list, not a deque: an empty one allocates nothing (a parser or a quiet client end holds one).
+    std::list<QOX::CRefCountPtr<CByteBuffer>> m_buffers;
     unsigned int m_size = 0;
 };
 

@@ -1,7 +1,7 @@
 #pragma once
 
 #include <atomic>
-#include <deque>
+#include <list>
 
 #include "runtime/CRefCountPtr.h"
 #include "transport/CByteBuffer.h"
@@ -61,7 +61,7 @@ private:
     int m_socket = -1;
     bool m_fixedSendBuffer = false;
     int m_sendBufferSize = 0; // read once, with a fixed send buffer
-    std::deque<QOX::CRefCountPtr<CByteBuffer>> m_output;
+    std::list<QOX::CRefCountPtr<CByteBuffer>> m_output; // empty, it allocates nothing (a deque would)
     std::atomic<unsigned int> m_backlog{0}; // written on the connection's thread only
     mutable CTCPIPAddress m_localAddress;
 };

@@ -100,7 +100,8 @@ bool CHostConnector::Begin(const AddressPtr& destination, int timeoutMs, const A
     m_racing = false;
     if (m_layer->ConnectsWithoutBlocking()) {
         others.push_front(destination);
-        m_candidates = RaceOrder(others);
+        const std::deque<AddressPtr> order = RaceOrder(others);
+        m_candidates.assign(order.begin(), order.end());
         others.pop_front();
         m_racing = !m_candidates.empty();
     }
@@ -114,7 +115,7 @@ bool CHostConnector::Begin(const AddressPtr& destination, int timeoutMs, const A
         }
         return true;
     }
-    m_candidates = std::move(others);
+    m_candidates.assign(others.begin(), others.end());
     Attempt(destination);
     const bool failed = m_link.GetState() == CHostLink::EState::None && !Retry();
     // The owner hears of an outcome known now only after this returns.

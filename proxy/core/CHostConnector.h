@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <deque>
+#include <list>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -106,7 +107,7 @@ private:
     const Outcome m_outcome;
     std::shared_ptr<SHandOff> m_handOff;
     uint64_t m_attempt = 0;
-    std::deque<AddressPtr> m_candidates;
+    std::list<AddressPtr> m_candidates; // a list: once connected, an empty one holds no memory
     Clock::time_point m_deadline{};
     Clock::time_point m_attemptDeadline{};
     int m_failure = 0;
