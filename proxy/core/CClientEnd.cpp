@@ -55,6 +55,7 @@ bool CClientEnd::Send(const char* data, int length)
     ssize_t sent = 0;
     if (m_output.empty()) {
         sent = CSocketUtils::SendSome(m_socket, data, static_cast<size_t>(length));
+        m_written += static_cast<unsigned long long>(std::max<ssize_t>(sent, 0));
         if (sent < 0)
             return false;
     }
@@ -71,6 +72,7 @@ CClientEnd::EFlush CClientEnd::Flush()
         CByteBuffer& front = *m_output.front();
         const size_t length = front.GetUnread();
         const ssize_t sent = CSocketUtils::SendSome(m_socket, front.GetData() + front.GetOffset(), length);
+        m_written += static_cast<unsigned long long>(std::max<ssize_t>(sent, 0));
         if (sent < 0)
             return EFlush::Failed;
         backlog -= static_cast<unsigned int>(sent);
@@ -100,14 +102,15 @@ void CClientEnd::Queue(const char* data, int length)
     }
 }
 
-long CClientEnd::GetSendRoom()
+long CClientEnd::GetSendRoom(long wanted)
 {
+    if (m_sendBufferSize <= 0 || m_socket < 0)
+        return -1;
+    // What waits in the buffer is at most what was ever written: while that leaves room enough,
+    // a short exchange costs no system call.
+    if (m_written + static_cast<unsigned long long>(wanted) <= static_cast<unsigned long long>(m_sendBufferSize))
+        return m_sendBufferSize - static_cast<long>(m_written);
 #if defined(SIOCOUTQ)
-    if (!m_fixedSendBuffer || m_socket < 0)
-        return -1;
-    socklen_t length = sizeof(m_sendBufferSize);
-    if (m_sendBufferSize == 0 && getsockopt(m_socket, SOL_SOCKET, SO_SNDBUF, &m_sendBufferSize, &length) != 0)
-        return -1;
     int waiting = 0;
     if (ioctl(m_socket, SIOCOUTQ, &waiting) != 0)
         return -1;

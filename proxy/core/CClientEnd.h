@@ -41,11 +41,14 @@ public:
     EFlush Flush();
     // Any thread may ask (a relaxed read: a number for a look, not for a decision).
     unsigned int GetBacklog() const { return m_backlog.load(std::memory_order_relaxed); }
-    // The socket's send buffer has a fixed size (the kernel does not grow it as it fills).
-    void UseFixedSendBuffer() { m_fixedSendBuffer = true; }
-    // About how many bytes the socket takes now, with a fixed send buffer; -1 otherwise, or where
-    // the system cannot say. A buffer the kernel sizes must be filled to grow.
-    long GetSendRoom();
+    // The socket's send buffer has this fixed size (the kernel does not grow it as it fills).
+    void UseFixedSendBuffer(int size) { m_sendBufferSize = size; }
+    // About how many bytes the socket takes now, at least wanted if it can say so without asking
+    // the system; -1 without a fixed send buffer (one the kernel sizes must be filled to grow),
+    // or where the system cannot say.
+    long GetSendRoom(long wanted);
+    // Bytes written into the socket other than through Send (spliced).
+    void NoteSpliced(unsigned long long bytes) { m_written += bytes; }
     void DropOutput();
     // The client reads to its end: nothing more will be sent.
     void ShutdownSend();
@@ -59,8 +62,8 @@ private:
     void Queue(const char* data, int length);
 
     int m_socket = -1;
-    bool m_fixedSendBuffer = false;
-    int m_sendBufferSize = 0; // read once, with a fixed send buffer
+    int m_sendBufferSize = 0; // fixed; 0: the kernel sizes it
+    unsigned long long m_written = 0; // every byte the socket took
     std::list<QOX::CRefCountPtr<CByteBuffer>> m_output; // empty, it allocates nothing (a deque would)
     std::atomic<unsigned int> m_backlog{0}; // written on the connection's thread only
     mutable CTCPIPAddress m_localAddress;

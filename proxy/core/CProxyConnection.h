@@ -88,10 +88,10 @@ public:
     // and serves it on loop, whose thread calls this. On false the socket is closed.
     bool Start(int socket, const sockaddr_storage& peer, CEventLoop& loop, IZRTMultiPointLayer* multiPointLayer,
                IDatagramHandler* datagramHandler, IConnectionListener* connectionListener);
-    // The client's socket has a fixed send buffer (from a loopback listener): host bytes are
+    // The client's socket has a fixed send buffer of size bytes (from a loopback listener): host bytes are
     // spliced no faster than it has room for, so that little is left over in user space. Before
     // Start, on the thread that starts it.
-    void UseFixedClientSendBuffer() { m_client.UseFixedSendBuffer(); }
+    void UseFixedClientSendBuffer(int size) { m_client.UseFixedSendBuffer(size); }
     // The peer is a trusted load balancer: the connection starts with the header that names the
     // client it carries (admit: the server's admission of that client). Before Start, on the
     // accepting thread.

@@ -172,7 +172,7 @@ bool CProxyServer::WatchListeners()
             const size_t listener = m_listeners.size();
             CEventLoop& loop = m_loops->At(i);
             m_listeners.push_back(SListener{&loop, socket, new CListenWatch(*this, listener, socket, loop), 0,
-                                            m_listenFixedSendBuffer[index]});
+                                            m_listenClientSendBuffer[index]});
             WatchListenerLocked(listener);
             watched = m_listeners[listener].token != 0;
         }
@@ -198,7 +198,7 @@ bool CProxyServer::OpenListenSockets(const std::vector<std::string>& listenAddre
         }
         m_listenPorts[m_listenSockets.size()] = BoundPort(socket);
         m_listenSockets.push_back(socket);
-        m_listenFixedSendBuffer.push_back(opened && CSocketUtils::IsLoopbackText(address));
+        m_listenClientSendBuffer.push_back(opened && CSocketUtils::IsLoopbackText(address) ? ClientSendBuffer(socket) : 0);
     }
     m_listenCount = m_listenSockets.size();
     return true;
@@ -217,13 +217,20 @@ void CProxyServer::LimitLoopbackSendBuffer(int socket)
     setsockopt(socket, SOL_SOCKET, SO_SNDBUF, &size, sizeof(size));
 }
 
+int CProxyServer::ClientSendBuffer(int socket)
+{
+    int size = 0;
+    socklen_t length = sizeof(size);
+    return getsockopt(socket, SOL_SOCKET, SO_SNDBUF, &size, &length) == 0 ? size : 0;
+}
+
 void CProxyServer::CloseListenSockets()
 {
     m_listenCount = 0;
     for (const int socket : m_listenSockets)
         CSocketUtils::CloseSocket(socket);
     m_listenSockets.clear();
-    m_listenFixedSendBuffer.clear();
+    m_listenClientSendBuffer.clear();
     for (auto& port : m_listenPorts)
         port = 0;
 }
@@ -314,11 +321,11 @@ void CProxyServer::AcceptOn(size_t listener, int socket, CEventLoop& loop)
             return; // nothing waiting (or a client that vanished): the next readiness says more
         }
         Unwarn(WARNED_STARVED);
-        Serve(client, peer, loop, m_listeners[listener].fixedSendBuffer);
+        Serve(client, peer, loop, m_listeners[listener].clientSendBuffer);
     }
 }
 
-void CProxyServer::Serve(int client, const sockaddr_storage& peer, CEventLoop& loop, bool fixedSendBuffer)
+void CProxyServer::Serve(int client, const sockaddr_storage& peer, CEventLoop& loop, int clientSendBuffer)
 {
     const std::shared_ptr<const SActive> active = GetActive();
     const bool balancer = InRanges(active->proxyProtocolFrom, peer);
@@ -327,8 +334,8 @@ void CProxyServer::Serve(int client, const sockaddr_storage& peer, CEventLoop& l
     QOX::CRefCountPtr<CProxyConnection> connection(
         new CProxyConnection(*this, std::shared_ptr<const SProxySettings>(active, &active->settings),
                              std::shared_ptr<const CDestinationPolicy>(active, &active->destinations)));
-    if (fixedSendBuffer)
-        connection->UseFixedClientSendBuffer();
+    if (clientSendBuffer > 0)
+        connection->UseFixedClientSendBuffer(clientSendBuffer);
     if (balancer) {
         connection->ExpectProxyHeader(
             [this, active](const sockaddr_storage& from, const sockaddr_storage& carried) {

@@ -172,7 +172,7 @@ private:
         int socket = -1;
         QOX::CRefCountPtr<CListenWatch> watch;
         uint64_t token = 0;
-        bool fixedSendBuffer = false; // its clients' send buffers (LimitLoopbackSendBuffer)
+        int clientSendBuffer = 0; // its clients' fixed send buffer (LimitLoopbackSendBuffer); 0: none
     };
 
     // The current settings with the allow list and the destination rules in parsed form.
@@ -204,6 +204,8 @@ private:
     // adopted: a socket handed in, used for the first address when valid.
     bool OpenListenSockets(const std::vector<std::string>& listenAddresses, int port, CSocketHandle& adopted);
     static void LimitLoopbackSendBuffer(int socket);
+    // The send buffer the kernel gave a listening socket, which its clients inherit (0: unknown).
+    static int ClientSendBuffer(int socket);
     void CloseListenSockets();
     // Records why a start failed; false.
     bool FailStart(const std::string& reason);
@@ -211,7 +213,7 @@ private:
     // An event thread's turn at a listening socket: accepts a few clients and serves them.
     void AcceptOn(size_t listener, int socket, CEventLoop& loop);
     // Serves one accepted client on this event thread.
-    void Serve(int client, const sockaddr_storage& peer, CEventLoop& loop, bool fixedSendBuffer);
+    void Serve(int client, const sockaddr_storage& peer, CEventLoop& loop, int clientSendBuffer);
     // Out of descriptors: this thread stops watching the socket for a while.
     void PauseAccepting(size_t listener);
     // Under m_mutex: (re)starts watching the socket on one thread.
@@ -230,7 +232,7 @@ private:
     // The listening sockets, in the order of the addresses: the controlling thread's (StartProxy,
     // StopProxy); the event threads know theirs from their watches.
     std::vector<int> m_listenSockets;
-    std::vector<bool> m_listenFixedSendBuffer; // by listening socket, as m_listenSockets
+    std::vector<int> m_listenClientSendBuffer; // by listening socket, as m_listenSockets; 0: none
     int m_adoptedSocket = -1; // AdoptListenSocket's, until the next start takes it
     AcceptFilter m_acceptFilter;
     std::array<std::atomic<int>, MAX_LISTEN_SOCKETS> m_listenPorts{};

@@ -143,7 +143,7 @@ CRelayPump::EMove CRelayPump::ReadHostBytes(IZRTDataLayer& link, IConnectionProt
 int CRelayPump::ReadSize()
 {
     // What a client with a fixed send buffer has no room for would wait in user space.
-    const long room = m_client.GetSendRoom();
+    const long room = m_client.GetSendRoom(HOST_READ_SIZE);
     return room < 0 ? HOST_READ_SIZE : std::min(HOST_READ_SIZE, std::max(static_cast<int>(room), MIN_ROOM_SPLICE));
 }
 
@@ -152,11 +152,12 @@ std::optional<CRelayPump::EMove> CRelayPump::SpliceHostBytes(IConnectionProtocol
     const int size = m_hostSpliced < HOST_SPLICE_RAMP ? HOST_SPLICE_START : HOST_SPLICE_SIZE;
     int most = static_cast<int>(std::min<unsigned long long>(size, allowance));
     // What the client does not take goes back to user space: ask for no more than it has room for.
-    if (const long room = m_client.GetSendRoom(); room >= 0)
+    if (const long room = m_client.GetSendRoom(most); room >= 0)
         most = std::min(most, std::max(static_cast<int>(room), MIN_ROOM_SPLICE));
     const int moved = m_link.Get()->ReceiveInto(m_client.GetSocket(), most);
     if (moved > 0) {
         m_hostSpliced += static_cast<unsigned long long>(moved);
+        m_client.NoteSpliced(static_cast<unsigned long long>(moved));
         m_owner.OnRelayed(false, moved);
         handler.OnResponseRelayed(static_cast<unsigned long long>(moved));
         return EMove::More;

@@ -246,14 +246,17 @@ TEST(ClientEndTest, TheRoomOfAFixedSendBufferIsTakenWholeByTheSocket)
     ASSERT_GE(host[0], 0);
     CClientEnd end;
     end.Adopt(client[0]);
-    EXPECT_EQ(end.GetSendRoom(), -1) << "a buffer the kernel sizes must be filled to grow";
-    end.UseFixedSendBuffer();
+    EXPECT_EQ(end.GetSendRoom(4096), -1) << "a buffer the kernel sizes must be filled to grow";
+    int size = 0;
+    socklen_t length = sizeof(size);
+    ASSERT_EQ(getsockopt(client[0], SOL_SOCKET, SO_SNDBUF, &size, &length), 0);
+    end.UseFixedSendBuffer(size);
     int pipe[2] = {-1, -1};
     ASSERT_EQ(pipe2(pipe, O_NONBLOCK), 0);
     fcntl(pipe[1], F_SETPIPE_SZ, 1 << 20);
     const std::string bytes = Pattern(1 << 20);
     size_t sent = 0;
-    for (long room = end.GetSendRoom(); room >= 4096; room = end.GetSendRoom()) {
+    for (long room = end.GetSendRoom(4096); room >= 4096; room = end.GetSendRoom(4096)) {
         ASSERT_EQ(send(host[1], bytes.data(), static_cast<size_t>(room), 0), room);
         ssize_t in = 0;
         while (in < room) {
@@ -263,6 +266,7 @@ TEST(ClientEndTest, TheRoomOfAFixedSendBufferIsTakenWholeByTheSocket)
         }
         const ssize_t out = splice(pipe[0], nullptr, client[0], nullptr, static_cast<size_t>(room), SPLICE_F_NONBLOCK);
         ASSERT_EQ(out, room) << "after " << sent << " bytes";
+        end.NoteSpliced(static_cast<unsigned long long>(out));
         sent += static_cast<size_t>(out);
     }
     EXPECT_GT(sent, 16u * 1024) << "the room is not so small as to starve the stream";
