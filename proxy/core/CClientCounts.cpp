@@ -9,8 +9,8 @@
 #include <chrono>
 
 #include "runtime/CPoolTask.h"
-#include "transport/CEventLoop.h"
 #include "transport/CByteBufferList.h"
+#include "transport/CEventLoop.h"
 #include "transport/CSocketUtils.h"
 
 namespace ZRT {

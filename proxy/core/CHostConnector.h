@@ -2,8 +2,8 @@
 
 #include <chrono>
 #include <deque>
-#include <list>
 #include <functional>
+#include <list>
 #include <memory>
 #include <optional>
 #include <vector>

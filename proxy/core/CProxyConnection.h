@@ -56,8 +56,8 @@ class CProxyServer;
 //
 // Flow control, per direction, by not reading the faster side: no host bytes are pulled while
 // the queue towards the client is over CLIENT_OUTPUT_HIGH_WATER, or not empty once the stream is
-// spliced (the link then stops reading its peer); the client is not read while the handler's backlog plus the link's send backlog exceed
-// REQUEST_BACKLOG_LIMIT.
+// spliced (the link then stops reading its peer); the client is not read while the handler's
+// backlog plus the link's send backlog exceed REQUEST_BACKLOG_LIMIT.
 //
 // Threads: Start, the IProxyConnection operations and the link's callbacks run on the
 // connection's thread, except those said to be for any thread (there and below). Lifetime:
@@ -88,9 +88,9 @@ public:
     // and serves it on loop, whose thread calls this. On false the socket is closed.
     bool Start(int socket, const sockaddr_storage& peer, CEventLoop& loop, IZRTMultiPointLayer* multiPointLayer,
                IDatagramHandler* datagramHandler, IConnectionListener* connectionListener);
-    // The client's socket has a fixed send buffer of size bytes (from a loopback listener): host bytes are
-    // spliced no faster than it has room for, so that little is left over in user space. Before
-    // Start, on the thread that starts it.
+    // The client's socket has a fixed send buffer of size bytes (from a loopback listener): host
+    // bytes are moved no faster than it has room for, so that little is left over in user space.
+    // Before Start, on the thread that starts it.
     void UseFixedClientSendBuffer(int size) { m_client.UseFixedSendBuffer(size); }
     // The peer is a trusted load balancer: the connection starts with the header that names the
     // client it carries (admit: the server's admission of that client). Before Start, on the

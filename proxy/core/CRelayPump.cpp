@@ -123,7 +123,7 @@ CRelayPump::EMove CRelayPump::MoveHostBytes(IConnectionProtocol& handler)
 CRelayPump::EMove CRelayPump::ReadHostBytes(IZRTDataLayer& link, IConnectionProtocol& handler)
 {
     const CHostBufferLoan buffer(HOST_READ_SIZE);
-    const int wanted = ReadSize();
+    const int wanted = FitClientRoom(HOST_READ_SIZE);
     const int count = link.ReceiveData(buffer.Get(), wanted);
     if (count > 0) {
         m_owner.OnRelayed(false, count);
@@ -140,20 +140,16 @@ CRelayPump::EMove CRelayPump::ReadHostBytes(IZRTDataLayer& link, IConnectionProt
     return ended || m_link.GetState() == CHostLink::EState::Closed ? EMove::HostEnded : EMove::Wait;
 }
 
-int CRelayPump::ReadSize()
+int CRelayPump::FitClientRoom(int most)
 {
-    // What a client with a fixed send buffer has no room for would wait in user space.
-    const long room = m_client.GetSendRoom(HOST_READ_SIZE);
-    return room < 0 ? HOST_READ_SIZE : std::min(HOST_READ_SIZE, std::max(static_cast<int>(room), MIN_ROOM_SPLICE));
+    const long room = m_client.GetSendRoom(most);
+    return room < 0 ? most : std::min(most, std::max(static_cast<int>(room), MIN_ROOM_MOVE));
 }
 
 std::optional<CRelayPump::EMove> CRelayPump::SpliceHostBytes(IConnectionProtocol& handler, unsigned long long allowance)
 {
     const int size = m_hostSpliced < HOST_SPLICE_RAMP ? HOST_SPLICE_START : HOST_SPLICE_SIZE;
-    int most = static_cast<int>(std::min<unsigned long long>(size, allowance));
-    // What the client does not take goes back to user space: ask for no more than it has room for.
-    if (const long room = m_client.GetSendRoom(most); room >= 0)
-        most = std::min(most, std::max(static_cast<int>(room), MIN_ROOM_SPLICE));
+    const int most = FitClientRoom(static_cast<int>(std::min<unsigned long long>(size, allowance)));
     const int moved = m_link.Get()->ReceiveInto(m_client.GetSocket(), most);
     if (moved > 0) {
         m_hostSpliced += static_cast<unsigned long long>(moved);

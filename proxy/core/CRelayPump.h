@@ -26,10 +26,10 @@ public:
     // grows a socket's receive buffer after what each read takes, and a client that never reads
     // would leave the link's buffer that large, full.
     static constexpr int HOST_SPLICE_START = 64 * 1024;
-    // Least a splice asks for when the client has a fixed send buffer that is (nearly) full: what
-    // it refuses is queued, and the queue's drain brings the next splice.
-    static constexpr int MIN_ROOM_SPLICE = 4 * 1024;
     static constexpr unsigned long long HOST_SPLICE_RAMP = 8ull << 20;
+    // Least a read or splice of host bytes asks for when the client has a fixed send buffer that
+    // is (nearly) full: what it refuses is queued, and the queue's drain brings the next move.
+    static constexpr int MIN_ROOM_MOVE = 4 * 1024;
     static constexpr int CLIENT_SPLICE_SIZE = 256 * 1024;
 
     // More: go on; Wait: nothing more now; the others: that end is reached (or failed).
@@ -70,8 +70,9 @@ public:
 private:
     // Nothing when the link cannot splice now: an ordinary read does this turn.
     std::optional<EMove> SpliceClientBytes(IConnectionProtocol& handler);
-    // Host bytes one read takes.
-    int ReadSize();
+    // At most most, and no more than a client with a fixed send buffer has room for (what it
+    // refuses would wait in user space), but at least MIN_ROOM_MOVE.
+    int FitClientRoom(int most);
     std::optional<EMove> SpliceHostBytes(IConnectionProtocol& handler, unsigned long long allowance);
     EMove ReadHostBytes(IZRTDataLayer& link, IConnectionProtocol& handler);
 
