@@ -7,8 +7,8 @@
 
 #include <cerrno>
 #include <cstring>
-#include <vector>
 
+#include "runtime/CScratchLoan.h"
 #include "transport/CSocketHandle.h"
 #include "transport/CSocketUtils.h"
 #include "transport/CTCPIPAddress.h"
@@ -268,11 +268,11 @@ unsigned int CDirectDatagramHandler::CRegistration::GetLocalPort() const
 
 void CDirectDatagramHandler::CRegistration::OnEvents(uint32_t /*events*/)
 {
-    thread_local std::vector<unsigned char> scratch(MAX_DATAGRAM);
+    const QOX::CScratchLoan scratch;
     for (int turn = 0; turn < MAX_READS_PER_EVENT; ++turn) {
         sockaddr_storage source{};
         socklen_t length = sizeof(source);
-        const ssize_t count = recvfrom(m_socket, scratch.data(), scratch.size(), MSG_DONTWAIT,
+        const ssize_t count = recvfrom(m_socket, scratch.Get(), MAX_DATAGRAM, MSG_DONTWAIT,
                                        reinterpret_cast<sockaddr*>(&source), &length);
         if (count < 0) {
             // A refusal reported for an earlier send is not the end of the socket.
@@ -282,7 +282,7 @@ void CDirectDatagramHandler::CRegistration::OnEvents(uint32_t /*events*/)
         }
         UnmapAddress(source, length);
         if (!m_association) {
-            if (!Deliver(source, length, scratch.data(), static_cast<size_t>(count)))
+            if (!Deliver(source, length, scratch.Get(), static_cast<size_t>(count)))
                 return;
             continue;
         }
@@ -290,14 +290,14 @@ void CDirectDatagramHandler::CRegistration::OnEvents(uint32_t /*events*/)
         sockaddr_storage unwrapped{};
         size_t offset = 0;
         const CUpstreamAssociation::EUnwrapped from = m_association->Unwrap(
-            source, scratch.data(), static_cast<size_t>(count), m_placeholders.get(), unwrapped, offset);
+            source, scratch.Get(), static_cast<size_t>(count), m_placeholders.get(), unwrapped, offset);
         if (from == CUpstreamAssociation::EUnwrapped::Unwrapped) {
             const socklen_t unwrappedLength =
                 unwrapped.ss_family == AF_INET6 ? sizeof(sockaddr_in6) : sizeof(sockaddr_in);
-            if (!Deliver(unwrapped, unwrappedLength, scratch.data() + offset, static_cast<size_t>(count) - offset))
+            if (!Deliver(unwrapped, unwrappedLength, scratch.Get() + offset, static_cast<size_t>(count) - offset))
                 return;
         } else if (from == CUpstreamAssociation::EUnwrapped::NotFromRelay && !Carried(source) &&
-                   !Deliver(source, length, scratch.data(), static_cast<size_t>(count))) {
+                   !Deliver(source, length, scratch.Get(), static_cast<size_t>(count))) {
             return;
         }
     }

@@ -13,8 +13,8 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <vector>
 
+#include "runtime/CScratchLoan.h"
 #include "transport/CSocketUtils.h"
 
 namespace ZRT {
@@ -328,7 +328,7 @@ bool CTcpDataLayer::ReadsAheadLocked() const
 
 bool CTcpDataLayer::ReadAheadLocked()
 {
-    thread_local std::vector<unsigned char> scratch(READ_CHUNK);
+    const QOX::CScratchLoan scratch;
     bool news = false;
     for (int turn = 0; turn < MAX_READS_PER_EVENT && ReadsAheadLocked(); ++turn) {
         const size_t room = RECEIVE_LIMIT - std::min(m_received.Size(), RECEIVE_LIMIT);
@@ -336,9 +336,9 @@ bool CTcpDataLayer::ReadAheadLocked()
             m_readPaused = true;
             break;
         }
-        const ssize_t count = recv(m_socket, scratch.data(), std::min(room, READ_CHUNK), MSG_DONTWAIT);
+        const ssize_t count = recv(m_socket, scratch.Get(), std::min(room, READ_CHUNK), MSG_DONTWAIT);
         if (count > 0) {
-            m_received.Append(scratch.data(), static_cast<size_t>(count));
+            m_received.Append(scratch.Get(), static_cast<size_t>(count));
             news = true;
             continue;
         }

@@ -9,6 +9,7 @@
 #include <chrono>
 
 #include "runtime/CPoolTask.h"
+#include "runtime/CScratchLoan.h"
 #include "transport/CByteBufferList.h"
 #include "transport/CEventLoop.h"
 #include "transport/CSocketUtils.h"
@@ -90,6 +91,7 @@ void CClientCounts::GiveBackFreeMemory(QOX::CThreadPool* pool)
     QOX::CPoolTask::Launch(pool, [] {
         // Idle buffers would pin their pages among the freed ones.
         CByteBufferList::ReleasePool();
+        QOX::CScratchLoan::ReleaseIdle();
 #ifdef __GLIBC__
         malloc_trim(0);
 #endif

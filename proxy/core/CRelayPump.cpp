@@ -3,40 +3,13 @@
 #include <algorithm>
 #include <memory>
 
+#include "runtime/CScratchLoan.h"
+
 namespace ZRT {
 namespace Proxy {
 
-namespace {
-thread_local std::unique_ptr<unsigned char[]> t_hostBuffer;
-thread_local bool t_hostBufferLent = false;
-
-// Lends the thread's host read buffer for one read and its handling; a read nested in another
-// connection's handling (the buffer is lent already) gets one of its own.
-class CHostBufferLoan {
-public:
-    explicit CHostBufferLoan(size_t size)
-    {
-        if (t_hostBufferLent) {
-            m_own.reset(new unsigned char[size]);
-            return;
-        }
-        if (!t_hostBuffer)
-            t_hostBuffer.reset(new unsigned char[size]);
-        t_hostBufferLent = true;
-    }
-    ~CHostBufferLoan()
-    {
-        if (!m_own)
-            t_hostBufferLent = false;
-    }
-    CHostBufferLoan(const CHostBufferLoan&) = delete;
-    CHostBufferLoan& operator=(const CHostBufferLoan&) = delete;
-    unsigned char* Get() const { return m_own ? m_own.get() : t_hostBuffer.get(); }
-
-private:
-    std::unique_ptr<unsigned char[]> m_own;
-};
-} // namespace
+static_assert(CRelayPump::HOST_READ_SIZE <= static_cast<int>(QOX::CScratchLoan::SIZE),
+              "a host read fits the scratch buffer");
 
 void CRelayPump::OnNewLink()
 {
@@ -122,7 +95,7 @@ CRelayPump::EMove CRelayPump::MoveHostBytes(IConnectionProtocol& handler)
 
 CRelayPump::EMove CRelayPump::ReadHostBytes(IZRTDataLayer& link, IConnectionProtocol& handler)
 {
-    const CHostBufferLoan buffer(HOST_READ_SIZE);
+    const QOX::CScratchLoan buffer;
     const int wanted = FitClientRoom(HOST_READ_SIZE);
     const int count = link.ReceiveData(buffer.Get(), wanted);
     if (count > 0) {

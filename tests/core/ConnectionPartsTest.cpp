@@ -35,6 +35,7 @@
 #include "proxy/core/CProxyServer.h"
 #include "proxy/core/CProxyHeader.h"
 #include "proxy/core/CRelayPump.h"
+#include "runtime/CScratchLoan.h"
 #include "runtime/CThreadPool.h"
 #include "transport/CByteBufferList.h"
 
@@ -149,6 +150,10 @@ TEST(ClientCountsTest, LimitsHoldPerSourceAndTheLastClientToGoLetsIdleBuffersGo)
     std::atomic<bool> removed{false};
     std::atomic<unsigned int> leftInTurn{0};
     loop.Post([&] {
+        {
+            const QOX::CScratchLoan read; // the loop thread's reads leave it a scratch buffer
+            read.Get()[0] = 1;
+        }
         counts.Remove(a, &loop);
         std::this_thread::sleep_for(std::chrono::milliseconds(20)); // the rest of a busy turn
         leftInTurn = CByteBufferList::GetPoolSize();
@@ -159,6 +164,8 @@ TEST(ClientCountsTest, LimitsHoldPerSourceAndTheLastClientToGoLetsIdleBuffersGo)
     EXPECT_EQ(counts.Total(), 0u);
     EXPECT_TRUE(Testing::WaitUntil([] { return CByteBufferList::GetPoolSize() == 0; }))
         << "the last client went, the idle buffers stayed";
+    EXPECT_TRUE(Testing::WaitUntil([] { return QOX::CScratchLoan::GetHeldCount() == 0; }))
+        << "the last client went, the threads' scratch buffers stayed";
     EXPECT_EQ(poolThreads.load(), 1);
     loop.Stop();
     counts.SetThreadPool(nullptr);

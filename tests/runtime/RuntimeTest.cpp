@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 #include <poll.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <memory>
@@ -12,6 +13,7 @@
 #include "runtime/CEvent.h"
 #include "runtime/CRefCountPtr.h"
 #include "runtime/CRefCount_Base.h"
+#include "runtime/CScratchLoan.h"
 #include "runtime/CThread.h"
 #include "runtime/CThreadPool.h"
 #include "runtime/Clock.h"
@@ -301,6 +303,53 @@ TEST(CallGate, WaitsForOtherThreadsInsideButNotForItself)
     }
     callback.join();
     gate.WaitForOthers(); // nobody inside: returns at once
+}
+
+// A thread reuses its buffer, a nested loan never shares it, and a release lets go of idle
+// buffers only: one lent at that moment keeps its bytes, and a thread that ended holds none.
+TEST(ScratchLoan, ReusedPerThreadNeverSharedAndReleasedOnlyWhileIdle)
+{
+    QOX::CScratchLoan::ReleaseIdle();
+    const size_t before = QOX::CScratchLoan::GetHeldCount();
+    unsigned char* first = nullptr;
+    {
+        const QOX::CScratchLoan loan;
+        first = loan.Get();
+        const QOX::CScratchLoan nested;
+        EXPECT_NE(nested.Get(), first);
+        first[0] = 1;
+        nested.Get()[QOX::CScratchLoan::SIZE - 1] = 2; // both are whole
+    }
+    {
+        const QOX::CScratchLoan again;
+        EXPECT_EQ(again.Get(), first);
+    }
+    EXPECT_EQ(QOX::CScratchLoan::GetHeldCount(), before + 1);
+
+    std::atomic<bool> lent{false};
+    std::atomic<bool> released{false};
+    std::atomic<bool> intact{false};
+    std::thread borrower([&] {
+        const QOX::CScratchLoan loan;
+        std::fill(loan.Get(), loan.Get() + QOX::CScratchLoan::SIZE, 0x5a);
+        lent = true;
+        WaitUntil([&] { return released.load(); });
+        intact = std::all_of(loan.Get(), loan.Get() + QOX::CScratchLoan::SIZE,
+                             [](unsigned char byte) { return byte == 0x5a; });
+    });
+    ASSERT_TRUE(WaitUntil([&] { return lent.load(); }));
+    QOX::CScratchLoan::ReleaseIdle();
+    EXPECT_EQ(QOX::CScratchLoan::GetHeldCount(), before + 1); // the borrower's alone
+    released = true;
+    borrower.join();
+    EXPECT_TRUE(intact.load());
+    EXPECT_EQ(QOX::CScratchLoan::GetHeldCount(), before); // the borrower ended
+    {
+        const QOX::CScratchLoan fresh; // this thread's was let go: a new one comes
+        fresh.Get()[0] = 3;
+    }
+    QOX::CScratchLoan::ReleaseIdle();
+    EXPECT_EQ(QOX::CScratchLoan::GetHeldCount(), before);
 }
 
 TEST(Clock, DifferencesSurviveTheWrap)
