@@ -52,6 +52,41 @@ bool CClientEnd::Send(const char* data, int length)
 {
     if (m_socket < 0)
         return false;
+    if (m_holding && m_output.empty()) {
+        if (m_held.size() + static_cast<size_t>(length) <= HOLD_LIMIT) {
+            m_held.append(data, static_cast<size_t>(length));
+            return true;
+        }
+        WriteHeld();
+        if (m_holdFailed)
+            return false;
+    }
+    return Write(data, length);
+}
+
+bool CClientEnd::EndHold()
+{
+    WriteHeld();
+    const bool failed = m_holdFailed;
+    m_holding = false;
+    m_holdFailed = false;
+    return !failed;
+}
+
+void CClientEnd::WriteHeld()
+{
+    if (m_held.empty())
+        return;
+    std::string held;
+    held.swap(m_held);
+    if (!Write(held.data(), static_cast<int>(held.size())))
+        m_holdFailed = true;
+}
+
+bool CClientEnd::Write(const char* data, int length)
+{
+    if (m_socket < 0)
+        return false;
     ssize_t sent = 0;
     if (m_output.empty()) {
         sent = CSocketUtils::SendSome(m_socket, data, static_cast<size_t>(length));
@@ -122,18 +157,21 @@ long CClientEnd::GetSendRoom(long wanted)
 
 void CClientEnd::DropOutput()
 {
+    m_held.clear();
     m_output.clear();
     m_backlog.store(0, std::memory_order_relaxed);
 }
 
 void CClientEnd::ShutdownSend()
 {
+    EndHold(); // the end comes behind every byte sent before it
     if (m_socket >= 0)
         shutdown(m_socket, SHUT_WR);
 }
 
 void CClientEnd::Close(bool clientFinished)
 {
+    EndHold(); // sent before the close, as without the hold
     DropOutput();
     if (m_socket < 0)
         return;

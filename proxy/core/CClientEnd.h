@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <list>
+#include <string>
 
 #include "runtime/CRefCountPtr.h"
 #include "transport/CByteBuffer.h"
@@ -23,6 +24,8 @@ public:
 
     // Drained is reported when the queue falls under this many bytes (or empties).
     static constexpr unsigned int LOW_WATER = 64 * 1024;
+    // At most this many bytes wait in a hold; a send that would pass it goes out at once.
+    static constexpr unsigned int HOLD_LIMIT = 16 * 1024;
 
     CClientEnd() = default;
     ~CClientEnd();
@@ -37,6 +40,14 @@ public:
     ERead Read(char* buffer, int size, int& count);
     // Writes what the socket takes now and queues the rest; false when the socket failed.
     bool Send(const char* data, int length);
+    // Small sends made from here until EndHold wait and go out in one write, so that a head the
+    // proxy rewrote and the body bytes read with it reach the client in one segment (one write,
+    // one wake-up of the client instead of two). Nothing waits beyond EndHold.
+    void BeginHold() { m_holding = true; }
+    // Writes what waits; false when the socket failed since the hold began.
+    bool EndHold();
+    // Writes what waits now (before work that would delay it); the hold goes on.
+    void WriteHeld();
     // Writes queued bytes as far as the socket takes them.
     EFlush Flush();
     // Any thread may ask (a relaxed read: a number for a look, not for a decision).
@@ -59,6 +70,8 @@ public:
     const CTCPIPAddress& GetLocalAddress() const;
 
 private:
+    // Writes what the socket takes now and queues the rest; false when the socket failed.
+    bool Write(const char* data, int length);
     void Queue(const char* data, int length);
 
     int m_socket = -1;
@@ -67,6 +80,9 @@ private:
     std::list<QOX::CRefCountPtr<CByteBuffer>> m_output; // empty, it allocates nothing (a deque would)
     std::atomic<unsigned int> m_backlog{0}; // written on the connection's thread only
     mutable CTCPIPAddress m_localAddress;
+    bool m_holding = false;
+    bool m_holdFailed = false; // a write of held bytes failed: EndHold tells it
+    std::string m_held; // sends that wait in a hold, written before anything after them
 };
 
 } // namespace Proxy

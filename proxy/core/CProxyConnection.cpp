@@ -589,6 +589,7 @@ QOX::CRefCountPtr<IZRTDataLayer> CProxyConnection::ReleaseHostLink()
     const CHostLink::EState state = m_link.GetState();
     if (state != CHostLink::EState::Open && state != CHostLink::EState::Closed)
         return {};
+    m_client.WriteHeld(); // the answer's last bytes leave before the link's close or pooling
     return m_link.Release();
 }
 

@@ -100,7 +100,11 @@ CRelayPump::EMove CRelayPump::ReadHostBytes(IZRTDataLayer& link, IConnectionProt
     const int count = link.ReceiveData(buffer.Get(), wanted);
     if (count > 0) {
         m_owner.OnRelayed(false, count);
+        // What the handler makes of one read leaves in one write.
+        m_client.BeginHold();
         handler.HandleResponse(reinterpret_cast<const char*>(buffer.Get()), count);
+        if (!m_client.EndHold())
+            return EMove::ClientFailed;
         // A full read means a stream in full flow: once the handler relays unchanged, later
         // bytes may skip user space altogether.
         if (count == wanted && handler.GetResponseRelayAllowance() > 0)

@@ -221,6 +221,64 @@ TEST(ClientEndTest, QueuesWhatTheSocketRefusesAndDeliversEverythingInOrder)
     EXPECT_EQ(client.Flush(), CClientEnd::EFlush::Unchanged);
 }
 
+// A record socket shows each write on its own: what a hold gathers arrives as one record, in
+// order with a large send that could not wait, and a close or a failure does not lose it.
+TEST(ClientEndTest, SendsInAHoldLeaveInOneWriteInOrderAndNothingWaitsBeyondIt)
+{
+    int records[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_NONBLOCK, 0, records), 0);
+    auto next = [&] {
+        std::string record(64 * 1024, '\0');
+        const ssize_t got = recv(records[1], &record[0], record.size(), MSG_DONTWAIT);
+        record.resize(got > 0 ? static_cast<size_t>(got) : 0);
+        return got < 0 ? std::string("(none)") : record;
+    };
+    CClientEnd client;
+    client.Adopt(records[0]);
+    client.BeginHold();
+    ASSERT_TRUE(client.Send("HTTP/1.1 200 OK\r\n\r\n", 19));
+    ASSERT_TRUE(client.Send("body", 4));
+    EXPECT_EQ(next(), "(none)") << "nothing leaves before the hold ends";
+    ASSERT_TRUE(client.EndHold());
+    EXPECT_EQ(next(), "HTTP/1.1 200 OK\r\n\r\nbody");
+    EXPECT_EQ(next(), "(none)");
+
+    const std::string large = Pattern(CClientEnd::HOLD_LIMIT + 1);
+    client.BeginHold();
+    ASSERT_TRUE(client.Send("head", 4));
+    ASSERT_TRUE(client.Send(large.data(), static_cast<int>(large.size())));
+    ASSERT_TRUE(client.Send("tail", 4));
+    EXPECT_EQ(next(), "head");
+    EXPECT_TRUE(next() == large);
+    ASSERT_TRUE(client.EndHold());
+    EXPECT_EQ(next(), "tail");
+    ASSERT_TRUE(client.Send("free", 4)); // no hold: at once
+    EXPECT_EQ(next(), "free");
+    client.BeginHold();
+    ASSERT_TRUE(client.Send("answer", 6));
+    client.WriteHeld(); // before slower work: what waits leaves, the hold goes on
+    EXPECT_EQ(next(), "answer");
+    ASSERT_TRUE(client.Send("more", 4));
+    EXPECT_EQ(next(), "(none)");
+    ASSERT_TRUE(client.EndHold());
+    EXPECT_EQ(next(), "more");
+
+    client.BeginHold();
+    ASSERT_TRUE(client.Send("last", 4));
+    client.Close(true);
+    EXPECT_EQ(next(), "last");
+    EXPECT_EQ(next(), "") << "then the end";
+    close(records[1]);
+
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_NONBLOCK, 0, records), 0);
+    CClientEnd gone;
+    gone.Adopt(records[0]);
+    close(records[1]);
+    gone.BeginHold();
+    EXPECT_TRUE(gone.Send("lost", 4)) << "waits in the hold";
+    EXPECT_FALSE(gone.EndHold()) << "the failure is told when it is written";
+}
+
 // A connected loopback TCP pair: {the accepted end (non-blocking), the connecting end}; the
 // listener's send buffer (0: the kernel's) goes to the accepted end.
 std::array<int, 2> TcpPair(int sendBuffer)
