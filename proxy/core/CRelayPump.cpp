@@ -100,10 +100,13 @@ CRelayPump::EMove CRelayPump::ReadHostBytes(IZRTDataLayer& link, IConnectionProt
     const int count = link.ReceiveData(buffer.Get(), wanted);
     if (count > 0) {
         m_owner.OnRelayed(false, count);
-        // What the handler makes of one read leaves in one write.
-        m_client.BeginHold();
+        // A read passed on unchanged leaves in its one send; what the handler makes of any
+        // other (a head it rewrote and the body read with it) is held to leave in one write.
+        const bool rewrites = handler.GetResponseRelayAllowance() < static_cast<unsigned long long>(count);
+        if (rewrites)
+            m_client.BeginHold();
         handler.HandleResponse(reinterpret_cast<const char*>(buffer.Get()), count);
-        if (!m_client.EndHold())
+        if (rewrites && !m_client.EndHold())
             return EMove::ClientFailed;
         // A full read means a stream in full flow: once the handler relays unchanged, later
         // bytes may skip user space altogether.

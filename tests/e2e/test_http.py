@@ -20,6 +20,7 @@ import select
 import shutil
 import signal
 import socket
+import struct
 import subprocess
 import tempfile
 import threading
@@ -595,6 +596,28 @@ def test_hop_by_hop_headers_stay_on_their_hop(proxy, origins):
     assert record.header("x-kept") == "up"
     assert not record.names() & {"x-secret", "proxy-connection", "keep-alive", "te", "proxy-authorization"}, \
         record.head
+
+
+def data_segments_in(sock):
+    """Segments with data this socket received (tcp_info's tcpi_data_segs_in)."""
+    return struct.unpack_from("I", sock.getsockopt(socket.IPPROTO_TCP, socket.TCP_INFO, 256), 152)[0]
+
+
+@zrt_only
+@pytest.mark.parametrize("framing, version", [("length", "HTTP/1.1"), ("chunked", "HTTP/1.1"), ("chunked", "HTTP/1.0")],
+                         ids=["length", "chunked", "dechunked"])
+def test_an_answer_that_arrives_at_once_reaches_the_client_in_one_segment(proxy, origins, framing, version):
+    # The proxy rewrites the head and passes the body (chunk by chunk, or unchunked for HTTP/1.0)
+    # behind it: written piece by piece, a small answer would cost the client a wake-up each.
+    origin = origins[1]
+    for _ in range(2):  # on a new origin connection, then on the pooled one
+        path = fresh("one-segment")
+        origin.replies[path] = Reply(body=bytes(range(200)) * 3, framing=framing)
+        with Client(proxy) as client:
+            before = data_segments_in(client.sock)
+            client.send(request(origin, path, version=version))
+            assert client.response().body == bytes(range(200)) * 3
+            assert data_segments_in(client.sock) - before == 1
 
 
 # ---- origin connections ----
