@@ -44,6 +44,7 @@ void CHostLink::MarkClosed()
 
 CHostLink::LinkPtr CHostLink::Detach()
 {
+    WriteHeld();
     if (!m_link)
         return {};
     LinkPtr link = std::move(m_link);
@@ -91,12 +92,37 @@ bool CHostLink::Send(const char* data, int length)
 {
     if (m_state != EState::Open || !m_link)
         return false;
+    if (m_holding) {
+        if (m_held.size() + static_cast<size_t>(length) <= HOLD_LIMIT) {
+            m_held.append(data, static_cast<size_t>(length));
+            return true;
+        }
+        WriteHeld();
+    }
     m_link->SendData(reinterpret_cast<const unsigned char*>(data), length);
     return true;
 }
 
+void CHostLink::EndHold()
+{
+    WriteHeld();
+    m_holding = false;
+}
+
+void CHostLink::WriteHeld()
+{
+    if (m_held.empty())
+        return;
+    std::string held;
+    held.swap(m_held);
+    // Taken while the link was open: it gets them even if its peer closed since.
+    if (m_link)
+        m_link->SendData(reinterpret_cast<const unsigned char*>(held.data()), static_cast<int>(held.size()));
+}
+
 bool CHostLink::EndOutput()
 {
+    WriteHeld(); // the end comes behind every byte sent before it
     return m_link && m_state == EState::Open && m_link->ShutdownSend();
 }
 

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <atomic>
+#include <string>
 
 #include "runtime/CRefCountPtr.h"
 #include "transport/IZRTDataLayer.h"
@@ -66,7 +67,15 @@ public:
     // Closes the link for good; abort resets it instead of delivering what it still holds.
     void Close(bool abort);
 
+    // At most this many bytes wait in a hold; a send that would pass it goes out at once.
+    static constexpr unsigned int HOLD_LIMIT = 16 * 1024;
+
     bool Send(const char* data, int length);
+    // Small sends made from here until EndHold wait and reach the link in one send, so that a
+    // request head the proxy rewrote and the body bytes read with it leave in one segment.
+    // Anything that lets the link go or ends its output writes them first.
+    void BeginHold() { m_holding = true; }
+    void EndHold();
     bool EndOutput();
     unsigned int GetSendBacklog() const { return m_link ? m_link->GetSendBacklog() : 0; }
     unsigned int GetUndeliveredBytes() const { return m_link ? m_link->GetUndeliveredBytes() : 0; }
@@ -80,6 +89,10 @@ private:
     std::atomic<const IZRTDataLayer*> m_current{nullptr};
     int m_readerFd = -1;
     bool m_halfCloses = false;
+    bool m_holding = false;
+    std::string m_held; // sends that wait in a hold, for the link held now
+
+    void WriteHeld();
 };
 
 } // namespace Proxy

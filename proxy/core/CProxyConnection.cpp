@@ -560,8 +560,12 @@ void CProxyConnection::OnLinkLeaving()
 
 void CProxyConnection::TellConnected(bool connected)
 {
-    if (m_protocol && IsConnectedToClient())
-        m_protocol->OnHostConnected(connected);
+    if (!m_protocol || !IsConnectedToClient())
+        return;
+    // What the handler kept for the link (a request head and the body behind it) leaves in one send.
+    m_link.BeginHold();
+    m_protocol->OnHostConnected(connected);
+    m_link.EndHold();
 }
 
 bool CProxyConnection::BeginConnectToHost(QOX::CRefCountPtr<IZRTConnectionAddress> destination)

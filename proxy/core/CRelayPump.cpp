@@ -51,7 +51,13 @@ CRelayPump::EMove CRelayPump::MoveClientBytes(IConnectionProtocol* handler)
     handler = m_owner.HandlerFor(buffer, count);
     if (!handler)
         return EMove::Wait;
+    // As for answers: a request head rewritten and the body read with it leave in one send.
+    const bool rewrites = handler->GetRequestRelayAllowance() < static_cast<unsigned long long>(count);
+    if (rewrites)
+        m_link.BeginHold();
     handler->HandleRequest(buffer, count);
+    if (rewrites)
+        m_link.EndHold();
     // A full read means a stream in full flow: while the handler relays unchanged, later bytes
     // may skip user space altogether.
     if (count == CLIENT_READ_SIZE && handler->GetRequestRelayAllowance() > 0)

@@ -620,6 +620,32 @@ def test_an_answer_that_arrives_at_once_reaches_the_client_in_one_segment(proxy,
             assert data_segments_in(client.sock) - before == 1
 
 
+@zrt_only
+def test_a_request_that_arrives_at_once_reaches_the_origin_in_one_segment(proxy):
+    body = b"field=value&" * 40
+    with socket.create_server(("127.0.0.2", 0)) as server:
+        server.settimeout(20)
+        port = server.getsockname()[1]
+        post = (b"POST http://127.0.0.2:%d/form HTTP/1.1\r\nHost: 127.0.0.2:%d\r\nContent-Length: %d\r\n\r\n"
+                % (port, port, len(body)) + body)
+        conn, segments = None, 0
+        try:
+            for _ in range(2):  # sent once the new origin connection is up, then at once on the pooled one
+                with Client(proxy) as client:
+                    client.send(post)
+                    conn = conn or server.accept()[0]
+                    stream = Stream(conn)
+                    assert stream.until(b"\r\n\r\n").startswith(b"POST /form ")
+                    assert stream.exact(len(body)) == body
+                    assert data_segments_in(conn) - segments == 1
+                    segments = data_segments_in(conn)
+                    conn.sendall(b"HTTP/1.1 204 No Content\r\n\r\n")
+                    assert client.response("POST").status == 204
+        finally:
+            if conn:
+                conn.close()
+
+
 # ---- origin connections ----
 
 BROKEN = [
