@@ -343,9 +343,10 @@ fi
   echo "  every socket, the client's and destination's too) + the proxy's RSS growth + bytes waiting in"
   echo "  the proxy's pipes (read through pidfd_getfd), per download. The direct column is the client's"
   echo "  and destination's part alone. SOCKS5 for the SOCKS5 proxies, HTTP GET for tinyproxy."
-  echo "- **Unfinished headers**: each client sends an HTTP proxy request whose header block has 60 KiB"
-  echo "  and never ends; 1 s after the last one, the proxy's RSS growth over just before, per client, and"
-  echo "  the system's TCP buffer memory growth per client (what the proxy has not read waits there)."
+  echo "- **Unfinished headers**: each client sends an HTTP proxy request whose header block has 2 KiB,"
+  echo "  then (once those clients have gone) 60 KiB, and never ends; 1 s after the last one, the proxy's"
+  echo "  RSS growth over just before, per client, and the system's TCP buffer memory growth per client"
+  echo "  (what the proxy has not read waits there)."
   echo "- **RSS once every client has gone**: the proxy's RSS (all processes) 1 s after the last run of"
   echo "  the unfinished headers, and 1 s after the bystander test, the last of the load tests."
   echo

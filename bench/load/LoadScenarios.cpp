@@ -159,6 +159,10 @@ void CLoadScenarios::DeclareLaterRows() {
                               " stalled downloads (the client never reads), ";
   m_table.AddRow("stall-socks", stalled + "SOCKS5: memory tied up per download (KiB)", false);
   m_table.AddRow("stall-http", stalled + "HTTP GET: memory tied up per download (KiB)", false);
+  m_table.AddRow("headers-small", std::to_string(m_settings.heldHeaders) + " clients each holding an unfinished " +
+                 SizeText(m_settings.heldHeaderSmallBytes) + " HTTP request header: proxy RSS per client (KiB)",
+                 false);
+  m_table.AddRow("headers-small-tcp", "... the same clients: TCP buffer memory (all sockets) per client (KiB)", false);
   m_table.AddRow("headers", std::to_string(m_settings.heldHeaders) + " clients each holding an unfinished " +
                  SizeText(m_settings.heldHeaderBytes) + " HTTP request header: proxy RSS per client (KiB)",
                  false);

@@ -34,6 +34,7 @@ struct SBenchSettings {
   int stalledDownloads = 32;
   int heldHeaders = 2000;
   size_t heldHeaderBytes = 60 * 1024;
+  size_t heldHeaderSmallBytes = 2 * 1024;  // measured first: what an ordinary unfinished header costs
   std::set<std::string> tests{"bulk", "upload", "tx",        "txclose", "idle",    "used",  "udp",
                               "ttfb", "burst",  "bystander", "stall",   "headers", "rssend"};
 };
@@ -81,7 +82,7 @@ class CLoadScenarios {
   double MeasureStalled(const SProxyTarget& t, EPath path);
   // Clients that each sent most of an HTTP request header and never end it.
   void RunHeldHeaders();
-  bool MeasureHeldHeaders(const SProxyTarget& t, double& rssKiB, double& tcpKiB);
+  bool MeasureHeldHeaders(const SProxyTarget& t, size_t bytes, double& rssKiB, double& tcpKiB);
   // The proxies' RSS once every client has gone, in MiB and over the freshly started process
   // (httpOnly: of the proxies that serve HTTP GET).
   void RecordRssAtEnd(const std::string& key, bool httpOnly);
