@@ -19,6 +19,7 @@ namespace Host {
 
 namespace {
 constexpr size_t MAX_DATAGRAM = 65536;
+static_assert(MAX_DATAGRAM <= QOX::CScratchLoan::SIZE, "a datagram fits the scratch buffer");
 // Datagrams read per readiness event before the loop turns to other sockets.
 constexpr int MAX_READS_PER_EVENT = 32;
 

@@ -24,6 +24,7 @@ namespace {
 // Reads per readiness event before the loop turns to other sockets (level-triggered: it comes back).
 constexpr int MAX_READS_PER_EVENT = 8;
 constexpr size_t READ_CHUNK = 64 * 1024;
+static_assert(READ_CHUNK <= QOX::CScratchLoan::SIZE, "a read-ahead fits the scratch buffer");
 
 using State = CTcpLinkState;
 

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <atomic>
 #include <mutex>
+#include <new>
 #include <vector>
 
 namespace QOX {
@@ -48,6 +49,9 @@ public:
                                  registry.slots.end());
         }
         delete[] m_slot.buffer;
+        // A loan from a later exit handler of this thread gets a buffer of its own.
+        m_slot.buffer = nullptr;
+        m_slot.state.store(CScratchLoan::SSlot::Lent);
     }
     CThreadSlot(const CThreadSlot&) = delete;
     CThreadSlot& operator=(const CThreadSlot&) = delete;
@@ -71,8 +75,13 @@ CScratchLoan::CScratchLoan()
         m_buffer = m_own.get();
         return;
     }
-    if (!slot.buffer)
-        slot.buffer = new unsigned char[SIZE];
+    if (!slot.buffer) {
+        slot.buffer = new (std::nothrow) unsigned char[SIZE];
+        if (!slot.buffer) {
+            slot.state.store(SSlot::Idle, std::memory_order_release);
+            throw std::bad_alloc();
+        }
+    }
     m_slot = &slot;
     m_buffer = slot.buffer;
 }

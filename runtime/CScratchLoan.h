@@ -26,7 +26,8 @@ public:
 
     // Frees every thread's buffer that is not lent now. Any thread.
     static void ReleaseIdle();
-    // How many threads hold a buffer (for tests and diagnostics). Any thread.
+    // How many threads hold a buffer (for tests and diagnostics; a loan made while it counts gets
+    // a buffer of its own). Any thread.
     static size_t GetHeldCount();
 
     struct SSlot;

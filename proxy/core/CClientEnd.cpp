@@ -52,7 +52,7 @@ bool CClientEnd::Send(const char* data, int length)
 {
     if (m_socket < 0)
         return false;
-    if (m_holding && m_output.empty()) {
+    if (m_holds > 0 && m_output.empty()) {
         if (m_held.size() + static_cast<size_t>(length) <= HOLD_LIMIT) {
             m_held.append(data, static_cast<size_t>(length));
             return true;
@@ -66,9 +66,13 @@ bool CClientEnd::Send(const char* data, int length)
 
 bool CClientEnd::EndHold()
 {
+    if (m_holds > 1) {
+        --m_holds;
+        return !m_holdFailed;
+    }
     WriteHeld();
     const bool failed = m_holdFailed;
-    m_holding = false;
+    m_holds = 0;
     m_holdFailed = false;
     return !failed;
 }
@@ -164,14 +168,14 @@ void CClientEnd::DropOutput()
 
 void CClientEnd::ShutdownSend()
 {
-    EndHold(); // the end comes behind every byte sent before it
+    WriteHeld(); // the end comes behind every byte sent before it
     if (m_socket >= 0)
         shutdown(m_socket, SHUT_WR);
 }
 
 void CClientEnd::Close(bool clientFinished)
 {
-    EndHold(); // sent before the close, as without the hold
+    WriteHeld(); // sent before the close, as without the hold
     DropOutput();
     if (m_socket < 0)
         return;

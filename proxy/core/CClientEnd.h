@@ -38,13 +38,15 @@ public:
 
     // Up to size bytes; count is set with Bytes.
     ERead Read(char* buffer, int size, int& count);
-    // Writes what the socket takes now and queues the rest; false when the socket failed.
+    // Writes what the socket takes now and queues the rest (in a hold, small sends wait for its
+    // end); false when the socket failed.
     bool Send(const char* data, int length);
-    // Small sends made from here until EndHold wait and go out in one write, so that a head the
-    // proxy rewrote and the body bytes read with it reach the client in one segment (one write,
-    // one wake-up of the client instead of two). Nothing waits beyond EndHold.
-    void BeginHold() { m_holding = true; }
-    // Writes what waits; false when the socket failed since the hold began.
+    // Small sends made from here until EndHold wait (up to HOLD_LIMIT bytes) and go out in one
+    // write, so that a head the proxy rewrote and the body bytes read with it reach the client in
+    // one segment (one write, one wake-up of the client instead of two). Holds nest; nothing
+    // waits beyond the outermost EndHold. Bytes that wait are not in the backlog.
+    void BeginHold() { ++m_holds; }
+    // Ends one hold; the outermost writes what waits. False when a write of held bytes failed.
     bool EndHold();
     // Writes what waits now (before work that would delay it); the hold goes on.
     void WriteHeld();
@@ -80,7 +82,7 @@ private:
     std::list<QOX::CRefCountPtr<CByteBuffer>> m_output; // empty, it allocates nothing (a deque would)
     std::atomic<unsigned int> m_backlog{0}; // written on the connection's thread only
     mutable CTCPIPAddress m_localAddress;
-    bool m_holding = false;
+    int m_holds = 0; // holds begun and not ended
     bool m_holdFailed = false; // a write of held bytes failed: EndHold tells it
     std::string m_held; // sends that wait in a hold, written before anything after them
 };

@@ -92,7 +92,7 @@ bool CHostLink::Send(const char* data, int length)
 {
     if (m_state != EState::Open || !m_link)
         return false;
-    if (m_holding) {
+    if (m_holds > 0) {
         if (m_held.size() + static_cast<size_t>(length) <= HOLD_LIMIT) {
             m_held.append(data, static_cast<size_t>(length));
             return true;
@@ -105,8 +105,12 @@ bool CHostLink::Send(const char* data, int length)
 
 void CHostLink::EndHold()
 {
+    if (m_holds > 1) {
+        --m_holds;
+        return;
+    }
+    m_holds = 0;
     WriteHeld();
-    m_holding = false;
 }
 
 void CHostLink::WriteHeld()

@@ -71,10 +71,11 @@ public:
     static constexpr unsigned int HOLD_LIMIT = 16 * 1024;
 
     bool Send(const char* data, int length);
-    // Small sends made from here until EndHold wait and reach the link in one send, so that a
-    // request head the proxy rewrote and the body bytes read with it leave in one segment.
-    // Anything that lets the link go or ends its output writes them first.
-    void BeginHold() { m_holding = true; }
+    // Small sends made from here until EndHold wait (up to HOLD_LIMIT bytes) and reach the link
+    // in one send, so that a request head the proxy rewrote and the body bytes read with it leave
+    // in one segment. Holds nest; the outermost EndHold writes what waits, and so does anything
+    // that lets the link go or ends its output. Bytes that wait are not in the send backlog.
+    void BeginHold() { ++m_holds; }
     void EndHold();
     bool EndOutput();
     unsigned int GetSendBacklog() const { return m_link ? m_link->GetSendBacklog() : 0; }
@@ -89,7 +90,7 @@ private:
     std::atomic<const IZRTDataLayer*> m_current{nullptr};
     int m_readerFd = -1;
     bool m_halfCloses = false;
-    bool m_holding = false;
+    int m_holds = 0; // holds begun and not ended
     std::string m_held; // sends that wait in a hold, for the link held now
 
     void WriteHeld();

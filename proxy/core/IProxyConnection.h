@@ -36,12 +36,14 @@ public:
     virtual void DisconnectClient() = 0;
     virtual bool SendToHost(const char* data, int length) = 0;
     // Never drops bytes: what the socket does not take now is queued and written in order by the
-    // connection's thread. False only when the client is gone.
+    // connection's thread. False only when the client is gone (while the connection holds a
+    // handler's sends to write them together, a failure is learnt when they are written).
     virtual bool SendToClient(const char* data, int length) = 0;
     virtual IDatagramHandler* GetDatagramHandler() = 0;
     virtual IConnectionListener* GetConnectionListener() = 0;
 
-    // Bytes given to SendToClient that the client has not taken yet.
+    // Bytes given to SendToClient that the client has not taken yet (held sends, at most 16 KiB
+    // until the handler returns, not counted).
     virtual unsigned int GetClientBacklog() const = 0;
     // The handler's own buffers drained (its GetRequestBacklog fell): the connection re-evaluates
     // whether it may read the client again.

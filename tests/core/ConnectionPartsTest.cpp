@@ -12,6 +12,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <functional>
 #include <chrono>
 #include <thread>
 #include <cstring>
@@ -264,6 +265,14 @@ TEST(ClientEndTest, SendsInAHoldLeaveInOneWriteInOrderAndNothingWaitsBeyondIt)
     EXPECT_EQ(next(), "more");
 
     client.BeginHold();
+    client.BeginHold(); // holds nest: the outermost end writes
+    ASSERT_TRUE(client.Send("in", 2));
+    ASSERT_TRUE(client.EndHold());
+    EXPECT_EQ(next(), "(none)");
+    ASSERT_TRUE(client.EndHold());
+    EXPECT_EQ(next(), "in");
+
+    client.BeginHold();
     ASSERT_TRUE(client.Send("last", 4));
     client.Close(true);
     EXPECT_EQ(next(), "last");
@@ -370,7 +379,10 @@ public:
     void HandleRequest(const char* data, int length) override
     {
         requests.emplace_back(data, static_cast<size_t>(length));
-        m_link.Send(data, length);
+        if (onRequest)
+            onRequest(data, length);
+        else
+            m_link.Send(data, length);
     }
     void HandleResponse(const char* data, int length) override { responses.append(data, static_cast<size_t>(length)); }
     unsigned long long GetResponseRelayAllowance() const override { return passThrough ? RELAY_ALL : 0; }
@@ -378,6 +390,7 @@ public:
 
     std::vector<std::string> requests;
     std::string responses;
+    std::function<void(const char*, int)> onRequest; // instead of passing the read to the link
     bool passThrough = false;
     unsigned long long relayed = 0;
 
@@ -442,6 +455,47 @@ TEST_F(PumpTest, ClientBytesSplitOrCoalescedReachTheHandlerAndTheHostInOrder)
 
     shutdown(m_pair.peer, SHUT_WR);
     EXPECT_EQ(m_pump.MoveClientBytes(&m_handler), CRelayPump::EMove::ClientEnded);
+}
+
+// A handler that rewrites a read sends the link its pieces; they leave in one send, and before
+// anything that lets the link go or ends its output.
+TEST_F(PumpTest, WhatAHandlerSendsTheLinkForOneReadLeavesInOneSendAheadOfItsEnd)
+{
+    std::vector<std::pair<std::string, bool>> sends; // the bytes, and whether output had ended
+    m_link->SetOnSend([&](FakeDataLayer& link, const std::string& bytes) { sends.emplace_back(bytes, link.WasSendShut()); });
+    m_handler.onRequest = [&](const char* data, int length) {
+        m_hostLink.Send("HEAD ", 5);
+        m_hostLink.Send(data, length);
+    };
+    ASSERT_EQ(send(m_pair.peer, "body", 4, 0), 4);
+    EXPECT_EQ(PumpClient(), 1);
+    ASSERT_EQ(sends.size(), 1u);
+    EXPECT_EQ(sends[0].first, "HEAD body");
+
+    const std::string large(CHostLink::HOLD_LIMIT, 'x');
+    m_handler.onRequest = [&](const char*, int) {
+        m_hostLink.Send("a", 1);
+        m_hostLink.Send(large.data(), static_cast<int>(large.size())); // cannot wait: goes behind "a"
+        m_hostLink.Send("b", 1);
+        m_hostLink.EndOutput(); // the end comes behind "b"
+    };
+    ASSERT_EQ(send(m_pair.peer, "go", 2, 0), 2);
+    EXPECT_EQ(PumpClient(), 1);
+    ASSERT_EQ(sends.size(), 4u);
+    EXPECT_EQ(sends[1].first, "a");
+    EXPECT_TRUE(sends[2].first == large);
+    EXPECT_EQ(sends[3], std::make_pair(std::string("b"), false));
+    EXPECT_TRUE(m_link->WasSendShut());
+
+    m_handler.onRequest = [&](const char*, int) {
+        m_hostLink.Send("last", 4);
+        m_hostLink.Release(); // to a pool, say: it takes what was sent for it
+        EXPECT_FALSE(m_hostLink.Send("none", 4));
+    };
+    ASSERT_EQ(send(m_pair.peer, "!", 1, 0), 1);
+    EXPECT_EQ(PumpClient(), 1);
+    ASSERT_EQ(sends.size(), 5u);
+    EXPECT_EQ(sends[4].first, "last");
 }
 
 TEST_F(PumpTest, ClientBytesAfterTheLinkClosedGoNowhere)
