@@ -599,8 +599,11 @@ def test_hop_by_hop_headers_stay_on_their_hop(proxy, origins):
 
 
 def data_segments_in(sock):
-    """Segments with data this socket received (tcp_info's tcpi_data_segs_in)."""
-    return struct.unpack_from("I", sock.getsockopt(socket.IPPROTO_TCP, socket.TCP_INFO, 256), 152)[0]
+    """Segments with data this socket received (tcp_info's tcpi_data_segs_in, Linux 4.6 on)."""
+    info = sock.getsockopt(socket.IPPROTO_TCP, socket.TCP_INFO, 256)
+    if len(info) < 156:
+        pytest.skip("this kernel does not count the data segments a socket receives")
+    return struct.unpack_from("I", info, 152)[0]
 
 
 @zrt_only
@@ -610,7 +613,7 @@ def test_an_answer_that_arrives_at_once_reaches_the_client_in_one_segment(proxy,
     # The proxy rewrites the head and passes the body (chunk by chunk, or unchunked for HTTP/1.0)
     # behind it: written piece by piece, a small answer would cost the client a wake-up each.
     origin = origins[1]
-    for _ in range(2):  # on a new origin connection, then on the pooled one
+    for _ in range(2):  # on a new origin connection, then most likely on the pooled one
         path = fresh("one-segment")
         origin.replies[path] = Reply(body=bytes(range(200)) * 3, framing=framing)
         with Client(proxy) as client:
@@ -623,27 +626,25 @@ def test_an_answer_that_arrives_at_once_reaches_the_client_in_one_segment(proxy,
 @zrt_only
 def test_a_request_that_arrives_at_once_reaches_the_origin_in_one_segment(proxy):
     body = b"field=value&" * 40
-    with socket.create_server(("127.0.0.2", 0)) as server:
+    with socket.create_server(("127.0.0.2", 0)) as server, Client(proxy) as client:
         server.settimeout(20)
         port = server.getsockname()[1]
         post = (b"POST http://127.0.0.2:%d/form HTTP/1.1\r\nHost: 127.0.0.2:%d\r\nContent-Length: %d\r\n\r\n"
                 % (port, port, len(body)) + body)
-        conn, segments = None, 0
-        try:
-            for _ in range(2):  # sent once the new origin connection is up, then at once on the pooled one
-                with Client(proxy) as client:
+        client.send(post)
+        conn, _ = server.accept()
+        with conn:
+            conn.settimeout(20)
+            stream, segments = Stream(conn), 0
+            for again in (True, False):  # sent once the origin connection is up, then at once on it
+                assert stream.until(b"\r\n\r\n").startswith(b"POST /form ")
+                assert stream.exact(len(body)) == body
+                assert data_segments_in(conn) - segments == 1
+                segments = data_segments_in(conn)
+                conn.sendall(b"HTTP/1.1 204 No Content\r\n\r\n")
+                assert client.response("POST").status == 204
+                if again:
                     client.send(post)
-                    conn = conn or server.accept()[0]
-                    stream = Stream(conn)
-                    assert stream.until(b"\r\n\r\n").startswith(b"POST /form ")
-                    assert stream.exact(len(body)) == body
-                    assert data_segments_in(conn) - segments == 1
-                    segments = data_segments_in(conn)
-                    conn.sendall(b"HTTP/1.1 204 No Content\r\n\r\n")
-                    assert client.response("POST").status == 204
-        finally:
-            if conn:
-                conn.close()
 
 
 # ---- origin connections ----
