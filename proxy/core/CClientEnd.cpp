@@ -52,38 +52,27 @@ bool CClientEnd::Send(const char* data, int length)
 {
     if (m_socket < 0)
         return false;
-    if (m_holds > 0 && m_output.empty()) {
-        if (m_held.size() + static_cast<size_t>(length) <= HOLD_LIMIT) {
-            m_held.append(data, static_cast<size_t>(length));
-            return true;
-        }
-        WriteHeld();
-        if (m_holdFailed)
-            return false;
-    }
-    return Write(data, length);
+    // Queued output goes first anyway: what is sent behind it waits there, not in the hold.
+    if (m_output.empty() && m_hold.Keep(data, static_cast<size_t>(length)))
+        return true;
+    WriteHeld();
+    return !m_holdFailed && Write(data, length);
 }
 
 bool CClientEnd::EndHold()
 {
-    if (m_holds > 1) {
-        --m_holds;
+    if (!m_hold.End())
         return !m_holdFailed;
-    }
     WriteHeld();
     const bool failed = m_holdFailed;
-    m_holds = 0;
     m_holdFailed = false;
     return !failed;
 }
 
 void CClientEnd::WriteHeld()
 {
-    if (m_held.empty())
-        return;
-    std::string held;
-    held.swap(m_held);
-    if (!Write(held.data(), static_cast<int>(held.size())))
+    const std::string held = m_hold.Take();
+    if (!held.empty() && !Write(held.data(), static_cast<int>(held.size())))
         m_holdFailed = true;
 }
 
@@ -161,7 +150,7 @@ long CClientEnd::GetSendRoom(long wanted)
 
 void CClientEnd::DropOutput()
 {
-    m_held.clear();
+    m_hold.Drop();
     m_output.clear();
     m_backlog.store(0, std::memory_order_relaxed);
 }

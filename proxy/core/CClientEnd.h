@@ -2,8 +2,8 @@
 
 #include <atomic>
 #include <list>
-#include <string>
 
+#include "proxy/core/CSendHold.h"
 #include "runtime/CRefCountPtr.h"
 #include "transport/CByteBuffer.h"
 #include "transport/CTCPIPAddress.h"
@@ -24,8 +24,6 @@ public:
 
     // Drained is reported when the queue falls under this many bytes (or empties).
     static constexpr unsigned int LOW_WATER = 64 * 1024;
-    // At most this many bytes wait in a hold; a send that would pass it goes out at once.
-    static constexpr unsigned int HOLD_LIMIT = 16 * 1024;
 
     CClientEnd() = default;
     ~CClientEnd();
@@ -41,11 +39,9 @@ public:
     // Writes what the socket takes now and queues the rest (in a hold, small sends wait for its
     // end); false when the socket failed.
     bool Send(const char* data, int length);
-    // Small sends made from here until EndHold wait (up to HOLD_LIMIT bytes) and go out in one
-    // write, so that a head the proxy rewrote and the body bytes read with it reach the client in
-    // one segment (one write, one wake-up of the client instead of two). Holds nest; nothing
-    // waits beyond the outermost EndHold. Bytes that wait are not in the backlog.
-    void BeginHold() { ++m_holds; }
+    // Small sends made from here until EndHold wait and go out in one write (CSendHold). Bytes
+    // that wait are not in the backlog.
+    void BeginHold() { m_hold.Begin(); }
     // Ends one hold; the outermost writes what waits. False when a write of held bytes failed.
     bool EndHold();
     // Writes what waits now (before work that would delay it); the hold goes on.
@@ -82,9 +78,8 @@ private:
     std::list<QOX::CRefCountPtr<CByteBuffer>> m_output; // empty, it allocates nothing (a deque would)
     std::atomic<unsigned int> m_backlog{0}; // written on the connection's thread only
     mutable CTCPIPAddress m_localAddress;
-    int m_holds = 0; // holds begun and not ended
+    CSendHold m_hold; // sends that wait, written before anything after them
     bool m_holdFailed = false; // a write of held bytes failed: EndHold tells it
-    std::string m_held; // sends that wait in a hold, written before anything after them
 };
 
 } // namespace Proxy

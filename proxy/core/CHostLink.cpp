@@ -92,35 +92,24 @@ bool CHostLink::Send(const char* data, int length)
 {
     if (m_state != EState::Open || !m_link)
         return false;
-    if (m_holds > 0) {
-        if (m_held.size() + static_cast<size_t>(length) <= HOLD_LIMIT) {
-            m_held.append(data, static_cast<size_t>(length));
-            return true;
-        }
-        WriteHeld();
-    }
+    if (m_hold.Keep(data, static_cast<size_t>(length)))
+        return true;
+    WriteHeld();
     m_link->SendData(reinterpret_cast<const unsigned char*>(data), length);
     return true;
 }
 
 void CHostLink::EndHold()
 {
-    if (m_holds > 1) {
-        --m_holds;
-        return;
-    }
-    m_holds = 0;
-    WriteHeld();
+    if (m_hold.End())
+        WriteHeld();
 }
 
 void CHostLink::WriteHeld()
 {
-    if (m_held.empty())
-        return;
-    std::string held;
-    held.swap(m_held);
+    const std::string held = m_hold.Take();
     // Taken while the link was open: it gets them even if its peer closed since.
-    if (m_link)
+    if (!held.empty() && m_link)
         m_link->SendData(reinterpret_cast<const unsigned char*>(held.data()), static_cast<int>(held.size()));
 }
 

@@ -1,8 +1,8 @@
 #pragma once
 
 #include <atomic>
-#include <string>
 
+#include "proxy/core/CSendHold.h"
 #include "runtime/CRefCountPtr.h"
 #include "transport/IZRTDataLayer.h"
 #include "transport/IZRTDataLayerNotification.h"
@@ -67,15 +67,11 @@ public:
     // Closes the link for good; abort resets it instead of delivering what it still holds.
     void Close(bool abort);
 
-    // At most this many bytes wait in a hold; a send that would pass it goes out at once.
-    static constexpr unsigned int HOLD_LIMIT = 16 * 1024;
-
     bool Send(const char* data, int length);
-    // Small sends made from here until EndHold wait (up to HOLD_LIMIT bytes) and reach the link
-    // in one send, so that a request head the proxy rewrote and the body bytes read with it leave
-    // in one segment. Holds nest; the outermost EndHold writes what waits, and so does anything
-    // that lets the link go or ends its output. Bytes that wait are not in the send backlog.
-    void BeginHold() { ++m_holds; }
+    // Small sends made from here until EndHold wait and reach the link in one send (CSendHold);
+    // anything that lets the link go or ends its output writes them first. Bytes that wait are
+    // not in the send backlog.
+    void BeginHold() { m_hold.Begin(); }
     void EndHold();
     bool EndOutput();
     unsigned int GetSendBacklog() const { return m_link ? m_link->GetSendBacklog() : 0; }
@@ -90,8 +86,7 @@ private:
     std::atomic<const IZRTDataLayer*> m_current{nullptr};
     int m_readerFd = -1;
     bool m_halfCloses = false;
-    int m_holds = 0; // holds begun and not ended
-    std::string m_held; // sends that wait in a hold, for the link held now
+    CSendHold m_hold; // sends that wait, for the link held now
 
     void WriteHeld();
 };

@@ -244,7 +244,7 @@ TEST(ClientEndTest, SendsInAHoldLeaveInOneWriteInOrderAndNothingWaitsBeyondIt)
     EXPECT_EQ(next(), "HTTP/1.1 200 OK\r\n\r\nbody");
     EXPECT_EQ(next(), "(none)");
 
-    const std::string large = Pattern(CClientEnd::HOLD_LIMIT + 1);
+    const std::string large = Pattern(Proxy::CSendHold::LIMIT + 1);
     client.BeginHold();
     ASSERT_TRUE(client.Send("head", 4));
     ASSERT_TRUE(client.Send(large.data(), static_cast<int>(large.size())));
@@ -472,7 +472,7 @@ TEST_F(PumpTest, WhatAHandlerSendsTheLinkForOneReadLeavesInOneSendAheadOfItsEnd)
     ASSERT_EQ(sends.size(), 1u);
     EXPECT_EQ(sends[0].first, "HEAD body");
 
-    const std::string large(CHostLink::HOLD_LIMIT, 'x');
+    const std::string large(Proxy::CSendHold::LIMIT, 'x');
     m_handler.onRequest = [&](const char*, int) {
         m_hostLink.Send("a", 1);
         m_hostLink.Send(large.data(), static_cast<int>(large.size())); // cannot wait: goes behind "a"
